@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Output units. The library writes whole lines to numbered units; unit 6 is the run's standard
+// output. A host may take any unit's lines; those of a unit that nobody took go to standard output.
+#pragma once
+
+#include <string_view>
+
+namespace statsubs {
+
+inline constexpr int standard_output_unit = 6;
+
+// Receives one line without its line end; `line` is not terminated by a zero and lives for the
+// call.
+using line_sink = void (*)(void* context, const char* line, int length);
+
+// Hands the lines of `unit` to `sink` from now on, with `context` passed through. A null sink gives
+// the unit back to standard output.
+void take_unit(int unit, line_sink sink, void* context);
+
+// Writes one line to a unit.
+void write_line(int unit, std::string_view line);
+
+}  // namespace statsubs
