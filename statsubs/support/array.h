@@ -42,6 +42,14 @@ constexpr std::size_t extent_of(int n) {
   return n > 0 ? static_cast<std::size_t>(n) : 0;
 }
 
+// The product of the extents, or the largest size there is where it does not fit one.
+constexpr std::size_t count_of(std::initializer_list<int> extents) {
+  std::size_t count = 1;
+  for (const int n : extents)
+    if (__builtin_mul_overflow(count, extent_of(n), &count)) return static_cast<std::size_t>(-1);
+  return count;
+}
+
 }  // namespace support
 
 // A vector of size() entries, entry i at data()[i - 1].
