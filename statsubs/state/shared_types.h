@@ -8,6 +8,7 @@
 #include <array>
 
 #include "statsubs/support/array.h"
+#include "statsubs/support/shared_table.h"
 
 namespace statsubs {
 
@@ -15,8 +16,6 @@ namespace statsubs {
 inline constexpr int name_length = 100;
 using display_name = std::array<char, name_length>;
 
-using integer = int;
-using real = double;
 using integer_vector = vector<int>;
 using real_vector = vector<double>;
 using real_matrix = matrix<double>;
@@ -25,7 +24,3 @@ using integer_matrix = matrix<int>;
 using name_vector = vector<display_name>;
 
 }  // namespace statsubs
-
-// Declares, or with STATSUBS_DEFINE_SHARED defines, one row of a shared-module table.
-#define STATSUBS_DECLARE_SHARED(kind, name, extent, meaning, writer) extern kind name;
-#define STATSUBS_DEFINE_SHARED(kind, name, extent, meaning, writer) kind name{};
