@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "statsubs/mstep/predetamu.h"
+
+#include "statsubs/state/global_variables.h"
+#include "statsubs/state/host.h"
+#include "statsubs/support/array.h"
+
+namespace statsubs {
+
+namespace gv = statsubs::global_variables;
+
+void predetamu(const int& isub, const double* thetav, const int& nrowbase, const int& nextra,
+               const int& ncolc, const int* muetamap) {
+  const vector_view<const double> theta(thetav, ncolc);
+  const vector_view<const int> map(muetamap, gv::leneta);
+  matrix<double> cmatrix("the C matrix", nrowbase + nextra, ncolc);
+  host::getsaemcmatrix(isub - 1, cmatrix.data());
+  for (const int row : map) {
+    if (row == 0) continue;
+    double mean = 0.0;
+    for (int c = 1; c <= ncolc; ++c) mean += cmatrix(row, c) * theta(c);
+    gv::xmusub(row) = mean;
+  }
+}
+
+}  // namespace statsubs

@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "statsubs/stderr/qncurv.h"
+
+#include <algorithm>
+
+#include "statsubs/state/global_variables.h"
+#include "statsubs/state/host.h"
+#include "statsubs/state/qrpemlocalvariables.h"
+#include "statsubs/support/array.h"
+#include "statsubs/support/lapack.h"
+#include "statsubs/support/parallel.h"
+
+namespace statsubs {
+
+namespace gv = statsubs::global_variables;
+namespace qv = statsubs::qrpemlocalvariables;
+
+namespace {
+
+// Gives every process the owner's column.
+void share_column(int isub, vector_view<double> column) {
+  if (isub % gv::numprocs != gv::myid) std::fill(column.begin(), column.end(), 0.0);
+  host::globalvec(column.data(), column.size());
+}
+
+void unpack_lower(vector_view<const double> packed, matrix_view<double> lower) {
+  int position = 0;
+  for (int j = 1; j <= lower.columns(); ++j)
+    for (int i = j; i <= lower.rows(); ++i) lower(i, j) = packed(++position);
+}
+
+void copy_lower(matrix_view<const double> from, matrix_view<double> to) {
+  for (int j = 1; j <= from.columns(); ++j)
+    for (int i = j; i <= from.rows(); ++i) to(i, j) = from(i, j);
+}
+
+}  // namespace
+
+void qncurv(const int& isub, int& info) {
+  gv::izub = isub;
+  info = 0;
+  support::barrier(gv::numprocs);
+  gv::nobs = gv::newsub(isub + 1) - gv::newsub(isub);
+  if (gv::nobs == 0 || gv::leneta == 0) return;
+
+  const vector_view<double> packed = gv::cholsub.column(isub);
+  const matrix_view<double> work(gv::omegasubnew.data(), gv::leneta, gv::leneta);
+  share_column(isub, packed);
+  unpack_lower(packed, work);
+  support::dpotri(gv::leneta, work.data(), work.leading());
+  info = support::dpotrf(gv::leneta, work.data(), work.leading());
+  copy_lower(work, qv::choleskyfactor.slice(isub));
+}
+
+}  // namespace statsubs

@@ -1,0 +1,81 @@
+#!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
+#
+# Holds the include lines to the layering of the repository: layering_test.sh SOURCE_DIR. Prints
+# each line that breaks it and fails. A small tree with one breach of each kind goes first, so that a
+# check that finds nothing any more is noticed.
+set -eu
+
+source_dir=$1
+
+leaves="stats sequences distributions"
+
+# The folders of the library that files in its folder $1 may include; "any" for no restriction.
+allowed_for() {
+  case $1 in
+    support) echo "support" ;;
+    stats | sequences | distributions) echo "support $1" ;;
+    state) echo "support state" ;;
+    estep | mstep | stderr | quadrature) echo "support state $leaves $1" ;;
+    *) echo "any" ;;
+  esac
+}
+
+# "file folder" for every line that includes "statsubs/folder/..." or "varda/...", files below $1.
+includes_below() {
+  find "$1" -type f \( -name '*.h' -o -name '*.cpp' \) -exec \
+    awk '/^[ \t]*#[ \t]*include[ \t]*[<"](statsubs|varda)\// {
+           target = $0
+           sub(/^[^<"]*[<"]/, "", target)
+           split(target, part, "/")
+           print FILENAME, (part[1] == "varda" ? "varda" : part[2])
+         }' {} +
+}
+
+# Prints the breaches in the tree $1.
+breaches() {
+  for folder in "$1"/statsubs/*/; do
+    name=$(basename "$folder")
+    allowed=$(allowed_for "$name")
+    includes_below "$folder" | while read -r file target; do
+      case " $allowed " in
+        *" $target "*) continue ;;
+        " any ") test "$target" = varda || continue ;;
+      esac
+      echo "$file: must not include from $target"
+    done
+  done
+  if test -d "$1/varda"; then
+    includes_below "$1/varda" | while read -r file target; do
+      test "$target" != support || echo "$file: must not include from statsubs/support"
+    done
+  fi
+}
+
+# plant FILE INCLUDED: adds a file with one include line to the tree below $trial.
+plant() {
+  mkdir -p "$trial/$(dirname "$1")"
+  echo "#include \"$2\"" > "$trial/$1"
+}
+
+trial=$(mktemp -d)
+trap 'rm -r "$trial"' EXIT
+plant statsubs/estep/good.cpp statsubs/distributions/b.h
+plant statsubs/c/good.cpp statsubs/mstep/b.h
+plant varda/fit/good.cpp statsubs/estep/b.h
+test -z "$(breaches "$trial")" || { echo "a sound tree is refused"; exit 1; }
+
+plant statsubs/support/a.cpp statsubs/state/b.h
+plant statsubs/sequences/a.cpp statsubs/distributions/b.h
+plant statsubs/distributions/a.h statsubs/state/b.h
+plant statsubs/state/a.cpp statsubs/estep/b.h
+plant statsubs/mstep/a.cpp statsubs/estep/b.h
+plant statsubs/stderr/a.cpp varda/b.h
+plant statsubs/c/a.cpp varda/b.h
+plant varda/fit/a.cpp statsubs/support/b.h
+found=$(breaches "$trial" | wc -l)
+test "$found" -eq 8 || { echo "$found of 8 planted breaches are found"; exit 1; }
+
+test -d "$source_dir/statsubs/support" || { echo "no sources in $source_dir"; exit 1; }
+found=$(breaches "$source_dir")
+test -z "$found" || { echo "$found"; exit 1; }
