@@ -1,0 +1,150 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "statsubs/estep/proposals.h"
+
+#include <gtest/gtest.h>
+
+#include <boost/math/distributions/laplace.hpp>
+#include <boost/math/distributions/normal.hpp>
+#include <boost/math/quadrature/gauss_kronrod.hpp>
+#include <cmath>
+#include <limits>
+#include <vector>
+
+#include "statsubs/estep/normal_quantiles.h"
+#include "statsubs/support/array.h"
+
+namespace statsubs {
+namespace {
+
+constexpr double not_a_number = std::numeric_limits<double>::quiet_NaN();
+constexpr double infinity = std::numeric_limits<double>::infinity();
+const boost::math::normal standard_normal;
+
+// The bound that Acklam gives for the relative error of his approximation.
+constexpr double acklam_error = 1.15e-9;
+
+// Probabilities from 1e-300 to 1 - 2^-53, dense about the break points at both ends.
+std::vector<double> probabilities() {
+  std::vector<double> p;
+  for (double x = 1e-300; x < 1e-6; x *= 1e7) p.push_back(x);
+  for (int i = 1; i < 2000; ++i) p.push_back(i / 2000.0);
+  for (const double centre : {0.02425, 0.97575})
+    for (int i = -500; i <= 500; ++i) p.push_back(centre + i * 1e-6);
+  for (double x = 0x1p-53; x < 1e-2; x *= 8.0) p.push_back(1.0 - x);
+  return p;
+}
+
+// Boost's quantile, in the upper half of the complement so that nothing is lost to p near 1.
+double reference_quantile(double p) {
+  if (p <= 0.5) return quantile(standard_normal, p);
+  return quantile(complement(standard_normal, 1.0 - p));
+}
+
+TEST(Dnorminv, HasThePublishedAccuracy) {
+  for (const double p : probabilities()) {
+    const double expected = reference_quantile(p);
+    EXPECT_NEAR(dnorminv(p), expected, acklam_error * std::abs(expected)) << p;
+  }
+  EXPECT_EQ(dnorminv(0.5), 0.0);
+}
+
+// At a break point the two rational functions differ by 2e-9, relatively. The values are theirs, by
+// mpmath at 40 digits; rounding is magnified near the zeros of the denominator.
+TEST(Dnorminv, TakesTheCentralFunctionAtTheBreakPoints) {
+  EXPECT_NEAR(dnorminv(0.02425), -1.97296104908465649, 1e-12);
+  EXPECT_NEAR(dnorminv(0.97575), 1.97296104908465661, 1e-12);
+  EXPECT_NEAR(dnorminv(std::nextafter(0.02425, 0.0)), -1.97296105353096189, 1e-12);
+  EXPECT_NEAR(dnorminv(std::nextafter(0.97575, 1.0)), 1.97296105353096201, 1e-12);
+}
+
+TEST(Dnorminv, IsFiniteAtAndBeyondTheEnds) {
+  for (const double p : {0.0, -0.5, -infinity}) EXPECT_EQ(dnorminv(p), -1e300);
+  for (const double p : {1.0, 1.5, infinity}) EXPECT_EQ(dnorminv(p), 1e300);
+  EXPECT_TRUE(std::isnan(dnorminv(not_a_number)));
+}
+
+// What stands between the columns is left alone.
+TEST(NormalQuantiles, AreThoseOfDnorminvInAnyLayout) {
+  const std::vector<double> p = probabilities();
+  constexpr int rows = 3;
+  const int columns = static_cast<int>(p.size()) / rows;
+  const matrix_view<const double> given(p.data(), rows, columns);
+  for (const int leading : {rows, rows + 1}) {
+    matrix<double> z("quantiles", leading, columns);
+    for (int j = 1; j <= columns; ++j)
+      for (int i = 1; i <= leading; ++i) z(i, j) = i <= rows ? given(i, j) : 7.0;
+    normal_quantiles({z.data(), rows, columns, leading});
+    for (int j = 1; j <= columns; ++j)
+      for (int i = 1; i <= leading; ++i)
+        EXPECT_EQ(z(i, j), i <= rows ? dnorminv(given(i, j)) : 7.0);
+  }
+}
+
+TEST(Dexp2sideinv, IsTheLaplaceQuantile) {
+  const boost::math::laplace unit_variance(0.0, std::sqrt(0.5));
+  for (int i = 1; i < 200; ++i) {
+    const double p = i / 200.0;
+    const double expected = quantile(unit_variance, p);
+    EXPECT_NEAR(dexp2sideinv(p), expected, 2e-14 * (1.0 + std::abs(expected))) << p;
+  }
+  EXPECT_EQ(dexp2sideinv(0.5), 0.0);
+  EXPECT_TRUE(std::signbit(dexp2sideinv(0.5)));
+  EXPECT_EQ(dexp2sideinv(0.0), -infinity);
+  EXPECT_EQ(dexp2sideinv(1.0), infinity);
+}
+
+// Total probability and variance by adaptive quadrature of the right half.
+TEST(Densities, IntegrateToOneWithUnitVariance) {
+  for (const auto density : {densnormv1, densexp2sidev1}) {
+    const auto moment = [density](int power) {
+      const auto integrand = [density, power](double x) { return std::pow(x, power) * density(x); };
+      return boost::math::quadrature::gauss_kronrod<double, 31>::integrate(integrand, 0.0, infinity,
+                                                                           15, 1e-13);
+    };
+    EXPECT_NEAR(2.0 * moment(0), 1.0, 1e-12);
+    EXPECT_NEAR(2.0 * moment(2), 1.0, 1e-12);
+    EXPECT_EQ(density(-1.25), density(1.25));
+  }
+  EXPECT_EQ(densexp2sidev1(0.0), 0.7071067811865476);
+}
+
+TEST(Simmn, ReadsTheLowerTriangleOnly) {
+  constexpr int n = 3;
+  constexpr int ldl = 5;
+  matrix<double> l("L", ldl, n);
+  for (int j = 1; j <= n; ++j)
+    for (int i = 1; i <= ldl; ++i) l(i, j) = i >= j && i <= n ? 10.0 * i + j : not_a_number;
+  const double mu[] = {1.0, 2.0, 3.0};
+  const double z[] = {1.0, -1.0, 2.0};
+  double eta[] = {9.0, 9.0, 9.0};
+  simmn(0, mu, l.data(), ldl, z, eta);
+  EXPECT_EQ(eta[0], 9.0);
+  simmn(n, mu, l.data(), ldl, z, eta);
+  EXPECT_EQ(eta[0], 1.0 + 11.0);
+  EXPECT_EQ(eta[1], 2.0 + 21.0 - 22.0);
+  EXPECT_EQ(eta[2], 3.0 + 31.0 - 32.0 + 66.0);
+}
+
+// Far from the origin, where the mean of the squares minus the square of the mean would lose all
+// figures; deviations (-1, 2), (0, -2), (1, 0) with weights 1/4, 1/4, 1/2 after the mean is off.
+TEST(Discretestat, GivesMomentsAboutTheMean) {
+  constexpr double far = 0x1p40;
+  constexpr int n = 2;
+  const double x[] = {far - 1, far + 2, -7, far, far - 2, -7, far + 1, far, -7};  // ldx = 3
+  const double w[] = {0.25, 0.25, 0.5};
+  double mean[n];
+  matrix<double> cov("covariance", 4, n);
+  for (double& entry : vector_view<double>(cov.data(), 4 * n)) entry = 7.0;
+  discretestat(3, n, x, 3, w, mean, cov.data(), 4);
+  EXPECT_EQ(mean[0], far + 0.25);
+  EXPECT_EQ(mean[1], far);
+  EXPECT_EQ(cov(1, 1), 0.25 * 1.25 * 1.25 + 0.25 * 0.25 * 0.25 + 0.5 * 0.75 * 0.75);
+  EXPECT_EQ(cov(2, 2), 2.0);
+  EXPECT_EQ(cov(2, 1), 0.25 * -1.25 * 2.0 + 0.25 * -0.25 * -2.0);
+  EXPECT_EQ(cov(1, 2), cov(2, 1));
+  EXPECT_EQ(cov(3, 1), 7.0);
+  EXPECT_EQ(cov(4, 2), 7.0);
+}
+
+}  // namespace
+}  // namespace statsubs
