@@ -1,0 +1,98 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+#
+# The program from outside: exit statuses, output files, reproducibility.
+#   cli_test.sh VARDA SOURCE_FOLDER [MPIEXEC]
+set -uo pipefail
+
+varda=$1
+example=$2/examples/theophylline
+mpiexec=${3:-}
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cp "$example"/theophylline.{toml,csv} "$work"
+cd "$work" || exit 1
+failures=0
+
+fail() {
+  echo "FAILED: $1"
+  failures=$((failures + 1))
+}
+
+# expect_status WANTED WHAT COMMAND...
+expect_status() {
+  local wanted=$1 what=$2
+  shift 2
+  "$@" >stdout 2>stderr </dev/null
+  local got=$?
+  [ "$got" -eq "$wanted" ] || fail "$what: status $got instead of $wanted: $(head -c 300 stderr)"
+}
+
+# The JSON without its object of times.
+without_times() { sed '/"times": {/,/}/d' "$1"; }
+
+same_results() {
+  local file
+  for file in estimates.csv iterations.csv subjects.csv records.txt; do
+    cmp -s "$1/$file" "$2/$file" || fail "$1 and $2 differ in $file"
+  done
+  [ "$(without_times "$1/fit.json")" = "$(without_times "$2/fit.json")" ] ||
+    fail "$1 and $2 differ in fit.json"
+}
+
+expect_status 0 "a fit" "$varda" fit theophylline.toml --output one
+grep -q '^Converged' stdout || fail "the summary has no verdict"
+grep -Eq '^  ka +1\.5[78]' stdout || fail "the summary has no estimate of ka near 1.58"
+grep -q 'iteration' stderr || fail "no progress lines on the error stream"
+[ -z "$(find one -name '*.tmp*')" ] || fail "temporary files are left"
+expect_status 0 "the same fit" "$varda" fit theophylline.toml --output two --quiet
+[ -s stderr ] && fail "a quiet run writes on the error stream"
+same_results one two
+expect_status 0 "another seed" "$varda" fit theophylline.toml --output three --seed 2
+cmp -s one/estimates.csv three/estimates.csv && fail "the seed changes nothing"
+
+expect_status 0 "an evaluation" "$varda" evaluate theophylline.toml --output evaluated
+grep -q '^CL,3,0$' evaluated/estimates.csv || fail "evaluate moved the parameters"
+grep -q '"task": "evaluate"' evaluated/evaluate.json || fail "evaluate.json is wrong"
+
+expect_status 0 "records on the terminal" "$varda" fit theophylline.toml --output four --records
+grep -q '^ atb from linear regression=' stdout || fail "the library's records are missing"
+[ -e four/records.txt ] && fail "records are written although they were printed"
+
+sed 's/^samples = 300/samples = 300\nmax_iterations = 3/' theophylline.toml >short.toml
+expect_status 3 "too few iterations" "$varda" fit short.toml --output short
+grep -q '^NOT CONVERGED' stdout || fail "an unfinished fit does not say so"
+grep -q '"converged": false' short/fit.json || fail "fit.json of an unfinished fit"
+
+expect_status 2 "no such model file" "$varda" fit nothing.toml --output none
+sed 's/^file = .*/file = "nothing.csv"/' theophylline.toml >nodata.toml
+expect_status 2 "no such data" "$varda" fit nodata.toml --output none
+sed 's/2.84/many/' theophylline.csv >bad.csv
+sed 's/^file = .*/file = "bad.csv"/' theophylline.toml >bad.toml
+expect_status 2 "a field that is not a number" "$varda" fit bad.toml --output none
+grep -q 'bad.csv, row 4, column DV, subject 1: error E-DATA-NUMBER' stderr ||
+  fail "the place of a bad field is not named: $(cat stderr)"
+sed 's/^error = .*/error = "proportional"\nproportional = 0.2/; /^additive/d' theophylline.toml >prop.toml
+expect_status 2 "a model that cannot start" "$varda" fit prop.toml --output none
+grep -q 'row 3.*subject 1: error E-RUN-START' stderr || fail "the first row at fault is not named"
+expect_status 2 "no command" "$varda"
+expect_status 2 "an unknown option" "$varda" fit theophylline.toml --output none --frobnicate
+[ -e none ] && fail "a refused run wrote something"
+: >occupied
+expect_status 2 "an output folder that is a file" "$varda" fit theophylline.toml --output occupied
+grep -q 'E-RUN-OUTPUT' stderr || fail "the folder is not named"
+expect_status 0 "the version" "$varda" --version
+
+if [ -n "$mpiexec" ]; then
+  for count in 1 2 3 4; do
+    expect_status 0 "a fit by $count processes" \
+      timeout 120 "$mpiexec" -n "$count" "$varda" fit theophylline.toml --output "by$count" --quiet
+    same_results one "by$count"
+    [ "$(grep -c '^Converged' stdout)" -eq 1 ] || fail "$count processes do not print once"
+  done
+  expect_status 2 "refused by two processes" \
+    timeout 120 "$mpiexec" -n 2 "$varda" fit theophylline.toml --output occupied
+fi
+
+[ "$failures" -eq 0 ] && echo "all as expected"
+exit $((failures > 0))

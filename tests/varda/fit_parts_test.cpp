@@ -1,0 +1,144 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "statsubs/sequences/sobol.h"
+#include "tests/varda/theophylline.h"
+#include "varda/fit/convergence.h"
+#include "varda/fit/minimise.h"
+#include "varda/fit/points.h"
+#include "varda/fit/resampler.h"
+#include "varda/host/engine_host.h"
+
+namespace varda {
+namespace {
+
+TEST(Minimise, FindsAMinimumInsideAndAtTheEdgeOfItsBox) {
+  const objective_function rosenbrock = [](const Eigen::VectorXd& x) {
+    return 100.0 * std::pow(x(1) - x(0) * x(0), 2) + std::pow(1.0 - x(0), 2);
+  };
+  const Eigen::Vector2d step(0.1, 0.1);
+  const minimum free = minimise(rosenbrock, Eigen::Vector2d(-1.2, 1.0), step, 1e-9);
+  EXPECT_NEAR(free.x(0), 1.0, 1e-5);
+  EXPECT_NEAR(free.x(1), 1.0, 1e-5);
+  const minimum boxed = minimise(rosenbrock, Eigen::Vector2d(-1.2, 1.0), step,
+                                 Eigen::Vector2d(-2.0, -2.0), Eigen::Vector2d(0.5, 2.0), 1e-9);
+  EXPECT_NEAR(boxed.x(0), 0.5, 1e-6);
+  EXPECT_NEAR(boxed.x(1), 0.25, 1e-5);
+  const objective_function one = [](const Eigen::VectorXd& x) { return std::cosh(x(0) - 3.0); };
+  EXPECT_NEAR(minimise(one, Eigen::VectorXd::Zero(1), Eigen::VectorXd::Ones(1), 1e-7).x(0), 3.0,
+              1e-4);
+}
+
+TEST(Hessian, OfASmoothFunction) {
+  const objective_function f = [](const Eigen::VectorXd& x) {
+    return std::exp(x(0)) * std::sin(x(1));
+  };
+  const Eigen::Vector2d at(0.3, 0.7);
+  const Eigen::MatrixXd h = hessian(f, at, Eigen::Vector2d(1e-3, 1e-3));
+  EXPECT_NEAR(h(0, 0), std::exp(0.3) * std::sin(0.7), 1e-6);
+  EXPECT_NEAR(h(0, 1), std::exp(0.3) * std::cos(0.7), 1e-6);
+  EXPECT_NEAR(h(1, 1), -std::exp(0.3) * std::sin(0.7), 1e-6);
+}
+
+// Written out by hand for one subject: additive error, log-normal parameters, a dose at time 0.
+TEST(EngineHost, ObjectiveIsTheNegativeLogJointDensity) {
+  const population_model model = test::theophylline();
+  const job alone(nullptr, nullptr);
+  engine_host host(model, alone);
+  const Eigen::Vector3d eta(0.2, -0.1, 0.05);
+  const double ka = 1.2 * std::exp(eta(0));
+  const double cl = 3.0 * std::exp(eta(1));
+  const double v = 35.0 * std::exp(eta(2));
+  const subject& who = model.data().subjects[4];
+  double expected = 0.0;
+  for (const observation& o : who.observations) {
+    const double k = cl / v;
+    const double f = who.doses[0].amount * ka / (v * (ka - k)) *
+                     (std::exp(-k * o.time) - std::exp(-ka * o.time));
+    expected += 0.5 * std::log(2.0 * M_PI) + 0.5 * (o.value - f) * (o.value - f);  // sd is 1
+  }
+  for (int e = 0; e < 3; ++e)
+    expected += 0.5 * std::log(2.0 * M_PI * 0.3) + 0.5 * eta(e) * eta(e) / 0.3;
+  EXPECT_NEAR(host.objective(4, eta.data()), expected, 1e-11);
+}
+
+TEST(PointSource, CommonPointsComeBackAndReplicatesDoNot) {
+  const population_model model = test::theophylline();
+  const job alone(nullptr, nullptr);
+  engine_host host(model, alone);
+  point_source points(host, 300);
+  std::array<double, 3> first{};
+  std::array<double, 3> again{};
+  std::array<double, 3> replicate{};
+  points.begin_iteration(1);
+  statsubs::gosobl(first.data());
+  statsubs::gosobl(again.data());
+  points.begin_iteration(2);
+  statsubs::gosobl(again.data());
+  EXPECT_EQ(first, again);
+  points.begin_replicate(1);
+  statsubs::gosobl(replicate.data());
+  points.begin_replicate(2);
+  statsubs::gosobl(again.data());
+  EXPECT_NE(first, replicate);
+  EXPECT_NE(replicate, again);
+}
+
+TEST(PointSource, RefusesARunThatCouldExhaustTheSequence) {
+  const population_model model = test::theophylline();
+  const job alone(nullptr, nullptr);
+  engine_host host(model, alone);
+  EXPECT_THROW(point_source(host, 1073741823 / 12 + 1), bad_input);
+}
+
+TEST(Resampler, DrawsInProportionAndFollowsWhatItKept) {
+  resampler kept(1, 4, true);
+  const Eigen::MatrixXd etas = Eigen::RowVectorXd::LinSpaced(4, 1.0, 4.0);
+  const Eigen::VectorXd mu = Eigen::VectorXd::Constant(1, 10.0);
+  const resampled_points first = kept.draw(0, mu, etas, Eigen::Vector4d(0.5, 0.0, 0.25, 0.25));
+  EXPECT_EQ(first.phi, Eigen::RowVector4d(11.0, 11.0, 13.0, 14.0));
+  EXPECT_EQ(first.weights, Eigen::Vector4d::Constant(0.25));
+  const resampled_points second = kept.draw(0, mu, etas, Eigen::Vector4d(0.4, 0.0, 0.3, 0.3));
+  EXPECT_EQ(second.phi, first.phi);
+  EXPECT_NEAR(second.weights(3) / second.weights(0), 1.5, 1e-12);
+  const resampled_points third = kept.draw(0, mu, etas, Eigen::Vector4d(0.0, 1.0, 0.0, 0.0));
+  EXPECT_EQ(third.phi, Eigen::RowVector4d::Constant(12.0));
+}
+
+// Feeds the monitor a clearance that approaches 2.75 and everything else at rest.
+template <class Step>
+convergence_monitor watch(const population_model& model, bool noisy, int iterations, Step step) {
+  convergence_monitor monitor(model, 5e-4, noisy);
+  for (int t = 0; t < iterations; ++t) {
+    Eigen::VectorXd theta = model.start_theta();
+    const double off = step(t);
+    theta(1) = 2.75 * std::exp(off);
+    monitor.add(theta, model.start_omega(), 118.0 + off * off);
+  }
+  return monitor;
+}
+
+TEST(ConvergenceMonitor, LooksAheadOfASlowContraction) {
+  const population_model model = test::theophylline();
+  const auto contraction = [](int t) { return 0.1 * std::pow(0.97, t); };
+  // The step is below the tolerance of 5e-4 from iteration 60 on, what lies ahead only from 175 on.
+  const convergence_monitor early = watch(model, false, 150, contraction);
+  EXPECT_FALSE(early.converged());
+  EXPECT_THAT(early.conclusion().reason, testing::HasSubstr("CL"));
+  EXPECT_TRUE(watch(model, false, 185, contraction).converged());
+}
+
+TEST(ConvergenceMonitor, TellsNoiseFromATrend) {
+  const population_model model = test::theophylline();
+  const auto noise = [](int t) { return 0.01 * std::sin(12.9898 * t * t + 78.233); };
+  EXPECT_FALSE(watch(model, false, 60, noise).converged());
+  EXPECT_TRUE(watch(model, true, 60, noise).converged());
+  const auto drift = [&](int t) { return noise(t) - 0.002 * t; };
+  EXPECT_FALSE(watch(model, true, 60, drift).converged());
+}
+
+}  // namespace
+}  // namespace varda

@@ -1,0 +1,279 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The engine against exact results (tests/varda/reference) and, where there are none, against its
+// own exact likelihood: estimates must be a maximum of it in every direction.
+#include "varda/fit/fit.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "tests/varda/theophylline.h"
+
+namespace {
+
+using test::minus2ll;
+using varda::model_file;
+using varda::population_model;
+
+constexpr double exact_minimum = 118.1009;     // additive error, without the constant
+constexpr double combined_minimum = 104.5026;  // combined error: 347.10238 - 132 log(2 pi)
+
+void set_round_parameters(model_file& file) {
+  test::set_parameters(file, {1.58, 2.75, 31.6}, {0.40, 0.07, 0.0185}, 0.70);
+}
+
+// The exact -2 log-likelihood at a result's estimates, with `theta[k]` scaled by `factor`.
+double exact_at(const population_model& model, const varda::fit_result& result, Eigen::Index k,
+                double factor) {
+  varda::fit_result moved = result;
+  moved.theta(k) *= factor;
+  const population_model at = test::theophylline([&](model_file& file) {
+    file = model.file();
+    test::start_at(file, model, moved);
+    file.estimation.likelihood_samples = 1200;
+    file.estimation.replicates = 2;
+    file.estimation.proposal = varda::proposal_family::normal;
+    file.estimation.points = varda::point_kind::sobol;
+  });
+  return minus2ll(at, test::evaluate(at));
+}
+
+// A move of 5 % in any free fixed effect, either way, makes the exact likelihood worse, or better
+// by less than the sampling error of the fit can explain. The points are the same for every value,
+// so that their error cancels from the differences.
+void expect_maximum(const population_model& model, const varda::fit_result& result) {
+  const double here = exact_at(model, result, 0, 1.0);
+  for (std::size_t k = 0; k < model.thetas().size(); ++k) {
+    if (model.thetas()[k].fixed) continue;
+    for (const double factor : {0.95, 1.05})
+      EXPECT_GT(exact_at(model, result, static_cast<Eigen::Index>(k), factor), here - 0.01)
+          << model.thetas()[k].name << " x " << factor;
+  }
+}
+
+TEST(Evaluate, MatchesQuadratureForEverySubject) {
+  const auto exact = test::reference("theophylline-round.csv");
+  for (const int seed : {1, 2, 3}) {
+    const population_model model = test::theophylline([&](model_file& file) {
+      set_round_parameters(file);
+      file.estimation.samples = 3000;
+      file.estimation.seed = seed;
+    });
+    const varda::fit_result result = test::evaluate(model);
+    EXPECT_TRUE(result.converged);
+    for (int i = 0; i < model.subjects(); ++i) {
+      const auto at = static_cast<std::size_t>(i);
+      EXPECT_NEAR(-2.0 * result.likelihood.subjects[at].log_likelihood -
+                      model.observations(i) * std::log(2.0 * M_PI),
+                  exact.at(model.data().subjects[at].id)[0], 0.01);
+    }
+    EXPECT_NEAR(minus2ll(model, result), 118.1086, 0.02);
+  }
+}
+
+TEST(Evaluate, FindsTheConditionalMoments) {
+  const auto maximum = test::reference("theophylline-additive.csv");
+  const auto exact = test::reference("theophylline-additive-subjects.csv");
+  const population_model model = test::theophylline([&](model_file& file) {
+    test::set_parameters(
+        file,
+        {std::exp(maximum.at("lka")[0]), std::exp(maximum.at("lCL")[0]),
+         std::exp(maximum.at("lV")[0])},
+        {maximum.at("om2(lka)")[0], maximum.at("om2(lCL)")[0], maximum.at("om2(lV)")[0]},
+        maximum.at("sd_add")[0]);
+    file.estimation.samples = 3000;
+  });
+  const varda::fit_result result = test::evaluate(model);
+  for (int i = 0; i < model.subjects(); ++i) {
+    const auto& s = result.likelihood.subjects[static_cast<std::size_t>(i)];
+    const auto& row = exact.at(model.data().subjects[static_cast<std::size_t>(i)].id);
+    const Eigen::Vector3d deviation = s.covariance.diagonal().cwiseSqrt();
+    for (int e = 0; e < 3; ++e) {
+      EXPECT_NEAR(s.mean(e), row[static_cast<std::size_t>(4 + e)], 0.01 * deviation(e));
+      const std::size_t variance = e == 0 ? 7 : e == 1 ? 9 : 12;
+      EXPECT_NEAR(s.covariance(e, e) / row[variance], 1.0, 0.02);
+    }
+  }
+}
+
+TEST(Fit, ReachesTheMaximumOfTheLikelihood) {
+  const auto exact = test::reference("theophylline-additive.csv");
+  const std::vector<double> estimates = {std::exp(exact.at("lka")[0]), std::exp(exact.at("lCL")[0]),
+                                         std::exp(exact.at("lV")[0]), exact.at("sd_add")[0]};
+  for (const int seed : {1, 4, 9}) {
+    const population_model model =
+        test::theophylline([&](model_file& file) { file.estimation.seed = seed; });
+    const varda::fit_result result = test::fit(model);
+    EXPECT_TRUE(result.converged) << result.reason;
+    for (std::size_t k = 0; k < estimates.size(); ++k)
+      EXPECT_NEAR(result.theta(static_cast<Eigen::Index>(k)) / estimates[k], 1.0, 0.005);
+    EXPECT_NEAR(result.omega(0, 0) / exact.at("om2(lka)")[0], 1.0, 0.02);
+    EXPECT_NEAR(result.omega(1, 1) / exact.at("om2(lCL)")[0], 1.0, 0.02);
+    EXPECT_NEAR(result.omega(2, 2) / exact.at("om2(lV)")[0], 1.0, 0.02);
+    EXPECT_NEAR(minus2ll(model, result), exact_minimum, 0.03);
+    EXPECT_LT(std::fabs(minus2ll(model, result) - exact_minimum), 3.0 * result.likelihood.mc_se);
+  }
+}
+
+struct variant {
+  const char* name;
+  std::function<void(model_file&)> change;
+};
+
+std::string name_of(const testing::TestParamInfo<variant>& info) {
+  return info.param.name;
+}
+
+class FitBySampling : public testing::TestWithParam<variant> {};
+
+TEST_P(FitBySampling, EndsNearTheMaximum) {
+  const population_model model = test::theophylline(GetParam().change);
+  const varda::fit_result result = test::fit(model);
+  EXPECT_TRUE(result.converged) << result.reason;
+  EXPECT_LT(exact_at(model, result, 0, 1.0), exact_minimum + 0.1);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EveryKind, FitBySampling,
+    testing::Values(
+        variant{"t", [](model_file& f) { f.estimation.proposal = varda::proposal_family::t; }},
+        variant{"laplace",
+                [](model_file& f) { f.estimation.proposal = varda::proposal_family::laplace; }},
+        variant{"mixture2",
+                [](model_file& f) { f.estimation.proposal = varda::proposal_family::mixture2; }},
+        variant{"mixture3",
+                [](model_file& f) { f.estimation.proposal = varda::proposal_family::mixture3; }},
+        variant{"population",
+                [](model_file& f) { f.estimation.proposal = varda::proposal_family::population; }},
+        variant{"random", [](model_file& f) { f.estimation.points = varda::point_kind::random; }},
+        variant{"fresh", [](model_file& f) { f.estimation.fresh_points = true; }},
+        variant{"scrambled_twice", [](model_file& f) { f.estimation.scramble = 3; }}),
+    name_of);
+
+TEST(Fit, CombinedErrorReachesItsMaximum) {
+  const auto exact = test::reference("theophylline-combined.csv");
+  const population_model model = test::theophylline([](model_file& file) {
+    file.residual = {varda::error_kind::combined, 0.5, 0.2, false, false};
+  });
+  const varda::fit_result result = test::fit(model);
+  EXPECT_TRUE(result.converged) << result.reason;
+  EXPECT_NEAR(exact_at(model, result, 0, 1.0), combined_minimum, 0.05);
+  EXPECT_NEAR(std::log(result.theta(0)), exact.at("lka")[0], 0.01);
+  EXPECT_NEAR(std::log(result.theta(1)), exact.at("lCL")[0], 0.01);
+  EXPECT_NEAR(std::log(result.theta(2)), exact.at("lV")[0], 0.01);
+  EXPECT_NEAR(result.theta(3) / exact.at("sd_prop")[0], 1.0, 0.05);
+  EXPECT_NEAR(result.theta(4) / exact.at("sd_add")[0], 1.0, 0.05);
+}
+
+TEST(Fit, ABoundHoldsItsParameterAndTheRestFollows) {
+  const population_model bounded = test::theophylline([](model_file& file) {
+    file.parameters[2].start = 29.0;
+    file.parameters[2].upper = 30.0;
+  });
+  const population_model fixed = test::theophylline([](model_file& file) {
+    file.parameters[2].start = 30.0;
+    file.parameters[2].fixed = true;
+  });
+  const varda::fit_result held = test::fit(bounded);
+  const varda::fit_result given = test::fit(fixed);
+  EXPECT_THAT(held.held_by_bounds, testing::ElementsAre(2));
+  EXPECT_TRUE(given.held_by_bounds.empty());
+  EXPECT_EQ(held.theta(2), 30.0);
+  EXPECT_TRUE(held.converged);
+  for (const int k : {0, 1, 3}) EXPECT_NEAR(held.theta(k) / given.theta(k), 1.0, 2e-3);
+  for (int e = 0; e < 3; ++e) EXPECT_NEAR(held.omega(e, e) / given.omega(e, e), 1.0, 0.03);
+}
+
+class FitOfAVariant : public testing::TestWithParam<variant> {};
+
+TEST_P(FitOfAVariant, IsAMaximumOfTheExactLikelihood) {
+  const population_model model = test::theophylline(GetParam().change);
+  const varda::fit_result result = test::fit(model);
+  EXPECT_TRUE(result.converged) << result.reason;
+  expect_maximum(model, result);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Variants, FitOfAVariant,
+    testing::Values(
+        // A parameter without a random effect.
+        variant{"flat_parameter",
+                [](model_file& f) {
+                  f.parameters[0].law = varda::distribution::none;
+                  f.omega.erase(f.omega.begin());
+                }},
+        // Weight on clearance and volume, one coefficient given.
+        variant{
+            "covariates",
+            [](model_file& f) {
+              f.data.covariates = {"WT"};
+              f.parameters[1].effects.push_back(
+                  {.name = "CL_WT", .covariate = "WT", .center = 70.0});
+              f.parameters[2].effects.push_back(
+                  {.name = "V_WT", .covariate = "WT", .center = 70.0, .start = 1.0, .fixed = true});
+            }},
+        // A normal and a logit-normal parameter, the latter with an effect on the logit.
+        variant{"other_distributions",
+                [](model_file& f) {
+                  f.data.covariates = {"WT"};
+                  f.parameters[2].law = varda::distribution::normal;
+                  f.omega[2].matrix = {30.0};
+                  f.parameters[1].law = varda::distribution::logit_normal;
+                  f.parameters[1].range_upper = 10.0;
+                  f.parameters[1].effects.push_back({.name = "CL_WT",
+                                                     .covariate = "WT",
+                                                     .form = varda::effect_form::linear,
+                                                     .center = 70.0});
+                }},
+        // Correlated random effects beside a fixed variance.
+        variant{"block_of_omega",
+                [](model_file& f) {
+                  f.omega = {{{"ka", "CL"}, {0.3, 0.02, 0.02, 0.1}, false}, {{"V"}, {0.02}, true}};
+                }},
+        // A combined error whose additive part is given.
+        variant{"given_additive_part",
+                [](model_file& f) {
+                  f.residual = {varda::error_kind::combined, 0.25, 0.2, true, false};
+                }}),
+    name_of);
+
+TEST(Fit, FreezingOmegaLeavesItAloneDuringBurnIn) {
+  const population_model model = test::theophylline([](model_file& file) {
+    file.estimation.burn_in = 3;
+    file.estimation.freeze_omega = true;
+    file.estimation.max_iterations = 4;
+  });
+  const varda::fit_result result = test::fit(model);
+  ASSERT_EQ(result.iterations.size(), 4U);
+  EXPECT_EQ(result.iterations[2].omega, model.start_omega());
+  EXPECT_NE(result.iterations[3].omega, model.start_omega());
+  EXPECT_FALSE(result.converged);
+}
+
+TEST(Fit, SaysWhatStillMovesWhenItRunsOutOfIterations) {
+  const population_model model = test::theophylline([](model_file& file) {
+    file.omega = {{{"ka", "CL", "V"}, {0.3, 0, 0, 0, 0.3, 0, 0, 0, 0.3}, false}};
+    file.estimation.max_iterations = 30;
+  });
+  const varda::fit_result result = test::fit(model);
+  EXPECT_FALSE(result.converged);
+  EXPECT_THAT(result.reason, testing::HasSubstr("corr(CL,V)"));
+}
+
+TEST(Fit, AStopRequestEndsTheRunInOrder) {
+  const population_model model = test::theophylline();
+  const varda::job job(nullptr, nullptr);
+  varda::engine_host host(model, job);
+  const varda::fit_result result = varda::fit(host, [](const varda::iteration_record& at, int) {
+    if (at.iteration == 2) varda::engine_host::request_stop();
+  });
+  EXPECT_FALSE(result.converged);
+  EXPECT_EQ(result.reason, "stopped on request");
+  EXPECT_EQ(result.iterations.size(), 2U);
+  EXPECT_EQ(result.theta, result.iterations.back().theta);
+  EXPECT_FALSE(result.likelihood.complete);
+}
+
+}  // namespace

@@ -1,0 +1,91 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tests/varda/theophylline.h"
+
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include "varda/host/engine_host.h"
+#include "varda/report/reports.h"
+
+namespace test {
+
+namespace {
+
+const varda::job& alone() {
+  static const varda::job job(nullptr, nullptr);
+  return job;
+}
+
+}  // namespace
+
+varda::population_model theophylline(const std::function<void(varda::model_file&)>& change) {
+  varda::findings warnings;
+  varda::model_file file =
+      varda::read_model_file(SOURCE_FOLDER "/examples/theophylline/theophylline.toml", warnings);
+  change(file);
+  varda::dataset data = varda::read_dataset(file.data, warnings);
+  return {std::move(file), std::move(data)};
+}
+
+void set_parameters(varda::model_file& file, const std::vector<double>& typical,
+                    const std::vector<double>& variances, double additive) {
+  for (std::size_t k = 0; k < typical.size(); ++k) {
+    file.parameters[k].start = typical[k];
+    file.omega[k].matrix = {variances[k]};
+  }
+  file.residual.additive = additive;
+}
+
+varda::fit_result fit(const varda::population_model& model) {
+  varda::engine_host host(model, alone());
+  return varda::fit(host, [](const varda::iteration_record&, int) {});
+}
+
+varda::fit_result evaluate(const varda::population_model& model) {
+  varda::engine_host host(model, alone());
+  return varda::evaluate(host, [](const varda::iteration_record&, int) {});
+}
+
+double minus2ll(const varda::population_model& model, const varda::fit_result& result) {
+  return varda::without_constant(result.likelihood.minus2ll, model.data().observations());
+}
+
+void start_at(varda::model_file& file, const varda::population_model& model,
+              const varda::fit_result& result) {
+  Eigen::Index at = 0;
+  for (varda::parameter& p : file.parameters) {
+    p.start = model.thetas()[static_cast<std::size_t>(at)].natural(result.theta(at));
+    ++at;
+  }
+  for (varda::parameter& p : file.parameters)
+    for (varda::covariate_effect& e : p.effects) e.start = result.theta(at++);
+  for (const auto& r : model.residuals())
+    (r.name == "additive" ? file.residual.additive : file.residual.proportional) =
+        result.theta(r.theta);
+  Eigen::Index effect = 0;
+  for (varda::omega_block& block : file.omega) {
+    const auto order = static_cast<Eigen::Index>(block.names.size());
+    Eigen::Map<Eigen::MatrixXd>(block.matrix.data(), order, order) =
+        result.omega.block(effect, effect, order, order);
+    effect += order;
+  }
+}
+
+std::map<std::string, std::vector<double>> reference(const std::string& name) {
+  std::ifstream file(SOURCE_FOLDER "/tests/varda/reference/" + name);
+  if (!file) throw std::runtime_error("no reference " + name);
+  std::map<std::string, std::vector<double>> table;
+  std::string line;
+  std::getline(file, line);
+  while (std::getline(file, line)) {
+    std::istringstream row(line);
+    std::string key;
+    std::getline(row, key, ',');
+    for (std::string cell; std::getline(row, cell, ',');)
+      table[key].push_back(cell.empty() ? 0.0 : std::stod(cell));
+  }
+  return table;
+}
+
+}  // namespace test

@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The theophylline example as a starting point for tests, and its exact results.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "varda/fit/fit.h"
+#include "varda/model/population_model.h"
+
+namespace test {
+
+// The example's model file after `change` has had its say, with its data.
+varda::population_model theophylline(const std::function<void(varda::model_file&)>& change =
+                                         [](varda::model_file&) {});
+
+// Sets start values (natural scale), variances and the additive deviation.
+void set_parameters(varda::model_file& file, const std::vector<double>& typical,
+                    const std::vector<double>& variances, double additive);
+
+varda::fit_result fit(const varda::population_model& model);
+varda::fit_result evaluate(const varda::population_model& model);
+
+// -2 log-likelihood without N log(2 pi).
+double minus2ll(const varda::population_model& model, const varda::fit_result& result);
+
+// The same model file with a result's estimates as start values.
+void start_at(varda::model_file& file, const varda::population_model& model,
+              const varda::fit_result& result);
+
+// Columns of a table under tests/varda/reference, first column as key.
+std::map<std::string, std::vector<double>> reference(const std::string& name);
+
+}  // namespace test

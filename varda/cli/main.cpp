@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+
+#include "varda/cli/run.h"
+#include "varda/host/job.h"
+#include "varda/support/finding.h"
+#include "varda/version.h"
+
+namespace {
+
+void describe(CLI::App* command, varda::run_request& request) {
+  command->add_option("model", request.model_path, "model file (TOML)")->required();
+  command->add_option("-o,--output", request.output_path, "folder for the results")->required();
+  command->add_option("--seed", request.seed, "instead of the model file's estimation.seed")
+      ->check(CLI::PositiveNumber);
+  command
+      ->add_option("--samples", request.samples, "instead of the model file's estimation.samples")
+      ->check(CLI::PositiveNumber);
+  command->add_flag("-q,--quiet", request.quiet, "no progress");
+  command->add_flag("--records", request.records_to_terminal,
+                    "print the library's own records instead of writing records.txt");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const varda::job peers(&argc, &argv);
+
+  CLI::App app("Exact maximum likelihood for nonlinear mixed-effects models", "varda");
+  app.set_version_flag("--version", std::string("varda ") + varda::version);
+  app.require_subcommand(1);
+  varda::run_request request;
+  CLI::App* fit = app.add_subcommand("fit", "estimate the parameters");
+  CLI::App* evaluate = app.add_subcommand("evaluate", "the exact likelihood at the start values");
+  describe(fit, request);
+  describe(evaluate, request);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    const int status = peers.is_root() ? app.exit(error) : error.get_exit_code();
+    return status == 0 ? 0 : varda::exit_status::unusable_input;
+  }
+  request.what = evaluate->parsed() ? varda::task::evaluate : varda::task::fit;
+
+  try {
+    return varda::run(request, peers);
+  } catch (const varda::bad_input& error) {
+    if (peers.is_root()) fmt::print(stderr, "{}\n", error.what());
+    return varda::exit_status::unusable_input;
+  } catch (const std::exception& error) {
+    fmt::print(stderr, "varda: {}\n", error.what());
+    if (peers.size() > 1) peers.abort(varda::exit_status::failure);
+    return varda::exit_status::failure;
+  }
+}

@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "varda/fit/fit_result.h"
+#include "varda/host/job.h"
+
+namespace varda {
+
+// Exit statuses of the program.
+enum exit_status : int { converged = 0, failure = 1, unusable_input = 2, not_converged = 3 };
+
+// A `fit` or `evaluate` as the command line asks for it.
+struct run_request {
+  task what = task::fit;
+  std::string model_path;
+  std::string output_path;
+  std::optional<int> seed;     // instead of the model file's
+  std::optional<int> samples;  // likewise
+  bool quiet = false;
+  bool records_to_terminal = false;  // the library's own records; otherwise records.txt
+};
+
+// Reads, runs, reports. Only the root process prints and writes. Throws bad_input and
+// std::exception; returns converged or not_converged.
+exit_status run(const run_request& request, const job& peers);
+
+}  // namespace varda

@@ -1,0 +1,153 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "varda/data/csv.h"
+
+#include <fmt/format.h>
+
+#include <charconv>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "varda/support/finding.h"
+#include "varda/support/text.h"
+
+namespace varda {
+
+namespace {
+
+constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
+
+std::string whole_file(const std::string& file) {
+  std::ifstream in(file, std::ios::binary);
+  if (!in || std::filesystem::is_directory(file))
+    throw bad_input({.code = "E-DATA-FILE",
+                     .message = "the data file cannot be opened",
+                     .remedy = "check data.file; a relative path is taken from the model file's "
+                               "folder",
+                     .file = file});
+  std::ostringstream content;
+  content << in.rdbuf();
+  return content.str();
+}
+
+char separator_of(std::string_view header) {
+  for (const char c : {',', ';', '\t'})
+    if (header.find(c) != std::string_view::npos) return c;
+  return ',';
+}
+
+std::string_view without_blanks(std::string_view text) {
+  const auto is_blank = [](char c) { return c == ' ' || c == '\t' || c == '\r'; };
+  while (!text.empty() && is_blank(text.front())) text.remove_prefix(1);
+  while (!text.empty() && is_blank(text.back())) text.remove_suffix(1);
+  return text;
+}
+
+// Takes the fields of one line apart; nothing when a quote is not closed.
+std::optional<std::vector<std::string>> split(std::string_view line, char separator) {
+  std::vector<std::string> fields;
+  std::string field;
+  bool quoted = false;
+  bool was_quoted = false;
+  const auto finish = [&] {
+    fields.push_back(was_quoted ? field : std::string(without_blanks(field)));
+    field.clear();
+    was_quoted = false;
+  };
+  for (std::size_t i = 0; i < line.size(); ++i) {
+    const char c = line[i];
+    if (quoted) {
+      if (c != '"')
+        field += c;
+      else if (i + 1 < line.size() && line[i + 1] == '"')
+        field += line[++i];
+      else
+        quoted = false;
+    } else if (c == '"' && without_blanks(field).empty()) {
+      field.clear();
+      quoted = was_quoted = true;
+    } else if (c == separator) {
+      finish();
+    } else if (!was_quoted || (c != ' ' && c != '\r')) {
+      field += c;
+    }
+  }
+  finish();
+  if (quoted) return std::nullopt;
+  return fields;
+}
+
+void check_header(const csv_table& table, int line) {
+  for (std::size_t i = 0; i < table.header.size(); ++i)
+    for (std::size_t j = 0; j < i; ++j)
+      if (equal_ignoring_case(table.header[i], table.header[j]))
+        throw bad_input({.code = "E-DATA-HEADER",
+                         .message = fmt::format("the column name stands twice in the header, as "
+                                                "columns {} and {}",
+                                                j + 1, i + 1),
+                         .remedy = "rename one of the two",
+                         .file = table.file,
+                         .row = line,
+                         .column = table.header[i]});
+}
+
+}  // namespace
+
+csv_table read_csv(const std::string& file) {
+  const std::string content = whole_file(file);
+  std::string_view rest = content;
+  if (rest.starts_with(byte_order_mark)) rest.remove_prefix(byte_order_mark.size());
+
+  csv_table table;
+  table.file = file;
+  char separator = ',';
+  for (int line = 1; !rest.empty(); ++line) {
+    const std::size_t end = rest.find('\n');
+    const std::string_view text = rest.substr(0, end);
+    rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
+    if (without_blanks(text).empty()) continue;
+    const bool is_header = table.header.empty();
+    if (is_header) separator = separator_of(text);
+    auto fields = split(text, separator);
+    if (!fields)
+      throw bad_input({.code = "E-DATA-ROW",
+                       .message = "a quote is opened and not closed",
+                       .remedy = "close the quote; a field must not run over several lines",
+                       .file = file,
+                       .row = line});
+    if (is_header) {
+      table.header = std::move(*fields);
+      check_header(table, line);
+      continue;
+    }
+    if (fields->size() != table.header.size())
+      throw bad_input({.code = "E-DATA-ROW",
+                       .message = fmt::format("the row has {} fields where the header has {}",
+                                              fields->size(), table.header.size()),
+                       .remedy = "add or remove separators; '.' stands for a missing value",
+                       .file = file,
+                       .row = line});
+    table.records.push_back({line, std::move(*fields)});
+  }
+  if (table.header.empty())
+    throw bad_input({.code = "E-DATA-EMPTY",
+                     .message = "the data file is empty",
+                     .remedy = "it needs a header line with column names, then records",
+                     .file = file});
+  return table;
+}
+
+bool is_missing(std::string_view field) {
+  return field.empty() || field == "." || equal_ignoring_case(field, "NA");
+}
+
+std::optional<double> to_number(std::string_view field) {
+  if (field.starts_with('+') && !field.starts_with("+-")) field.remove_prefix(1);
+  double value = 0.0;
+  const char* end = field.data() + field.size();
+  const auto parsed = std::from_chars(field.data(), end, value);
+  if (parsed.ec != std::errc() || parsed.ptr != end) return std::nullopt;
+  return value;
+}
+
+}  // namespace varda

@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace varda {
+
+// A table of text fields with a header line. The separator is the first of comma, semicolon and tab
+// that the header contains; fields may stand in double quotes; blanks around a field do not count;
+// LF and CR LF both end a line, a byte order mark is skipped, and empty lines are passed over.
+struct csv_table {
+  struct record {
+    int line = 0;  // in the file, from 1; the header is line 1 unless empty lines stand before it
+    std::vector<std::string> fields;
+  };
+  std::string file;
+  std::vector<std::string> header;
+  std::vector<record> records;  // each with as many fields as the header
+};
+
+// Reads a file, or throws bad_input: no such file, nothing in it, a row of another length, a quote
+// that is not closed, a column name twice.
+csv_table read_csv(const std::string& file);
+
+// ".", an empty field and "NA" stand for a missing value.
+bool is_missing(std::string_view field);
+
+// The number that the whole field spells, in the C locale; nothing when it does not.
+std::optional<double> to_number(std::string_view field);
+
+}  // namespace varda

@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <Eigen/Core>
+#include <vector>
+
+#include "varda/fit/estep.h"
+#include "varda/model/population_model.h"
+
+namespace varda {
+
+// The update of what has no closed form: the residual deviations of a combined error and the
+// parameters without a random effect. It maximises the weighted mean of log p(y_i | p) over the
+// individual parameters that the E-step resampled, summed over the subjects.
+class conditional_maximum {
+ public:
+  // `positions`: the free entries of theta to move. `theta` fixes the others, and the individual
+  // parameters of the resampled points.
+  conditional_maximum(const population_model& model, const e_step& found,
+                      const Eigen::VectorXd& theta, const std::vector<int>& positions);
+
+  // Moves the entries of theta; returns those that their bounds hold.
+  std::vector<int> move(Eigen::VectorXd& theta);
+
+ private:
+  // The search runs over logarithms where an entry is positive by its nature or its start.
+  bool on_log_scale(std::size_t k) const;
+  double to_search(std::size_t k, double theta) const;
+  double from_search(std::size_t k, double x) const;
+  double objective(const Eigen::VectorXd& x);
+  void predict(int subject, Eigen::Index point);
+
+  const fixed_effect& entry(std::size_t k) const {
+    return model_.thetas()[static_cast<std::size_t>(positions_[k])];
+  }
+
+  const population_model& model_;
+  std::vector<int> positions_;
+  Eigen::VectorXd trial_;
+  bool predictions_move_ = false;             // some entry is a structural parameter
+  std::vector<Eigen::VectorXd> weights_;      // per subject, of its points
+  std::vector<Eigen::MatrixXd> individuals_;  // per subject: structural parameters x points
+  std::vector<Eigen::MatrixXd> predictions_;  // per subject: observations x points
+};
+
+}  // namespace varda

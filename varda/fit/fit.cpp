@@ -1,0 +1,168 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "varda/fit/fit.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+
+#include "statsubs/state/global_variables.h"
+#include "statsubs/stderr/eigencor.h"
+#include "varda/fit/convergence.h"
+#include "varda/fit/estep.h"
+#include "varda/fit/likelihood.h"
+#include "varda/fit/mstep.h"
+#include "varda/fit/points.h"
+#include "varda/fit/proposals.h"
+
+namespace varda {
+
+namespace gv = statsubs::global_variables;
+
+namespace {
+
+// Pilot passes of an evaluation: the moments have settled when the objective has.
+constexpr int most_pilot_passes = 10;
+constexpr double pilot_tolerance = 0.01;
+
+class stopwatch {
+ public:
+  // Seconds since the last lap or the start.
+  double lap() {
+    const auto now = std::chrono::steady_clock::now();
+    const double seconds = std::chrono::duration<double>(now - last_).count();
+    last_ = now;
+    return seconds;
+  }
+
+ private:
+  std::chrono::steady_clock::time_point last_ = std::chrono::steady_clock::now();
+};
+
+const char* stop_reason() {
+  return "stopped on request";
+}
+
+int likelihood_samples(const engine_host& host) {
+  const int asked = host.model().file().estimation.likelihood_samples;
+  return asked > 0 ? asked : gv::nsampset;
+}
+
+Eigen::VectorXd shrinkage(const engine_host& host, const likelihood_estimate& found) {
+  Eigen::VectorXd squares = Eigen::VectorXd::Zero(host.omega().rows());
+  for (const subject_integral& s : found.subjects) squares += s.mean.cwiseAbs2();
+  squares /= static_cast<double>(found.subjects.size());
+  return 1.0 - (squares.array() / host.omega().diagonal().array()).sqrt();
+}
+
+double condition_of(const Eigen::MatrixXd& covariance) {
+  double condition = 0.0;
+  const int n = static_cast<int>(covariance.rows());
+  statsubs::eigencor(covariance.data(), n, n, condition);
+  return condition;
+}
+
+// What fit and evaluate have in common: the likelihood at the parameters in force and all that
+// follows from it.
+void conclude(engine_host& host, const proposals& frozen, point_source& points,
+              fit_result& result) {
+  stopwatch watch;
+  result.theta = host.theta();
+  result.omega = host.omega();
+  result.kept_factors = frozen.kept_factors();
+  result.processes = host.peers().size();
+  result.likelihood_samples = likelihood_samples(host);
+  result.likelihood = estimate_likelihood(host, frozen, points, result.likelihood_samples,
+                                          host.model().file().estimation.replicates);
+  if (!result.likelihood.complete) {
+    result.converged = false;
+    result.reason = stop_reason();
+  }
+  result.shrinkage = shrinkage(host, result.likelihood);
+  result.omega_condition = condition_of(result.omega);
+  result.times.likelihood = watch.lap();
+  result.evaluations = host.evaluations();
+}
+
+}  // namespace
+
+fit_result fit(engine_host& host, const progress_listener& progress) {
+  const estimation_settings& settings = host.model().file().estimation;
+  fit_result result;
+  result.what = task::fit;
+  stopwatch watch;
+
+  point_source points(host, std::max(gv::nsampset, likelihood_samples(host)));
+  proposals adaptive(host);
+  const bool started = adaptive.from_modes();
+  result.times.start = watch.lap();
+
+  maximisation_step maximisation(host);
+  resampler resampling(host.model().subjects(), gv::nchain, !settings.fresh_points);
+  convergence_monitor monitor(host.model(), settings.tolerance, settings.fresh_points);
+  bool stopped = !started;
+  for (int iteration = 1; iteration <= settings.max_iterations && !stopped; ++iteration) {
+    const bool burning_in = iteration <= gv::nqrburn;
+    points.begin_iteration(iteration);
+    const e_step found = integrate(host, adaptive, gv::nsampset,
+                                   maximisation.is_closed_form() ? nullptr : &resampling);
+    stopped = !found.complete;
+    if (stopped) break;
+    maximisation.update(found, adaptive, burning_in && gv::ifreezeomegaburn != 0);
+    const double minus2ll = -2.0 * found.log_likelihood;
+    if (!burning_in) monitor.add(host.theta(), host.omega(), minus2ll);
+    result.iterations.push_back({iteration, minus2ll, host.theta(), host.omega()});
+    progress(result.iterations.back(), settings.max_iterations);
+    if (monitor.converged() && gv::irunall == 0) break;
+  }
+  result.times.iterations = watch.lap();
+
+  const verdict end = monitor.conclusion();
+  result.converged = end.converged && !stopped && maximisation.omega_is_sound();
+  result.reason = end.reason;
+  if (!maximisation.omega_is_sound()) result.reason = "omega became singular; " + end.reason;
+  if (stopped) result.reason = stop_reason();
+  result.held_by_bounds = maximisation.held_by_bounds();
+  conclude(host, adaptive, points, result);
+  return result;
+}
+
+fit_result evaluate(engine_host& host, const progress_listener& progress) {
+  fit_result result;
+  result.what = task::evaluate;
+  stopwatch watch;
+
+  const int samples = likelihood_samples(host);
+  point_source points(host, samples);
+  proposals adaptive(host);
+  bool complete = adaptive.from_modes();
+  double last = 0.0;
+  bool settled = false;
+  for (int pass = 1; pass <= most_pilot_passes && complete && !settled; ++pass) {
+    points.begin_iteration(pass);
+    const e_step found = integrate(host, adaptive, samples);
+    complete = found.complete;
+    if (!complete) break;
+    for (int i = 0; i < host.model().subjects(); ++i) {
+      const subject_integral& s = found.subjects[static_cast<std::size_t>(i)];
+      if (host.model().observations(i) > 0)
+        adaptive.follow(i, s.mean, s.covariance, s.effective_samples);
+    }
+    const double minus2ll = -2.0 * found.log_likelihood;
+    settled = pass > 1 && std::fabs(minus2ll - last) < pilot_tolerance;
+    last = minus2ll;
+    result.iterations.push_back({pass, minus2ll, host.theta(), host.omega()});
+    progress(result.iterations.back(), most_pilot_passes);
+  }
+  result.times.start = watch.lap();
+  result.converged = settled;
+  result.reason =
+      settled ? fmt::format("the proposals settled in {} pilot passes", result.iterations.size())
+              : fmt::format("the proposals did not settle in {} pilot passes", most_pilot_passes);
+  if (!complete) result.reason = stop_reason();
+  conclude(host, adaptive, points, result);
+  return result;
+}
+
+}  // namespace varda

@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <functional>
+
+#include "varda/fit/fit_result.h"
+#include "varda/host/engine_host.h"
+
+namespace varda {
+
+// Told after every iteration; never null where a function takes one.
+using progress_listener = std::function<void(const iteration_record&, int most_iterations)>;
+
+// Maximum likelihood estimates from the start values in the host. The host holds the estimates
+// afterwards. A stop request ends the iterations: the result then holds the last complete iteration
+// and is not converged.
+fit_result fit(engine_host& host, const progress_listener& progress);
+
+// The exact likelihood and the conditional moments at the start values, which stay as they are.
+fit_result evaluate(engine_host& host, const progress_listener& progress);
+
+}  // namespace varda

@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <Eigen/Core>
+#include <functional>
+
+namespace varda {
+
+using objective_function = std::function<double(const Eigen::VectorXd&)>;
+
+struct minimum {
+  Eigen::VectorXd x;
+  double value = 0.0;
+  bool found = false;  // false: the optimiser gave up; x and value are the best it saw
+};
+
+// Local minimum of a smooth function without derivatives, inside the box [lower, upper]. `start` is
+// moved into the box; `step` is the size of the first steps; the search ends when no entry of x
+// moves by more than `precision`. Values that are not finite count as very large. Deterministic.
+minimum minimise(const objective_function& f, const Eigen::VectorXd& start,
+                 const Eigen::VectorXd& step, const Eigen::VectorXd& lower,
+                 const Eigen::VectorXd& upper, double precision);
+
+// The same without bounds.
+minimum minimise(const objective_function& f, const Eigen::VectorXd& start,
+                 const Eigen::VectorXd& step, double precision);
+
+// Hessian of f at x by central differences with the given step in every direction; the error is of
+// the order of step^2 times the fourth derivatives.
+Eigen::MatrixXd hessian(const objective_function& f, const Eigen::VectorXd& x,
+                        const Eigen::VectorXd& step);
+
+}  // namespace varda

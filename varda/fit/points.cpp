@@ -1,0 +1,95 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "varda/fit/points.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <cassert>
+#include <cstdint>
+
+#include "statsubs/sequences/bdsobl.h"
+#include "statsubs/sequences/sobol.h"
+
+namespace varda {
+
+namespace {
+
+constexpr int sequence_length = 1073741823;  // 2^30 - 1
+constexpr int sequence_digits = 30;
+// Replicates are independent draws: without scrambling they would repeat one another.
+constexpr int replicate_scrambling = 1;
+
+// Streams of one seed: iterations from 1, replicates far above them.
+constexpr std::uint64_t streams_per_seed = std::uint64_t{1} << 32;
+constexpr std::uint64_t first_replicate_stream = std::uint64_t{1} << 31;
+
+}  // namespace
+
+point_source::point_source(engine_host& host, int samples)
+    : host_(host),
+      fresh_(host.model().file().estimation.fresh_points),
+      type_(host.model().file().estimation.scramble) {
+  const population_model& model = host.model();
+  if (model.random_effects() > dimensions_)
+    throw bad_input({.code = "E-RUN-DIMENSIONS",
+                     .message = fmt::format("{} random effects are more than the {} dimensions of "
+                                            "the Sobol sequence",
+                                            model.random_effects(), dimensions_),
+                     .remedy = "use fewer random effects",
+                     .file = model.file().path});
+  if (static_cast<std::int64_t>(samples) * model.subjects() > sequence_length)
+    throw bad_input({.code = "E-RUN-POINTS",
+                     .message = fmt::format("{} samples for each of {} subjects are more than the "
+                                            "{} points of the sequence",
+                                            samples, model.subjects(), sequence_length),
+                     .remedy = "lower estimation.samples",
+                     .file = model.file().path,
+                     .column = "estimation.samples"});
+  statsubs::poly_vinit_define();
+  const int seed = model.file().estimation.seed;
+  for (int k = 0; k <= seed; ++k) scramble(type_);
+}
+
+void point_source::scramble(int type) {
+  std::array<bool, 2> ok{};
+  std::array<double, dimensions_> point{};
+  int quality = 0;
+  statsubs::insobl(ok.data(), host_.model().random_effects(), sequence_length, quality,
+                   point.data(), sequence_digits, type);
+  [[maybe_unused]] const bool started = ok[0] && ok[1];
+  assert(started);
+  for (int i = 1; i <= host_.model().random_effects(); ++i)
+    first_point_[static_cast<std::size_t>(i - 1)] = statsubs::bdsobl::lastq(i);
+}
+
+// The generator's whole position is the serial number of its last point and that point's digits.
+void point_source::rewind() {
+  for (int i = 1; i <= host_.model().random_effects(); ++i)
+    statsubs::bdsobl::lastq(i) = first_point_[static_cast<std::size_t>(i - 1)];
+  statsubs::bdsobl::count = 0;
+}
+
+void point_source::begin_iteration(int iteration) {
+  const auto seed = static_cast<std::uint64_t>(host_.model().file().estimation.seed);
+  host_.set_random_stream(seed * streams_per_seed +
+                          (fresh_ ? static_cast<std::uint64_t>(iteration) : 0));
+  if (fresh_ && iteration > 1)
+    scramble(type_);
+  else
+    rewind();
+}
+
+void point_source::begin_replicate(int replicate) {
+  const estimation_settings& settings = host_.model().file().estimation;
+  const auto seed = static_cast<std::uint64_t>(settings.seed);
+  host_.set_random_stream(seed * streams_per_seed + first_replicate_stream +
+                          static_cast<std::uint64_t>(replicate));
+  // The blocks of scramblings that different seeds use for their replicates do not overlap.
+  if (replicate == 1)
+    for (int k = 0; k < settings.seed * (settings.replicates - 1); ++k)
+      scramble(replicate_scrambling);
+  scramble(replicate_scrambling);
+}
+
+}  // namespace varda

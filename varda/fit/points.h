@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <array>
+
+#include "varda/host/engine_host.h"
+
+namespace varda {
+
+// Where the E-step's points come from: the library's Sobol generator and, for pseudo-random points
+// and the t family, the host's streams.
+//
+// With common points every iteration integrates over the same points, which makes an iteration a
+// deterministic map of the parameters and its convergence smooth. The scrambling has no seed: seed
+// k burns k scramblings before the first one that is used.
+class point_source {
+ public:
+  // Starts the generator. Throws bad_input when samples x subjects points could run past the end of
+  // the sequence, or when the model has more random effects than the sequence has dimensions.
+  point_source(engine_host& host, int samples);
+
+  // Before the first subject of an iteration, counted from 1.
+  void begin_iteration(int iteration);
+  // Before the first subject of a replicate, counted from 1: independent of all other points.
+  void begin_replicate(int replicate);
+
+ private:
+  static constexpr int dimensions_ = 40;  // the Sobol tables end there
+
+  void scramble(int type);
+  void rewind();
+
+  engine_host& host_;
+  std::array<int, dimensions_> first_point_{};  // digits of the point that starts the sequence
+  bool fresh_;
+  int type_;
+};
+
+}  // namespace varda

@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <Eigen/Core>
+#include <vector>
+
+#include "varda/host/engine_host.h"
+
+namespace varda {
+
+// The proposals of all subjects: centres in deviations from C beta, and lower Cholesky factors of
+// the conditional covariances, which stand in the library's shared `choleskyfactor`.
+class proposals {
+ public:
+  explicit proposals(engine_host& host);
+
+  // Mode and exact curvature of every subject at the parameters in force; subjects are shared among
+  // the processes. A subject whose curvature is not positive definite gets omega's factor.
+  // Collective. False when a stop was asked for.
+  bool from_modes();
+
+  // Hands the proposal of a subject (from 0) to the library, widened by the acceptance ratio.
+  void offer(int subject) const;
+
+  // Takes over what an E-step found. A covariance that is not positive definite, or fewer effective
+  // samples than it takes to know one, keeps the last factor, widened; such events are counted.
+  void follow(int subject, const Eigen::VectorXd& mean, const Eigen::MatrixXd& covariance,
+              double effective_samples);
+
+  // After a parameter update: the individual parameters stay, so the deviations move.
+  void shift(int subject, const Eigen::VectorXd& by) { centres_.col(subject) += by; }
+
+  int kept_factors() const { return kept_factors_; }
+  const Eigen::MatrixXd& modes() const { return centres_; }
+
+ private:
+  Eigen::MatrixXd factor(int subject) const;
+  void set_factor(int subject, const Eigen::MatrixXd& lower);
+
+  engine_host& host_;
+  Eigen::MatrixXd centres_;  // random effects x subjects
+  double widening_;
+  int kept_factors_ = 0;
+};
+
+}  // namespace varda

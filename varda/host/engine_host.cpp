@@ -1,0 +1,365 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "varda/host/engine_host.h"
+
+#include <Eigen/Cholesky>
+#include <algorithm>
+#include <cassert>
+#include <cmath>
+#include <csignal>
+#include <cstring>
+#include <numbers>
+
+#include "statsubs/state/getworkingstoragesizes.h"
+#include "statsubs/state/global_variables.h"
+#include "statsubs/state/host.h"
+#include "statsubs/state/qrpemlocalvariables.h"
+#include "statsubs/state/saveearlyvars.h"
+#include "statsubs/state/standarderrorvariables.h"
+
+namespace varda {
+
+namespace gv = statsubs::global_variables;
+namespace qv = statsubs::qrpemlocalvariables;
+namespace se = statsubs::standarderrorvariables;
+namespace sv = statsubs::saveearlyvars;
+
+namespace {
+
+engine_host* the_host = nullptr;
+volatile std::sig_atomic_t stop_signal = 0;
+
+// The method code of the quasi-random EM.
+constexpr int qrpem_engine = 1;
+
+void copy_name(const std::string& name, char* to) {
+  std::copy_n(name.begin(), std::min<std::size_t>(name.size(), statsubs::name_length), to);
+}
+
+int proposal_code(const estimation_settings& s) {
+  switch (s.proposal) {
+    case proposal_family::normal:
+      return 0;
+    case proposal_family::population:
+      return 2;
+    case proposal_family::t:
+      return s.t_df;
+    case proposal_family::laplace:
+      return 1;
+    case proposal_family::mixture2:
+      return -2;
+    case proposal_family::mixture3:
+      return -3;
+  }
+  return 0;
+}
+
+}  // namespace
+
+engine_host& engine_host::current() {
+  assert(the_host != nullptr);
+  return *the_host;
+}
+
+bool engine_host::stopped() {
+  return sv::globalstop != 0;
+}
+
+void engine_host::request_stop() noexcept {
+  stop_signal = 1;
+}
+
+engine_host::engine_host(const population_model& model, const job& peers)
+    : model_(model), peers_(peers) {
+  assert(the_host == nullptr);
+  the_host = this;
+  stop_signal = 0;
+  sv::globalstop = 0;
+  gv::myid = peers.rank();
+  gv::numprocs = peers.size();
+
+  const int effects = model.random_effects();
+  eta_.setZero(effects);
+  phi_.setZero(effects);
+  means_.setZero(effects);
+  individual_.setZero(model.structural_parameters());
+  for (int i = 0; i < model.subjects(); ++i)
+    prediction_.resize(
+        std::max(prediction_.size(), static_cast<std::size_t>(model.observations(i))));
+
+  install();
+  int fixed_size = 0;
+  int pack_size = 0;
+  statsubs::getworkingstoragesizes(qrpem_engine, effects, effects, model.subjects(), 0, fixed_size,
+                                   pack_size);
+
+  set_theta(model.start_theta());
+  [[maybe_unused]] const bool definite = set_omega(model.start_omega());
+  assert(definite);  // the model file was checked for it
+  omega_mask_ = model.omega_mask();
+  std::vector<int> every(model.columns().size());
+  for (std::size_t c = 0; c < every.size(); ++c) every[c] = static_cast<int>(c);
+  select_columns(every);
+}
+
+engine_host::~engine_host() {
+  statsubs::installed_host() = statsubs::default_host();
+  the_host = nullptr;
+}
+
+void engine_host::install() {
+  statsubs::host_table& table = statsubs::installed_host();
+  table = statsubs::default_host();
+
+  table.setisub = [](const int& isub) { current().subject_ = isub - 1; };
+  table.seteta = [](const double* eta) {
+    engine_host& me = current();
+    std::copy_n(eta, me.eta_.size(), me.eta_.data());
+  };
+  table.settheta = [](const double* theta) {
+    engine_host& me = current();
+    if (theta != me.theta_.data()) std::copy_n(theta, me.theta_.size(), me.theta_.data());
+  };
+  table.fcnxeta = [](const int&, const double* eta, double& f) { current().evaluate(eta, f); };
+  table.fcneta = [](const int&, const double*, double& f) {
+    engine_host& me = current();
+    me.evaluate(me.eta_.data(), f);
+  };
+  table.setmainstdev = [](const double& sd) {
+    engine_host& me = current();
+    me.theta_(me.theta_.size() - 1) = sd;
+    gv::sigmalchol = sd;
+    gv::sigmasq = sd * sd;
+  };
+  table.getsaemcmatrix = [](const int& isub0, double* cmatrix) {
+    const engine_host& me = current();
+    const int effects = me.model_.random_effects();
+    const auto columns = static_cast<Eigen::Index>(me.selected_columns_.size());
+    Eigen::Map<Eigen::MatrixXd> c(cmatrix, effects, columns);
+    c.setZero();
+    for (Eigen::Index k = 0; k < columns; ++k) {
+      const int column = me.selected_columns_[static_cast<std::size_t>(k)];
+      c(me.model_.columns()[static_cast<std::size_t>(column)].eta, k) =
+          me.model_.design(isub0, column);
+    }
+  };
+
+  table.stoprequested = [] { return static_cast<int>(stop_signal); };
+  table.checkforstop = [](int& flag) {
+    double asked = flag != 0 ? 1.0 : 0.0;
+    current().peers_.sum(&asked, 1);
+    sv::globalstop = asked > 0.0 ? 1 : 0;
+  };
+  table.dran3 = [](int& state) { return current().uniform(state); };
+  table.globalvec = [](double* vector, const int& length) { current().peers_.sum(vector, length); };
+
+  table.packparameters1 = [](const double* theta, const double* omega, const double& sigma,
+                             double* x, const int& leneta, int& count) {
+    const engine_host& me = current();
+    const int thetas = static_cast<int>(me.model_.thetas().size());
+    std::copy_n(theta, thetas, x);
+    if (gv::freesigmafound != 0) x[thetas - 1] = sigma;
+    count = thetas;
+    const Eigen::Map<const Eigen::MatrixXd> matrix(omega, leneta, leneta);
+    for (int i = 0; i < leneta; ++i)
+      for (int j = 0; j <= i; ++j)
+        if (me.model_.omega_mask()(i, j) != 0.0) x[count++] = matrix(i, j);
+  };
+  table.allocateglobalarrays = [](const int& hessian_dimension, const int&, const int&,
+                                  const int&) { current().allocate(hessian_dimension); };
+
+  table.getntheta = [] { return static_cast<int>(current().model_.thetas().size()); };
+  table.getfixefname = [](const int& itheta, char* name) {
+    copy_name(current().model_.thetas()[static_cast<std::size_t>(itheta - 1)].name, name);
+  };
+  table.getranef5name = [](const int& ieta, char* name) {
+    copy_name(current().model_.effect_name(ieta - 1), name);
+  };
+  table.getfixeferrtothetamap = [](int* map) {
+    const int thetas = static_cast<int>(current().model_.thetas().size());
+    for (int k = 0; k < thetas; ++k) map[k] = k + 1;
+  };
+  table.getobscount = [] { return 1; };
+  table.getobsvaluecount = [](const int&) { return current().model_.data().observations(); };
+  table.getobsstdevname = [](const int&, char* name) {
+    copy_name(current().model_.thetas().back().name, name);
+  };
+  table.getnobs1 = [](const int& isub) { return current().model_.observations(isub - 1); };
+
+  static const auto settings = []() -> const estimation_settings& {
+    return current().model_.file().estimation;
+  };
+  table.getisample = [] { return settings().samples; };
+  table.getpresample = [] { return 1; };
+  table.getmapnp = [] { return 0; };
+  table.getsirsamp = [] { return settings().resamples; };
+  table.getrunfromui = [] { return 1; };
+  table.getpemrunall = [] { return settings().run_all ? 1 : 0; };
+  table.getmapassist = [] { return 0; };
+  table.getmcpem = [] { return settings().points == point_kind::random ? 1 : 0; };
+  table.getaccratio = [] { return settings().acceptance_ratio; };
+  table.getimpsampdof = [] { return proposal_code(settings()); };
+  table.getburnin = [] { return settings().burn_in; };
+  table.nonomegaburn = [] { return settings().freeze_omega ? 1 : 0; };
+  table.getscramble = [] { return settings().scramble; };
+}
+
+void engine_host::allocate(int hessian_dimension) {
+  const int thetas = static_cast<int>(model_.thetas().size());
+  const int effects = model_.random_effects();
+  const int subjects = model_.subjects();
+  const int columns = static_cast<int>(model_.columns().size());
+  const auto bind_vector = [](auto& shared, Eigen::VectorXd& storage, int n) {
+    storage.setZero(n);
+    shared.bind(storage.data(), n);
+  };
+  const auto bind_matrix = [](auto& shared, Eigen::MatrixXd& storage, int rows, int cols) {
+    storage.setZero(rows, cols);
+    shared.bind(storage.data(), rows, cols);
+  };
+  const auto bind_integers = [](auto& shared, std::vector<int>& storage, int n, int value) {
+    storage.assign(static_cast<std::size_t>(n), value);
+    shared.bind(storage.data(), n);
+  };
+
+  bind_vector(gv::theta, theta_, thetas);
+  bind_vector(gv::thetalo, theta_lower_, thetas);
+  bind_vector(gv::thetahi, theta_upper_, thetas);
+  bind_matrix(gv::omega, omega_, effects, effects);
+  bind_matrix(gv::omegainv, omega_inverse_, effects, effects);
+  bind_matrix(gv::omegalchol, omega_factor_, effects, effects);
+  bind_matrix(gv::omegalcholinv, omega_factor_inverse_, effects, effects);
+  bind_matrix(gv::omegamask, omega_mask_, effects, effects);
+  bind_vector(gv::xmusub, centre_, effects);
+  bind_matrix(gv::omegacholsub, proposal_factor_, effects, effects);
+  bind_vector(gv::xmusubnew, mean_, effects);
+  bind_matrix(gv::omegasubnew, covariance_, effects, effects);
+  bind_matrix(gv::etatable, eta_table_, effects, subjects);
+  bind_matrix(gv::cholsub, curvature_, effects * (effects + 1) / 2, subjects);
+  bind_vector(gv::stddeveta, eta_deviations_, effects);
+  bind_vector(gv::scorevec, score_, thetas);
+  bind_vector(gv::scorevec_expanded, expanded_score_, thetas + effects * (effects + 1) / 2);
+  bind_vector(se::xbase, variances_, hessian_dimension);
+  proposal_factors_.assign(
+      static_cast<std::size_t>(effects * effects) * static_cast<std::size_t>(subjects), 0.0);
+  qv::choleskyfactor.bind(proposal_factors_.data(), effects, effects, subjects);
+  c_matrices_.assign(
+      static_cast<std::size_t>(effects * columns) * static_cast<std::size_t>(subjects), 0.0);
+
+  bind_integers(gv::newsub, first_observation_, subjects + 1, 1);
+  for (int i = 0; i < subjects; ++i) gv::newsub(i + 2) = gv::newsub(i + 1) + model_.observations(i);
+  bind_integers(gv::muetamap, mu_map_, effects, 0);
+  for (int e = 1; e <= effects; ++e) gv::muetamap(e) = e;
+  bind_integers(gv::ibtight, tight_, thetas, 0);
+  bind_integers(gv::ibaccolislog, column_is_log_, columns, 0);
+  bind_integers(qv::iseqtheta, column_theta_, columns, 0);
+  bind_integers(qv::itypetheta, theta_type_, thetas, 1);
+  bind_integers(qv::itypetheta_etamap, theta_effect_, thetas, -99);
+
+  for (int k = 1; k <= thetas; ++k) {
+    const fixed_effect& t = model_.thetas()[static_cast<std::size_t>(k - 1)];
+    gv::thetalo(k) = t.lower;
+    gv::thetahi(k) = t.upper;
+    // Class 0 sends a fixed effect to the score of a covariate coefficient.
+    if (t.role == theta_role::covariate_effect) qv::itypetheta(k) = 0;
+  }
+  for (int e = 0; e < effects; ++e) qv::itypetheta_etamap(model_.parameter_of(e) + 1) = e + 1;
+  gv::freesigmafound = model_.thetas().back().fixed ? 0 : 1;
+}
+
+void engine_host::set_theta(const Eigen::VectorXd& theta) {
+  assert(theta.size() == theta_.size());
+  theta_ = theta;
+  gv::sigmalchol = theta_(theta_.size() - 1);
+  gv::sigmasq = gv::sigmalchol * gv::sigmalchol;
+}
+
+bool engine_host::set_omega(const Eigen::MatrixXd& omega) {
+  const Eigen::LLT<Eigen::MatrixXd> factor(omega);
+  if (factor.info() != Eigen::Success) return false;
+  const Eigen::MatrixXd identity = Eigen::MatrixXd::Identity(omega.rows(), omega.cols());
+  omega_ = omega;
+  omega_factor_ = factor.matrixL();
+  omega_inverse_ = factor.solve(identity);
+  whitener_ = factor.matrixL().solve(identity);
+  eta_deviations_ = omega.diagonal().cwiseSqrt();
+  log_prior_constant_ = omega_factor_.diagonal().array().log().sum() +
+                        0.5 * static_cast<double>(omega.rows()) * std::log(2.0 * std::numbers::pi);
+  return true;
+}
+
+void engine_host::select_columns(const std::vector<int>& columns) {
+  selected_columns_ = columns;
+  const int effects = model_.random_effects();
+  const int count = static_cast<int>(columns.size());
+  qv::cmatrix_3d.bind(c_matrices_.data(), effects, count, model_.subjects());
+  for (int k = 0; k < count; ++k) {
+    const design_column& column =
+        model_.columns()[static_cast<std::size_t>(columns[static_cast<std::size_t>(k)])];
+    qv::iseqtheta(k + 1) = column.theta + 1;
+    const fixed_effect& t = model_.thetas()[static_cast<std::size_t>(column.theta)];
+    gv::ibaccolislog(k + 1) = t.law == distribution::log_normal ? 1 : 0;
+  }
+  for (int i = 0; i < model_.subjects(); ++i)
+    if (count > 0) statsubs::host::getsaemcmatrix(i, qv::cmatrix_3d.slice(i + 1).data());
+}
+
+double engine_host::objective(int subject, const double* eta) {
+  subject_ = subject;
+  double f = 0.0;
+  evaluate(eta, f);
+  return f;
+}
+
+void engine_host::refresh_means() {
+  const auto bytes = static_cast<std::size_t>(theta_.size()) * sizeof(double);
+  const bool current_theta = means_theta_.size() == theta_.size() &&
+                             std::memcmp(means_theta_.data(), theta_.data(), bytes) == 0;
+  if (subject_ == means_subject_ && current_theta) return;
+  model_.means(subject_, theta_.data(), means_.data());
+  means_theta_ = theta_;
+  means_subject_ = subject_;
+}
+
+double engine_host::negative_log_prior(const double* eta) const {
+  double squares = 0.0;
+  for (Eigen::Index i = 0; i < whitener_.rows(); ++i) {
+    double z = 0.0;
+    for (Eigen::Index j = 0; j <= i; ++j) z += whitener_(i, j) * eta[j];
+    squares += z * z;
+  }
+  return 0.5 * squares + log_prior_constant_;
+}
+
+void engine_host::evaluate(const double* eta, double& f) {
+  ++evaluations_;
+  refresh_means();
+  for (Eigen::Index i = 0; i < phi_.size(); ++i) phi_(i) = means_(i) + eta[i];
+  model_.individual_parameters(theta_.data(), phi_.data(), individual_.data());
+  const subject& who = model_.data().subjects[static_cast<std::size_t>(subject_)];
+  model_.structure().predict(who,
+                             {individual_.data(), static_cast<std::size_t>(individual_.size())},
+                             {prediction_.data(), who.observations.size()});
+  double score = 0.0;
+  f = model_.residual_objective(subject_, prediction_.data(), model_.deviations(theta_.data()),
+                                score) +
+      negative_log_prior(eta);
+  gv::zscoresub = score;
+}
+
+// The library restarts `state` at 1 for every subject; subject and stream are mixed in so that
+// subjects and replicates draw apart. The mixer is the finaliser of splitmix64.
+double engine_host::uniform(int& state) const {
+  const auto mixed = [](std::uint64_t z) {
+    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9U;
+    z = (z ^ (z >> 27)) * 0x94d049bb133111ebU;
+    return z ^ (z >> 31);
+  };
+  constexpr std::uint64_t golden = 0x9e3779b97f4a7c15U;
+  const std::uint64_t key =
+      mixed(mixed((stream_ + 1) * golden) + (static_cast<std::uint64_t>(subject_) + 1) * golden);
+  const auto counter = static_cast<std::uint32_t>(state);
+  state = static_cast<int>(counter + 1);
+  return (static_cast<double>(mixed(key + counter * golden) >> 12) + 0.5) * 0x1p-52;
+}
+
+}  // namespace varda

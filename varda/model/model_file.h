@@ -1,0 +1,107 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A model file, read and checked as far as it can be without the data. docs/model-file.md is its
+// reference for users.
+#pragma once
+
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "varda/data/dataset.h"
+#include "varda/support/finding.h"
+
+namespace varda {
+
+// How an individual parameter p follows from phi = C beta + eta: exp(phi), phi itself, or
+// lower + (upper - lower) / (1 + exp(-phi)). `none`: no random effect, p is the fixed effect.
+enum class distribution { log_normal, normal, logit_normal, none };
+
+// A covariate's additive effect on phi: beta * log(x / center) (power), beta * (x - center)
+// (exponential on a log-normal parameter, linear on a normal one).
+enum class effect_form { power, exponential, linear };
+
+struct covariate_effect {
+  std::string name;  // of the coefficient, by default "<parameter>_<covariate>"
+  std::string covariate;
+  effect_form form = effect_form::power;
+  double center = 1.0;
+  double start = 0.0;
+  bool fixed = false;
+  double lower = -std::numeric_limits<double>::infinity();
+  double upper = std::numeric_limits<double>::infinity();
+};
+
+struct parameter {
+  std::string name;
+  distribution law = distribution::log_normal;
+  double start = 0.0;  // natural scale, like the bounds
+  bool fixed = false;
+  // Bounds of the typical value. For a logit-normal parameter `range_lower`/`range_upper` are the
+  // ends of the logit's interval instead.
+  double lower = -std::numeric_limits<double>::infinity();
+  double upper = std::numeric_limits<double>::infinity();
+  double range_lower = 0.0;
+  double range_upper = 1.0;
+  std::vector<covariate_effect> effects;
+};
+
+// A diagonal block of omega over the parameters named; a single variance is a block of order 1.
+struct omega_block {
+  std::vector<std::string> names;
+  std::vector<double> matrix;  // symmetric, order names.size(), column-major
+  bool fixed = false;
+};
+
+enum class error_kind { additive, proportional, combined };
+
+// A residual deviation: f + a e, f + b f e, or variance a^2 + b^2 f^2 for the combined kind.
+struct residual_error {
+  error_kind kind = error_kind::additive;
+  double additive = 0.0;
+  double proportional = 0.0;
+  bool additive_fixed = false;
+  bool proportional_fixed = false;
+};
+
+enum class proposal_family { normal, population, t, laplace, mixture2, mixture3 };
+enum class point_kind { sobol, random };
+
+// Scramblings are drawn one after the other, so that a very large seed would take long to reach.
+inline constexpr int largest_seed = 10000;
+
+struct estimation_settings {
+  int samples = 300;  // per subject and iteration
+  int max_iterations = 500;
+  int seed = 1;  // scramblings drawn and thrown away before the run's own
+  point_kind points = point_kind::sobol;
+  bool fresh_points = false;  // new points in every iteration instead of common ones
+  int scramble = 1;           // 0 none, 1 Owen-type, 2 Faure-Tezuka, 3 both
+  proposal_family proposal = proposal_family::normal;
+  int t_df = 5;  // degrees of freedom of the t proposal, at least 3
+  double acceptance_ratio = 0.5;
+  int resamples = 100;         // points a subject for updates without closed form
+  int burn_in = 0;             // iterations before convergence is looked for
+  bool freeze_omega = false;   // during burn-in
+  bool run_all = false;        // do all iterations, converged or not
+  double tolerance = 5e-4;     // movement that still lies ahead, see docs/model-file.md
+  int replicates = 8;          // scramblings behind the reported likelihood
+  int likelihood_samples = 0;  // points a subject for it; 0 means `samples`
+};
+
+struct model_file {
+  std::string path;
+  std::string title;
+  data_source data;
+  std::string structure;              // name of a structural model
+  std::vector<parameter> parameters;  // in the order of the structural model
+  std::vector<omega_block> omega;     // in the order of the parameters they cover
+  residual_error residual;
+  estimation_settings estimation;
+};
+
+// Reads and checks a model file, or throws bad_input. Relative data paths are taken from the
+// folder of the model file.
+model_file read_model_file(const std::string& path, findings& warnings);
+
+}  // namespace varda

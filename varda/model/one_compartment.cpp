@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "varda/model/one_compartment.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+namespace varda {
+
+namespace {
+
+constexpr int depot = 1;
+
+bool all_positive(std::span<const double> p) {
+  return std::all_of(p.begin(), p.end(), [](double x) { return x > 0.0 && std::isfinite(x); });
+}
+
+void fill_with_nan(std::span<double> f) {
+  std::fill(f.begin(), f.end(), std::numeric_limits<double>::quiet_NaN());
+}
+
+}  // namespace
+
+double bateman(double ka, double k, double t) {
+  // exp(-s t) (1 - exp(-d t)) / d with the slower rate s and d = |ka - k|: symmetric in the rates,
+  // and neither exponential can overflow.
+  const double slower = std::min(ka, k);
+  const double d = std::fabs(ka - k);
+  const double decay = std::exp(-slower * t);
+  return d > 0.0 ? decay * (-std::expm1(-d * t) / d) : decay * t;
+}
+
+const std::vector<std::string>& one_compartment_bolus::parameter_names() const {
+  static const std::vector<std::string> names = {"CL", "V"};
+  return names;
+}
+
+void one_compartment_bolus::predict(const subject& who, std::span<const double> p,
+                                    std::span<double> f) const {
+  if (!all_positive(p)) return fill_with_nan(f);
+  const double volume = p[1];
+  const double k = p[0] / volume;
+  for (std::size_t i = 0; i < f.size(); ++i) {
+    const observation& o = who.observations[i];
+    double amount = 0.0;
+    for (int j = 0; j < o.preceding_doses; ++j) {
+      const dose& d = who.doses[static_cast<std::size_t>(j)];
+      amount += d.amount * std::exp(-k * (o.time - d.time));
+    }
+    f[i] = amount / volume;
+  }
+}
+
+const std::vector<std::string>& one_compartment_oral::parameter_names() const {
+  static const std::vector<std::string> names = {"ka", "CL", "V"};
+  return names;
+}
+
+void one_compartment_oral::predict(const subject& who, std::span<const double> p,
+                                   std::span<double> f) const {
+  if (!all_positive(p)) return fill_with_nan(f);
+  const double ka = p[0];
+  const double volume = p[2];
+  const double k = p[1] / volume;
+  for (std::size_t i = 0; i < f.size(); ++i) {
+    const observation& o = who.observations[i];
+    double amount = 0.0;
+    for (int j = 0; j < o.preceding_doses; ++j) {
+      const dose& d = who.doses[static_cast<std::size_t>(j)];
+      const double t = o.time - d.time;
+      amount += d.amount * (d.compartment == depot ? ka * bateman(ka, k, t) : std::exp(-k * t));
+    }
+    f[i] = amount / volume;
+  }
+}
+
+}  // namespace varda

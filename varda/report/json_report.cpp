@@ -1,0 +1,205 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <nlohmann/json.hpp>
+
+#include "varda/report/reports.h"
+#include "varda/version.h"
+
+namespace varda {
+
+namespace {
+
+using nlohmann::ordered_json;
+
+ordered_json to_json(const Eigen::MatrixXd& matrix) {
+  ordered_json rows = ordered_json::array();
+  for (Eigen::Index i = 0; i < matrix.rows(); ++i) {
+    ordered_json row = ordered_json::array();
+    for (Eigen::Index j = 0; j < matrix.cols(); ++j) row.push_back(matrix(i, j));
+    rows.push_back(row);
+  }
+  return rows;
+}
+
+ordered_json to_json(const Eigen::VectorXd& vector) {
+  return std::vector<double>(vector.data(), vector.data() + vector.size());
+}
+
+const char* name_of(distribution law) {
+  switch (law) {
+    case distribution::log_normal:
+      return "log-normal";
+    case distribution::normal:
+      return "normal";
+    case distribution::logit_normal:
+      return "logit-normal";
+    case distribution::none:
+      break;
+  }
+  return "none";
+}
+
+const char* name_of(proposal_family family) {
+  switch (family) {
+    case proposal_family::normal:
+      return "normal";
+    case proposal_family::population:
+      return "population";
+    case proposal_family::t:
+      return "t";
+    case proposal_family::laplace:
+      return "laplace";
+    case proposal_family::mixture2:
+      return "mixture2";
+    case proposal_family::mixture3:
+      break;
+  }
+  return "mixture3";
+}
+
+bool held(const fit_result& result, std::size_t theta) {
+  for (const int position : result.held_by_bounds)
+    if (position == static_cast<int>(theta)) return true;
+  return false;
+}
+
+ordered_json parameters(const population_model& model, const fit_result& result) {
+  ordered_json list = ordered_json::array();
+  for (std::size_t k = 0; k < model.thetas().size(); ++k) {
+    const fixed_effect& t = model.thetas()[k];
+    if (t.role == theta_role::residual_deviation) continue;
+    ordered_json entry;
+    entry["name"] = t.name;
+    entry["estimate"] = t.natural(result.theta(static_cast<Eigen::Index>(k)));
+    entry["distribution"] =
+        t.role == theta_role::covariate_effect ? "covariate effect" : name_of(t.law);
+    entry["fixed"] = t.fixed;
+    entry["at_bound"] = held(result, k);
+    list.push_back(entry);
+  }
+  return list;
+}
+
+ordered_json omega(const population_model& model, const fit_result& result) {
+  ordered_json entry;
+  ordered_json names = ordered_json::array();
+  for (int e = 0; e < model.random_effects(); ++e) names.push_back(model.effect_name(e));
+  entry["names"] = names;
+  entry["matrix"] = to_json(result.omega);
+  entry["estimated"] = to_json(model.omega_mask());
+  entry["shrinkage"] = to_json(result.shrinkage);
+  entry["condition_number"] = result.omega_condition;
+  return entry;
+}
+
+ordered_json residual(const population_model& model, const fit_result& result) {
+  ordered_json list = ordered_json::array();
+  for (const auto& r : model.residuals()) {
+    ordered_json entry;
+    entry["name"] = r.name;
+    entry["estimate"] = result.theta(r.theta);
+    entry["fixed"] = r.fixed;
+    entry["at_bound"] = held(result, static_cast<std::size_t>(r.theta));
+    list.push_back(entry);
+  }
+  return list;
+}
+
+ordered_json subjects(const population_model& model, const fit_result& result) {
+  ordered_json list = ordered_json::array();
+  for (int i = 0; i < model.subjects(); ++i) {
+    const subject_integral& s = result.likelihood.subjects[static_cast<std::size_t>(i)];
+    ordered_json entry;
+    entry["id"] = model.data().subjects[static_cast<std::size_t>(i)].id;
+    entry["observations"] = model.observations(i);
+    entry["minus2ll_without_constant"] =
+        without_constant(-2.0 * s.log_likelihood, model.observations(i));
+    entry["eta_mean"] = to_json(s.mean);
+    entry["eta_cov"] = to_json(s.covariance);
+    entry["ess"] = s.effective_samples;
+    entry["largest_weight"] = s.largest_weight;
+    list.push_back(entry);
+  }
+  return list;
+}
+
+ordered_json settings(const population_model& model) {
+  const estimation_settings& s = model.file().estimation;
+  const char* scrambles[] = {"none", "owen", "faure-tezuka", "both"};
+  ordered_json entry;
+  entry["samples"] = s.samples;
+  entry["max_iterations"] = s.max_iterations;
+  entry["seed"] = s.seed;
+  entry["sampling"] = s.points == point_kind::sobol ? "sobol" : "random";
+  entry["points"] = s.fresh_points ? "fresh" : "common";
+  entry["scramble"] = scrambles[s.scramble];
+  entry["proposal"] = name_of(s.proposal);
+  entry["t_df"] = s.t_df;
+  entry["acceptance_ratio"] = s.acceptance_ratio;
+  entry["resamples"] = s.resamples;
+  entry["burn_in"] = s.burn_in;
+  entry["freeze_omega_in_burn_in"] = s.freeze_omega;
+  entry["run_all"] = s.run_all;
+  entry["tolerance"] = s.tolerance;
+  entry["replicates"] = s.replicates;
+  entry["likelihood_samples"] = s.likelihood_samples;
+  return entry;
+}
+
+ordered_json to_json(const finding& f) {
+  ordered_json entry;
+  entry["code"] = f.code;
+  entry["message"] = f.message;
+  entry["remedy"] = f.remedy;
+  entry["file"] = f.file;
+  entry["row"] = f.row;
+  entry["column"] = f.column;
+  entry["subject"] = f.subject;
+  return entry;
+}
+
+}  // namespace
+
+std::string json_report(const population_model& model, const fit_result& result) {
+  const int observations = model.data().observations();
+  ordered_json report;
+  report["schema_version"] = json_schema_version;
+  report["task"] = result.what == task::fit ? "fit" : "evaluate";
+  report["title"] = model.file().title;
+  report["model"] = model.file().path;
+  report["data"] = {{"file", model.data().file},
+                    {"subjects", model.subjects()},
+                    {"observations", observations},
+                    {"doses", model.data().doses()},
+                    {"excluded", model.data().excluded}};
+  report["converged"] = result.converged;
+  report["reason"] = result.reason;
+  report["iterations"] = result.iterations.size();
+  // A run that was stopped before its likelihood was known says null.
+  const bool known = result.likelihood.complete;
+  const auto number = [known](double value) {
+    return known ? ordered_json(value) : ordered_json();
+  };
+  report["minus2ll"] = number(result.likelihood.minus2ll);
+  report["minus2ll_without_constant"] =
+      number(without_constant(result.likelihood.minus2ll, observations));
+  report["minus2ll_mc_se"] = number(result.likelihood.mc_se);
+  report["minus2ll_replicates"] = result.likelihood.replicates;
+  report["likelihood_samples"] = result.likelihood_samples;
+  report["parameters"] = parameters(model, result);
+  report["omega"] = omega(model, result);
+  report["residual"] = residual(model, result);
+  report["kept_proposals"] = result.kept_factors;
+  report["subjects"] = known ? subjects(model, result) : ordered_json::array();
+  ordered_json warnings = ordered_json::array();
+  for (const finding& f : result.warnings) warnings.push_back(to_json(f));
+  report["warnings"] = warnings;
+  report["settings"] = settings(model);
+  report["versions"] = {{"varda", version}, {"compiler", compiler}};
+  report["times"] = {
+      {"processes", result.processes},         {"evaluations", result.evaluations},
+      {"start", result.times.start},           {"iterations", result.times.iterations},
+      {"likelihood", result.times.likelihood}, {"total", result.times.total}};
+  return report.dump(2) + "\n";
+}
+
+}  // namespace varda

@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What a run leaves behind. Every report is a function of the model and the result alone; docs/
+// output-files.md describes them for users. Nothing but the object `times` of the JSON and the last
+// line of the summary depends on the machine.
+#pragma once
+
+#include <string>
+
+#include "varda/fit/fit_result.h"
+#include "varda/model/population_model.h"
+
+namespace varda {
+
+// Schema of fit.json and evaluate.json; raised when a key changes its meaning or goes.
+inline constexpr int json_schema_version = 1;
+
+std::string json_report(const population_model& model, const fit_result& result);
+
+// Tables with a header line, comma separated, numbers that read back to the same double.
+std::string estimates_csv(const population_model& model, const fit_result& result);
+std::string iterations_csv(const population_model& model, const fit_result& result);
+std::string subjects_csv(const population_model& model, const fit_result& result);
+
+// Page one, for people.
+std::string summary(const population_model& model, const fit_result& result);
+
+// -2 log-likelihood without the constant N log(2 pi) of `observations` observations.
+double without_constant(double minus2ll, int observations);
+
+// Coefficient of variation, in per cent, of a log-normal parameter with variance omega2.
+double log_normal_cv(double omega2);
+
+}  // namespace varda

@@ -1,0 +1,145 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cmath>
+#include <iterator>
+
+#include "varda/report/reports.h"
+#include "varda/version.h"
+
+namespace varda {
+
+namespace {
+
+using sink = std::back_insert_iterator<std::string>;
+
+void write_verdict(sink out, const fit_result& result) {
+  const auto passes = result.iterations.size();
+  if (result.what == task::evaluate)
+    fmt::format_to(out, "{}: {}\n\n", result.converged ? "Evaluated" : "NOT SETTLED",
+                   result.reason);
+  else
+    fmt::format_to(out, "{} after {} iterations\n  {}\n\n",
+                   result.converged ? "Converged" : "NOT CONVERGED", passes, result.reason);
+}
+
+void write_likelihood(sink out, const population_model& model, const fit_result& result) {
+  const likelihood_estimate& l = result.likelihood;
+  if (!l.complete) {
+    fmt::format_to(out, "-2 log-likelihood            not computed\n\n");
+    return;
+  }
+  fmt::format_to(out, "-2 log-likelihood      {:14.4f}   Monte-Carlo error {:.4f}\n", l.minus2ll,
+                 l.mc_se);
+  fmt::format_to(out, "  without N log(2 pi)  {:14.4f}   mean of {} scrambles of {} points\n\n",
+                 without_constant(l.minus2ll, model.data().observations()), l.replicates.size(),
+                 result.likelihood_samples);
+}
+
+std::string remark(const fit_result& result, const fixed_effect& t, std::size_t k) {
+  if (t.fixed) return "fixed";
+  for (const int held : result.held_by_bounds)
+    if (held == static_cast<int>(k)) return "held by its bound";
+  return "";
+}
+
+void write_line_of(sink out, const std::string& name, double value, const std::string& tail) {
+  std::string line = fmt::format("  {:<20} {:>12.6g}   {}", name, value, tail);
+  line.erase(line.find_last_not_of(' ') + 1);
+  fmt::format_to(out, "{}\n", line);
+}
+
+void write_fixed_effects(sink out, const population_model& model, const fit_result& result) {
+  fmt::format_to(out, "Parameter                  estimate\n");
+  for (std::size_t k = 0; k < model.thetas().size(); ++k) {
+    const fixed_effect& t = model.thetas()[k];
+    if (t.role == theta_role::residual_deviation) continue;
+    write_line_of(out, t.name, t.natural(result.theta(static_cast<Eigen::Index>(k))),
+                  remark(result, t, k));
+  }
+}
+
+void write_omega(sink out, const population_model& model, const fit_result& result) {
+  fmt::format_to(out, "\nRandom effect              variance         CV %   shrinkage %\n");
+  for (int i = 0; i < model.random_effects(); ++i) {
+    const double variance = result.omega(i, i);
+    const bool log_normal = model.thetas()[static_cast<std::size_t>(model.parameter_of(i))].law ==
+                            distribution::log_normal;
+    const std::string cv = log_normal ? fmt::format("{:.1f}", log_normal_cv(variance)) : "-";
+    write_line_of(out, model.effect_name(i), variance,
+                  fmt::format("{:>10}   {:>11.1f}{}", cv, 100.0 * result.shrinkage(i),
+                              model.omega_mask()(i, i) == 0.0 ? "   fixed" : ""));
+  }
+  for (int i = 0; i < model.random_effects(); ++i)
+    for (int j = 0; j < i; ++j) {
+      if (result.omega(i, j) == 0.0) continue;
+      const double correlation =
+          result.omega(i, j) / std::sqrt(result.omega(i, i) * result.omega(j, j));
+      write_line_of(out, model.effect_name(j) + "," + model.effect_name(i), result.omega(i, j),
+                    fmt::format("correlation {:.3f}", correlation));
+    }
+}
+
+void write_residual(sink out, const population_model& model, const fit_result& result) {
+  fmt::format_to(out, "\nResidual error            deviation\n");
+  for (const auto& r : model.residuals()) {
+    const auto k = static_cast<std::size_t>(r.theta);
+    write_line_of(out, r.name, result.theta(r.theta), remark(result, model.thetas()[k], k));
+  }
+}
+
+void write_quality(sink out, const population_model& model, const fit_result& result) {
+  if (!result.likelihood.complete) return;
+  std::vector<double> effective;
+  std::size_t least = 0;
+  std::size_t heaviest = 0;
+  const auto& subjects = result.likelihood.subjects;
+  for (std::size_t i = 0; i < subjects.size(); ++i) {
+    if (model.observations(static_cast<int>(i)) == 0) continue;
+    effective.push_back(subjects[i].effective_samples);
+    if (subjects[i].effective_samples < subjects[least].effective_samples ||
+        model.observations(static_cast<int>(least)) == 0)
+      least = i;
+    if (subjects[i].largest_weight > subjects[heaviest].largest_weight) heaviest = i;
+  }
+  std::nth_element(effective.begin(),
+                   effective.begin() + static_cast<std::ptrdiff_t>(effective.size() / 2),
+                   effective.end());
+  const auto& id = [&](std::size_t i) { return model.data().subjects[i].id; };
+  fmt::format_to(out,
+                 "\nSampling: of {} points a subject {:.0f} are effective (median), {:.0f} at the "
+                 "least (subject {});\nthe largest weight is {:.2f} % of the total (subject {})",
+                 result.likelihood_samples, effective[effective.size() / 2],
+                 subjects[least].effective_samples, id(least),
+                 100.0 * subjects[heaviest].largest_weight, id(heaviest));
+  if (result.kept_factors > 0)
+    fmt::format_to(out, "; {} times a proposal could not follow its subject", result.kept_factors);
+  fmt::format_to(out, ".\nCondition number of omega (as a correlation matrix): {:.4g}\n",
+                 result.omega_condition);
+}
+
+}  // namespace
+
+std::string summary(const population_model& model, const fit_result& result) {
+  std::string text;
+  const sink out(text);
+  const dataset& data = model.data();
+  fmt::format_to(out, "varda {}  {} of {}\n", version,
+                 result.what == task::fit ? "fit" : "evaluation", model.file().path);
+  if (!model.file().title.empty()) fmt::format_to(out, "{}\n", model.file().title);
+  fmt::format_to(out, "{} subjects, {} observations, {} doses ({})\n\n", model.subjects(),
+                 data.observations(), data.doses(), data.file);
+  write_verdict(out, result);
+  write_likelihood(out, model, result);
+  write_fixed_effects(out, model, result);
+  write_omega(out, model, result);
+  write_residual(out, model, result);
+  write_quality(out, model, result);
+  for (const finding& w : result.warnings) fmt::format_to(out, "\n{}\n", to_text(w));
+  fmt::format_to(out, "\nTime: start {:.3f} s, iterations {:.3f} s, likelihood {:.3f} s\n",
+                 result.times.start, result.times.iterations, result.times.likelihood);
+  return text;
+}
+
+}  // namespace varda
