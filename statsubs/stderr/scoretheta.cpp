@@ -1,0 +1,215 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "statsubs/stderr/scoretheta.h"
+
+#include <algorithm>
+#include <cassert>
+#include <cmath>
+
+#include "statsubs/state/global_variables.h"
+#include "statsubs/state/host.h"
+#include "statsubs/state/qrpemlocalvariables.h"
+#include "statsubs/stderr/free_omega.h"
+#include "statsubs/support/array.h"
+#include "statsubs/support/parallel.h"
+
+namespace statsubs {
+
+namespace gv = statsubs::global_variables;
+namespace qv = statsubs::qrpemlocalvariables;
+
+namespace {
+
+constexpr double least_weight = 1e-10;
+constexpr double relative_step = 0.01;
+constexpr double least_step = 1e-10;
+constexpr double stand_in_for_zero = 1e-15;
+constexpr int mean_of_none = -99;
+
+// A sample of the random effects.
+struct sample {
+  const double* eta;
+  double weight;
+  vector_view<const double> gradient;  // of ln N(eta; 0, omega) with respect to the mean
+};
+
+// Moves a fixed effect, and the residual deviation with it where the two are one, and puts back
+// what it found at the end of its life.
+class moved_theta {
+ public:
+  explicit moved_theta(int j)
+      : j_(j), theta_(gv::theta(j)), sigmalchol_(gv::sigmalchol), sigmasq_(gv::sigmasq) {}
+  ~moved_theta() {
+    gv::theta(j_) = theta_;
+    gv::sigmalchol = sigmalchol_;
+    gv::sigmasq = sigmasq_;
+  }
+  moved_theta(const moved_theta&) = delete;
+  moved_theta& operator=(const moved_theta&) = delete;
+
+  void move_to(double value) {
+    gv::theta(j_) = value;
+    if (gv::freesigmafound == 0 || j_ != gv::ntheta) return;
+    gv::sigmalchol = value;
+    gv::sigmasq = value * value;
+  }
+
+ private:
+  int j_;
+  double theta_, sigmalchol_, sigmasq_;
+};
+
+double objective_at(const double* eta) {
+  double f = 0.0;
+  host::fcnxeta(gv::leneta, eta, f);
+  return f;
+}
+
+double central_difference(int j, const double* eta) {
+  const double t0 = gv::theta(j);
+  const double h = std::max(relative_step * std::fabs(t0), least_step);
+  moved_theta theta(j);
+  theta.move_to(t0 + h);
+  const double above = objective_at(eta);
+  theta.move_to((t0 + h) - 2.0 * h);
+  const double below = objective_at(eta);
+  return (above - below) / (2.0 * h);
+}
+
+// The column of a fixed effect in the C matrix; 0 for none.
+int column_of(int j) {
+  return host::findloc1ddim1_i32(qv::iseqtheta.data(), qv::iseqtheta.size(), j);
+}
+
+double mean_score(int j, const sample& at) {
+  const double score = at.gradient(qv::itypetheta_etamap(j)) * at.weight;
+  const int column = column_of(j);
+  if (column == 0 || gv::ibaccolislog(column) != 1) return score;
+  return score / (gv::theta(j) == 0.0 ? stand_in_for_zero : gv::theta(j));
+}
+
+double covariate_score(int j, const sample& at) {
+  const int column = column_of(j);
+  if (column == 0) return 0.0;
+  double sum = 0.0;
+  for (int e = 1; e <= gv::leneta; ++e) {
+    const int row = gv::muetamap(e);
+    if (row != 0) sum += qv::cmatrix_3d(row, column, gv::izub) * at.gradient(e);
+  }
+  return at.weight * sum;
+}
+
+double theta_score(int j, const sample& at) {
+  if (qv::itypetheta_etamap(j) != mean_of_none) return mean_score(j, at);
+  if (qv::itypetheta(j) == 0 && qv::cmatrix_3d.rows() == gv::leneta) return covariate_score(j, at);
+  return central_difference(j, at.eta) * at.weight;
+}
+
+double usable(double score) {
+  return host::isgoodr8(score) == 1 ? score : 0.0;
+}
+
+// gradient <- omegainv eta.
+void mean_gradient(matrix_view<const double> omegainv, const double* eta,
+                   vector_view<double> gradient) {
+  for (int i = 1; i <= gradient.size(); ++i) {
+    double sum = 0.0;
+    for (int j = 1; j <= gradient.size(); ++j) sum += omegainv(i, j) * eta[j - 1];
+    gradient(i) = sum;
+  }
+}
+
+// Derivatives of ln N(eta; 0, omega) with respect to omega, from the one with respect to the mean.
+class omega_scores {
+ public:
+  explicit omega_scores(int n)
+      : element_("derivatives by the elements of omega", n, n), diagonal_("their diagonal", n, n) {}
+
+  void update(matrix_view<const double> omegainv, vector_view<const double> gradient) {
+    const int n = gradient.size();
+    for (int j = 1; j <= n; ++j)
+      for (int i = 1; i <= n; ++i)
+        element_(i, j) = 0.5 * (gradient(i) * gradient(j) - omegainv(i, j));
+    host::diag_2d(n, element_.data(), diagonal_.data());
+  }
+  // By element (i, j) and its mirror image together.
+  double operator()(int i, int j) const { return 2.0 * element_(i, j) - diagonal_(i, j); }
+
+ private:
+  matrix<double> element_, diagonal_;
+};
+
+// A column of scores per sample; those of samples that are left out or belong to another process
+// stay 0.
+struct sample_scores {
+  sample_scores(int nomegafree, int nsample)
+      : theta("the scores of the samples for theta", gv::ntheta, nsample),
+        omega("the scores of the samples for omega", nomegafree, nsample) {}
+  matrix<double> theta;
+  matrix<double> omega;
+};
+
+void score_sample(const sample& at, vector_view<double> theta, vector_view<double> omega,
+                  omega_scores& by_omega) {
+  objective_at(at.eta);  // shows the host the sample at the parameters as they are
+  for (int j = 1; j <= gv::ntheta; ++j) theta(j) = usable(theta_score(j, at));
+  if (omega.size() == 0) return;
+  by_omega.update(gv::omegainv, at.gradient);
+  for_each_free_omega(gv::omegamask, omega.size(),
+                      [&](int c, int i, int j) { omega(c) = usable(by_omega(i, j) * at.weight); });
+}
+
+void score_own_samples(matrix_view<const double> samples, vector_view<const double> weights,
+                       sample_scores& scores) {
+  assert(gv::numprocs >= 1);
+  vector<double> gradient("the derivative by the mean", gv::leneta);
+  omega_scores by_omega(gv::leneta);
+  const int first = gv::myid == 0 ? gv::numprocs : gv::myid;
+  for (int k = first; k <= weights.size(); k += gv::numprocs) {
+    if (weights(k) <= least_weight) continue;
+    const double* eta = samples.column(k).data();
+    mean_gradient(gv::omegainv, eta, gradient);
+    score_sample({eta, weights(k), gradient}, scores.theta.column(k), scores.omega.column(k),
+                 by_omega);
+  }
+}
+
+// Adds what the processes found; entries have one contributor, so the order does not matter.
+void share(matrix_view<double> scores) {
+  support::allreduce_sum({scores.data(), scores.rows() * scores.columns()}, gv::numprocs);
+}
+
+double row_sum(matrix_view<const double> a, int row) {
+  double sum = 0.0;
+  for (int k = 1; k <= a.columns(); ++k) sum += a(row, k);
+  return sum;
+}
+
+void sum_over_samples(const sample_scores& scores) {
+  std::fill(gv::scorevec_expanded.begin(), gv::scorevec_expanded.end(), 0.0);
+  for (int j = 1; j <= gv::ntheta; ++j)
+    gv::scorevec_expanded(j) = gv::scorevec(j) = row_sum(scores.theta, j);
+  for (int c = 1; c <= scores.omega.rows(); ++c)
+    gv::scorevec_expanded(gv::ntheta + c) = row_sum(scores.omega, c);
+}
+
+void add_outer_product(vector_view<const double> x, matrix_view<double> a) {
+  for (int j = 1; j <= a.columns(); ++j)
+    for (int i = 1; i <= a.rows(); ++i) a(i, j) += x(i) * x(j);
+}
+
+}  // namespace
+
+void scoretheta(const int& isub, const int& nsample, const double* dsample2, const double* wtcond2,
+                double* scoremat_qrpem, const int& nomegafree) {
+  gv::izub = isub;
+  host::setisub(isub);
+  sample_scores scores(nomegafree, nsample);
+  score_own_samples({dsample2, gv::leneta, nsample}, {wtcond2, nsample}, scores);
+  share(scores.theta);
+  if (scores.omega.rows() > 0) share(scores.omega);
+  sum_over_samples(scores);
+  const int n = gv::ntheta + scores.omega.rows();
+  add_outer_product(gv::scorevec_expanded, {scoremat_qrpem, n, n});
+}
+
+}  // namespace statsubs
