@@ -52,7 +52,7 @@ expect_status 0 "another seed" "$varda" fit theophylline.toml --output three --s
 cmp -s one/estimates.csv three/estimates.csv && fail "the seed changes nothing"
 
 expect_status 0 "an evaluation" "$varda" evaluate theophylline.toml --output evaluated
-grep -q '^CL,3,0$' evaluated/estimates.csv || fail "evaluate moved the parameters"
+grep -q '^CL,3,0,' evaluated/estimates.csv || fail "evaluate moved the parameters"
 grep -q '"task": "evaluate"' evaluated/evaluate.json || fail "evaluate.json is wrong"
 
 expect_status 0 "records on the terminal" "$varda" fit theophylline.toml --output four --records
@@ -90,6 +90,21 @@ if [ -n "$mpiexec" ]; then
     same_results one "by$count"
     [ "$(grep -c '^Converged' stdout)" -eq 1 ] || fail "$count processes do not print once"
   done
+  # A subject without observations, and one process more than there are points for.
+  { cat theophylline.csv; echo "13,0,300,0,1,70"; } >sparse.csv
+  sed 's/^file = .*/file = "sparse.csv"/; s/^samples = .*/samples = 6/' theophylline.toml >sparse.toml
+  "$varda" fit sparse.toml --output sparse --quiet >/dev/null
+  "$mpiexec" -n 4 "$varda" fit sparse.toml --output sparse4 --quiet >/dev/null 2>&1
+  same_results sparse sparse4
+  # A process that dies takes the job down.
+  sed 's/^samples = 300/samples = 30000\nrun_all = true/' theophylline.toml >long.toml
+  timeout 120 "$mpiexec" -n 2 "$varda" fit long.toml --output long --quiet >/dev/null 2>stderr &
+  sleep 2
+  pkill -KILL -n -f -- "fit long.toml" || fail "the long run has ended too early"
+  wait $!
+  status=$?
+  [ "$status" -ne 0 ] && [ "$status" -ne 124 ] || fail "a dead process leaves status $status"
+  [ -s stderr ] || fail "a dead process leaves no message"
   expect_status 2 "refused by two processes" \
     timeout 120 "$mpiexec" -n 2 "$varda" fit theophylline.toml --output occupied
 fi

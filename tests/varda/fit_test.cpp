@@ -9,6 +9,7 @@
 
 #include <cmath>
 
+#include "tests/support/fake_host.h"
 #include "tests/varda/theophylline.h"
 
 namespace {
@@ -238,6 +239,93 @@ INSTANTIATE_TEST_SUITE_P(
                   f.residual = {varda::error_kind::combined, 0.25, 0.2, true, false};
                 }}),
     name_of);
+
+// Relative errors of all estimates of a kind against the reference's column.
+void expect_errors(const std::vector<varda::estimate_error>& errors, const char* kind,
+                   std::size_t column) {
+  const auto exact = test::reference("theophylline-additive.csv");
+  const char* rows[] = {"lka", "lCL", "lV", "sd_add", "om2(lka)", "om2(lCL)", "om2(lV)"};
+  ASSERT_EQ(errors.size(), 7U);
+  for (std::size_t k = 0; k < 7; ++k) {
+    // The reference's errors of log parameters are relative.
+    const double se = k < 3 ? errors[k].rse_percent / 100.0 : errors[k].se;
+    EXPECT_NEAR(se / exact.at(rows[k])[column], 1.0, 0.03) << kind << " " << rows[k];
+  }
+}
+
+TEST(StandardErrors, MatchTheExactOnesOfEveryKind) {
+  const population_model model = test::theophylline();
+  const varda::fit_result result = test::fit(model);
+  expect_errors(result.errors.by_information, "information", 1);
+  expect_errors(result.errors.by_score, "score", 2);
+  expect_errors(result.errors.by_sandwich, "sandwich", 3);
+  EXPECT_THAT(result.warnings,
+              testing::Contains(testing::Field(&varda::finding::code, "W-RUN-ERRORS-DISAGREE")));
+  EXPECT_NEAR(result.errors.eigenvalues.sum(), 7.0, 1e-10);
+  // The interval of a log-normal parameter is symmetric on the logarithmic scale.
+  const auto& ka = result.errors.by_information[0];
+  EXPECT_NEAR(ka.ci_lower * ka.ci_upper, result.theta(0) * result.theta(0), 1e-10);
+}
+
+TEST(StandardErrors, TooFewSubjectsForScores) {
+  population_model whole = test::theophylline();
+  varda::dataset few = whole.data();
+  few.subjects.resize(7);
+  const population_model model(whole.file(), few);
+  const varda::fit_result result = test::fit(model);
+  EXPECT_FALSE(result.errors.score.known);
+  EXPECT_TRUE(result.errors.by_score.empty());
+  EXPECT_THAT(result.errors.score.reason, testing::HasSubstr("7 subjects"));
+  EXPECT_EQ(result.errors.by_information.size(), 7U);
+}
+
+TEST(StandardErrors, NoneForAParameterAtItsBound) {
+  test::captured_unit output;
+  const population_model model = test::theophylline([](model_file& file) {
+    file.parameters[2].start = 29.0;
+    file.parameters[2].upper = 30.0;
+  });
+  const varda::fit_result result = test::fit(model, false);
+  EXPECT_TRUE(result.errors.chosen().empty());
+  EXPECT_EQ(result.errors.reason, "a parameter lies at its bound");
+  EXPECT_TRUE(result.converged);
+  EXPECT_THAT(output.lines(), testing::Contains(" Warning: parameter value near bound"));
+  EXPECT_THAT(output.lines(),
+              testing::Contains("    3      0.0000E+00      0.3000E+02      0.3000E+02"));
+}
+
+// Two parameters without a random effect that only matter through their sum would be needed for a
+// flat likelihood; an effect of a covariate that is almost the same for all subjects comes near.
+TEST(StandardErrors, NameADirectionThatIsNotIdentified) {
+  population_model whole = test::theophylline();
+  varda::dataset data = whole.data();
+  data.covariate_names = {"WT"};
+  for (std::size_t i = 0; i < data.subjects.size(); ++i)
+    data.subjects[i].covariates = {1.0 + 1e-3 * static_cast<double>(i % 3)};
+  varda::model_file file = whole.file();
+  file.data.covariates = {"WT"};
+  file.parameters[1].effects.push_back(
+      {.name = "CL_WT", .covariate = "WT", .form = varda::effect_form::exponential, .center = 0.0});
+
+  const population_model model(file, data);
+  const varda::fit_result result = test::fit(model);
+  EXPECT_GT(result.errors.condition_number, 1e6) << result.errors.reason << result.reason;
+  EXPECT_THAT(result.errors.unidentified,
+              testing::AllOf(testing::HasSubstr("CL"), testing::HasSubstr("CL_WT")));
+}
+
+TEST(Startup, EndsAtTheSameMaximum) {
+  for (const int rounds : {1, 3}) {
+    const population_model model =
+        test::theophylline([&](model_file& file) { file.estimation.map_np = rounds; });
+    const varda::fit_result result = test::fit(model);
+    EXPECT_TRUE(result.converged);
+    EXPECT_LT(exact_at(model, result, 0, 1.0), exact_minimum + 0.03);
+  }
+  const population_model assisted =
+      test::theophylline([](model_file& file) { file.estimation.map_assist = 4; });
+  EXPECT_LT(exact_at(assisted, test::fit(assisted), 0, 1.0), exact_minimum + 0.03);
+}
 
 TEST(Fit, FreezingOmegaLeavesItAloneDuringBurnIn) {
   const population_model model = test::theophylline([](model_file& file) {

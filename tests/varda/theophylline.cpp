@@ -2,9 +2,11 @@
 #include "tests/varda/theophylline.h"
 
 #include <fstream>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 
+#include "tests/support/fake_host.h"
 #include "varda/host/engine_host.h"
 #include "varda/report/reports.h"
 
@@ -37,12 +39,15 @@ void set_parameters(varda::model_file& file, const std::vector<double>& typical,
   file.residual.additive = additive;
 }
 
-varda::fit_result fit(const varda::population_model& model) {
+varda::fit_result fit(const varda::population_model& model, bool quiet) {
+  std::optional<captured_unit> swallowed;
+  if (quiet) swallowed.emplace();
   varda::engine_host host(model, alone());
   return varda::fit(host, [](const varda::iteration_record&, int) {});
 }
 
 varda::fit_result evaluate(const varda::population_model& model) {
+  const captured_unit swallowed;
   varda::engine_host host(model, alone());
   return varda::evaluate(host, [](const varda::iteration_record&, int) {});
 }

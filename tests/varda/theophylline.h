@@ -21,7 +21,8 @@ varda::population_model theophylline(const std::function<void(varda::model_file&
 void set_parameters(varda::model_file& file, const std::vector<double>& typical,
                     const std::vector<double>& variances, double additive);
 
-varda::fit_result fit(const varda::population_model& model);
+// The library's records are swallowed unless `quiet` is false.
+varda::fit_result fit(const varda::population_model& model, bool quiet = true);
 varda::fit_result evaluate(const varda::population_model& model);
 
 // -2 log-likelihood without N log(2 pi).

@@ -7,6 +7,7 @@
 
 #include "varda/cli/run.h"
 #include "varda/host/job.h"
+#include "varda/model/model_file.h"
 #include "varda/support/finding.h"
 #include "varda/version.h"
 
@@ -15,11 +16,13 @@ namespace {
 void describe(CLI::App* command, varda::run_request& request) {
   command->add_option("model", request.model_path, "model file (TOML)")->required();
   command->add_option("-o,--output", request.output_path, "folder for the results")->required();
-  command->add_option("--seed", request.seed, "instead of the model file's estimation.seed")
-      ->check(CLI::PositiveNumber);
   command
-      ->add_option("--samples", request.samples, "instead of the model file's estimation.samples")
-      ->check(CLI::PositiveNumber);
+      ->add_option("--seed", request.overrides.seed, "instead of the model file's estimation.seed")
+      ->check(CLI::Range(1, varda::largest_seed));
+  command
+      ->add_option("--samples", request.overrides.samples,
+                   "instead of the model file's estimation.samples")
+      ->check(CLI::Range(varda::least_samples, varda::most_samples));
   command->add_flag("-q,--quiet", request.quiet, "no progress");
   command->add_flag("--records", request.records_to_terminal,
                     "print the library's own records instead of writing records.txt");

@@ -50,9 +50,7 @@ void on_interrupt(int signal) {
 }
 
 population_model prepare(const run_request& request, findings& warnings) {
-  model_file file = read_model_file(request.model_path, warnings);
-  if (request.seed) file.estimation.seed = *request.seed;
-  if (request.samples) file.estimation.samples = *request.samples;
+  model_file file = read_model_file(request.model_path, warnings, request.overrides);
   dataset data = read_dataset(file.data, warnings);
   population_model model(std::move(file), std::move(data));
   check_start(model);
@@ -107,7 +105,7 @@ exit_status run(const run_request& request, const job& peers) {
                           ? fit(host, make_progress(style, "iteration"))
                           : evaluate(host, make_progress(style, "pilot pass"));
   finish_progress(style);
-  result.warnings = warnings;
+  result.warnings.insert(result.warnings.begin(), warnings.begin(), warnings.end());
   result.times.total =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
 

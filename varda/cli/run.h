@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <optional>
 #include <string>
 
 #include "varda/fit/fit_result.h"
 #include "varda/host/job.h"
+#include "varda/model/model_file.h"
 
 namespace varda {
 
@@ -17,8 +17,7 @@ struct run_request {
   task what = task::fit;
   std::string model_path;
   std::string output_path;
-  std::optional<int> seed;     // instead of the model file's
-  std::optional<int> samples;  // likewise
+  setting_overrides overrides;
   bool quiet = false;
   bool records_to_terminal = false;  // the library's own records; otherwise records.txt
 };

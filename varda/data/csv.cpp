@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <charconv>
 #include <filesystem>
 #include <fstream>
@@ -27,13 +28,29 @@ std::string whole_file(const std::string& file) {
                      .file = file});
   std::ostringstream content;
   content << in.rdbuf();
-  return content.str();
+  std::string text = content.str();
+  // Spreadsheets save "Unicode text" in two bytes a character.
+  if (text.find('\0') != std::string::npos)
+    throw bad_input({.code = "E-DATA-FILE",
+                     .message = "the data file is not plain text",
+                     .remedy = "save it as CSV in UTF-8",
+                     .file = file});
+  return text;
 }
 
+// A separator in a column name ("conc, mg/L") must not decide, so the most frequent one does.
 char separator_of(std::string_view header) {
-  for (const char c : {',', ';', '\t'})
-    if (header.find(c) != std::string_view::npos) return c;
-  return ',';
+  std::string unquoted;
+  bool quoted = false;
+  for (const char c : header) {
+    if (c == '"') quoted = !quoted;
+    if (!quoted) unquoted += c;
+  }
+  const auto count = [&](char c) { return std::count(unquoted.begin(), unquoted.end(), c); };
+  char most = ',';
+  for (const char c : {';', '\t'})
+    if (count(c) > count(most)) most = c;
+  return most;
 }
 
 std::string_view without_blanks(std::string_view text) {
@@ -77,17 +94,17 @@ std::optional<std::vector<std::string>> split(std::string_view line, char separa
   return fields;
 }
 
-void check_header(const csv_table& table, int line) {
+void check_header(const csv_table& table) {
   for (std::size_t i = 0; i < table.header.size(); ++i)
     for (std::size_t j = 0; j < i; ++j)
-      if (equal_ignoring_case(table.header[i], table.header[j]))
+      if (!table.header[i].empty() && equal_ignoring_case(table.header[i], table.header[j]))
         throw bad_input({.code = "E-DATA-HEADER",
                          .message = fmt::format("the column name stands twice in the header, as "
                                                 "columns {} and {}",
                                                 j + 1, i + 1),
                          .remedy = "rename one of the two",
                          .file = table.file,
-                         .row = line,
+                         .row = table.header_line,
                          .column = table.header[i]});
 }
 
@@ -105,7 +122,7 @@ csv_table read_csv(const std::string& file) {
     const std::size_t end = rest.find('\n');
     const std::string_view text = rest.substr(0, end);
     rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
-    if (without_blanks(text).empty()) continue;
+    if (without_blanks(text).empty() || without_blanks(text).front() == '#') continue;
     const bool is_header = table.header.empty();
     if (is_header) separator = separator_of(text);
     auto fields = split(text, separator);
@@ -117,7 +134,8 @@ csv_table read_csv(const std::string& file) {
                        .row = line});
     if (is_header) {
       table.header = std::move(*fields);
-      check_header(table, line);
+      table.header_line = line;
+      check_header(table);
       continue;
     }
     if (fields->size() != table.header.size())

@@ -8,21 +8,23 @@
 
 namespace varda {
 
-// A table of text fields with a header line. The separator is the first of comma, semicolon and tab
-// that the header contains; fields may stand in double quotes; blanks around a field do not count;
-// LF and CR LF both end a line, a byte order mark is skipped, and empty lines are passed over.
+// A table of text fields with a header line. The separator is that of comma, semicolon and tab
+// which the header has most of outside quotes; fields may stand in double quotes; blanks around a
+// field do not count; LF and CR LF both end a line, a byte order mark is skipped, and empty lines
+// and those that begin with # are passed over.
 struct csv_table {
   struct record {
-    int line = 0;  // in the file, from 1; the header is line 1 unless empty lines stand before it
+    int line = 0;  // in the file, from 1
     std::vector<std::string> fields;
   };
   std::string file;
-  std::vector<std::string> header;
-  std::vector<record> records;  // each with as many fields as the header
+  int header_line = 0;              // 1 unless lines that are passed over stand before it
+  std::vector<std::string> header;  // a column without a name is "", and there may be several
+  std::vector<record> records;      // each with as many fields as the header
 };
 
-// Reads a file, or throws bad_input: no such file, nothing in it, a row of another length, a quote
-// that is not closed, a column name twice.
+// Reads a file, or throws bad_input: no such file, not plain text, nothing in it, a row of another
+// length, a quote that is not closed, a column name twice.
 csv_table read_csv(const std::string& file);
 
 // ".", an empty field and "NA" stand for a missing value.

@@ -19,6 +19,8 @@ namespace {
 // other than 0 in them is refused for as long as it would be ignored.
 const std::vector<std::string> known_roles = {"ID", "TIME", "DV", "AMT", "EVID", "MDV", "CMT"};
 const std::vector<std::string> unsupported_roles = {"RATE", "DUR", "II", "ADDL", "SS", "CENS"};
+// Tells endpoints apart: 0 and 1 stand for the first, which is the only one so far.
+const std::string endpoint_role = "DVID";
 
 enum event_code { observation_event = 0, dose_event = 1, other_event = 2 };
 
@@ -29,7 +31,9 @@ class reader {
       : source_(source), warnings_(warnings), table_(read_csv(source.file)) {
     for (const std::string& role : known_roles) columns_[role] = find_role(role);
     for (const std::string& role : unsupported_roles) columns_[role] = find_role(role);
-    for (const char* needed : {"ID", "TIME", "DV"})
+    columns_[endpoint_role] = find_role(endpoint_role);
+    // Without amounts there is no dose, and nothing that the models could predict.
+    for (const char* needed : {"ID", "TIME", "DV", "AMT"})
       if (columns_.at(needed) < 0) throw no_column(needed);
     for (const std::string& covariate : source.covariates)
       covariate_columns_.push_back(find_covariate(covariate));
@@ -75,7 +79,7 @@ class reader {
                                                    fmt::format("{}", fmt::join(table_.header, ", "))
                                              : "did you mean " + near + "?",
                       .file = source_.file,
-                      .row = 1,
+                      .row = table_.header_line,
                       .column = name});
   }
 
@@ -180,6 +184,9 @@ class reader {
                  "write each dose as a record of its own, as a bolus or into the depot",
                  column_name(role));
     }
+    if (whole_number(endpoint_role, 0) > 1)
+      throw at("E-DATA-UNSUPPORTED", "a second endpoint is not supported",
+               "keep the records of one endpoint", column_name(endpoint_role));
   }
 
   void enter_subject() {
@@ -203,6 +210,13 @@ class reader {
   void finish_subject() {
     const subject& who = data_.subjects.back();
     last_rows_[who.id] = last_row_;
+    if (who.doses.empty())
+      throw bad_input({.code = "E-DATA-DOSE",
+                       .message = "the subject has no dose",
+                       .remedy = "add its dose record, or leave the subject out",
+                       .file = source_.file,
+                       .row = who.first_row,
+                       .subject = who.id});
     for (std::size_t k = 0; k < covariate_columns_.size(); ++k)
       if (std::isnan(who.covariates[k]))
         throw bad_input({.code = "E-DATA-COVARIATE",

@@ -14,8 +14,7 @@ namespace varda {
 // individual parameters that the E-step resampled, summed over the subjects.
 class conditional_maximum {
  public:
-  // `positions`: the free entries of theta to move. `theta` fixes the others, and the individual
-  // parameters of the resampled points.
+  // `theta`: the parameters at which the points were drawn. `positions`: its entries to move.
   conditional_maximum(const population_model& model, const e_step& found,
                       const Eigen::VectorXd& theta, const std::vector<int>& positions);
 
@@ -23,20 +22,11 @@ class conditional_maximum {
   std::vector<int> move(Eigen::VectorXd& theta);
 
  private:
-  // The search runs over logarithms where an entry is positive by its nature or its start.
-  bool on_log_scale(std::size_t k) const;
-  double to_search(std::size_t k, double theta) const;
-  double from_search(std::size_t k, double x) const;
-  double objective(const Eigen::VectorXd& x);
+  double objective(const Eigen::VectorXd& theta);
   void predict(int subject, Eigen::Index point);
-
-  const fixed_effect& entry(std::size_t k) const {
-    return model_.thetas()[static_cast<std::size_t>(positions_[k])];
-  }
 
   const population_model& model_;
   std::vector<int> positions_;
-  Eigen::VectorXd trial_;
   bool predictions_move_ = false;             // some entry is a structural parameter
   std::vector<Eigen::VectorXd> weights_;      // per subject, of its points
   std::vector<Eigen::MatrixXd> individuals_;  // per subject: structural parameters x points

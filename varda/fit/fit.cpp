@@ -15,6 +15,7 @@
 #include "varda/fit/mstep.h"
 #include "varda/fit/points.h"
 #include "varda/fit/proposals.h"
+#include "varda/fit/startup.h"
 
 namespace varda {
 
@@ -93,9 +94,11 @@ fit_result fit(engine_host& host, const progress_listener& progress) {
   result.what = task::fit;
   stopwatch watch;
 
-  point_source points(host, std::max(gv::nsampset, likelihood_samples(host)));
+  point_source points(host,
+                      std::max({gv::nsampset, likelihood_samples(host), settings.se_samples}));
+  bool started = gv::ngetmapnp <= 0 || map_np_start(host);
   proposals adaptive(host);
-  const bool started = adaptive.from_modes();
+  started = started && adaptive.from_modes();
   result.times.start = watch.lap();
 
   maximisation_step maximisation(host);
@@ -125,6 +128,13 @@ fit_result fit(engine_host& host, const progress_listener& progress) {
   if (stopped) result.reason = stop_reason();
   result.held_by_bounds = maximisation.held_by_bounds();
   conclude(host, adaptive, points, result);
+  if (settings.standard_errors != standard_error_kind::none && result.likelihood.complete) {
+    watch.lap();
+    result.errors = estimate_standard_errors(host, adaptive, points);
+    result.warnings = result.errors.warnings;
+    result.times.standard_errors = watch.lap();
+  }
+  result.evaluations = host.evaluations();
   return result;
 }
 

@@ -59,28 +59,47 @@ minimum minimise(const objective_function& f, const Eigen::VectorXd& start,
   return minimise(f, start, step, -infinite, infinite, precision);
 }
 
-Eigen::MatrixXd hessian(const objective_function& f, const Eigen::VectorXd& x,
-                        const Eigen::VectorXd& step) {
-  const Eigen::Index n = x.size();
-  const double centre = f(x);
-  Eigen::MatrixXd h(n, n);
-  Eigen::VectorXd at = x;
-  const auto shifted = [&](Eigen::Index i, double di, Eigen::Index j, double dj) {
-    at = x;
-    at(i) += di * step(i);
-    if (j != i) at(j) += dj * step(j);
-    return f(at);
-  };
-  for (Eigen::Index i = 0; i < n; ++i) {
-    h(i, i) = (shifted(i, 1, i, 0) - 2.0 * centre + shifted(i, -1, i, 0)) / (step(i) * step(i));
-    for (Eigen::Index j = 0; j < i; ++j) {
-      h(i, j) = (shifted(i, 1, j, 1) - shifted(i, 1, j, -1) - shifted(i, -1, j, 1) +
-                 shifted(i, -1, j, -1)) /
-                (4.0 * step(i) * step(j));
+difference_stencil::difference_stencil(const Eigen::VectorXd& centre, const Eigen::VectorXd& step)
+    : step_(step) {
+  const Eigen::Index n = centre.size();
+  points_ = centre.replicate(1, 1 + 2 * n * n);
+  Eigen::Index at = 1;
+  for (Eigen::Index i = 0; i < n; ++i)
+    for (const double side : {1.0, -1.0}) points_(i, at++) += side * step(i);
+  for (Eigen::Index i = 0; i < n; ++i)
+    for (Eigen::Index j = 0; j < i; ++j)
+      for (const double side_i : {1.0, -1.0})
+        for (const double side_j : {1.0, -1.0}) {
+          points_(i, at) += side_i * step(i);
+          points_(j, at++) += side_j * step(j);
+        }
+}
+
+Eigen::VectorXd difference_stencil::curvatures(const Eigen::VectorXd& values) const {
+  Eigen::VectorXd diagonal(step_.size());
+  for (Eigen::Index i = 0; i < step_.size(); ++i)
+    diagonal(i) = (values(1 + 2 * i) - 2.0 * values(0) + values(2 + 2 * i)) / (step_(i) * step_(i));
+  return diagonal;
+}
+
+Eigen::MatrixXd difference_stencil::hessian(const Eigen::VectorXd& values) const {
+  Eigen::MatrixXd h = curvatures(values).asDiagonal();
+  Eigen::Index at = 1 + 2 * step_.size();
+  for (Eigen::Index i = 0; i < step_.size(); ++i)
+    for (Eigen::Index j = 0; j < i; ++j, at += 4) {
+      h(i, j) = (values(at) - values(at + 1) - values(at + 2) + values(at + 3)) /
+                (4.0 * step_(i) * step_(j));
       h(j, i) = h(i, j);
     }
-  }
   return h;
+}
+
+Eigen::MatrixXd hessian(const objective_function& f, const Eigen::VectorXd& x,
+                        const Eigen::VectorXd& step) {
+  const difference_stencil stencil(x, step);
+  Eigen::VectorXd values(stencil.points().cols());
+  for (Eigen::Index k = 0; k < values.size(); ++k) values(k) = f(stencil.points().col(k));
+  return stencil.hessian(values);
 }
 
 }  // namespace varda

@@ -25,8 +25,24 @@ minimum minimise(const objective_function& f, const Eigen::VectorXd& start,
 minimum minimise(const objective_function& f, const Eigen::VectorXd& start,
                  const Eigen::VectorXd& step, double precision);
 
-// Hessian of f at x by central differences with the given step in every direction; the error is of
-// the order of step^2 times the fourth derivatives.
+// Central second differences about a point: the points at which a function has to be known, and its
+// Hessian from the values there. The error is of the order of step^2 times the fourth derivatives.
+class difference_stencil {
+ public:
+  difference_stencil(const Eigen::VectorXd& centre, const Eigen::VectorXd& step);
+
+  // One a column: the centre, then for every coordinate one step up and one down, then for every
+  // pair of coordinates the four corners.
+  const Eigen::MatrixXd& points() const { return points_; }
+  Eigen::MatrixXd hessian(const Eigen::VectorXd& values) const;
+  // The diagonal of the Hessian, from the values at the first 2 n + 1 points alone.
+  Eigen::VectorXd curvatures(const Eigen::VectorXd& values) const;
+
+ private:
+  Eigen::VectorXd step_;
+  Eigen::MatrixXd points_;
+};
+
 Eigen::MatrixXd hessian(const objective_function& f, const Eigen::VectorXd& x,
                         const Eigen::VectorXd& step);
 

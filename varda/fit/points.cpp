@@ -20,8 +20,9 @@ constexpr int sequence_digits = 30;
 // Replicates are independent draws: without scrambling they would repeat one another.
 constexpr int replicate_scrambling = 1;
 
-// Streams of one seed: iterations from 1, replicates far above them.
+// Streams of one seed: iterations from 0, the standard errors and the replicates far above them.
 constexpr std::uint64_t streams_per_seed = std::uint64_t{1} << 32;
+constexpr std::uint64_t standard_error_stream = std::uint64_t{1} << 30;
 constexpr std::uint64_t first_replicate_stream = std::uint64_t{1} << 31;
 
 }  // namespace
@@ -70,21 +71,27 @@ void point_source::rewind() {
   statsubs::bdsobl::count = 0;
 }
 
-void point_source::begin_iteration(int iteration) {
+std::uint64_t point_source::stream(std::uint64_t purpose) const {
   const auto seed = static_cast<std::uint64_t>(host_.model().file().estimation.seed);
-  host_.set_random_stream(seed * streams_per_seed +
-                          (fresh_ ? static_cast<std::uint64_t>(iteration) : 0));
+  return seed * streams_per_seed + purpose;
+}
+
+void point_source::begin_iteration(int iteration) {
+  host_.set_random_stream(stream(fresh_ ? static_cast<std::uint64_t>(iteration) : 0));
   if (fresh_ && iteration > 1)
     scramble(type_);
   else
     rewind();
 }
 
+void point_source::begin_standard_errors() {
+  host_.set_random_stream(stream(standard_error_stream));
+  scramble(type_);
+}
+
 void point_source::begin_replicate(int replicate) {
   const estimation_settings& settings = host_.model().file().estimation;
-  const auto seed = static_cast<std::uint64_t>(settings.seed);
-  host_.set_random_stream(seed * streams_per_seed + first_replicate_stream +
-                          static_cast<std::uint64_t>(replicate));
+  host_.set_random_stream(stream(first_replicate_stream + static_cast<std::uint64_t>(replicate)));
   // The blocks of scramblings that different seeds use for their replicates do not overlap.
   if (replicate == 1)
     for (int k = 0; k < settings.seed * (settings.replicates - 1); ++k)

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <cstdint>
 
 #include "varda/host/engine_host.h"
 
@@ -21,6 +22,8 @@ class point_source {
 
   // Before the first subject of an iteration, counted from 1.
   void begin_iteration(int iteration);
+  // Before the first subject of the pass for standard errors.
+  void begin_standard_errors();
   // Before the first subject of a replicate, counted from 1: independent of all other points.
   void begin_replicate(int replicate);
 
@@ -29,6 +32,7 @@ class point_source {
 
   void scramble(int type);
   void rewind();
+  std::uint64_t stream(std::uint64_t purpose) const;
 
   engine_host& host_;
   std::array<int, dimensions_> first_point_{};  // digits of the point that starts the sequence

@@ -2,14 +2,13 @@
 #include "varda/fit/proposals.h"
 
 #include <Eigen/Cholesky>
-#include <Eigen/LU>
 #include <cmath>
 
 #include "statsubs/state/global_variables.h"
 #include "statsubs/state/host.h"
 #include "statsubs/state/qrpemlocalvariables.h"
 #include "statsubs/stderr/qncurv.h"
-#include "varda/fit/minimise.h"
+#include "varda/fit/modes.h"
 
 namespace varda {
 
@@ -18,50 +17,8 @@ namespace qv = statsubs::qrpemlocalvariables;
 
 namespace {
 
-// Modes are searched in units of omega's standard deviations.
-constexpr double first_step = 0.5;
-constexpr double mode_precision = 1e-5;
-// In units of the conditional standard deviations: truncation and rounding of the second
-// differences are then both near 1e-7.
-constexpr double curvature_step = 1e-3;
 // A factor that is kept grows by this much, so that a proposal which missed the mass finds it.
 constexpr double rescue_widening = 1.5;
-
-struct mode_and_curvature {
-  Eigen::VectorXd mode;
-  Eigen::MatrixXd factor;  // lower Cholesky factor of the Hessian
-};
-
-mode_and_curvature find_mode(engine_host& host, int subject) {
-  const Eigen::VectorXd scale = host.omega().diagonal().cwiseSqrt();
-  const auto objective = [&](const Eigen::VectorXd& x) {
-    const Eigen::VectorXd eta = x.cwiseProduct(scale);
-    return host.objective(subject, eta.data());
-  };
-  const Eigen::Index n = scale.size();
-  const minimum lowest = minimise(objective, Eigen::VectorXd::Zero(n),
-                                  Eigen::VectorXd::Constant(n, first_step), mode_precision);
-
-  // A rough Hessian gives the conditional standard deviations that the exact one is stepped by.
-  const Eigen::MatrixXd identity = Eigen::MatrixXd::Identity(n, n);
-  Eigen::MatrixXd curvature = identity;
-  Eigen::VectorXd step = Eigen::VectorXd::Constant(n, 10.0 * curvature_step);
-  bool definite = true;
-  for (int pass = 0; pass < 2 && definite; ++pass) {
-    const Eigen::MatrixXd h = hessian(objective, lowest.x, step);
-    definite = h.allFinite() && Eigen::LLT<Eigen::MatrixXd>(h).info() == Eigen::Success;
-    if (!definite) break;
-    curvature = h;
-    step = curvature_step * h.inverse().diagonal().cwiseSqrt();
-  }
-  if (!definite) {
-    const Eigen::MatrixXd precision = host.omega().llt().solve(identity);
-    return {lowest.x.cwiseProduct(scale), precision.llt().matrixL()};
-  }
-  const Eigen::VectorXd inverse_scale = scale.cwiseInverse();
-  curvature = (inverse_scale.asDiagonal() * curvature * inverse_scale.asDiagonal()).eval();
-  return {lowest.x.cwiseProduct(scale), curvature.llt().matrixL()};
-}
 
 }  // namespace
 
@@ -83,12 +40,13 @@ bool proposals::from_modes() {
     // The library's rule: subject i, from 1, belongs to the process mod(i, numprocs).
     if ((i + 1) % host_.peers().size() != host_.peers().rank() || model.observations(i) == 0)
       continue;
-    const mode_and_curvature found = find_mode(host_, i);
-    centres_.col(i) = found.mode;
+    const posterior_mode found = find_mode(host_, i);
+    centres_.col(i) = found.eta;
+    const Eigen::MatrixXd lower = curvature_factor(host_, i, found.eta);
     int packed = 1;
     for (int column = 0; column < effects; ++column)
       for (int row = column; row < effects; ++row)
-        gv::cholsub(packed++, i + 1) = found.factor(row, column);
+        gv::cholsub(packed++, i + 1) = lower(row, column);
   }
   statsubs::host::checkforstop(stop);
   if (engine_host::stopped()) return false;

@@ -31,7 +31,6 @@ class proposals {
   void shift(int subject, const Eigen::VectorXd& by) { centres_.col(subject) += by; }
 
   int kept_factors() const { return kept_factors_; }
-  const Eigen::MatrixXd& modes() const { return centres_; }
 
  private:
   Eigen::MatrixXd factor(int subject) const;

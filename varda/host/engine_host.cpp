@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstring>
 #include <numbers>
+#include <numeric>
 
 #include "statsubs/state/getworkingstoragesizes.h"
 #include "statsubs/state/global_variables.h"
@@ -30,6 +31,9 @@ volatile std::sig_atomic_t stop_signal = 0;
 
 // The method code of the quasi-random EM.
 constexpr int qrpem_engine = 1;
+
+// A fixed effect this close to a bound, relative to the larger of the two, is held by it.
+constexpr double nearness = 1e-4;
 
 void copy_name(const std::string& name, char* to) {
   std::copy_n(name.begin(), std::min<std::size_t>(name.size(), statsubs::name_length), to);
@@ -96,9 +100,7 @@ engine_host::engine_host(const population_model& model, const job& peers)
   [[maybe_unused]] const bool definite = set_omega(model.start_omega());
   assert(definite);  // the model file was checked for it
   omega_mask_ = model.omega_mask();
-  std::vector<int> every(model.columns().size());
-  for (std::size_t c = 0; c < every.size(); ++c) every[c] = static_cast<int>(c);
-  select_columns(every);
+  select_every_column();
 }
 
 engine_host::~engine_host() {
@@ -164,6 +166,17 @@ void engine_host::install() {
       for (int j = 0; j <= i; ++j)
         if (me.model_.omega_mask()(i, j) != 0.0) x[count++] = matrix(i, j);
   };
+  table.boundmap = [](const int& ntheta, const double* theta, double*) {
+    const engine_host& me = current();
+    for (int k = 0; k < ntheta; ++k) {
+      const fixed_effect& t = me.model_.thetas()[static_cast<std::size_t>(k)];
+      const auto near = [&](double bound) {
+        const double scale = std::max(std::fabs(bound), std::fabs(theta[k]));
+        return std::isfinite(bound) && std::fabs(theta[k] - bound) <= nearness * scale;
+      };
+      gv::ibtight(k + 1) = !t.fixed && (near(t.lower) || near(t.upper)) ? 1 : 0;
+    }
+  };
   table.allocateglobalarrays = [](const int& hessian_dimension, const int&, const int&,
                                   const int&) { current().allocate(hessian_dimension); };
 
@@ -190,11 +203,11 @@ void engine_host::install() {
   };
   table.getisample = [] { return settings().samples; };
   table.getpresample = [] { return 1; };
-  table.getmapnp = [] { return 0; };
+  table.getmapnp = [] { return settings().map_np; };
   table.getsirsamp = [] { return settings().resamples; };
   table.getrunfromui = [] { return 1; };
   table.getpemrunall = [] { return settings().run_all ? 1 : 0; };
-  table.getmapassist = [] { return 0; };
+  table.getmapassist = [] { return settings().map_assist; };
   table.getmcpem = [] { return settings().points == point_kind::random ? 1 : 0; };
   table.getaccratio = [] { return settings().acceptance_ratio; };
   table.getimpsampdof = [] { return proposal_code(settings()); };
@@ -301,6 +314,12 @@ void engine_host::select_columns(const std::vector<int>& columns) {
   }
   for (int i = 0; i < model_.subjects(); ++i)
     if (count > 0) statsubs::host::getsaemcmatrix(i, qv::cmatrix_3d.slice(i + 1).data());
+}
+
+void engine_host::select_every_column() {
+  std::vector<int> every(model_.columns().size());
+  std::iota(every.begin(), every.end(), 0);
+  select_columns(every);
 }
 
 double engine_host::objective(int subject, const double* eta) {

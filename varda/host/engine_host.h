@@ -43,6 +43,7 @@ class engine_host {
   // The columns that the C matrix has from now on, as positions in model().columns(); the library
   // sees them as columns 1, 2, ...
   void select_columns(const std::vector<int>& columns);
+  void select_every_column();
 
   // Objective of subject `subject` (from 0) at eta, by the same path as the library's evaluations.
   double objective(int subject, const double* eta);

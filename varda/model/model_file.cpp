@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "varda/model/structural_model.h"
+#include "varda/support/text.h"
 
 namespace varda {
 
@@ -356,15 +357,23 @@ void read_parameters(section from, model_file& file) {
                      "give at least one parameter a distribution and a variance");
 
   std::set<std::string> seen(names.begin(), names.end());
-  for (const parameter& p : file.parameters)
+  seen.insert({"additive", "proportional"});  // names of the residual deviations in the results
+  for (const parameter& p : file.parameters) {
+    std::set<std::pair<std::string, effect_form>> effects;
     for (const covariate_effect& e : p.effects) {
       if (!seen.insert(e.name).second)
         throw from.error("E-MODEL-NAME", p.name, fmt::format("the name {} is used twice", e.name),
                          "give the covariate effect a name of its own");
+      // Two such coefficients could only be told apart by their sum.
+      if (!effects.insert({lower_case(e.covariate), e.form}).second)
+        throw from.error("E-MODEL-EFFECT", p.name,
+                         fmt::format("the effect of {} stands twice", e.covariate),
+                         "leave one of the two");
       if (std::find(file.data.covariates.begin(), file.data.covariates.end(), e.covariate) ==
           file.data.covariates.end())
         file.data.covariates.push_back(e.covariate);
     }
+  }
 }
 
 bool positive_definite(const std::vector<double>& matrix, std::size_t order) {
@@ -505,10 +514,23 @@ void read_data(section from, model_file& file) {
   from.refuse_leftovers();
 }
 
-void read_estimation(section from, model_file& file, findings& warnings) {
+// The components of a mixture proposal get equal shares of a multiple of 6.
+void raise_samples(const std::string& key, int& samples, const std::string& path,
+                   findings& warnings) {
+  if (samples % 6 == 0) return;
+  warnings.push_back(
+      {.level = severity::warning,
+       .code = "W-MODEL-SAMPLES",
+       .message = fmt::format("{} samples are raised to the next multiple of 6", samples),
+       .file = path,
+       .column = "estimation." + key});
+  samples += 6 - samples % 6;
+}
+
+void read_estimation(section from, model_file& file) {
   constexpr int many = 1000000;
   estimation_settings& s = file.estimation;
-  s.samples = from.whole_number_or("samples", s.samples, 6, many);
+  s.samples = from.whole_number_or("samples", s.samples, least_samples, most_samples);
   s.max_iterations = from.whole_number_or("max_iterations", s.max_iterations, 1, many);
   s.seed = from.whole_number_or("seed", s.seed, 1, largest_seed);
   s.points = static_cast<point_kind>(from.word_or("sampling", 0, {"sobol", "random"}));
@@ -531,17 +553,16 @@ void read_estimation(section from, model_file& file, findings& warnings) {
   if (!(s.tolerance > 0.0 && s.tolerance < 1.0))
     throw from.error("E-MODEL-RANGE", "tolerance", fmt::format("{} is out of range", s.tolerance),
                      "it must lie between 0 and 1");
+  s.map_np = from.whole_number_or("map_np", s.map_np, 0, 1000);
+  s.map_assist = from.whole_number_or("map_assist", s.map_assist, 0, many);
+  s.standard_errors = static_cast<standard_error_kind>(
+      from.word_or("standard_errors", 0, {"information", "score", "sandwich", "none"}));
+  s.se_samples = from.whole_number_or("se_samples", s.se_samples, least_samples, most_samples);
   s.replicates = from.whole_number_or("replicates", s.replicates, 2, 1000);
   if (from.has("likelihood_samples"))
-    s.likelihood_samples = from.whole_number_or("likelihood_samples", 0, 6, many);
+    s.likelihood_samples =
+        from.whole_number_or("likelihood_samples", 0, least_samples, most_samples);
   from.refuse_leftovers();
-  if (s.samples % 6 != 0)
-    warnings.push_back(
-        {.level = severity::warning,
-         .code = "W-MODEL-SAMPLES",
-         .message = fmt::format("{} samples are raised to the next multiple of 6", s.samples),
-         .file = file.path,
-         .column = "estimation.samples"});
 }
 
 toml::table parse(const std::string& path) {
@@ -564,7 +585,8 @@ toml::table parse(const std::string& path) {
 
 }  // namespace
 
-model_file read_model_file(const std::string& path, findings& warnings) {
+model_file read_model_file(const std::string& path, findings& warnings,
+                           const setting_overrides& overrides) {
   const toml::table table = parse(path);
   model_file file;
   file.path = path;
@@ -582,8 +604,14 @@ model_file read_model_file(const std::string& path, findings& warnings) {
   read_parameters(root.needed_table("parameters", "the parameters of the model"), file);
   read_omega(root.needed_table("omega", "the variances of the random effects"), file);
   read_residual(root.needed_table("residual", "the residual error"), file);
-  if (auto estimation = root.table("estimation")) read_estimation(*estimation, file, warnings);
+  if (auto estimation = root.table("estimation")) read_estimation(*estimation, file);
   root.refuse_leftovers();
+  estimation_settings& settings = file.estimation;
+  settings.seed = overrides.seed.value_or(settings.seed);
+  settings.samples = overrides.samples.value_or(settings.samples);
+  raise_samples("samples", settings.samples, path, warnings);
+  raise_samples("likelihood_samples", settings.likelihood_samples, path, warnings);
+  raise_samples("se_samples", settings.se_samples, path, warnings);
   return file;
 }
 

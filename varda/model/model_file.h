@@ -5,6 +5,7 @@
 #pragma once
 
 #include <limits>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -66,9 +67,13 @@ struct residual_error {
 
 enum class proposal_family { normal, population, t, laplace, mixture2, mixture3 };
 enum class point_kind { sobol, random };
+enum class standard_error_kind { information, score, sandwich, none };
 
 // Scramblings are drawn one after the other, so that a very large seed would take long to reach.
 inline constexpr int largest_seed = 10000;
+
+inline constexpr int least_samples = 6;
+inline constexpr int most_samples = 1000000;
 
 struct estimation_settings {
   int samples = 300;  // per subject and iteration
@@ -80,12 +85,16 @@ struct estimation_settings {
   proposal_family proposal = proposal_family::normal;
   int t_df = 5;  // degrees of freedom of the t proposal, at least 3
   double acceptance_ratio = 0.5;
-  int resamples = 100;         // points a subject for updates without closed form
-  int burn_in = 0;             // iterations before convergence is looked for
-  bool freeze_omega = false;   // during burn-in
-  bool run_all = false;        // do all iterations, converged or not
-  double tolerance = 5e-4;     // movement that still lies ahead, see docs/model-file.md
-  int replicates = 8;          // scramblings behind the reported likelihood
+  int resamples = 100;        // points a subject for updates without closed form
+  int burn_in = 0;            // iterations before convergence is looked for
+  bool freeze_omega = false;  // during burn-in
+  bool run_all = false;       // do all iterations, converged or not
+  double tolerance = 5e-4;    // movement that still lies ahead, see docs/model-file.md
+  int replicates = 8;         // scramblings behind the reported likelihood
+  int map_np = 0;             // MAP-NP start-up iterations
+  int map_assist = 0;         // proposals from mode and curvature again in every k-th iteration
+  standard_error_kind standard_errors = standard_error_kind::information;
+  int se_samples = 3000;       // points a subject for standard errors
   int likelihood_samples = 0;  // points a subject for it; 0 means `samples`
 };
 
@@ -100,8 +109,15 @@ struct model_file {
   estimation_settings estimation;
 };
 
+// Settings of the command line, which win over those of the file.
+struct setting_overrides {
+  std::optional<int> seed{};
+  std::optional<int> samples{};
+};
+
 // Reads and checks a model file, or throws bad_input. Relative data paths are taken from the
 // folder of the model file.
-model_file read_model_file(const std::string& path, findings& warnings);
+model_file read_model_file(const std::string& path, findings& warnings,
+                           const setting_overrides& overrides = {});
 
 }  // namespace varda

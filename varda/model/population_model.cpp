@@ -34,6 +34,12 @@ double fixed_effect::natural(double theta) const {
   return range_lower + (range_upper - range_lower) * inverse_logit(theta);
 }
 
+double fixed_effect::natural_slope(double theta) const {
+  if (law != distribution::logit_normal) return 1.0;
+  const double share = inverse_logit(theta);
+  return (range_upper - range_lower) * share * (1.0 - share);
+}
+
 double fixed_effect::regression(double theta) const {
   return law == distribution::log_normal ? std::log(theta) : theta;
 }

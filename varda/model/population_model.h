@@ -38,6 +38,7 @@ struct fixed_effect {
 
   // From theta to the scale that a user reads, and from theta to the regression scale and back.
   double natural(double theta) const;
+  double natural_slope(double theta) const;  // derivative of the same
   double regression(double theta) const;
   double from_regression(double beta) const;
 };

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <algorithm>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "varda/report/reports.h"
 #include "varda/version.h"
@@ -62,6 +64,100 @@ bool held(const fit_result& result, std::size_t theta) {
   return false;
 }
 
+// Position of an estimated quantity among the standard errors, or -1.
+int error_of_theta(const standard_errors& errors, int theta) {
+  const auto at = std::find(errors.theta.begin(), errors.theta.end(), theta);
+  return at == errors.theta.end() ? -1 : static_cast<int>(at - errors.theta.begin());
+}
+
+int error_of_omega(const standard_errors& errors, int row, int column) {
+  const auto at = std::find(errors.omega.begin(), errors.omega.end(),
+                            std::pair(std::max(row, column), std::min(row, column)));
+  return at == errors.omega.end() ? -1 : static_cast<int>(at - errors.omega.begin());
+}
+
+// One figure of one quantity; null where it is not known.
+template <class Figure>
+ordered_json figure(const std::vector<estimate_error>& errors, int k, Figure of) {
+  if (k < 0 || errors.empty()) return nullptr;
+  return of(errors[static_cast<std::size_t>(k)]);
+}
+
+ordered_json se_of(const estimate_error& e) {
+  return e.se;
+}
+ordered_json rse_of(const estimate_error& e) {
+  return e.rse_percent;
+}
+ordered_json interval_of(const estimate_error& e) {
+  return {e.ci_lower, e.ci_upper};
+}
+
+// Adds the keys about errors, each made by `entry` from a list of errors and a figure of them.
+template <class Entry>
+void add_errors(ordered_json& to, const standard_errors& errors, Entry entry) {
+  to["se"] = entry(errors.chosen(), se_of);
+  to["rse"] = entry(errors.chosen(), rse_of);
+  to["ci95"] = entry(errors.chosen(), interval_of);
+  to["se_information"] = entry(errors.by_information, se_of);
+  to["se_score"] = entry(errors.by_score, se_of);
+  to["se_sandwich"] = entry(errors.by_sandwich, se_of);
+}
+
+void add_errors_of_theta(ordered_json& to, const fit_result& result, int theta) {
+  const int k = error_of_theta(result.errors, theta);
+  add_errors(to, result.errors, [k](const auto& errors, auto of) { return figure(errors, k, of); });
+}
+
+void add_errors_of_omega(ordered_json& to, const fit_result& result) {
+  const int n = static_cast<int>(result.omega.rows());
+  add_errors(to, result.errors, [&](const auto& errors, auto of) {
+    ordered_json rows = ordered_json::array();
+    for (int i = 0; i < n; ++i) {
+      ordered_json row = ordered_json::array();
+      for (int j = 0; j < n; ++j)
+        row.push_back(figure(errors, error_of_omega(result.errors, i, j), of));
+      rows.push_back(row);
+    }
+    return rows;
+  });
+}
+
+const char* name_of(standard_error_kind kind) {
+  switch (kind) {
+    case standard_error_kind::information:
+      return "information";
+    case standard_error_kind::score:
+      return "score";
+    case standard_error_kind::sandwich:
+      return "sandwich";
+    case standard_error_kind::none:
+      break;
+  }
+  return "none";
+}
+
+// The covariances are on the estimation scale, in the order of `names`.
+ordered_json standard_errors_report(const fit_result& result) {
+  const standard_errors& errors = result.errors;
+  const auto matrix = [](const covariance_estimate& from) {
+    return from.known ? to_json(from.covariance) : ordered_json();
+  };
+  ordered_json entry;
+  entry["kind"] = name_of(errors.shown);
+  entry["reason"] = errors.reason;
+  entry["names"] = errors.names;
+  entry["covariance_information"] = matrix(errors.information);
+  entry["covariance_score"] = matrix(errors.score);
+  entry["covariance_sandwich"] = matrix(errors.sandwich);
+  entry["score_reason"] = errors.score.reason;
+  entry["correlation"] = to_json(errors.correlation);
+  entry["eigenvalues"] = to_json(errors.eigenvalues);
+  entry["condition_number"] = errors.condition_number;
+  entry["unidentified"] = errors.unidentified;
+  return entry;
+}
+
 ordered_json parameters(const population_model& model, const fit_result& result) {
   ordered_json list = ordered_json::array();
   for (std::size_t k = 0; k < model.thetas().size(); ++k) {
@@ -74,6 +170,7 @@ ordered_json parameters(const population_model& model, const fit_result& result)
         t.role == theta_role::covariate_effect ? "covariate effect" : name_of(t.law);
     entry["fixed"] = t.fixed;
     entry["at_bound"] = held(result, k);
+    if (result.what == task::fit) add_errors_of_theta(entry, result, static_cast<int>(k));
     list.push_back(entry);
   }
   return list;
@@ -88,6 +185,7 @@ ordered_json omega(const population_model& model, const fit_result& result) {
   entry["estimated"] = to_json(model.omega_mask());
   entry["shrinkage"] = to_json(result.shrinkage);
   entry["condition_number"] = result.omega_condition;
+  if (result.what == task::fit) add_errors_of_omega(entry, result);
   return entry;
 }
 
@@ -99,6 +197,7 @@ ordered_json residual(const population_model& model, const fit_result& result) {
     entry["estimate"] = result.theta(r.theta);
     entry["fixed"] = r.fixed;
     entry["at_bound"] = held(result, static_cast<std::size_t>(r.theta));
+    if (result.what == task::fit) add_errors_of_theta(entry, result, r.theta);
     list.push_back(entry);
   }
   return list;
@@ -140,6 +239,10 @@ ordered_json settings(const population_model& model) {
   entry["freeze_omega_in_burn_in"] = s.freeze_omega;
   entry["run_all"] = s.run_all;
   entry["tolerance"] = s.tolerance;
+  entry["map_np"] = s.map_np;
+  entry["map_assist"] = s.map_assist;
+  entry["standard_errors"] = name_of(s.standard_errors);
+  entry["se_samples"] = s.se_samples;
   entry["replicates"] = s.replicates;
   entry["likelihood_samples"] = s.likelihood_samples;
   return entry;
@@ -188,6 +291,7 @@ std::string json_report(const population_model& model, const fit_result& result)
   report["parameters"] = parameters(model, result);
   report["omega"] = omega(model, result);
   report["residual"] = residual(model, result);
+  if (result.what == task::fit) report["standard_errors"] = standard_errors_report(result);
   report["kept_proposals"] = result.kept_factors;
   report["subjects"] = known ? subjects(model, result) : ordered_json::array();
   ordered_json warnings = ordered_json::array();

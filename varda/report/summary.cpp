@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <iterator>
+#include <utility>
 
 #include "varda/report/reports.h"
 #include "varda/version.h"
@@ -44,49 +45,111 @@ std::string remark(const fit_result& result, const fixed_effect& t, std::size_t 
   return "";
 }
 
-void write_line_of(sink out, const std::string& name, double value, const std::string& tail) {
-  std::string line = fmt::format("  {:<20} {:>12.6g}   {}", name, value, tail);
+// Width of the columns that standard errors take.
+constexpr const char* error_header = "          SE   RSE %         95 % interval";
+
+std::string error_columns(const std::vector<estimate_error>& errors, int k) {
+  if (k < 0 || errors.empty()) return "";
+  const estimate_error& e = errors[static_cast<std::size_t>(k)];
+  return fmt::format("{:>12.4g} {:>7.1f} {:>10.4g} to {:<10.4g}", e.se, e.rse_percent, e.ci_lower,
+                     e.ci_upper);
+}
+
+int place_of(const std::vector<int>& list, int wanted) {
+  const auto at = std::find(list.begin(), list.end(), wanted);
+  return at == list.end() ? -1 : static_cast<int>(at - list.begin());
+}
+
+int place_of(const std::vector<std::pair<int, int>>& list, std::pair<int, int> wanted) {
+  const auto at = std::find(list.begin(), list.end(), wanted);
+  return at == list.end() ? -1 : static_cast<int>(at - list.begin());
+}
+
+void write_row(sink out, const std::string& name, double value, const std::string& errors,
+               const std::string& tail) {
+  std::string line = fmt::format("  {:<14} {:>12.6g}{:<44}   {}", name, value, errors, tail);
   line.erase(line.find_last_not_of(' ') + 1);
   fmt::format_to(out, "{}\n", line);
 }
 
+void write_header(sink out, const char* first, const char* second, const fit_result& result,
+                  const char* tail) {
+  const bool with_errors = !result.errors.chosen().empty();
+  std::string line =
+      fmt::format("{:<16} {:>12}{:<44}   {}", first, second, with_errors ? error_header : "", tail);
+  line.erase(line.find_last_not_of(' ') + 1);
+  fmt::format_to(out, "{}\n", line);
+}
+
+void write_theta(sink out, const population_model& model, const fit_result& result, int theta) {
+  const auto k = static_cast<std::size_t>(theta);
+  const fixed_effect& t = model.thetas()[k];
+  write_row(out, t.name, t.natural(result.theta(theta)),
+            error_columns(result.errors.chosen(), place_of(result.errors.theta, theta)),
+            remark(result, t, k));
+}
+
 void write_fixed_effects(sink out, const population_model& model, const fit_result& result) {
-  fmt::format_to(out, "Parameter                  estimate\n");
-  for (std::size_t k = 0; k < model.thetas().size(); ++k) {
-    const fixed_effect& t = model.thetas()[k];
-    if (t.role == theta_role::residual_deviation) continue;
-    write_line_of(out, t.name, t.natural(result.theta(static_cast<Eigen::Index>(k))),
-                  remark(result, t, k));
-  }
+  write_header(out, "Parameter", "estimate", result, "");
+  for (std::size_t k = 0; k < model.thetas().size(); ++k)
+    if (model.thetas()[k].role != theta_role::residual_deviation)
+      write_theta(out, model, result, static_cast<int>(k));
 }
 
 void write_omega(sink out, const population_model& model, const fit_result& result) {
-  fmt::format_to(out, "\nRandom effect              variance         CV %   shrinkage %\n");
+  fmt::format_to(out, "\n");
+  write_header(out, "Random effect", "variance", result, "  CV %   shrinkage %");
+  const auto errors = [&](int i, int j) {
+    return error_columns(result.errors.chosen(), place_of(result.errors.omega, {i, j}));
+  };
   for (int i = 0; i < model.random_effects(); ++i) {
     const double variance = result.omega(i, i);
     const bool log_normal = model.thetas()[static_cast<std::size_t>(model.parameter_of(i))].law ==
                             distribution::log_normal;
     const std::string cv = log_normal ? fmt::format("{:.1f}", log_normal_cv(variance)) : "-";
-    write_line_of(out, model.effect_name(i), variance,
-                  fmt::format("{:>10}   {:>11.1f}{}", cv, 100.0 * result.shrinkage(i),
-                              model.omega_mask()(i, i) == 0.0 ? "   fixed" : ""));
+    write_row(out, model.effect_name(i), variance, errors(i, i),
+              fmt::format("{:>6}   {:>11.1f}{}", cv, 100.0 * result.shrinkage(i),
+                          model.omega_mask()(i, i) == 0.0 ? "   fixed" : ""));
   }
   for (int i = 0; i < model.random_effects(); ++i)
     for (int j = 0; j < i; ++j) {
       if (result.omega(i, j) == 0.0) continue;
       const double correlation =
           result.omega(i, j) / std::sqrt(result.omega(i, i) * result.omega(j, j));
-      write_line_of(out, model.effect_name(j) + "," + model.effect_name(i), result.omega(i, j),
-                    fmt::format("correlation {:.3f}", correlation));
+      write_row(out, model.effect_name(j) + "," + model.effect_name(i), result.omega(i, j),
+                errors(i, j), fmt::format("correlation {:.3f}", correlation));
     }
 }
 
 void write_residual(sink out, const population_model& model, const fit_result& result) {
-  fmt::format_to(out, "\nResidual error            deviation\n");
-  for (const auto& r : model.residuals()) {
-    const auto k = static_cast<std::size_t>(r.theta);
-    write_line_of(out, r.name, result.theta(r.theta), remark(result, model.thetas()[k], k));
+  fmt::format_to(out, "\n");
+  write_header(out, "Residual error", "deviation", result, "");
+  for (const auto& r : model.residuals()) write_theta(out, model, result, r.theta);
+}
+
+void write_errors(sink out, const fit_result& result) {
+  const standard_errors& errors = result.errors;
+  if (errors.names.empty()) return;
+  if (errors.chosen().empty()) {
+    fmt::format_to(out, "\nNo standard errors: {}\n", errors.reason);
+    return;
   }
+  const char* kinds[] = {"the observed information", "the scores", "the sandwich"};
+  fmt::format_to(out, "\nStandard errors from {}; correlation of the estimates:\n",
+                 kinds[static_cast<int>(errors.shown)]);
+  for (Eigen::Index i = 0; i < errors.correlation.rows(); ++i) {
+    fmt::format_to(out, "  {:<14}", errors.names[static_cast<std::size_t>(i)]);
+    for (Eigen::Index j = 0; j <= i; ++j)
+      fmt::format_to(out, " {:>6.3f}", errors.correlation(i, j));
+    fmt::format_to(out, "\n");
+  }
+  fmt::format_to(out, "  eigenvalues   ");
+  for (const double value : errors.eigenvalues) fmt::format_to(out, " {:.3g}", value);
+  fmt::format_to(out, ", condition number {:.4g}\n", errors.condition_number);
+  if (!errors.unidentified.empty())
+    fmt::format_to(out, "  The data do not identify the direction {}\n", errors.unidentified);
+  if (!errors.score.known)
+    fmt::format_to(out, "  No errors from the scores: {}\n", errors.score.reason);
 }
 
 void write_quality(sink out, const population_model& model, const fit_result& result) {
@@ -135,10 +198,15 @@ std::string summary(const population_model& model, const fit_result& result) {
   write_fixed_effects(out, model, result);
   write_omega(out, model, result);
   write_residual(out, model, result);
+  write_errors(out, result);
   write_quality(out, model, result);
   for (const finding& w : result.warnings) fmt::format_to(out, "\n{}\n", to_text(w));
-  fmt::format_to(out, "\nTime: start {:.3f} s, iterations {:.3f} s, likelihood {:.3f} s\n",
-                 result.times.start, result.times.iterations, result.times.likelihood);
+  fmt::format_to(
+      out,
+      "\nTime: start {:.3f} s, iterations {:.3f} s, likelihood {:.3f} s, standard errors {:.3f} "
+      "s\n",
+      result.times.start, result.times.iterations, result.times.likelihood,
+      result.times.standard_errors);
   return text;
 }
 

@@ -49,11 +49,11 @@ bad_input::bad_input(finding what) : found_(std::move(what)), text_(to_text(foun
 
 std::string did_you_mean(const std::string& word, const std::vector<std::string>& candidates) {
   std::string best;
-  // A third of the letters may be wrong, one at least; more is another word.
+  // A third of the letters may be wrong, one at least, but never all; more is another word.
   std::size_t least = std::max<std::size_t>(word.size() / 3, 1) + 1;
   for (const std::string& candidate : candidates) {
     const std::size_t edits = distance(lower_case(word), lower_case(candidate));
-    if (edits >= least) continue;
+    if (edits >= std::min(least, std::max(word.size(), candidate.size()))) continue;
     least = edits;
     best = candidate;
   }

@@ -1,0 +1,124 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Expected values are mpmath's at 500 digits, from the textbook formulas as they stand, evaluated
+// at the doubles given here and printed with 20 digits.
+#include "varda/model/structural_model.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <limits>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "varda/model/one_compartment.h"
+
+namespace varda {
+namespace {
+
+constexpr double infinite = std::numeric_limits<double>::infinity();
+
+TEST(Bateman, AgreesWithHighPrecision) {
+  struct {
+    double ka, k, t, expected;
+  } const cases[] = {
+      // ka = k, then apart by 1e-12, 1e-9, 1e-6 and 1e-3 of it to either side.
+      {0.087, 0.087, 7.0, 3.8072614419671297851},
+      {0.08700000000008701, 0.087, 7.0, 3.8072614419659702911},
+      {0.086999999999913, 0.087, 7.0, 3.8072614419682890942},
+      {0.087000000087, 0.087, 7.0, 3.8072614408078186173},
+      {0.08699999991299999, 0.087, 7.0, 3.8072614431264409534},
+      {0.08700008699999999, 0.087, 7.0, 3.8072602826562561017},
+      {0.086999913, 0.087, 7.0, 3.8072626012784741489},
+      {0.08708699999999998, 0.087, 7.0, 3.8061023661623798972},
+      {0.08691299999999999, 0.087, 7.0, 3.8084209884521988723},
+      // Absorption faster and slower than elimination.
+      {1.58, 0.087, 0.25, 0.20415591857579385585},
+      {1.58, 0.087, 24.0, 0.083010554339156068661},
+      {0.03, 1.7, 3.0, 0.54361343635072609366},
+      // Huge and tiny times and rates.
+      {1.58, 0.087, 1e-12, 9.9999999999916647989e-13},
+      {1e-08, 2e-08, 1e7, 8610666.4957977714226},
+      {1e6, 0.1, 2.0, 8.1873083495106534469e-7},
+      {0.1, 1e6, 2.0, 8.1873083495106534469e-7},
+      {1.5, 0.08, 2000.0, 2.2940060085968383215e-70},
+      {1e150, 1e-150, 1e140, 9.9999999990000001917e-151},
+      {1e-200, 3e-200, 1e-90, 1e-90},
+  };
+  for (const auto& c : cases) {
+    // The rounding of the exponent counts as often as the exponent is large.
+    const double relative = 1e-14 + 2.3e-16 * std::min(c.ka, c.k) * c.t;
+    EXPECT_NEAR(bateman(c.ka, c.k, c.t), c.expected, relative * c.expected)
+        << c.ka << " " << c.k << " " << c.t;
+  }
+}
+
+TEST(Bateman, GoesToZeroWithoutOverflow) {
+  for (const double ka : {1e-300, 0.1, 1e300})
+    for (const double k : {1e-300, 0.1, 1e300}) {
+      EXPECT_EQ(bateman(ka, k, 0.0), 0.0);
+      EXPECT_TRUE(std::isfinite(bateman(ka, k, 1.0)));
+      EXPECT_EQ(bateman(ka, k, 1e305), 0.0);
+    }
+  EXPECT_EQ(bateman(1.0, 1.0, 1e300), 0.0);
+}
+
+// Three doses, the second into the central compartment, and observations at times of doses that
+// stand before or after the dose in the file.
+subject three_doses() {
+  subject who;
+  who.doses = {{.time = 0.0, .amount = 100.0, .compartment = 1},
+               {.time = 5.0, .amount = 50.0, .compartment = 2},
+               {.time = 12.0, .amount = 80.0, .compartment = 1}};
+  const std::array<std::pair<double, int>, 7> records = {
+      {{0.0, 1}, {3.0, 1}, {5.0, 1}, {5.0, 2}, {12.0, 2}, {12.0, 3}, {30.0, 3}}};
+  for (const auto& [time, doses_before] : records)
+    who.observations.push_back({.time = time, .value = 0.0, .preceding_doses = doses_before});
+  return who;
+}
+
+void expect_predictions(const std::string& name, const std::vector<double>& p,
+                        const std::vector<double>& expected) {
+  const subject who = three_doses();
+  std::vector<double> f(who.observations.size(), -1.0);
+  make_structural_model(name)->predict(who, p, f);
+  for (std::size_t i = 0; i < f.size(); ++i)
+    EXPECT_NEAR(f[i], expected[i], 1e-14 * expected[i]) << name << " observation " << i;
+}
+
+TEST(OneCompartment, SuperposesDosesInFileOrder) {
+  expect_predictions("one-compartment oral", {1.58, 2.75, 31.6},
+                     {0.0, 2.5502233282853775654, 2.1661854136437145016, 3.7484638946563726583,
+                      2.039082770776697069, 2.039082770776697069, 0.98510443014956759263});
+  // Every dose goes into the one compartment.
+  expect_predictions(
+      "one-compartment bolus", {2.75, 31.6},
+      {3.1645569620253163134, 2.4374127198997020343, 2.0480466456552575555, 3.6303251266679157122,
+       1.9741639566678152233, 4.505809526288068274, 0.94074033223721669898});
+}
+
+TEST(OneCompartment, ParametersOutsideTheDomainGiveNaN) {
+  const subject who = three_doses();
+  for (const std::string& name : structural_model_names()) {
+    const auto model = make_structural_model(name);
+    const std::vector<double> sound(model->parameter_names().size(), 1.0);
+    for (std::size_t k = 0; k < sound.size(); ++k)
+      for (const double bad : {0.0, -1.0, infinite, std::nan("")}) {
+        std::vector<double> p = sound;
+        p[k] = bad;
+        std::vector<double> f(who.observations.size(), 1.0);
+        model->predict(who, p, f);
+        for (const double x : f) EXPECT_TRUE(std::isnan(x)) << name << " " << k << " " << bad;
+      }
+  }
+}
+
+TEST(StructuralModel, UnknownNameGivesNothing) {
+  EXPECT_EQ(make_structural_model("two-compartment oral"), nullptr);
+}
+
+}  // namespace
+}  // namespace varda

@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <Eigen/Core>
+#include <vector>
+
+#include "varda/fit/minimise.h"
+#include "varda/model/population_model.h"
+
+namespace varda {
+
+// Some entries of theta as the coordinates of a search: logarithms where an entry is positive by
+// its nature or its start, the entry itself otherwise.
+class theta_search {
+ public:
+  theta_search(const population_model& model, const Eigen::VectorXd& theta,
+               std::vector<int> positions);
+
+  // theta with the entries at x.
+  Eigen::VectorXd theta_at(const Eigen::VectorXd& x) const;
+
+  // The minimum from the entries as given, inside their bounds.
+  minimum minimise(const objective_function& f, double step, double precision) const;
+
+  // Positions whose coordinate lies at a bound.
+  std::vector<int> at_bounds(const Eigen::VectorXd& x) const;
+
+ private:
+  Eigen::VectorXd theta_;
+  std::vector<int> positions_;
+  std::vector<bool> logarithm_;
+  Eigen::VectorXd start_, lower_, upper_;
+};
+
+// Whether a search or an interval for this fixed effect runs over its logarithm.
+bool is_positive(const fixed_effect& t);
+
+}  // namespace varda
