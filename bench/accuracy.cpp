@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "tests/statsubs/distributions/accuracy_cases.h"
+#include "bench/accuracy_cases.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <cmath>
 #include <limits>
 #include <thread>
-#include <vector>
+#include <utility>
 
 #include "statsubs/sequences/bdsobl.h"
 #include "statsubs/state/global_variables.h"
@@ -30,43 +30,23 @@ using test::run_estep;
 
 constexpr double not_a_number = std::numeric_limits<double>::quiet_NaN();
 
-// This process by itself, for as long as the object lives.
-class alone {
- public:
-  alone() : myid_(gv::myid), numprocs_(gv::numprocs) {
-    gv::myid = 0;
-    gv::numprocs = 1;
-  }
-  ~alone() {
-    gv::myid = myid_;
-    gv::numprocs = numprocs_;
-  }
-  alone(const alone&) = delete;
-  alone& operator=(const alone&) = delete;
+// The E-step of this process by itself, after which the Sobol sequence stands where it stood.
+estep_results run_alone(int samples) {
+  const bd::dimension_vector lastq = bd::lastq;
+  const int count = bd::count;
+  const int myid = std::exchange(gv::myid, 0);
+  const int numprocs = std::exchange(gv::numprocs, 1);
+  const estep_results results = run_estep(samples);
+  gv::myid = myid;
+  gv::numprocs = numprocs;
+  bd::lastq = lastq;
+  bd::count = count;
+  return results;
+}
 
- private:
-  int myid_, numprocs_;
-};
-
-// The same points again: the sequence goes back to where it stood.
-class sobol_position {
- public:
-  void restore() const {
-    bd::lastq = lastq_;
-    bd::count = count_;
-  }
-
- private:
-  bd::dimension_vector lastq_ = bd::lastq;
-  int count_ = bd::count;
-};
-
-// The samples of this process among `samples`.
+// The samples of this process among `samples`: those j for which j mod numprocs is its number.
 int own_share(int samples) {
-  int share = 0;
-  for (int j = 1; j <= samples; ++j)
-    if (j % gv::numprocs == gv::myid) ++share;
-  return share;
+  return (samples - gv::myid) / gv::numprocs + (gv::myid > 0 && gv::myid <= samples ? 1 : 0);
 }
 
 class EstepInAJob : public testing::TestWithParam<int> {};
@@ -86,12 +66,7 @@ TEST_P(EstepInAJob, EqualsThatOfOneProcess) {
         return std::fmod(std::abs(eta[1]) * 1000.0, 5.0) < 1.0 ? not_a_number
                                                                : problem.objective(eta);
       };
-      const sobol_position start;
-      const estep_results expected = [&] {
-        const alone by_itself;
-        return run_estep(samples);
-      }();
-      start.restore();
+      const estep_results expected = run_alone(samples);
       evaluations = 0;
       const estep_results shared = run_estep(samples);
       EXPECT_TRUE(shared == expected) << samples << " samples";
@@ -121,30 +96,22 @@ TEST(EstepStopInAJob, EndsTheSubjectOnEveryProcess) {
   EXPECT_EQ(r.mean[0], -1.0);
 }
 
+// A single contributor's values come through to the last bit: nothing else makes the results equal.
 TEST(AllreduceSum, AddsTheVectorsOfAllProcesses) {
-  vector<double> part("a process's part", 100);
-  for (int i = 1; i <= part.size(); ++i) part(i) = i * (gv::myid + 1.0);
-  support::allreduce_sum(part, gv::numprocs);
-  const double ranks = gv::numprocs * (gv::numprocs + 1) / 2.0;
-  for (int i = 1; i <= part.size(); ++i) EXPECT_EQ(part(i), i * ranks);
-  support::allreduce_sum({}, gv::numprocs);
-}
-
-// A single contributor's values come through unchanged: nothing else makes the results equal.
-TEST(AllreduceSum, KeepsEveryBitOfASingleContribution) {
-  vector<double> part("a process's part", 301);
   const auto value = [](int i) { return std::exp(0.37 * i) / 3.0; };
-  for (int i = 1; i <= part.size(); ++i)
-    if (i % gv::numprocs == gv::myid) part(i) = value(i);
-  support::allreduce_sum(part, gv::numprocs);
-  for (int i = 1; i <= part.size(); ++i) EXPECT_EQ(part(i), value(i));
-}
-
-TEST(AllreduceSum, LeavesAProcessByItselfAlone) {
-  vector<double> part("a process's part", 2);
-  part(1) = gv::myid;
-  support::allreduce_sum(part, 1);
-  EXPECT_EQ(part(1), gv::myid);
+  vector<double> shared("from all processes", 301), single("from one process each", 301);
+  for (int i = 1; i <= 301; ++i) {
+    shared(i) = i * (gv::myid + 1.0);
+    single(i) = i % gv::numprocs == gv::myid ? value(i) : 0.0;
+  }
+  support::allreduce_sum(shared, 1);  // by itself: nothing changes
+  support::allreduce_sum(shared, gv::numprocs);
+  support::allreduce_sum(single, gv::numprocs);
+  support::allreduce_sum({}, gv::numprocs);
+  for (int i = 1; i <= 301; ++i) {
+    EXPECT_EQ(shared(i), i * gv::numprocs * (gv::numprocs + 1) / 2.0);
+    EXPECT_EQ(single(i), value(i));
+  }
 }
 
 // Processes of one machine share the steady clock.

@@ -19,38 +19,23 @@ namespace gv = statsubs::global_variables;
 namespace qv = statsubs::qrpemlocalvariables;
 
 constexpr int nsub = 5;
-constexpr int order = 2;
 
-void allocate_state() {
-  gv::leneta = order;
-  gv::newsub.allocate("newsub", nsub + 1);
-  for (int i = 1; i <= nsub + 1; ++i) gv::newsub(i) = i;
-  gv::cholsub.allocate("cholsub", order * (order + 1) / 2, nsub);
-  gv::omegasubnew.allocate("omegasubnew", order, order);
-  qv::choleskyfactor.allocate("choleskyfactor", order, order, nsub);
-}
-
-// Every subject's column where this process owns it, and nonsense where it does not: the last
-// subject's is not even a number.
-void fill_columns(int myid, int numprocs) {
+// The factors of all subjects. A column is the subject's own where the process numbered myid owns
+// it and nonsense where it does not: the last subject's is not even a number.
+std::vector<double> factors(int myid, int numprocs) {
+  gv::myid = myid;
+  gv::numprocs = numprocs;
+  qv::choleskyfactor.allocate("choleskyfactor", 2, 2, nsub);
   for (int isub = 1; isub <= nsub; ++isub) {
-    const double owned[] = {1.0 / isub, 0.1 * isub, 3.0};
-    const auto column = gv::cholsub.column(isub);
-    if (isub % numprocs == myid)
-      std::copy_n(owned, 3, column.begin());
-    else
-      std::fill(column.begin(), column.end(), isub < nsub ? -1e3 * isub : std::nan(""));
-  }
-}
-
-std::vector<double> factors() {
-  for (int isub = 1; isub <= nsub; ++isub) {
+    const std::vector<double> owned = {1.0 / isub, 0.1 * isub, 3.0};
+    const std::vector<double> nonsense(3, isub < nsub ? -1e3 * isub : std::nan(""));
+    const std::vector<double>& column = isub % numprocs == myid ? owned : nonsense;
+    std::copy(column.begin(), column.end(), gv::cholsub.column(isub).begin());
     int info = -1;
     qncurv(isub, info);
     EXPECT_EQ(info, 0) << isub;
   }
-  const auto all = qv::choleskyfactor.slice(1).data();
-  return {all, all + order * order * nsub};
+  return {qv::choleskyfactor.data(), qv::choleskyfactor.data() + 4 * nsub};
 }
 
 TEST(QncurvInAJob, EveryProcessGetsTheOwnersFactor) {
@@ -58,19 +43,15 @@ TEST(QncurvInAJob, EveryProcessGetsTheOwnersFactor) {
   host.table().globalvec = [](double* values, const int& length) {
     support::allreduce_sum(vector_view<double>(values, length), gv::numprocs);
   };
-  allocate_state();
-  fill_columns(gv::myid, gv::numprocs);
-  const std::vector<double> shared = factors();
-
+  gv::leneta = 2;
+  gv::newsub.allocate("newsub", nsub + 1);
+  for (int i = 1; i <= nsub + 1; ++i) gv::newsub(i) = i;
+  gv::cholsub.allocate("cholsub", 3, nsub);
+  gv::omegasubnew.allocate("omegasubnew", 2, 2);
   const int myid = gv::myid;
   const int numprocs = gv::numprocs;
-  gv::myid = 0;
-  gv::numprocs = 1;
-  fill_columns(gv::myid, gv::numprocs);
-  const std::vector<double> alone = factors();
-  gv::myid = myid;
-  gv::numprocs = numprocs;
-  EXPECT_EQ(shared, alone);
+  const std::vector<double> alone = factors(0, 1);
+  EXPECT_EQ(factors(myid, numprocs), alone);
 }
 
 }  // namespace

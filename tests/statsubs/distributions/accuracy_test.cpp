@@ -4,7 +4,7 @@
 #include <iomanip>
 #include <ostream>
 
-#include "tests/statsubs/distributions/accuracy_cases.h"
+#include "bench/accuracy_cases.h"
 
 namespace test {
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "statsubs/estep/proposals.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <boost/math/distributions/laplace.hpp>
@@ -15,6 +16,9 @@
 
 namespace statsubs {
 namespace {
+
+using testing::Each;
+using testing::ElementsAre;
 
 constexpr double not_a_number = std::numeric_limits<double>::quiet_NaN();
 constexpr double infinity = std::numeric_limits<double>::infinity();
@@ -34,18 +38,13 @@ std::vector<double> probabilities() {
   return p;
 }
 
-// Boost's quantile, in the upper half of the complement so that nothing is lost to p near 1.
-double reference_quantile(double p) {
-  if (p <= 0.5) return quantile(standard_normal, p);
-  return quantile(complement(standard_normal, 1.0 - p));
-}
-
 TEST(Dnorminv, HasThePublishedAccuracy) {
   for (const double p : probabilities()) {
-    const double expected = reference_quantile(p);
+    // From the complement in the upper half, so that nothing is lost to p near 1.
+    const double expected =
+        p <= 0.5 ? quantile(standard_normal, p) : quantile(complement(standard_normal, 1.0 - p));
     EXPECT_NEAR(dnorminv(p), expected, acklam_error * std::abs(expected)) << p;
   }
-  EXPECT_EQ(dnorminv(0.5), 0.0);
 }
 
 // At a break point the two rational functions differ by 2e-9, relatively. The values are theirs, by
@@ -65,18 +64,16 @@ TEST(Dnorminv, IsFiniteAtAndBeyondTheEnds) {
 
 // What stands between the columns is left alone.
 TEST(NormalQuantiles, AreThoseOfDnorminvInAnyLayout) {
-  const std::vector<double> p = probabilities();
+  const std::vector<double> given = probabilities();
   constexpr int rows = 3;
-  const int columns = static_cast<int>(p.size()) / rows;
-  const matrix_view<const double> given(p.data(), rows, columns);
+  const int columns = static_cast<int>(given.size()) / 4;
   for (const int leading : {rows, rows + 1}) {
-    matrix<double> z("quantiles", leading, columns);
-    for (int j = 1; j <= columns; ++j)
-      for (int i = 1; i <= leading; ++i) z(i, j) = i <= rows ? given(i, j) : 7.0;
+    std::vector<double> z = given;
     normal_quantiles({z.data(), rows, columns, leading});
-    for (int j = 1; j <= columns; ++j)
-      for (int i = 1; i <= leading; ++i)
-        EXPECT_EQ(z(i, j), i <= rows ? dnorminv(given(i, j)) : 7.0);
+    for (int at = 0; at < leading * columns; ++at) {
+      const double p = given[static_cast<std::size_t>(at)];
+      EXPECT_EQ(z[static_cast<std::size_t>(at)], at % leading < rows ? dnorminv(p) : p);
+    }
   }
 }
 
@@ -109,41 +106,29 @@ TEST(Densities, IntegrateToOneWithUnitVariance) {
 }
 
 TEST(Simmn, ReadsTheLowerTriangleOnly) {
-  constexpr int n = 3;
-  constexpr int ldl = 5;
-  matrix<double> l("L", ldl, n);
-  for (int j = 1; j <= n; ++j)
-    for (int i = 1; i <= ldl; ++i) l(i, j) = i >= j && i <= n ? 10.0 * i + j : not_a_number;
+  const double no = not_a_number;
+  const double l[] = {11, 21, 31, no, no, 22, 32, no, no, no, 33, no};  // leading dimension 4
   const double mu[] = {1.0, 2.0, 3.0};
   const double z[] = {1.0, -1.0, 2.0};
-  double eta[] = {9.0, 9.0, 9.0};
-  simmn(0, mu, l.data(), ldl, z, eta);
-  EXPECT_EQ(eta[0], 9.0);
-  simmn(n, mu, l.data(), ldl, z, eta);
-  EXPECT_EQ(eta[0], 1.0 + 11.0);
-  EXPECT_EQ(eta[1], 2.0 + 21.0 - 22.0);
-  EXPECT_EQ(eta[2], 3.0 + 31.0 - 32.0 + 66.0);
+  std::vector<double> eta(3, 9.0);
+  simmn(0, mu, l, 4, z, eta.data());
+  EXPECT_THAT(eta, Each(9.0));
+  simmn(3, mu, l, 4, z, eta.data());
+  EXPECT_THAT(eta, ElementsAre(1 + 11, 2 + 21 - 22, 3 + 31 - 32 + 66));
 }
 
 // Far from the origin, where the mean of the squares minus the square of the mean would lose all
 // figures; deviations (-1, 2), (0, -2), (1, 0) with weights 1/4, 1/4, 1/2 after the mean is off.
 TEST(Discretestat, GivesMomentsAboutTheMean) {
   constexpr double far = 0x1p40;
-  constexpr int n = 2;
   const double x[] = {far - 1, far + 2, -7, far, far - 2, -7, far + 1, far, -7};  // ldx = 3
   const double w[] = {0.25, 0.25, 0.5};
-  double mean[n];
-  matrix<double> cov("covariance", 4, n);
-  for (double& entry : vector_view<double>(cov.data(), 4 * n)) entry = 7.0;
-  discretestat(3, n, x, 3, w, mean, cov.data(), 4);
-  EXPECT_EQ(mean[0], far + 0.25);
-  EXPECT_EQ(mean[1], far);
-  EXPECT_EQ(cov(1, 1), 0.25 * 1.25 * 1.25 + 0.25 * 0.25 * 0.25 + 0.5 * 0.75 * 0.75);
-  EXPECT_EQ(cov(2, 2), 2.0);
-  EXPECT_EQ(cov(2, 1), 0.25 * -1.25 * 2.0 + 0.25 * -0.25 * -2.0);
-  EXPECT_EQ(cov(1, 2), cov(2, 1));
-  EXPECT_EQ(cov(3, 1), 7.0);
-  EXPECT_EQ(cov(4, 2), 7.0);
+  double mean[2];
+  std::vector<double> cov(6, 7.0);  // ldc = 3
+  discretestat(3, 2, x, 3, w, mean, cov.data(), 3);
+  EXPECT_THAT(mean, ElementsAre(far + 0.25, far));
+  const double variance = 0.25 * 1.25 * 1.25 + 0.25 * 0.25 * 0.25 + 0.5 * 0.75 * 0.75;
+  EXPECT_THAT(cov, ElementsAre(variance, -0.5, 7.0, -0.5, 2.0, 7.0));
 }
 
 }  // namespace

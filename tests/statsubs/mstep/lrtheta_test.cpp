@@ -18,37 +18,40 @@ namespace {
 
 namespace gv = statsubs::global_variables;
 namespace qv = statsubs::qrpemlocalvariables;
+using testing::DoubleNear;
 using testing::Each;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
-// Four subjects with three random effects each, the second of them without observations until a
-// test gives it some. omega = L Lt with the lower factor below, all in exact binary numbers.
+// Four subjects with three random effects each. omega = L Lt with the lower factor below, all in
+// exact binary numbers.
 class Lrtheta : public testing::Test {
  protected:
   Lrtheta() {
     gv::myid = 0;
     gv::leneta = 3;
     gv::nsub = 4;
-    gv::omegalchol.allocate("omegalchol", 3, 3);
     gv::omegalcholinv.allocate("omegalcholinv", 3, 3);
-    const double factor[] = {2, 1, -1, 9, 3, 1, 9, 9, 1.5};  // 9: above the diagonal
-    std::copy_n(factor, 9, gv::omegalchol.data());
     gv::newsub.allocate("newsub", 5);
+    set_factor({2, 1, -1, 9, 3, 1, 9, 9, 1.5});  // 9: above the diagonal
     set_newsub({1, 5, 7, 10, 12});
     set_ntheta(5);
-    host.cmatrix = [this](int isub0, double* c) {
-      visited.push_back(isub0);
-      fill_cmatrix(weight[static_cast<std::size_t>(isub0)], c);
-    };
+    // Three intercepts, a covariate on rows 1 and 3, and a row and a column that are not regressed.
+    regress([](double w) {
+      return std::vector<double>{1, 0, 0, 5, w, 0, w, 6, 0, 1, 0, 7, 0, 0, 1, 8, 7, 8, 9, 10};
+    });
   }
 
-  void set_newsub(const std::vector<int>& starts) {
+  static void set_factor(const std::vector<double>& columns) {
+    gv::omegalchol.allocate("omegalchol", 3, 3);
+    std::copy(columns.begin(), columns.end(), gv::omegalchol.data());
+  }
+
+  static void set_newsub(const std::vector<int>& starts) {
     std::copy(starts.begin(), starts.end(), gv::newsub.begin());
   }
 
   // Names "theta1 ..." and the identity as the map of columns to fixed effects.
-  void set_ntheta(int ntheta) {
+  static void set_ntheta(int ntheta) {
     gv::ntheta = ntheta;
     gv::fixedeffectnames.allocate("names", ntheta);
     qv::iseqtheta.allocate("iseqtheta", ntheta);
@@ -62,10 +65,14 @@ class Lrtheta : public testing::Test {
     }
   }
 
-  // Three intercepts, a covariate on rows 1 and 3, and a row and a column that are not regressed.
-  static void fill_cmatrix(double w, double* c) {
-    const double columns[] = {1, 0, 0, 5, w, 0, w, 6, 0, 1, 0, 7, 0, 0, 1, 8, 7, 8, 9, 10};
-    std::copy_n(columns, 20, c);
+  // Has the host give C by its columns, a function of the subject's covariate.
+  template <class Columns>
+  void regress(Columns columns) {
+    host.cmatrix = [this, columns](int isub0, double* c) {
+      visited.push_back(isub0);
+      const std::vector<double> entries = columns(covariate[static_cast<std::size_t>(isub0)]);
+      std::copy(entries.begin(), entries.end(), c);
+    };
   }
 
   std::vector<double> run(const std::vector<int>& map, int nextra = 1, int ncolc = 5, int n = 6,
@@ -77,73 +84,51 @@ class Lrtheta : public testing::Test {
 
   test::fake_host host;
   test::captured_unit output;
-  std::vector<double> weight = {-1, 0.5, 2, -1.5};
+  std::vector<double> covariate = {-1, 0.5, 2, -1.5};
   std::vector<double> means = {1, -2, 0.5, 1.5, 1, -1, -0.5, 2, 3, 2, 0.25, 1};
   std::vector<int> visited;
 };
 
+auto near(double expected) {
+  return DoubleNear(expected, 1e-14);
+}
+
 // Generalised least squares with omega itself, no factor and no whitening, worked out in exact
-// rational arithmetic: 7/8, 11/50, 1, 5/16.
+// rational arithmetic, with the inverse of the lower factor.
 TEST_F(Lrtheta, IsGeneralisedLeastSquares) {
-  const std::vector<double> atb = run({2, 3, 1});
-  const double expected[] = {0.875, 0.22, 1.0, 0.3125};
-  for (std::size_t k = 0; k < 4; ++k) EXPECT_NEAR(atb[k], expected[k], 1e-14) << k;
-  EXPECT_EQ(atb[4], 0.0);
+  EXPECT_THAT(run({2, 3, 1}), ElementsAre(near(0.875), near(0.22), near(1.0), near(0.3125), 0.0));
   EXPECT_THAT(visited, ElementsAre(0, 1, 2, 3));
   EXPECT_THAT(output.lines(), ElementsAre(testing::StartsWith(" atb from linear regression= ")));
   EXPECT_THAT(qv::itypetheta, Each(1));
-}
-
-TEST_F(Lrtheta, LeavesTheInverseOfTheLowerFactorBehind) {
-  run({1, 2, 3});
-  for (int i = 1; i <= 3; ++i)
-    for (int j = 1; j <= 3; ++j) {
-      double product = 0.0;
-      for (int k = j; k <= i; ++k) product += gv::omegalchol(i, k) * gv::omegalcholinv(k, j);
-      EXPECT_NEAR(product, i == j ? 1.0 : 0.0, 1e-15);
-      if (j > i) {
-        EXPECT_EQ(gv::omegalcholinv(i, j), 0.0);
-      }
-    }
+  const std::vector<double> inverse(gv::omegalcholinv.data(), gv::omegalcholinv.data() + 9);
+  EXPECT_THAT(inverse, ElementsAre(0.5, near(-1.0 / 6), near(4.0 / 9), 0.0, near(1.0 / 3),
+                                   near(-2.0 / 9), 0.0, 0.0, near(2.0 / 3)));
 }
 
 // Rows of C in the order of the random effects, the last of them without a mu-reference: least
-// squares with the leading block of omega, again in rational arithmetic: 1, -73/100, 5/16.
-TEST_F(Lrtheta, ARandomEffectWithoutReferenceLeavesTheMarginalProblem) {
-  host.cmatrix = [this](int isub0, double* c) {
-    const double w = weight[static_cast<std::size_t>(isub0)];
-    const double columns[] = {1, 0, w, 0, 0, 1};
-    std::copy_n(columns, 6, c);
-  };
-  const std::vector<double> atb = run({1, 2, 0}, 0, 3, 3, 2);
-  const double expected[] = {1.0, -0.73, 0.3125};
-  for (std::size_t k = 0; k < 3; ++k) EXPECT_NEAR(atb[k], expected[k], 1e-14) << k;
-}
+// squares with the leading block of omega. With fewer fixed effects than random ones, intercepts
+// for two of these give their averages; row 3 would change the first of them.
+TEST_F(Lrtheta, EffectsWithoutReferenceLeaveTheMarginalProblem) {
+  regress([](double w) { return std::vector<double>{1, 0, w, 0, 0, 1}; });
+  EXPECT_THAT(run({1, 2, 0}, 0, 3, 3, 2),
+              ElementsAre(near(1.0), near(-0.73), near(0.3125), 0.0, 0.0));
 
-// Intercepts for two random effects give their averages; row 3 would change the first of them.
-TEST_F(Lrtheta, EquationsStopAtTheNumberOfFixedEffects) {
   set_ntheta(2);
-  host.cmatrix = [](int, double* c) {
-    const double columns[] = {1, 0, 4, 0, 1, 0};
-    std::copy_n(columns, 6, c);
-  };
-  const std::vector<double> atb = run({1, 2, 3}, 0, 2, 2);
-  EXPECT_NEAR(atb[0], 1.0, 1e-15);
-  EXPECT_NEAR(atb[1], 0.3125, 1e-15);
+  regress([](double) { return std::vector<double>{1, 0, 4, 0, 1, 0}; });
+  EXPECT_THAT(run({1, 2, 3}, 0, 2, 2), ElementsAre(near(1.0), near(0.3125)));
 }
 
 TEST_F(Lrtheta, ASubjectWithoutObservationsCountsForNothing) {
   set_newsub({1, 5, 5, 10, 12});
-  means[3] = means[4] = means[5] = 1e6;
   const std::vector<double> skipped = run({2, 3, 1});
   EXPECT_THAT(visited, ElementsAre(0, 2, 3));
-  EXPECT_EQ(gv::nobs, 2);
 
   gv::nsub = 3;
   set_newsub({1, 5, 10, 12});
   means.erase(means.begin() + 3, means.begin() + 6);
-  weight.erase(weight.begin() + 1);
+  covariate.erase(covariate.begin() + 1);
   EXPECT_EQ(run({2, 3, 1}), skipped);
+  EXPECT_EQ(gv::nobs, 2);
 
   set_newsub({1, 5, 10, 10});
   run({2, 3, 1});
@@ -152,8 +137,7 @@ TEST_F(Lrtheta, ASubjectWithoutObservationsCountsForNothing) {
 
 TEST_F(Lrtheta, NothingToRegressGivesZeroAndTheInverseAllTheSame) {
   EXPECT_THAT(run({1, 2, 3}, 5, 5), Each(0.0));
-  EXPECT_THAT(output.lines(), IsEmpty());
-  EXPECT_THAT(visited, IsEmpty());
+  EXPECT_TRUE(output.lines().empty() && visited.empty());
   EXPECT_EQ(gv::omegalcholinv(1, 1), 0.5);
 }
 
@@ -161,12 +145,8 @@ TEST_F(Lrtheta, NothingToRegressGivesZeroAndTheInverseAllTheSame) {
 // normal matrix is diag(4, 0, 7.5), its right-hand side (4, 0, 2.125).
 TEST_F(Lrtheta, AnUntouchedFixedEffectIsReportedAndMarked) {
   test::remove_engine_log();
-  for (int j = 1; j <= 3; ++j)
-    for (int i = 1; i <= 3; ++i) gv::omegalchol(i, j) = i == j ? 1.0 : 0.0;
-  host.cmatrix = [this](int isub0, double* c) {
-    const double columns[] = {1, 0, 0, 0, 0, weight[static_cast<std::size_t>(isub0)]};
-    std::copy_n(columns, 6, c);
-  };
+  set_factor({1, 0, 0, 0, 1, 0, 0, 0, 1});
+  regress([](double w) { return std::vector<double>{1, 0, 0, 0, 0, w}; });
   qv::iseqtheta(2) = 5;
   EXPECT_THAT(run({1, 2, 0}, 0, 3, 4, 2), ElementsAre(1.0, 0.0, 6.125 / 7.5, 0.0, 0.0));
   EXPECT_THAT(qv::itypetheta, ElementsAre(1, 1, 1, 1, 4));
@@ -181,57 +161,45 @@ TEST_F(Lrtheta, AnUntouchedFixedEffectIsReportedAndMarked) {
 }
 
 // Two equal columns: the factorisation meets a zero pivot, and forward substitution runs over the
-// packed, unfactored matrix ((16, 16), (16, 16)) with the right-hand side (16, 16).
+// packed, unfactored matrix ((16, 16), (16, 16)) with the right-hand side (16, 16). The log is
+// added to; processes other than the first write nothing.
 TEST_F(Lrtheta, ASingularNormalMatrixFallsBack) {
   test::remove_engine_log();
-  for (int j = 1; j <= 3; ++j)
-    for (int i = 1; i <= 3; ++i) gv::omegalchol(i, j) = i == j ? 0.5 : 0.0;
-  host.cmatrix = [](int, double* c) { c[0] = c[1] = 1.0; };
+  set_factor({0.5, 0, 0, 0, 0.5, 0, 0, 0, 0.5});
+  regress([](double) { return std::vector<double>{1, 1}; });
   host.table().forward_substitution = [](const int& m, const double* a, double* b) {
     EXPECT_EQ(m, 2);
     EXPECT_THAT(std::vector<double>(a, a + 4), ElementsAre(16, 16, 16, 16));
     EXPECT_THAT(std::vector<double>(b, b + 2), ElementsAre(16, 16));
-    b[0] = 1.0;
     b[1] = 42.0;
   };
-  EXPECT_THAT(run({1, 0, 0}, 0, 2, 7, 1), ElementsAre(1.0, 42.0, 0.0, 0.0, 0.0));
-  EXPECT_EQ(output.lines().size(), 2U);
-  EXPECT_THAT(qv::itypetheta, Each(1));
-
-  run({1, 0, 0}, 0, 2, 7, 1);
-  EXPECT_EQ(test::engine_log_lines().size(), 2U) << "the log is added to";
-
-  gv::myid = 1;
-  EXPECT_THAT(run({1, 0, 0}, 0, 2, 7, 1), ElementsAre(1.0, 42.0, 0.0, 0.0, 0.0));
-  EXPECT_EQ(output.lines().size(), 4U) << "other processes are silent";
+  for (gv::myid = 0; gv::myid < 2; ++gv::myid)
+    for (int repetition = 0; repetition < 2; ++repetition)
+      EXPECT_THAT(run({1, 0, 0}, 0, 2, 7, 1), ElementsAre(16.0, 42.0, 0.0, 0.0, 0.0));
+  EXPECT_EQ(output.lines().size(), 4U);
   EXPECT_EQ(test::engine_log_lines().size(), 2U);
+  EXPECT_THAT(qv::itypetheta, Each(1));
 }
 
 // L = ((2), (3, 5), (7, 11, 13)) in the first three rows of five; 99 must not be read.
-const std::vector<double> factor = {2, 3, 7, 99, 99, 99, 5, 11, 99, 99, 99, 99, 13, 99, 99};
-
-TEST(TriangularProducts, VectorInPlace) {
+TEST(TriangularProducts, TakeVectorsInPlaceAndRowsNamedByAMap) {
+  const double factor[] = {2, 3, 7, 99, 99, 99, 5, 11, 99, 99, 99, 99, 13, 99, 99};
   std::vector<double> x = {1, 10, 100, 1000};
-  ldmaxpv(factor.data(), 5, 3, x.data());
-  EXPECT_THAT(x, ElementsAre(2, 53, 1417, 1000));
-  ldmaxpv(factor.data(), 5, 0, x.data());
-  EXPECT_THAT(x, ElementsAre(2, 53, 1417, 1000));
-}
+  for (const int m : {3, 0}) {
+    ldmaxpv(factor, 5, m, x.data());
+    EXPECT_THAT(x, ElementsAre(2, 53, 1417, 1000));
+  }
 
-TEST(TriangularProducts, RowsNamedByAMap) {
   std::vector<double> rows = {1, 10, 100, 1000, 2, 20, 200, 2000, -1, -1, -1, -1};
   const int permuted[] = {3, 1, 2};
-  ldmaxpy(factor.data(), 5, 3, rows.data(), 4, 2, permuted);
+  ldmaxpy(factor, 5, 3, rows.data(), 4, 2, permuted);
   EXPECT_THAT(rows, ElementsAre(305, 841, 200, 1000, 610, 1682, 400, 2000, -1, -1, -1, -1));
 
   rows = {1, 10, 100};
-  const int partial[] = {2, 0, 1};
-  ldmaxpy(factor.data(), 5, 3, rows.data(), 3, 1, partial);
-  EXPECT_THAT(rows, ElementsAre(83, 20, 100));
-
-  const int none[] = {0, 0, 0};
-  ldmaxpy(factor.data(), 5, 3, rows.data(), 3, 1, none);
-  EXPECT_THAT(rows, ElementsAre(83, 20, 100));
+  for (const auto& map : {std::vector{2, 0, 1}, std::vector{0, 0, 0}}) {
+    ldmaxpy(factor, 5, 3, rows.data(), 3, 1, map.data());
+    EXPECT_THAT(rows, ElementsAre(83, 20, 100));
+  }
 }
 
 }  // namespace

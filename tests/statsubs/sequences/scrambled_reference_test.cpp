@@ -48,8 +48,8 @@ constexpr start starts[] = {
 };
 // clang-format on
 
-// Successive starts from the first number of the uniform generator, as reference_streams.py prints
-// them: the same scrambling carried out bit by bit.
+// Successive starts from the first number of the uniform generator, as bench/reference_streams.py
+// prints them: the same scrambling carried out bit by bit.
 TEST(ScrambledSobol, EqualsTheBitByBitConstruction) {
   poly_vinit_define();
   int run = 0;

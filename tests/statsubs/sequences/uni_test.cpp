@@ -6,8 +6,8 @@
 namespace statsubs {
 namespace {
 
-// Numbers from reference_streams.py. A wrong borrow or one rounding too many anywhere before a
-// number shows in it, since every number descends from all before.
+// Numbers from bench/reference_streams.py. A wrong borrow or one rounding too many anywhere before
+// a number shows in it, since every number descends from all before.
 TEST(Uni, FollowsTheRecurrenceToTheLastBit) {
   struct {
     int n;
