@@ -188,13 +188,18 @@ Eigen::VectorXd extreme_direction(const Eigen::MatrixXd& matrix, bool largest) {
 covariance_estimate invert_information(const Eigen::MatrixXd& information,
                                        standard_errors& result) {
   if (const auto covariance = inverse_of(information)) return {true, "", *covariance};
-  if (information.allFinite() && (information.diagonal().array() != 0.0).all())
+  if (!information.allFinite())
+    return {false,
+            "the likelihood cannot be differenced at the estimates: omega is close to singular",
+            {}};
+  std::string reason =
+      "the observed information is not positive definite: the estimates are not at a maximum, or "
+      "the data do not identify every parameter";
+  if ((information.diagonal().array() != 0.0).all()) {
     result.unidentified = in_words(extreme_direction(information, false), result.names);
-  return {false,
-          "the observed information is not positive definite: the estimates are not at a maximum, "
-          "or the data do not identify the direction " +
-              result.unidentified,
-          {}};
+    reason += " (least known: " + result.unidentified + ")";
+  }
+  return {false, reason, {}};
 }
 
 covariance_estimate invert_scores(const population_model& model, const Eigen::MatrixXd& scores) {

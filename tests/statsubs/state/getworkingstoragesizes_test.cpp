@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstddef>
 #include <functional>
 #include <string>
 #include <vector>
@@ -36,10 +35,11 @@ int answer(const char* name, int value) {
   return value;
 }
 
-void put_name(const char* getter, char kind, int index, char* name) {
+// Names begin with the fourth letter of their getter.
+void put_name(const char* getter, int index, char* name) {
   answer(getter, index);
   EXPECT_EQ(std::string(name, name_length), std::string(name_length, ' ')) << getter;
-  name[0] = kind;
+  name[0] = getter[3];
   name[1] = static_cast<char>('0' + index);
 }
 
@@ -50,10 +50,6 @@ void pack(const double* theta, const double* omega, const double&, double* x, co
   count = answer("packparameters1", said.npack);
 }
 
-void allocate(const int& dimension, const int& leneta, const int& ntheta, const int& nsub) {
-  said.allocated = {answer("allocateglobalarrays", dimension), leneta, ntheta, nsub};
-}
-
 class SetUp : public testing::Test {
  protected:
   SetUp() {
@@ -61,36 +57,26 @@ class SetUp : public testing::Test {
     gv::ipresample = 5;
     gv::accratio = 0.0;
     host_table& table = host.table();
-    table.getntheta = [] { return answer("getntheta", 3); };
-    table.getfixefname = [](const int& i, char* name) { put_name("getfixefname", 'f', i, name); };
-    table.getranef5name = [](const int& i, char* name) { put_name("getranef5name", 'r', i, name); };
-    table.getfixeferrtothetamap = [](int* map) {
+    // clang-format off
+#define NAME(getter) table.getter = [](const int& i, char* name) { put_name(#getter, i, name); };
+    NAME(getfixefname) NAME(getranef5name) NAME(getobsstdevname)
+#define VALUE(getter, value) table.getter = [] { return answer(#getter, value); };
+    VALUE(getntheta, 3) VALUE(getobscount, 2) VALUE(getisample, said.isample)
+    VALUE(getpresample, said.presample) VALUE(getrunfromui, said.runfromui) VALUE(getmapnp, 21)
+    VALUE(getsirsamp, 22) VALUE(getpemrunall, 23) VALUE(getmapassist, 24) VALUE(getmcpem, 25)
+    VALUE(getimpsampdof, 26) VALUE(getburnin, 27) VALUE(nonomegaburn, 28) VALUE(getscramble, 29)
+        // clang-format on
+        table.getfixeferrtothetamap = [](int* map) {
       for (int i = 0; i < 3; ++i) map[i] = 3 - i;
       answer("getfixeferrtothetamap", 0);
     };
-    table.getobscount = [] { return answer("getobscount", 2); };
-    table.getobsstdevname = [](const int& i, char* name) {
-      put_name("getobsstdevname", 's', i, name);
-    };
     table.getobsvaluecount = [](const int& i) { return answer("getobsvaluecount", 10 * i); };
-    table.getnobs1 = [](const int& isub) {
-      return answer("getnobs1", said.nobs.at(static_cast<std::size_t>(isub - 1)));
-    };
+    table.getnobs1 = [](const int& i) { return answer("getnobs1", said.nobs.at(i - 1U)); };
     table.packparameters1 = pack;
-    table.allocateglobalarrays = allocate;
-    table.getisample = [] { return answer("getisample", said.isample); };
-    table.getpresample = [] { return answer("getpresample", said.presample); };
-    table.getmapnp = [] { return answer("getmapnp", 21); };
-    table.getsirsamp = [] { return answer("getsirsamp", 22); };
-    table.getrunfromui = [] { return answer("getrunfromui", said.runfromui); };
-    table.getpemrunall = [] { return answer("getpemrunall", 23); };
-    table.getmapassist = [] { return answer("getmapassist", 24); };
-    table.getmcpem = [] { return answer("getmcpem", 25); };
+    table.allocateglobalarrays = [](const int& n, const int& leneta, const int& nt, const int& ns) {
+      said.allocated = {answer("allocateglobalarrays", n), leneta, nt, ns};
+    };
     table.getaccratio = [] { return answer("getaccratio", 0) + 0.375; };
-    table.getimpsampdof = [] { return answer("getimpsampdof", 26); };
-    table.getburnin = [] { return answer("getburnin", 27); };
-    table.nonomegaburn = [] { return answer("nonomegaburn", 28); };
-    table.getscramble = [] { return answer("getscramble", 29); };
     table.getqrpemflags = [] { said.qrpemflags(), answer("getqrpemflags", 0); };
     table.readflags0 = [] { said.flags0(), answer("readflags0", 0); };
   }
@@ -110,20 +96,20 @@ std::string text_of(const display_name& name) {
 TEST_F(SetUp, AsksTheHostInAFixedOrderAndRecordsItsAnswers) {
   said.runfromui = 0;
   set_up(1);
-  EXPECT_THAT(
-      said.asked,
-      ElementsAre("getntheta", "getfixefname", "getfixefname", "getfixefname", "getranef5name",
-                  "getranef5name", "getfixeferrtothetamap", "getobscount", "getobsstdevname",
-                  "getobsstdevname", "getobsvaluecount", "getobsvaluecount", "getnobs1", "getnobs1",
-                  "getnobs1", "getnobs1", "packparameters1", "allocateglobalarrays", "getisample",
-                  "getpresample", "getmapnp", "getsirsamp", "getrunfromui", "getpemrunall",
-                  "getmapassist", "getmcpem", "getaccratio", "getimpsampdof", "getburnin",
-                  "nonomegaburn", "getscramble", "getqrpemflags", "readflags0"));
+  std::string asked;
+  for (const std::string& name : said.asked) asked += name + ' ';
+  EXPECT_EQ(asked,
+            "getntheta getfixefname getfixefname getfixefname getranef5name getranef5name "
+            "getfixeferrtothetamap getobscount getobsstdevname getobsstdevname getobsvaluecount "
+            "getobsvaluecount getnobs1 getnobs1 getnobs1 getnobs1 packparameters1 "
+            "allocateglobalarrays getisample getpresample getmapnp getsirsamp getrunfromui "
+            "getpemrunall getmapassist getmcpem getaccratio getimpsampdof getburnin nonomegaburn "
+            "getscramble getqrpemflags readflags0 ");
   EXPECT_THAT((std::vector{gv::nsub, gv::nobs, gv::nobsmax, gv::nobstotal, fixedsize}),
               ElementsAre(4, 2, 9, 15, 1000));
   EXPECT_EQ(text_of(gv::fixedeffectnames(3)), "f3" + std::string(98, ' '));
   EXPECT_EQ(text_of(gv::randomeffectnames(2)), "r2" + std::string(98, ' '));
-  EXPECT_EQ(text_of(se::stddevnames(2)), "s2" + std::string(98, ' '));
+  EXPECT_EQ(text_of(se::stddevnames(2)), "o2" + std::string(98, ' '));
   EXPECT_THAT(se::stddevobsnum, ElementsAre(10, 20));
   EXPECT_THAT(se::fixeferrtothetamap, ElementsAre(3, 2, 1));
   EXPECT_THAT((std::vector{gv::ngetmapnp, gv::nchain, gv::irunall, gv::impmapflag, gv::iflagmcpem,
@@ -135,16 +121,13 @@ TEST_F(SetUp, AsksTheHostInAFixedOrderAndRecordsItsAnswers) {
 TEST_F(SetUp, StorageFollowsThePackedCountAndTheEngine) {
   set_up(1, 5, 2);
   EXPECT_THAT(said.allocated, ElementsAre(7, 2, 3, 4));
-  EXPECT_EQ(packsize, 147);
-  EXPECT_EQ(gv::modeljacob.rows(), 15);
-  EXPECT_EQ(gv::modeljacob.columns(), 2);
-  EXPECT_EQ(gv::randomeffectnames.size(), 5);
-
+  EXPECT_THAT((std::vector{packsize, gv::modeljacob.rows(), gv::modeljacob.columns(),
+                           gv::randomeffectnames.size()}),
+              ElementsAre(147, 15, 2, 5));
   said.npack = 1;
   set_up(6, 5, 2);
   EXPECT_THAT(said.allocated, ElementsAre(2, 2, 3, 4)) << "never smaller than leneta";
-  EXPECT_EQ(packsize, 3);
-  EXPECT_EQ(gv::modeljacob.columns(), 5);
+  EXPECT_THAT((std::vector{packsize, gv::modeljacob.columns()}), ElementsAre(3, 5));
 }
 
 // Engine 1 is the quasi-random method, whose settings nobody else has; 7 has a count of its own.
@@ -157,16 +140,15 @@ TEST_F(SetUp, SampleCountsAreMultiplesOfSix) {
                           counts{7, 1, 3, 1, 1002, 1, 5}, counts{1, 1, 13, 9, 18, 9, 5},
                           counts{1, 0, 13, 9, 300, 1, 0}, counts{2, 0, 13, 9, 18, 1, 0}}) {
     gv::ipresample = 5;
+    gv::accratio = 0.0;
     said.runfromui = c.runfromui;
     said.isample = c.isample;
     said.presample = c.presample;
     set_up(c.engine);
-    EXPECT_EQ(gv::nsampset, c.nsampset) << c.engine << ' ' << c.isample;
-    EXPECT_EQ(gv::npresample, c.npresample);
-    EXPECT_EQ(gv::ipresample, c.ipresample);
-    EXPECT_EQ(gv::iqrpem, c.engine == 1 ? 1 : 0);
-    EXPECT_EQ(gv::accratio != 0.0, c.engine == 1);
-    gv::accratio = 0.0;
+    const int quasi_random = c.engine == 1 ? 1 : 0;
+    EXPECT_THAT((std::vector{gv::nsampset, gv::npresample, gv::ipresample, gv::iqrpem}),
+                ElementsAre(c.nsampset, c.npresample, c.ipresample, quasi_random));
+    EXPECT_EQ(gv::accratio, 0.375 * quasi_random);
   }
 }
 
@@ -179,25 +161,22 @@ TEST_F(SetUp, TheFlagSourceHasTheLastWord) {
     gv::npresample = 8;
   };
   set_up(1);
-  EXPECT_EQ(gv::nsampset, 13) << "not rounded again";
-  EXPECT_EQ(gv::npresample, 8);
-  EXPECT_EQ(gv::ipresample, 5);
+  EXPECT_THAT((std::vector{gv::nsampset, gv::npresample, gv::ipresample}), ElementsAre(13, 8, 5))
+      << "not rounded again";
 }
 
 // The second report replaces the first; the naive pooled engine, 6, needs no random effects.
 TEST_F(SetUp, ReportsAModelWithoutRandomEffectsAndCarriesOn) {
   test::remove_engine_log();
+  const std::string first = "Current engine is not applicable without random effects.";
+  const std::string second = "Naive Pooled engine is recommended.";
   for (const int engine : {6, 1, 2}) {
-    std::vector<std::string> report;
-    if (engine != 6)
-      report = {"Current engine is not applicable without random effects.",
-                "Naive Pooled engine is recommended."};
     testing::internal::CaptureStderr();
     set_up(engine, 0, 0);
-    EXPECT_EQ(test::engine_log_lines(), report);
-    std::string printed;
-    for (const std::string& line : report) printed += line + '\n';
+    const std::string printed = engine == 6 ? "" : first + '\n' + second + '\n';
     EXPECT_EQ(testing::internal::GetCapturedStderr(), printed);
+    EXPECT_EQ(test::engine_log_lines(),
+              engine == 6 ? std::vector<std::string>{} : std::vector{first, second});
     EXPECT_THAT(said.allocated, ElementsAre(7, 0, 3, 4));
   }
 }
