@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -83,7 +84,6 @@ class Itmapnp : public testing::Test {
     host.table().estflattheta = estflattheta;
     host.table().estblups = estblups;
   }
-  ~Itmapnp() override { gv::myid = 0; }
 
   std::vector<double> run(int rounds) {
     gv::ngetmapnp = rounds;
@@ -96,17 +96,16 @@ class Itmapnp : public testing::Test {
   test::captured_unit output;
 };
 
-// The expected text, "output" or "log", with the means summed term by term in Python. The log has no
-// empty line after the new fixed effects.
+// The expected text, "output" or "log", with the means summed term by term in Python. The log has
+// no empty line after the new fixed effects.
 std::string report(const std::string& rounds_and_unit) {
   std::ifstream file(ITMAPNP_REPORTS + rounds_and_unit + ".txt");
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
 std::string joined(const std::vector<std::string>& lines) {
-  std::string text;
-  for (const std::string& line : lines) text += line + '\n';
-  return text;
+  return std::accumulate(lines.begin(), lines.end(), std::string(),
+                         [](auto text, const auto& line) { return text + line + '\n'; });
 }
 
 TEST_F(Itmapnp, OneRoundRestoresTheFlag) {
@@ -114,9 +113,9 @@ TEST_F(Itmapnp, OneRoundRestoresTheFlag) {
   EXPECT_EQ(joined(output.lines()), report("1_output"));
   EXPECT_EQ(joined(test::engine_log_lines()), report("1_log"));
   EXPECT_THAT(seen.first_row, Each(0.0));
-  EXPECT_THAT((std::vector<double>{1.0 * gv::iflathess, 1.0 * gv::idengine, gv::sigmalchol,
-                                   gv::sigmasq}),
-              ElementsAre(5, 1, 0.5, 0.25));
+  EXPECT_THAT(
+      (std::vector<double>{1.0 * gv::iflathess, 1.0 * gv::idengine, gv::sigmalchol, gv::sigmasq}),
+      ElementsAre(5, 1, 0.5, 0.25));
 }
 
 TEST_F(Itmapnp, ThreeRounds) {

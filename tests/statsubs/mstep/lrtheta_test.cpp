@@ -5,7 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstddef>
+#include <functional>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -42,11 +43,10 @@ class Lrtheta : public testing::Test {
     });
   }
 
-  static void set_factor(const std::vector<double>& columns) {
+  static void set_factor(std::initializer_list<double> columns) {
     std::copy(columns.begin(), columns.end(), gv::omegalchol.data());
   }
-
-  static void set_newsub(const std::vector<int>& starts) {
+  static void set_newsub(std::initializer_list<int> starts) {
     std::copy(starts.begin(), starts.end(), gv::newsub.begin());
   }
 
@@ -65,18 +65,16 @@ class Lrtheta : public testing::Test {
   }
 
   // Has the host give C by its columns, a function of the subject's covariate.
-  template <class Columns>
-  void regress(Columns columns) {
+  void regress(const std::function<std::vector<double>(double)>& columns) {
     host.cmatrix = [this, columns](int isub0, double* c) {
       visited.push_back(isub0);
-      const std::vector<double> entries = columns(covariate[static_cast<std::size_t>(isub0)]);
-      std::copy(entries.begin(), entries.end(), c);
+      for (const double entry : columns(covariate.at(isub0))) *c++ = entry;
     };
   }
 
   std::vector<double> run(const std::vector<int>& map, int nextra = 1, int ncolc = 5, int n = 6,
                           int nrowbase = 3) {
-    std::vector<double> atb(static_cast<std::size_t>(gv::ntheta), -99.0);
+    std::vector<double> atb(gv::ntheta, -99.0);
     lrtheta(n, atb.data(), means.data(), nullptr, nullptr, nrowbase, nextra, ncolc, map.data());
     return atb;
   }

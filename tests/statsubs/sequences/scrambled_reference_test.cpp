@@ -30,15 +30,16 @@ unsigned checksum() {
 }
 
 // Successive starts from the first number of the uniform generator, as bench/reference_streams.py
-// prints them: the same scrambling carried out bit by bit. A line: ndim, maxpoints, ndigits and
-// scramble, points 0 and 777, checksum.
+// prints them: the same scrambling carried out bit by bit. On a line of the file stand ndim,
+// maxpoints, ndigits and scramble, then points 0 and 777, then the checksum.
 TEST(ScrambledSobol, EqualsTheBitByBitConstruction) {
   poly_vinit_define();
   std::ifstream starts(SCRAMBLED_STARTS);
   int run = 0;
   for (std::string line; std::getline(starts, line); ++run) {
     SCOPED_TRACE(line);
-    std::replace(line.begin(), line.end(), ',', ' ');
+    std::replace_if(
+        line.begin(), line.end(), [](char c) { return c < '0' || c > '9'; }, ' ');
     std::istringstream fields(line);
     std::vector<int> in(10);
     for (int& field : in) fields >> field;

@@ -57,16 +57,16 @@ class SetUp : public testing::Test {
     gv::ipresample = 5;
     gv::accratio = 0.0;
     host_table& table = host.table();
-    // clang-format off
 #define NAME(getter) table.getter = [](const int& i, char* name) { put_name(#getter, i, name); };
-    NAME(getfixefname) NAME(getranef5name) NAME(getobsstdevname)
 #define VALUE(getter, value) table.getter = [] { return answer(#getter, value); };
+    // clang-format off
+    NAME(getfixefname) NAME(getranef5name) NAME(getobsstdevname)
     VALUE(getntheta, 3) VALUE(getobscount, 2) VALUE(getisample, said.isample)
     VALUE(getpresample, said.presample) VALUE(getrunfromui, said.runfromui) VALUE(getmapnp, 21)
     VALUE(getsirsamp, 22) VALUE(getpemrunall, 23) VALUE(getmapassist, 24) VALUE(getmcpem, 25)
-    VALUE(getimpsampdof, 26) VALUE(getburnin, 27) VALUE(nonomegaburn, 28) VALUE(getscramble, 29)
-        // clang-format on
-        table.getfixeferrtothetamap = [](int* map) {
+    VALUE(getimpsampdof, 26) VALUE(getburnin, 27) VALUE(nonomegaburn, 28) VALUE(getscramble, 29);
+    // clang-format on
+    table.getfixeferrtothetamap = [](int* map) {
       for (int i = 0; i < 3; ++i) map[i] = 3 - i;
       answer("getfixeferrtothetamap", 0);
     };
@@ -89,10 +89,6 @@ class SetUp : public testing::Test {
   int fixedsize = 0, packsize = 0;
 };
 
-std::string text_of(const display_name& name) {
-  return {name.data(), name.size()};
-}
-
 TEST_F(SetUp, AsksTheHostInAFixedOrderAndRecordsItsAnswers) {
   said.runfromui = 0;
   set_up(1);
@@ -107,9 +103,11 @@ TEST_F(SetUp, AsksTheHostInAFixedOrderAndRecordsItsAnswers) {
             "getscramble getqrpemflags readflags0 ");
   EXPECT_THAT((std::vector{gv::nsub, gv::nobs, gv::nobsmax, gv::nobstotal, fixedsize}),
               ElementsAre(4, 2, 9, 15, 1000));
-  EXPECT_EQ(text_of(gv::fixedeffectnames(3)), "f3" + std::string(98, ' '));
-  EXPECT_EQ(text_of(gv::randomeffectnames(2)), "r2" + std::string(98, ' '));
-  EXPECT_EQ(text_of(se::stddevnames(2)), "o2" + std::string(98, ' '));
+  std::string names;
+  for (const auto& name : {gv::fixedeffectnames(3), gv::randomeffectnames(2), se::stddevnames(2)})
+    names.append(name.begin(), name.end());
+  const std::string blank(98, ' ');
+  EXPECT_EQ(names, "f3" + blank + "r2" + blank + "o2" + blank);
   EXPECT_THAT(se::stddevobsnum, ElementsAre(10, 20));
   EXPECT_THAT(se::fixeferrtothetamap, ElementsAre(3, 2, 1));
   EXPECT_THAT((std::vector{gv::ngetmapnp, gv::nchain, gv::irunall, gv::impmapflag, gv::iflagmcpem,
@@ -168,15 +166,15 @@ TEST_F(SetUp, TheFlagSourceHasTheLastWord) {
 // The second report replaces the first; the naive pooled engine, 6, needs no random effects.
 TEST_F(SetUp, ReportsAModelWithoutRandomEffectsAndCarriesOn) {
   test::remove_engine_log();
-  const std::string first = "Current engine is not applicable without random effects.";
-  const std::string second = "Naive Pooled engine is recommended.";
+  const std::vector<std::string> report = {
+      "Current engine is not applicable without random effects.",
+      "Naive Pooled engine is recommended."};
   for (const int engine : {6, 1, 2}) {
     testing::internal::CaptureStderr();
     set_up(engine, 0, 0);
-    const std::string printed = engine == 6 ? "" : first + '\n' + second + '\n';
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), printed);
-    EXPECT_EQ(test::engine_log_lines(),
-              engine == 6 ? std::vector<std::string>{} : std::vector{first, second});
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              engine == 6 ? "" : report[0] + '\n' + report[1] + '\n');
+    EXPECT_EQ(test::engine_log_lines(), engine == 6 ? decltype(report){} : report);
     EXPECT_THAT(said.allocated, ElementsAre(7, 0, 3, 4));
   }
 }

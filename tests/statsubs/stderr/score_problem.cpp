@@ -23,12 +23,6 @@ void set(Array& array, std::initializer_list<T> values) {
   std::copy(values.begin(), values.end(), array.begin());
 }
 
-template <class Array>
-void set_square(Array& array, std::initializer_list<double> values) {
-  array.allocate("shared matrix", score_problem::leneta, score_problem::leneta);
-  std::copy(values.begin(), values.end(), array.data());
-}
-
 void set_model() {
   set(gv::theta, {0.3, -1.7, 0.6, 1.9, 0.7});
   gv::freesigmafound = 1;
@@ -43,8 +37,12 @@ void set_model() {
   const double c[] = {0.4, -1.3, 9.0, 0.0, 1.0, 9.0, 1.0, 0.0, 9.0};  // the subject's, by columns
   std::copy_n(c, 9, qv::cmatrix_3d.slice(score_problem::subject).data());
   // The inverse of ((2, 1, 0), (1, 2, 1), (0, 1, 2)).
-  set_square(gv::omegainv, {0.75, -0.5, 0.25, -0.5, 1.0, -0.5, 0.25, -0.5, 0.75});
-  set_square(gv::omegamask, {1, -1, 1, 9, 2, 0, 9, 9, 1});
+  const double inverse[] = {0.75, -0.5, 0.25, -0.5, 1.0, -0.5, 0.25, -0.5, 0.75};
+  gv::omegainv.allocate("omegainv", score_problem::leneta, score_problem::leneta);
+  std::copy_n(inverse, 9, gv::omegainv.data());
+  const double mask[] = {1, -1, 1, 9, 2, 0, 9, 9, 1};
+  gv::omegamask.allocate("omegamask", score_problem::leneta, score_problem::leneta);
+  std::copy_n(mask, 9, gv::omegamask.data());
 }
 
 }  // namespace
@@ -59,7 +57,9 @@ score_problem::score_problem()
   set_model();
   host.objective = [this](int, const double* eta) {
     ++evaluations;
-    return residual_objective(gv::theta(4), gv::sigmalchol, gv::sigmasq, eta[0]);
+    // -ln N(1; theta4 eta1, sigma^2) without its constant.
+    const double residual = 1.0 - gv::theta(4) * eta[0];
+    return std::log(gv::sigmalchol) + 0.5 * residual * residual / gv::sigmasq;
   };
 }
 
@@ -70,11 +70,6 @@ void score_problem::score(int free_elements) {
   statsubs::scoretheta(subject, static_cast<int>(weights.size()), samples.data(), weights.data(),
                        information.data(), free_elements);
   scores.assign(gv::scorevec_expanded.begin(), gv::scorevec_expanded.end());
-}
-
-double residual_objective(double theta4, double sigmalchol, double sigmasq, double eta1) {
-  const double residual = 1.0 - theta4 * eta1;
-  return std::log(sigmalchol) + 0.5 * residual * residual / sigmasq;
 }
 
 }  // namespace test

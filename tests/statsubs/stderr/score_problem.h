@@ -26,13 +26,8 @@ class score_problem {
 
   fake_host host;
   int evaluations = 0;
-  std::vector<double> samples;  // leneta x number of weights
-  std::vector<double> weights;
-  std::vector<double> information;
-  std::vector<double> scores;  // scorevec_expanded
+  std::vector<double> samples;                       // leneta x number of weights
+  std::vector<double> weights, information, scores;  // scores is scorevec_expanded
 };
-
-// What the objective adds to a sample: -ln N(1; theta4 eta1, sigma^2) without its constant.
-double residual_objective(double theta4, double sigmalchol, double sigmasq, double eta1);
 
 }  // namespace test

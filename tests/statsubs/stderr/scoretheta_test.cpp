@@ -8,7 +8,6 @@
 #include <cmath>
 #include <cstddef>
 #include <functional>
-#include <limits>
 #include <vector>
 
 #include "statsubs/state/global_variables.h"
@@ -48,10 +47,7 @@ double derivative(const std::function<double(double)>& f) {
 
 class Scoretheta : public testing::Test {
  protected:
-  Scoretheta() {
-    gv::myid = 0;
-    gv::numprocs = 1;
-  }
+  Scoretheta() { gv::myid = 0, gv::numprocs = 1; }
   // The weighted sum over the samples that count of f(eta).
   double expectation(const std::function<double(const double*)>& f) const {
     double sum = 0.0;
@@ -79,26 +75,18 @@ TEST_F(Scoretheta, AnalyticPartsAreDerivativesOfTheNormalLogDensity) {
   const std::vector<double> theta(gv::theta.begin(), gv::theta.end());
   problem.score();
   const auto& s = problem.scores;
-  EXPECT_EQ(problem.host.subject, 2);
-  EXPECT_EQ(gv::izub, 2);
-  EXPECT_NEAR(s[0], normal_score([](double t) {
-                return vector3{std::log(1 + t / 0.3), 0, 0};
-              }),
-              1e-8);
+  EXPECT_TRUE(problem.host.subject == 2 && gv::izub == 2);
+  const auto logarithm = [](double t) { return vector3{std::log(1 + t / 0.3), 0, 0}; };
+  EXPECT_NEAR(s[0], normal_score(logarithm), 1e-8);
   EXPECT_NEAR(s[1], normal_score([](double t) { return vector3{0, t, 0}; }), 1e-9);
   EXPECT_NEAR(s[2], normal_score([](double t) { return vector3{-1.3 * t, 0.4 * t, 0}; }), 1e-9);
-  const auto fixed = [](double) { return vector3{}; };
-  EXPECT_NEAR(s[5], normal_score(fixed, 0, 0), 1e-9);
-  EXPECT_NEAR(s[6], normal_score(fixed, 1, 1), 1e-9);
-  EXPECT_NEAR(s[7], normal_score(fixed, 2, 0), 1e-9);
-  EXPECT_NEAR(s[8], normal_score(fixed, 2, 2), 1e-9);
+  const int free_elements[][2] = {{0, 0}, {1, 1}, {2, 0}, {2, 2}};
+  for (std::size_t k = 5; const auto& [i, j] : free_elements)
+    EXPECT_NEAR(s[k++], normal_score([](double) { return vector3{}; }, i, j), 1e-9);
 
-  for (std::size_t i = 0; i < 9; ++i)
-    for (std::size_t j = 0; j < 9; ++j)
-      EXPECT_EQ(problem.information[i + 9 * j], 1.0 + s[i] * s[j]);
+  for (std::size_t k = 0; k < 81; ++k) EXPECT_EQ(problem.information[k], 1.0 + s[k % 9] * s[k / 9]);
   EXPECT_THAT(theta, testing::ElementsAreArray(gv::theta)) << "to the last bit";
-  EXPECT_EQ(gv::sigmalchol, 0.7);
-  EXPECT_EQ(gv::sigmasq, 0.7 * 0.7);
+  EXPECT_TRUE(gv::sigmalchol == 0.7 && gv::sigmasq == 0.7 * 0.7);
 }
 
 TEST_F(Scoretheta, DifferencesFollowTheObjective) {
@@ -117,20 +105,13 @@ TEST_F(Scoretheta, DifferencesFollowTheObjective) {
 
 TEST_F(Scoretheta, StepsOfTheDifferences) {
   std::vector<double> visited;
-  problem.host.objective = [&](int, const double*) {
-    visited.push_back(gv::theta(4));
-    return 0.0;
-  };
+  problem.host.objective = [&](int, const double*) { return visited.push_back(gv::theta(4)), 0.0; };
   problem.weights = {1.0};
   qv::cmatrix_3d.allocate("cmatrix_3d", 4, 3, 2);  // a C of other rows: theta 3 is differenced
   gv::freesigmafound = 0;
-  gv::theta(4) = 0.0;
-  problem.score(0);
-  EXPECT_THAT(visited, ElementsAre(0, 0, 0, 1e-10, -1e-10, 0, 0));
-  visited.clear();
-  gv::theta(4) = -4.0;
-  problem.score(0);
-  EXPECT_THAT(visited, ElementsAre(-4, -4, -4, -4 + 0.04, -4 + 0.04 - 0.08, -4, -4));
+  for (gv::theta(4) = 0.0; gv::theta(4) >= -4.0; gv::theta(4) -= 4.0) problem.score(0);
+  EXPECT_THAT(visited, ElementsAre(0, 0, 0, 1e-10, -1e-10, 0, 0, -4, -4, -4, -4 + 0.04,
+                                   -4 + 0.04 - 0.08, -4, -4));
   EXPECT_EQ(problem.information[5], 1.0 + problem.scores[0] * problem.scores[1]);
   EXPECT_EQ(problem.scores[5], 0.0) << "beyond the score";
 }
@@ -154,8 +135,7 @@ TEST_F(Scoretheta, FailedAndLightSamplesCountAsZero) {
   const std::vector<double> sound = problem.scores;
   // The second sample fails where theta 4 moves up.
   problem.host.objective = [&](int isub, const double* eta) {
-    const bool fails = eta[0] == -1.1 && gv::theta(4) > 1.9;
-    return fails ? std::numeric_limits<double>::quiet_NaN() : model(isub, eta);
+    return eta[0] == -1.1 && gv::theta(4) > 1.9 ? std::nan("") : model(isub, eta);
   };
   problem.score();
   const double lost = 0.25 * (1.0 + 1.9 * 1.1) * 1.1 / 0.49;

@@ -34,8 +34,7 @@ TEST(Stderromega, PutsVariancesAtTheFreeElements) {
   gv::leneta = 3;
   gv::sigmalchol = 0.5;
   gv::theta.allocate("theta", 2);
-  gv::theta(1) = 8.0;
-  gv::theta(2) = 9.0;
+  for (int i = 1; i <= 2; ++i) gv::theta(i) = 7.0 + i;
   gv::omegamask.allocate("omegamask", 3, 3);
   const double mask[] = {1, -1, 1, 1, 2, 0, 1, 1, 1};  // fixed: (2,1), (3,2)
   std::copy_n(mask, 9, gv::omegamask.data());
