@@ -4,7 +4,6 @@
 
 #include <fstream>
 #include <functional>
-#include <limits>
 #include <string>
 #include <utility>
 #include <vector>
@@ -289,31 +288,6 @@ TEST(ModelFile, ReadsOmegaInBlocks) {
   EXPECT_THAT(file.omega[1].names, ElementsAre("V", "ka"));
   EXPECT_THAT(file.omega[1].matrix, ElementsAre(0.3, 0.1, 0.1, 0.2));
   EXPECT_TRUE(file.omega[1].fixed);
-}
-
-TEST(ModelFile, TakesTheDefaultsThatItsReferenceStates) {
-  const model_file file = read_model({{16, ""}});
-  EXPECT_EQ(file.data.file, testing::TempDir() + "d.csv");
-  EXPECT_EQ(file.data.compartments, 2);
-  EXPECT_EQ(file.parameters[1].law, distribution::log_normal);
-  EXPECT_EQ(file.parameters[1].lower, -std::numeric_limits<double>::infinity());
-  EXPECT_EQ(file.residual.kind, error_kind::additive);
-  const estimation_settings& s = file.estimation;
-  EXPECT_EQ(s.samples, 300);
-  EXPECT_EQ(s.max_iterations, 500);
-  EXPECT_EQ(s.seed, 1);
-  EXPECT_EQ(s.points, point_kind::sobol);
-  EXPECT_FALSE(s.fresh_points);
-  EXPECT_EQ(s.scramble, 1);
-  EXPECT_EQ(s.proposal, proposal_family::normal);
-  EXPECT_EQ(s.t_df, 5);
-  EXPECT_EQ(s.acceptance_ratio, 0.5);
-  EXPECT_EQ(s.resamples, 100);
-  EXPECT_EQ(s.burn_in, 0);
-  EXPECT_FALSE(s.freeze_omega || s.run_all);
-  EXPECT_EQ(s.tolerance, 5e-4);
-  EXPECT_EQ(s.replicates, 8);
-  EXPECT_EQ(s.likelihood_samples, 0);
 }
 
 TEST(ModelFile, WordsAndNumbersArriveWhereTheyBelong) {

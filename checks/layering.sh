@@ -1,7 +1,7 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
 #
-# Holds the include lines to the layering of the repository: layering_test.sh SOURCE_DIR. Prints
+# Holds the include lines to the layering of the repository: layering.sh SOURCE_DIR. Prints
 # each line that breaks it and fails. A small tree with one breach of each kind goes first, so that a
 # check that finds nothing any more is noticed.
 set -eu

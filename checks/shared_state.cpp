@@ -126,7 +126,7 @@ TEST(SharedState, HeadersListWhatTheirSourcesUse) {
 // The sample has a use or a write of every kind. The lists of all routines of a header count
 // together.
 TEST(SharedStateChecker, NamesEveryFault) {
-  const std::string source = contents(STATSUBS_SOURCE_DIR "/tests/shared_state_sample.txt");
+  const std::string source = contents(STATSUBS_SOURCE_DIR "/checks/shared_state_sample.txt");
   EXPECT_THAT(faults("// A text.\n// Reads: leneta, nobs,\n//   omegalchol, cholsub, iseqtheta\n"
                      "// Writes: none\nvoid f();\n\n// Reads: none\n// Writes: xmusub, nobstotal, "
                      "icountgrad, choleskyfactor,\n// modeljacob, globalstop\nvoid g();\n",

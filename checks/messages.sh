@@ -1,7 +1,7 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
 #
-# Holds docs/messages.md to the codes that the sources emit: messages_test.sh SOURCE_DIR. Prints each
+# Holds docs/messages.md to the codes that the sources emit: messages.sh SOURCE_DIR. Prints each
 # code that stands on one side alone and fails.
 set -eu
 
