@@ -4,4 +4,6 @@
 
 // An allocation that is too large returns null, as it does without the sanitizer.
 extern "C" const char* __asan_default_options();
-extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+extern "C" const char* __asan_default_options() {
+  return "allocator_may_return_null=1";
+}
