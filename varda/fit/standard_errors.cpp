@@ -276,6 +276,17 @@ void compare_kinds(standard_errors& result) {
 
 }  // namespace
 
+int standard_errors::place_of_theta(int position) const {
+  const auto at = std::find(theta.begin(), theta.end(), position);
+  return at == theta.end() ? -1 : static_cast<int>(at - theta.begin());
+}
+
+int standard_errors::place_of_omega(int row, int column) const {
+  const std::pair lower(std::max(row, column), std::min(row, column));
+  const auto at = std::find(omega.begin(), omega.end(), lower);
+  return at == omega.end() ? -1 : static_cast<int>(at - omega.begin());
+}
+
 const covariance_estimate& standard_errors::chosen_covariance() const {
   switch (shown) {
     case standard_error_kind::score:

@@ -40,6 +40,10 @@ struct standard_errors {
   std::vector<int> theta;          // position in theta, or -1 for an element of omega
   std::vector<std::pair<int, int>> omega;  // its row and column, or (-1, -1)
 
+  // Position of a fixed effect or of an element of omega among the estimated quantities, or -1.
+  int place_of_theta(int position) const;
+  int place_of_omega(int row, int column) const;
+
   covariance_estimate information;  // inverse of the observed information
   covariance_estimate score;        // inverse of the sum of outer products of the scores
   covariance_estimate sandwich;     // information^-1 score information^-1

@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <algorithm>
 #include <nlohmann/json.hpp>
-#include <utility>
 
 #include "varda/report/reports.h"
 #include "varda/version.h"
@@ -64,18 +62,6 @@ bool held(const fit_result& result, std::size_t theta) {
   return false;
 }
 
-// Position of an estimated quantity among the standard errors, or -1.
-int error_of_theta(const standard_errors& errors, int theta) {
-  const auto at = std::find(errors.theta.begin(), errors.theta.end(), theta);
-  return at == errors.theta.end() ? -1 : static_cast<int>(at - errors.theta.begin());
-}
-
-int error_of_omega(const standard_errors& errors, int row, int column) {
-  const auto at = std::find(errors.omega.begin(), errors.omega.end(),
-                            std::pair(std::max(row, column), std::min(row, column)));
-  return at == errors.omega.end() ? -1 : static_cast<int>(at - errors.omega.begin());
-}
-
 // One figure of one quantity; null where it is not known.
 template <class Figure>
 ordered_json figure(const std::vector<estimate_error>& errors, int k, Figure of) {
@@ -105,7 +91,7 @@ void add_errors(ordered_json& to, const standard_errors& errors, Entry entry) {
 }
 
 void add_errors_of_theta(ordered_json& to, const fit_result& result, int theta) {
-  const int k = error_of_theta(result.errors, theta);
+  const int k = result.errors.place_of_theta(theta);
   add_errors(to, result.errors, [k](const auto& errors, auto of) { return figure(errors, k, of); });
 }
 
@@ -116,7 +102,7 @@ void add_errors_of_omega(ordered_json& to, const fit_result& result) {
     for (int i = 0; i < n; ++i) {
       ordered_json row = ordered_json::array();
       for (int j = 0; j < n; ++j)
-        row.push_back(figure(errors, error_of_omega(result.errors, i, j), of));
+        row.push_back(figure(errors, result.errors.place_of_omega(i, j), of));
       rows.push_back(row);
     }
     return rows;

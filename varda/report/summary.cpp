@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cmath>
 #include <iterator>
-#include <utility>
 
 #include "varda/report/reports.h"
 #include "varda/version.h"
@@ -55,16 +54,6 @@ std::string error_columns(const std::vector<estimate_error>& errors, int k) {
                      e.ci_upper);
 }
 
-int place_of(const std::vector<int>& list, int wanted) {
-  const auto at = std::find(list.begin(), list.end(), wanted);
-  return at == list.end() ? -1 : static_cast<int>(at - list.begin());
-}
-
-int place_of(const std::vector<std::pair<int, int>>& list, std::pair<int, int> wanted) {
-  const auto at = std::find(list.begin(), list.end(), wanted);
-  return at == list.end() ? -1 : static_cast<int>(at - list.begin());
-}
-
 void write_row(sink out, const std::string& name, double value, const std::string& errors,
                const std::string& tail) {
   std::string line = fmt::format("  {:<14} {:>12.6g}{:<44}   {}", name, value, errors, tail);
@@ -85,7 +74,7 @@ void write_theta(sink out, const population_model& model, const fit_result& resu
   const auto k = static_cast<std::size_t>(theta);
   const fixed_effect& t = model.thetas()[k];
   write_row(out, t.name, t.natural(result.theta(theta)),
-            error_columns(result.errors.chosen(), place_of(result.errors.theta, theta)),
+            error_columns(result.errors.chosen(), result.errors.place_of_theta(theta)),
             remark(result, t, k));
 }
 
@@ -100,7 +89,7 @@ void write_omega(sink out, const population_model& model, const fit_result& resu
   fmt::format_to(out, "\n");
   write_header(out, "Random effect", "variance", result, "  CV %   shrinkage %");
   const auto errors = [&](int i, int j) {
-    return error_columns(result.errors.chosen(), place_of(result.errors.omega, {i, j}));
+    return error_columns(result.errors.chosen(), result.errors.place_of_omega(i, j));
   };
   for (int i = 0; i < model.random_effects(); ++i) {
     const double variance = result.omega(i, i);

@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <cmath>
 #include <numbers>
-#include <utility>
 
 #include "varda/report/reports.h"
 
@@ -46,26 +44,23 @@ double log_normal_cv(double omega2) {
 std::string estimates_csv(const population_model& model, const fit_result& result) {
   const standard_errors& errors = result.errors;
   std::string table = "parameter,estimate,fixed,se,rse,ci95_lower,ci95_upper\n";
-  const auto add = [&](const std::string& name, double estimate, bool fixed, std::size_t k) {
+  const auto add = [&](const std::string& name, double estimate, bool fixed, int k) {
     table += fmt::format("{},{},{}", field(name), estimate, fixed ? 1 : 0);
-    if (k < errors.chosen().size()) {
-      const estimate_error& e = errors.chosen()[k];
+    if (k >= 0 && !errors.chosen().empty()) {
+      const estimate_error& e = errors.chosen()[static_cast<std::size_t>(k)];
       table += fmt::format(",{},{},{},{}\n", e.se, e.rse_percent, e.ci_lower, e.ci_upper);
     } else {
       table += ",,,,\n";
     }
   };
-  const auto place = [](const auto& list, const auto& wanted) {
-    return static_cast<std::size_t>(std::find(list.begin(), list.end(), wanted) - list.begin());
-  };
   for (std::size_t k = 0; k < model.thetas().size(); ++k) {
     const fixed_effect& t = model.thetas()[k];
     add(t.name, t.natural(result.theta(static_cast<Eigen::Index>(k))), t.fixed,
-        place(errors.theta, static_cast<int>(k)));
+        errors.place_of_theta(static_cast<int>(k)));
   }
   for_each_omega(model, [&](int i, int j) {
     add(omega_name(model, i, j), result.omega(i, j), model.omega_mask()(i, j) == 0.0,
-        place(errors.omega, std::pair(i, j)));
+        errors.place_of_omega(i, j));
   });
   return table;
 }
