@@ -1,0 +1,18 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "varda/model/model_file_parts.h"
+
+#include <algorithm>
+
+#include "varda/model/structural_model.h"
+
+namespace varda {
+
+void read_structure(section from, model_file& file) {
+  const std::vector<std::string> structures = structural_model_names();
+  file.structure = from.needed_text("structure", "the structural model");
+  if (std::find(structures.begin(), structures.end(), file.structure) == structures.end())
+    throw from.unknown_word("structure", file.structure, structures);
+  from.refuse_leftovers();
+}
+
+}  // namespace varda
