@@ -301,7 +301,7 @@ TEST(StandardErrors, NameADirectionThatIsNotIdentified) {
   varda::dataset data = whole.data();
   data.covariate_names = {"WT"};
   for (std::size_t i = 0; i < data.subjects.size(); ++i)
-    data.subjects[i].covariates = {1.0 + 1e-3 * static_cast<double>(i % 3)};
+    data.subjects[i].segments.front().covariates = {1.0 + 1e-3 * static_cast<double>(i % 3)};
   varda::model_file file = whole.file();
   file.data.covariates = {"WT"};
   file.parameters[1].effects.push_back(

@@ -178,10 +178,12 @@ TEST(Dataset, UnderstandsEventsInFileOrder) {
   EXPECT_EQ(x.doses[0].compartment, 2);
   EXPECT_EQ(x.doses[1].compartment, 1);
   ASSERT_EQ(x.observations.size(), 2U);
-  EXPECT_EQ(x.observations[0].preceding_doses, 1);
-  EXPECT_EQ(x.observations[1].preceding_doses, 2);
+  std::vector<event_kind> order;
+  for (const event& e : x.timeline) order.push_back(e.kind);
+  EXPECT_THAT(order, ElementsAre(event_kind::dose, event_kind::observation, event_kind::dose,
+                                 event_kind::observation));
   EXPECT_EQ(x.observations[1].row, 5);
-  EXPECT_THAT(x.covariates, ElementsAre(70.0));
+  EXPECT_THAT(x.segments.front().covariates, ElementsAre(70.0));
   EXPECT_EQ(data.subjects[1].doses.size(), 1U);  // without EVID an amount makes a dose
   EXPECT_EQ(data.records, 7);
   EXPECT_EQ(data.excluded, 1);

@@ -53,13 +53,13 @@ TEST(Bateman, GoesToZeroWithoutOverflow) {
 // stand before or after the dose in the file.
 subject three_doses() {
   subject who;
-  who.doses = {{.time = 0.0, .amount = 100.0, .compartment = 1},
-               {.time = 5.0, .amount = 50.0, .compartment = 2},
-               {.time = 12.0, .amount = 80.0, .compartment = 1}};
-  const std::array<std::pair<double, int>, 7> records = {
-      {{0.0, 1}, {3.0, 1}, {5.0, 1}, {5.0, 2}, {12.0, 2}, {12.0, 3}, {30.0, 3}}};
-  for (const auto& [time, doses_before] : records)
-    who.observations.push_back({.time = time, .value = 0.0, .preceding_doses = doses_before});
+  who.segments.resize(1);
+  append(who, dose{.time = 0.0, .amount = 100.0, .compartment = 1});
+  for (const double time : {0.0, 3.0, 5.0}) append(who, observation{.time = time});
+  append(who, dose{.time = 5.0, .amount = 50.0, .compartment = 2});
+  for (const double time : {5.0, 12.0}) append(who, observation{.time = time});
+  append(who, dose{.time = 12.0, .amount = 80.0, .compartment = 1});
+  for (const double time : {12.0, 30.0}) append(who, observation{.time = time});
   return who;
 }
 
@@ -67,7 +67,7 @@ void expect_predictions(const std::string& name, const std::vector<double>& p,
                         const std::vector<double>& expected) {
   const subject who = three_doses();
   std::vector<double> f(who.observations.size(), -1.0);
-  make_structural_model(name)->predict(who, p, f);
+  make_structural_model({name})->predict(who, {p.data(), p.size(), 1}, f);
   for (std::size_t i = 0; i < f.size(); ++i)
     EXPECT_NEAR(f[i], expected[i], 1e-14 * expected[i]) << name << " observation " << i;
 }
@@ -86,21 +86,21 @@ TEST(OneCompartment, SuperposesDosesInFileOrder) {
 TEST(OneCompartment, ParametersOutsideTheDomainGiveNaN) {
   const subject who = three_doses();
   for (const std::string& name : structural_model_names()) {
-    const auto model = make_structural_model(name);
+    const auto model = make_structural_model({name});
     const std::vector<double> sound(model->parameter_names().size(), 1.0);
     for (std::size_t k = 0; k < sound.size(); ++k)
       for (const double bad : {0.0, -1.0, infinite, std::nan("")}) {
         std::vector<double> p = sound;
         p[k] = bad;
         std::vector<double> f(who.observations.size(), 1.0);
-        model->predict(who, p, f);
+        model->predict(who, {p.data(), p.size(), 1}, f);
         for (const double x : f) EXPECT_TRUE(std::isnan(x)) << name << " " << k << " " << bad;
       }
   }
 }
 
 TEST(StructuralModel, UnknownNameGivesNothing) {
-  EXPECT_EQ(make_structural_model("two-compartment oral"), nullptr);
+  EXPECT_EQ(make_structural_model({"two-compartment oral"}), nullptr);
 }
 
 }  // namespace

@@ -42,6 +42,7 @@ class reader {
   dataset read() {
     data_.file = source_.file;
     data_.covariate_names = source_.covariates;
+    data_.covariate_varies.assign(source_.covariates.size(), false);
     for (const csv_table::record& record : table_.records) take(record);
     if (!data_.subjects.empty()) finish_subject();
     if (data_.subjects.empty())
@@ -202,7 +203,8 @@ class reader {
     data_.subjects.emplace_back();
     data_.subjects.back().id = id_;
     data_.subjects.back().first_row = record_->line;
-    data_.subjects.back().covariates.assign(covariate_columns_.size(), std::nan(""));
+    data_.subjects.back().segments.push_back(
+        {.covariates = std::vector<double>(covariate_columns_.size(), std::nan(""))});
     has_time_ = false;
   }
 
@@ -218,7 +220,7 @@ class reader {
                        .row = who.first_row,
                        .subject = who.id});
     for (std::size_t k = 0; k < covariate_columns_.size(); ++k)
-      if (std::isnan(who.covariates[k]))
+      if (std::isnan(who.segments.front().covariates[k]))
         throw bad_input({.code = "E-DATA-COVARIATE",
                          .message = "the covariate is missing in every record of the subject",
                          .remedy = "give it a value, or leave the subject out",
@@ -242,14 +244,14 @@ class reader {
   }
 
   void take_covariates() {
-    subject& who = data_.subjects.back();
+    std::vector<double>& known = data_.subjects.back().segments.front().covariates;
     for (std::size_t k = 0; k < covariate_columns_.size(); ++k) {
       const std::optional<double> value = number_in(covariate_columns_[k]);
       if (!value) continue;
-      if (std::isnan(who.covariates[k])) who.covariates[k] = *value;
-      if (*value != who.covariates[k])
+      if (std::isnan(known[k])) known[k] = *value;
+      if (*value != known[k])
         throw at("E-DATA-COVARIATE",
-                 fmt::format("the covariate changes from {} to {}", who.covariates[k], *value),
+                 fmt::format("the covariate changes from {} to {}", known[k], *value),
                  "a covariate must be constant in a subject", source_.covariates[k]);
     }
   }
@@ -278,8 +280,9 @@ class reader {
                       source_.compartments > 1 ? fmt::format(" to {}", source_.compartments) : ""),
           column_name("CMT"));
     if (number("DV").value_or(0.0) != 0.0) ++dv_on_dose_;
-    data_.subjects.back().doses.push_back(
-        {.time = time_, .amount = *amount, .compartment = compartment, .row = record_->line});
+    append(
+        data_.subjects.back(),
+        dose{.time = time_, .amount = *amount, .compartment = compartment, .row = record_->line});
   }
 
   void take_observation() {
@@ -299,7 +302,7 @@ class reader {
     if (who.doses.empty())
       throw at("E-DATA-DOSE", "the observation stands before any dose of the subject",
                "put the dose before it, or set MDV to 1 to leave the record out");
-    who.observations.push_back({time_, *value, static_cast<int>(who.doses.size()), record_->line});
+    append(who, observation{.time = time_, .value = *value, .row = record_->line});
   }
 
   void warn(const std::string& code, const std::string& message) {
@@ -338,6 +341,17 @@ class reader {
 
 }  // namespace
 
+void append(subject& to, const dose& given) {
+  to.timeline.push_back({event_kind::dose, given.time, static_cast<int>(to.doses.size())});
+  to.doses.push_back(given);
+}
+
+void append(subject& to, const observation& made) {
+  to.timeline.push_back(
+      {event_kind::observation, made.time, static_cast<int>(to.observations.size())});
+  to.observations.push_back(made);
+}
+
 int dataset::observations() const {
   int count = 0;
   for (const subject& who : subjects) count += static_cast<int>(who.observations.size());
@@ -348,6 +362,12 @@ int dataset::doses() const {
   int count = 0;
   for (const subject& who : subjects) count += static_cast<int>(who.doses.size());
   return count;
+}
+
+int dataset::occasions() const {
+  int most = 0;
+  for (const subject& who : subjects) most = std::max(most, who.occasions);
+  return most;
 }
 
 dataset read_dataset(const data_source& source, findings& warnings) {

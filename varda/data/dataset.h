@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The data of a run as the models see it: per subject the doses, the observations and the
-// covariates, each with the row it came from. Times and amounts are in the units of the file.
+// The data of a run as the models see it: per subject the doses, the observations, the stretches of
+// time with constant covariates, and the order in which all of it happens. Times and amounts are in
+// the units of the file.
 #pragma once
 
 #include <limits>
@@ -13,50 +14,93 @@
 
 namespace varda {
 
-// One administration. A bolus has duration 0; rate and duration are kept apart from the amount so
-// that infusions fit in without another type.
+// How an amount enters. The rate (or the duration) of the last two is a parameter of the model.
+enum class dose_input { bolus, infusion, modelled_rate, modelled_duration };
+
+// One administration; the additional doses of a record (ADDL) are administrations of their own.
 struct dose {
   double time = 0.0;
-  double amount = 0.0;
+  double amount = 0.0;  // 0 for an infusion that has run for ever
   int compartment = 1;
-  double duration = 0.0;
+  dose_input input = dose_input::bolus;
+  double rate = 0.0;  // of an infusion, amount per time; its duration is amount / rate
+  // A dose at steady state has been given every `interval` for ever. An infusion with interval 0 at
+  // steady state has run for ever and ends at `time`.
+  bool steady_state = false;
+  double interval = 0.0;
   int row = 0;
 };
+
+// What is known of a value y: it was observed, or lies below `value`, above it, or between `limit`
+// and `value`.
+enum class censoring { none, left, right, interval };
 
 struct observation {
   double time = 0.0;
   double value = 0.0;
-  // Doses of the subject that stand before this record: at equal times the order of the file
-  // decides what has been given already.
-  int preceding_doses = 0;
+  double limit = 0.0;  // lower end, for censoring::interval
+  censoring censored = censoring::none;
+  int endpoint = 0;  // position among the model's endpoints
+  int segment = 0;   // of the subject, in force at the observation
   int row = 0;
+};
+
+// A stretch of a subject's records over which the covariates and the occasion are constant.
+struct segment {
+  double begin = 0.0;
+  int occasion = 0;                // the subject's occasions count from 0 in the order of the file
+  std::vector<double> covariates;  // in the order of the data set's covariate_names
+};
+
+// What happens to a subject, one after the other. At equal times the order of the file decides, and
+// a record's additional doses stand before the records that follow it. A dose that replaces what
+// was before by its steady state has a reset before it.
+enum class event_kind { dose, observation, reset, segment };
+
+struct event {
+  event_kind kind = event_kind::observation;
+  double time = 0.0;
+  int index = 0;  // of the dose, observation or segment
 };
 
 struct subject {
   std::string id;
   int first_row = 0;
-  std::vector<dose> doses;                // in the order of the file, times ascending
-  std::vector<observation> observations;  // the same
-  std::vector<double> covariates;         // constant in the subject; order of covariate_names
+  std::vector<dose> doses;  // in the order of the timeline, like the next two
+  std::vector<observation> observations;
+  std::vector<segment> segments;  // at least one; the first is in force from the start
+  std::vector<event> timeline;    // without the first segment
+  int occasions = 1;
 };
+
+// Appends to the records and to the timeline of a subject.
+void append(subject& to, const dose& given);
+void append(subject& to, const observation& made);
 
 struct dataset {
   std::string file;
   std::vector<std::string> covariate_names;  // those that the model asked for
+  std::vector<bool> covariate_varies;        // within some subject
   std::vector<subject> subjects;             // in the order of first appearance
   int records = 0;
   int excluded = 0;  // observation records left out because of MDV
 
   int observations() const;
   int doses() const;
+  int occasions() const;  // the most of any subject
 };
 
-// Which column of the file plays which role. Names are matched without regard to case.
+// What the model takes, and which column of the file plays which role. Names are matched without
+// regard to case.
 struct data_source {
   std::string file;                            // as opened
   std::map<std::string, std::string> columns;  // role ("ID", "TIME", ...) -> column name
-  std::vector<std::string> covariates;         // columns that the model's covariate effects name
-  int compartments = std::numeric_limits<int>::max();  // of the model, as far as it takes doses
+  std::vector<std::string> covariates;         // columns that the model names
+  std::vector<int> endpoints = {1};            // DVID of each endpoint; 0 also means the first
+  int compartments = std::numeric_limits<int>::max();  // doses go into 1 to this one
+  // Compartments whose RATE -1 (or -2) finds a parameter for the rate (or the duration).
+  std::vector<int> modelled_rate;
+  std::vector<int> modelled_duration;
 };
 
 // Reads a data set, or throws bad_input. What is odd but legal is added to `warnings`.

@@ -16,46 +16,36 @@ constexpr double search_precision = 1e-7;
 conditional_maximum::conditional_maximum(const population_model& model, const e_step& found,
                                          const Eigen::VectorXd& theta,
                                          const std::vector<int>& positions)
-    : model_(model), positions_(positions) {
+    : model_(model), positions_(positions), found_(found) {
   for (const int position : positions_)
-    predictions_move_ = predictions_move_ || position < model.structural_parameters();
+    predictions_move_ = predictions_move_ || model.moves_predictions(position);
   for (int i = 0; i < model.subjects(); ++i) {
-    const resampled_points& drawn = found.subjects[static_cast<std::size_t>(i)].resampled;
-    weights_.push_back(drawn.weights);
-    individuals_.emplace_back(model.structural_parameters(), drawn.phi.cols());
+    const auto& drawn = found.subjects[static_cast<std::size_t>(i)].resampled;
     predictions_.emplace_back(model.observations(i), drawn.phi.cols());
-    for (Eigen::Index point = 0; point < drawn.phi.cols(); ++point) {
-      model.individual_parameters(theta.data(), drawn.phi.col(point).data(),
-                                  individuals_.back().col(point).data());
-      predict(i, point);
-    }
+    predict(i, theta);
   }
 }
 
-void conditional_maximum::predict(int subject, Eigen::Index point) {
+void conditional_maximum::predict(int subject, const Eigen::VectorXd& theta) {
   const auto i = static_cast<std::size_t>(subject);
-  const Eigen::MatrixXd& p = individuals_[i];
-  Eigen::MatrixXd& f = predictions_[i];
-  model_.structure().predict(model_.data().subjects[i],
-                             {p.col(point).data(), static_cast<std::size_t>(p.rows())},
-                             {f.col(point).data(), static_cast<std::size_t>(f.rows())});
+  const Eigen::MatrixXd& phi = found_.subjects[i].resampled.phi;
+  Eigen::VectorXd p(model_.structural_parameters() * model_.parameter_sets(subject));
+  for (Eigen::Index point = 0; point < phi.cols(); ++point) {
+    model_.individual_parameters(subject, theta.data(), phi.col(point).data(), p.data());
+    model_.predict(subject, p.data(), predictions_[i].col(point).data());
+  }
 }
 
 double conditional_maximum::objective(const Eigen::VectorXd& theta) {
-  const residual_deviations sd = model_.deviations(theta.data());
   double total = 0.0;
   for (int i = 0; i < model_.subjects(); ++i) {
     const auto at = static_cast<std::size_t>(i);
-    for (Eigen::Index point = 0; point < predictions_[at].cols(); ++point) {
-      if (predictions_move_) {
-        for (const int position : positions_)
-          if (position < model_.structural_parameters())
-            individuals_[at](position, point) = theta(position);
-        predict(i, point);
-      }
+    if (predictions_move_) predict(i, theta);
+    const Eigen::VectorXd& weights = found_.subjects[at].resampled.weights;
+    for (Eigen::Index point = 0; point < weights.size(); ++point) {
       double squares = 0.0;
-      total += weights_[at](point) *
-               model_.residual_objective(i, predictions_[at].col(point).data(), sd, squares);
+      total += weights(point) * model_.residual_objective(i, predictions_[at].col(point).data(),
+                                                          theta.data(), squares);
     }
   }
   return total;

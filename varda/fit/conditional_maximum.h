@@ -14,7 +14,8 @@ namespace varda {
 // individual parameters that the E-step resampled, summed over the subjects.
 class conditional_maximum {
  public:
-  // `theta`: the parameters at which the points were drawn. `positions`: its entries to move.
+  // `found` outlives this. `theta`: the parameters at which its points were drawn. `positions`: the
+  // entries to move.
   conditional_maximum(const population_model& model, const e_step& found,
                       const Eigen::VectorXd& theta, const std::vector<int>& positions);
 
@@ -23,13 +24,12 @@ class conditional_maximum {
 
  private:
   double objective(const Eigen::VectorXd& theta);
-  void predict(int subject, Eigen::Index point);
+  void predict(int subject, const Eigen::VectorXd& theta);
 
   const population_model& model_;
   std::vector<int> positions_;
   bool predictions_move_ = false;             // some entry is a structural parameter
-  std::vector<Eigen::VectorXd> weights_;      // per subject, of its points
-  std::vector<Eigen::MatrixXd> individuals_;  // per subject: structural parameters x points
+  const e_step& found_;                       // whose points these are
   std::vector<Eigen::MatrixXd> predictions_;  // per subject: observations x points
 };
 

@@ -47,12 +47,10 @@ class sampled_likelihood::subject_densities {
 
  private:
   void predict(const Eigen::VectorXd& theta) {
-    const subject& who = model_.data().subjects[static_cast<std::size_t>(subject_)];
-    Eigen::VectorXd p(model_.structural_parameters());
+    Eigen::VectorXd p(model_.structural_parameters() * model_.parameter_sets(subject_));
     for (Eigen::Index j = 0; j < phi_.cols(); ++j) {
-      model_.individual_parameters(theta.data(), phi_.col(j).data(), p.data());
-      model_.structure().predict(who, {p.data(), static_cast<std::size_t>(p.size())},
-                                 {prediction_.col(j).data(), who.observations.size()});
+      model_.individual_parameters(subject_, theta.data(), phi_.col(j).data(), p.data());
+      model_.predict(subject_, p.data(), prediction_.col(j).data());
     }
   }
 
@@ -62,11 +60,11 @@ class sampled_likelihood::subject_densities {
     const auto known = of_data_.find(key);
     if (known != of_data_.end()) return known->second;
     if (owner_.predictions_move_) predict(theta);
-    const residual_deviations sd = model_.deviations(theta.data());
     Eigen::VectorXd density(phi_.cols());
     for (Eigen::Index j = 0; j < density.size(); ++j) {
       double squares = 0.0;
-      density(j) = -model_.residual_objective(subject_, prediction_.col(j).data(), sd, squares);
+      density(j) =
+          -model_.residual_objective(subject_, prediction_.col(j).data(), theta.data(), squares);
       if (!std::isfinite(density(j))) density(j) = minus_infinity;
     }
     return of_data_.emplace(std::move(key), std::move(density)).first->second;

@@ -85,10 +85,13 @@ engine_host::engine_host(const population_model& model, const job& peers)
   eta_.setZero(effects);
   phi_.setZero(effects);
   means_.setZero(effects);
-  individual_.setZero(model.structural_parameters());
-  for (int i = 0; i < model.subjects(); ++i)
+  int sets = 1;
+  for (int i = 0; i < model.subjects(); ++i) {
+    sets = std::max(sets, model.parameter_sets(i));
     prediction_.resize(
         std::max(prediction_.size(), static_cast<std::size_t>(model.observations(i))));
+  }
+  individual_.setZero(model.structural_parameters() * sets);
 
   install();
   int fixed_size = 0;
@@ -353,14 +356,10 @@ void engine_host::evaluate(const double* eta, double& f) {
   ++evaluations_;
   refresh_means();
   for (Eigen::Index i = 0; i < phi_.size(); ++i) phi_(i) = means_(i) + eta[i];
-  model_.individual_parameters(theta_.data(), phi_.data(), individual_.data());
-  const subject& who = model_.data().subjects[static_cast<std::size_t>(subject_)];
-  model_.structure().predict(who,
-                             {individual_.data(), static_cast<std::size_t>(individual_.size())},
-                             {prediction_.data(), who.observations.size()});
+  model_.individual_parameters(subject_, theta_.data(), phi_.data(), individual_.data());
+  model_.predict(subject_, individual_.data(), prediction_.data());
   double score = 0.0;
-  f = model_.residual_objective(subject_, prediction_.data(), model_.deviations(theta_.data()),
-                                score) +
+  f = model_.residual_objective(subject_, prediction_.data(), theta_.data(), score) +
       negative_log_prior(eta);
   gv::zscoresub = score;
 }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "varda/data/dataset.h"
+#include "varda/model/structural_model.h"
 #include "varda/support/finding.h"
 
 namespace varda {
@@ -102,7 +103,7 @@ struct model_file {
   std::string path;
   std::string title;
   data_source data;
-  std::string structure;              // name of a structural model
+  structure_choice structure;
   std::vector<parameter> parameters;  // in the order of the structural model
   std::vector<omega_block> omega;     // in the order of the parameters they cover
   residual_error residual;

@@ -37,25 +37,31 @@ double bateman(double ka, double k, double t) {
   return d * t > 1e-17 ? decay * (saturation(d * t) / d) : decay * t;
 }
 
+// Calls add(dose, t, sum) for every dose that stands before an observation, t the time between the
+// two, and writes the sums divided by the volume.
+template <class Add>
+void superpose(const subject& who, double volume, std::span<double> f, Add add) {
+  std::size_t given = 0;
+  for (const event& e : who.timeline) {
+    if (e.kind == event_kind::dose) ++given;
+    if (e.kind != event_kind::observation) continue;
+    double amount = 0.0;
+    for (std::size_t j = 0; j < given; ++j) amount += add(who.doses[j], e.time - who.doses[j].time);
+    f[static_cast<std::size_t>(e.index)] = amount / volume;
+  }
+}
+
 const std::vector<std::string>& one_compartment_bolus::parameter_names() const {
   static const std::vector<std::string> names = {"CL", "V"};
   return names;
 }
 
-void one_compartment_bolus::predict(const subject& who, std::span<const double> p,
+void one_compartment_bolus::predict(const subject& who, const parameter_path& path,
                                     std::span<double> f) const {
+  const std::span<const double> p = path.in_segment(0);
   if (!all_positive(p)) return fill_with_nan(f);
-  const double volume = p[1];
-  const double k = p[0] / volume;
-  for (std::size_t i = 0; i < f.size(); ++i) {
-    const observation& o = who.observations[i];
-    double amount = 0.0;
-    for (int j = 0; j < o.preceding_doses; ++j) {
-      const dose& d = who.doses[static_cast<std::size_t>(j)];
-      amount += d.amount * std::exp(-k * (o.time - d.time));
-    }
-    f[i] = amount / volume;
-  }
+  const double k = p[0] / p[1];
+  superpose(who, p[1], f, [k](const dose& d, double t) { return d.amount * std::exp(-k * t); });
 }
 
 const std::vector<std::string>& one_compartment_oral::parameter_names() const {
@@ -63,22 +69,15 @@ const std::vector<std::string>& one_compartment_oral::parameter_names() const {
   return names;
 }
 
-void one_compartment_oral::predict(const subject& who, std::span<const double> p,
+void one_compartment_oral::predict(const subject& who, const parameter_path& path,
                                    std::span<double> f) const {
+  const std::span<const double> p = path.in_segment(0);
   if (!all_positive(p)) return fill_with_nan(f);
   const double ka = p[0];
-  const double volume = p[2];
-  const double k = p[1] / volume;
-  for (std::size_t i = 0; i < f.size(); ++i) {
-    const observation& o = who.observations[i];
-    double amount = 0.0;
-    for (int j = 0; j < o.preceding_doses; ++j) {
-      const dose& d = who.doses[static_cast<std::size_t>(j)];
-      const double t = o.time - d.time;
-      amount += d.amount * (d.compartment == depot ? ka * bateman(ka, k, t) : std::exp(-k * t));
-    }
-    f[i] = amount / volume;
-  }
+  const double k = p[1] / p[2];
+  superpose(who, p[2], f, [ka, k](const dose& d, double t) {
+    return d.amount * (d.compartment == depot ? ka * bateman(ka, k, t) : std::exp(-k * t));
+  });
 }
 
 }  // namespace varda

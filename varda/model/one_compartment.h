@@ -14,7 +14,7 @@ class one_compartment_bolus : public structural_model {
  public:
   const std::vector<std::string>& parameter_names() const override;
   int dose_compartments() const override { return 1; }
-  void predict(const subject& who, std::span<const double> p, std::span<double> f) const override;
+  void predict(const subject& who, const parameter_path& p, std::span<double> f) const override;
 };
 
 // Doses into a depot (compartment 1) that empties at rate ka, or into the compartment itself (2).
@@ -24,7 +24,7 @@ class one_compartment_oral : public structural_model {
  public:
   const std::vector<std::string>& parameter_names() const override;
   int dose_compartments() const override { return 2; }
-  void predict(const subject& who, std::span<const double> p, std::span<double> f) const override;
+  void predict(const subject& who, const parameter_path& p, std::span<double> f) const override;
 };
 
 // (exp(-k t) - exp(-ka t)) / (ka - k) for positive rates and t >= 0, without loss of digits where

@@ -127,7 +127,7 @@ void population_model::lay_out_design() {
     const int covariate = position(data_.covariate_names, covariates[c]->covariate);
     for (int i = 0; i < subjects(); ++i) {
       const subject& who = data_.subjects[static_cast<std::size_t>(i)];
-      const double value = who.covariates[static_cast<std::size_t>(covariate)];
+      const double value = who.segments.front().covariates[static_cast<std::size_t>(covariate)];
       const double entry = transformed_covariate(*covariates[c], value);
       if (!std::isfinite(entry))
         throw bad_input({.code = "E-DATA-COVARIATE",
@@ -190,8 +190,12 @@ void population_model::means(int subject, const double* theta, double* mu) const
   }
 }
 
-void population_model::individual_parameters(const double* theta, const double* phi,
-                                             double* p) const {
+int population_model::parameter_sets(int /*subject*/) const {
+  return 1;
+}
+
+void population_model::individual_parameters(int /*subject*/, const double* theta,
+                                             const double* phi, double* p) const {
   const int count = structural_parameters();
   for (int k = 0; k < count; ++k) {
     const fixed_effect& t = thetas_[static_cast<std::size_t>(k)];
@@ -213,6 +217,14 @@ void population_model::individual_parameters(const double* theta, const double* 
   }
 }
 
+void population_model::predict(int subject, const double* p, double* f) const {
+  const varda::subject& who = data_.subjects[static_cast<std::size_t>(subject)];
+  structure_->predict(who,
+                      {p, static_cast<std::size_t>(structural_parameters()),
+                       static_cast<std::size_t>(parameter_sets(subject))},
+                      {f, who.observations.size()});
+}
+
 residual_deviations population_model::deviations(const double* theta) const {
   const double last = theta[thetas_.size() - 1];
   switch (file_.residual.kind) {
@@ -226,9 +238,9 @@ residual_deviations population_model::deviations(const double* theta) const {
   return {last, theta[thetas_.size() - 2]};
 }
 
-double population_model::residual_objective(int subject, const double* f,
-                                            const residual_deviations& sd,
+double population_model::residual_objective(int subject, const double* f, const double* theta,
                                             double& scaled_squares) const {
+  const residual_deviations sd = deviations(theta);
   const auto& observed = data_.subjects[static_cast<std::size_t>(subject)].observations;
   const double n = static_cast<double>(observed.size());
   double squares = 0.0;
@@ -255,8 +267,8 @@ double population_model::residual_objective(int subject, const double* f,
   return 0.5 * (squares + log_variance + n * log_2pi);
 }
 
-int population_model::first_failure(int subject, const double* f,
-                                    const residual_deviations& sd) const {
+int population_model::first_failure(int subject, const double* f, const double* theta) const {
+  const residual_deviations sd = deviations(theta);
   const auto& observed = data_.subjects[static_cast<std::size_t>(subject)].observations;
   for (std::size_t k = 0; k < observed.size(); ++k) {
     const double deviation = std::hypot(sd.additive, sd.proportional * f[k]);
@@ -273,10 +285,10 @@ void check_start(const population_model& model) {
   for (int i = 0; i < model.subjects(); ++i) {
     const subject& who = model.data().subjects[static_cast<std::size_t>(i)];
     model.means(i, theta.data(), mu.data());
-    model.individual_parameters(theta.data(), mu.data(), p.data());
+    model.individual_parameters(i, theta.data(), mu.data(), p.data());
     std::vector<double> f(who.observations.size());
-    model.structure().predict(who, p, f);
-    const int k = model.first_failure(i, f.data(), sd);
+    model.predict(i, p.data(), f.data());
+    const int k = model.first_failure(i, f.data(), theta.data());
     if (k < 0) continue;
     const auto at = static_cast<std::size_t>(k);
     throw bad_input(

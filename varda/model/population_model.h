@@ -72,6 +72,11 @@ class population_model {
   const std::vector<fixed_effect>& thetas() const { return thetas_; }
   const std::vector<design_column>& columns() const { return columns_; }
 
+  // Entries of theta that predictions depend on directly, at given phi.
+  bool moves_predictions(int theta) const {
+    return thetas_[static_cast<std::size_t>(theta)].role == theta_role::flat_parameter;
+  }
+
   // The structural parameter behind random effect `eta`, and its name.
   int parameter_of(int eta) const { return effect_parameter_[static_cast<std::size_t>(eta)]; }
   const std::string& effect_name(int eta) const;
@@ -88,8 +93,16 @@ class population_model {
   // C_i beta for every random effect, beta read from theta.
   void means(int subject, const double* theta, double* mu) const;
 
-  // p = h(phi) for the parameters with a random effect, theta itself for the others.
-  void individual_parameters(const double* theta, const double* phi, double* p) const;
+  // How many sets of individual parameters a subject has: one for each of its segments where some
+  // parameter changes between them, otherwise one.
+  int parameter_sets(int subject) const;
+
+  // p = h(phi) for the parameters with a random effect, theta itself for the others; one set after
+  // the other, parameter_sets(subject) x structural_parameters() numbers.
+  void individual_parameters(int subject, const double* theta, const double* phi, double* p) const;
+
+  // Predictions of the subject's observations from its sets of individual parameters.
+  void predict(int subject, const double* p, double* f) const;
 
   residual_deviations deviations(const double* theta) const;
   bool combined_error() const { return file_.residual.kind == error_kind::combined; }
@@ -103,11 +116,11 @@ class population_model {
 
   // -log p(y_i | prediction f), every constant included, and the sum of squared scaled residuals.
   // A value that is not finite marks a prediction that the error model cannot take.
-  double residual_objective(int subject, const double* f, const residual_deviations& sd,
+  double residual_objective(int subject, const double* f, const double* theta,
                             double& scaled_squares) const;
 
   // The first observation of the subject whose contribution is not finite, or -1.
-  int first_failure(int subject, const double* f, const residual_deviations& sd) const;
+  int first_failure(int subject, const double* f, const double* theta) const;
 
  private:
   void lay_out_theta();

@@ -106,7 +106,7 @@ void read_parameters(section from, model_file& file) {
   for (const std::string& name : names) from.accept(name);
   from.refuse_leftovers();
   for (const std::string& name : names) {
-    const std::string what = fmt::format("a parameter of the model \"{}\"", file.structure);
+    const std::string what = fmt::format("a parameter of the model \"{}\"", file.structure.name);
     file.parameters.push_back(read_parameter(name, from.needed_table(name, what)));
   }
   if (std::all_of(file.parameters.begin(), file.parameters.end(),

@@ -9,9 +9,10 @@ namespace varda {
 
 void read_structure(section from, model_file& file) {
   const std::vector<std::string> structures = structural_model_names();
-  file.structure = from.needed_text("structure", "the structural model");
-  if (std::find(structures.begin(), structures.end(), file.structure) == structures.end())
-    throw from.unknown_word("structure", file.structure, structures);
+  std::string& name = file.structure.name;
+  name = from.needed_text("structure", "the structural model");
+  if (std::find(structures.begin(), structures.end(), name) == structures.end())
+    throw from.unknown_word("structure", name, structures);
   from.refuse_leftovers();
 }
 

@@ -33,9 +33,9 @@ std::vector<std::string> structural_model_names() {
   return names;
 }
 
-std::unique_ptr<structural_model> make_structural_model(const std::string& name) {
+std::unique_ptr<structural_model> make_structural_model(const structure_choice& choice) {
   for (const auto& [known, make_it] : all_models())
-    if (known == name) return make_it();
+    if (known == choice.name) return make_it();
   return nullptr;
 }
 

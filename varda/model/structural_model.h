@@ -1,13 +1,35 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "varda/data/dataset.h"
 
 namespace varda {
+
+// An individual's parameters on the natural scale, in the order of parameter_names: one set for
+// each of the subject's segments, or a single one where none of them changes.
+class parameter_path {
+ public:
+  // `values`: parameters x sets, column-major; it must outlive the path.
+  parameter_path(const double* values, std::size_t parameters, std::size_t sets)
+      : values_(values), parameters_(parameters), sets_(sets) {}
+
+  bool constant() const { return sets_ == 1; }
+  std::span<const double> in_segment(int segment) const {
+    const std::size_t set = constant() ? 0 : static_cast<std::size_t>(segment);
+    return {values_ + set * parameters_, parameters_};
+  }
+
+ private:
+  const double* values_;
+  std::size_t parameters_;
+  std::size_t sets_;
+};
 
 // A structural model: what is predicted for a subject's observations given its parameters.
 class structural_model {
@@ -19,18 +41,34 @@ class structural_model {
 
   // Doses go into compartments 1 to this one.
   virtual int dose_compartments() const = 0;
+  // Whether the model has a parameter for the rate (the duration) of doses into a compartment.
+  virtual bool models_rate(int /*compartment*/) const { return false; }
+  virtual bool models_duration(int /*compartment*/) const { return false; }
 
-  // Writes the prediction of observation k of `who` into f[k]; `p` holds the individual's
-  // parameters on the natural scale. Parameters outside the model's domain give NaN, which the
-  // engine treats as a failed evaluation. f has who.observations.size() entries.
-  virtual void predict(const subject& who, std::span<const double> p,
-                       std::span<double> f) const = 0;
+  // What can be observed, at least one. Endpoint k is output k; a model with a single output gives
+  // it for every endpoint.
+  virtual int outputs() const { return 1; }
+
+  // Covariates that predictions use beyond the parameters, by the names of their columns, and
+  // where they stand in a segment's covariates: told once, before any prediction.
+  virtual std::vector<std::string> covariates() const { return {}; }
+  virtual void locate_covariates(const std::vector<int>& /*positions*/) {}
+
+  // Writes the prediction of observation k of `who` into f[k]. Parameters outside the model's
+  // domain give NaN, which the engine treats as a failed evaluation. f has who.observations.size()
+  // entries.
+  virtual void predict(const subject& who, const parameter_path& p, std::span<double> f) const = 0;
+};
+
+// What a model file chooses of the model library.
+struct structure_choice {
+  std::string name;
 };
 
 // The names that make_structural_model knows.
 std::vector<std::string> structural_model_names();
 
-// The model of that name, or null.
-std::unique_ptr<structural_model> make_structural_model(const std::string& name);
+// The model chosen, or null where no model has the name.
+std::unique_ptr<structural_model> make_structural_model(const structure_choice& choice);
 
 }  // namespace varda
