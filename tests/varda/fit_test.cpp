@@ -156,7 +156,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(Fit, CombinedErrorReachesItsMaximum) {
   const auto exact = test::reference("theophylline-combined.csv");
   const population_model model = test::theophylline([](model_file& file) {
-    file.residual = {varda::error_kind::combined, 0.5, 0.2, false, false};
+    file.endpoints.front().residual = {varda::error_kind::combined, 0.5, 0.2, false, false};
   });
   const varda::fit_result result = test::fit(model);
   EXPECT_TRUE(result.converged) << result.reason;
@@ -234,10 +234,11 @@ INSTANTIATE_TEST_SUITE_P(
                   f.omega = {{{"ka", "CL"}, {0.3, 0.02, 0.02, 0.1}, false}, {{"V"}, {0.02}, true}};
                 }},
         // A combined error whose additive part is given.
-        variant{"given_additive_part",
-                [](model_file& f) {
-                  f.residual = {varda::error_kind::combined, 0.25, 0.2, true, false};
-                }}),
+        variant{
+            "given_additive_part",
+            [](model_file& f) {
+              f.endpoints.front().residual = {varda::error_kind::combined, 0.25, 0.2, true, false};
+            }}),
     name_of);
 
 // Relative errors of all estimates of a kind against the reference's column.
@@ -300,6 +301,7 @@ TEST(StandardErrors, NameADirectionThatIsNotIdentified) {
   population_model whole = test::theophylline();
   varda::dataset data = whole.data();
   data.covariate_names = {"WT"};
+  data.covariate_varies = {false};
   for (std::size_t i = 0; i < data.subjects.size(); ++i)
     data.subjects[i].segments.front().covariates = {1.0 + 1e-3 * static_cast<double>(i % 3)};
   varda::model_file file = whole.file();

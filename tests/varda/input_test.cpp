@@ -231,7 +231,7 @@ TEST(ModelFile, RefusesWhatItCannotUse) {
   const finding none = refusal([](findings& w) { read_model_file("none.toml", w); });
   EXPECT_EQ(none.code, "E-MODEL-FILE");
   const auto cases = refused_cases("bad_models.txt", 6);
-  ASSERT_EQ(cases.size(), 53U);
+  ASSERT_EQ(cases.size(), 57U);
   for (const refused_case& c : cases) {
     SCOPED_TRACE("bad_models.txt, line " + std::to_string(c.line));
     const std::string text = text_with({{std::stoi(c.fields[0]), c.fields[5]}});
@@ -308,9 +308,9 @@ TEST(ModelFile, WordsAndNumbersArriveWhereTheyBelong) {
   EXPECT_EQ(file.parameters[1].law, distribution::normal);
   EXPECT_TRUE(file.parameters[1].fixed);
   EXPECT_EQ(file.parameters[1].upper, 9.0);
-  EXPECT_EQ(file.residual.kind, error_kind::combined);
-  EXPECT_TRUE(file.residual.additive_fixed);
-  EXPECT_EQ(file.residual.proportional, 0.1);
+  EXPECT_EQ(file.endpoints.front().residual.kind, error_kind::combined);
+  EXPECT_TRUE(file.endpoints.front().residual.additive_fixed);
+  EXPECT_EQ(file.endpoints.front().residual.proportional, 0.1);
   EXPECT_EQ(file.estimation.points, point_kind::random);
   EXPECT_TRUE(file.estimation.fresh_points);
   EXPECT_EQ(file.estimation.scramble, 3);

@@ -36,7 +36,7 @@ void set_parameters(varda::model_file& file, const std::vector<double>& typical,
     file.parameters[k].start = typical[k];
     file.omega[k].matrix = {variances[k]};
   }
-  file.residual.additive = additive;
+  file.endpoints.front().residual.additive = additive;
 }
 
 varda::fit_result fit(const varda::population_model& model, bool quiet) {
@@ -65,9 +65,10 @@ void start_at(varda::model_file& file, const varda::population_model& model,
   }
   for (varda::parameter& p : file.parameters)
     for (varda::covariate_effect& e : p.effects) e.start = result.theta(at++);
-  for (const auto& r : model.residuals())
-    (r.name == "additive" ? file.residual.additive : file.residual.proportional) =
-        result.theta(r.theta);
+  varda::residual_error& error = file.endpoints.front().residual;
+  at = model.first_deviation();
+  for (const varda::fixed_effect& d : model.residual().deviations())
+    (d.name == "proportional" ? error.proportional : error.additive) = result.theta(at++);
   Eigen::Index effect = 0;
   for (varda::omega_block& block : file.omega) {
     const auto order = static_cast<Eigen::Index>(block.names.size());

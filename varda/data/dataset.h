@@ -97,6 +97,7 @@ struct data_source {
   std::map<std::string, std::string> columns;  // role ("ID", "TIME", ...) -> column name
   std::vector<std::string> covariates;         // columns that the model names
   std::vector<int> endpoints = {1};            // DVID of each endpoint; 0 also means the first
+  bool occasions = false;                      // the model has random effects per occasion (OCC)
   int compartments = std::numeric_limits<int>::max();  // doses go into 1 to this one
   // Compartments whose RATE -1 (or -2) finds a parameter for the rate (or the duration).
   std::vector<int> modelled_rate;

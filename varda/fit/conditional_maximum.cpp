@@ -18,7 +18,8 @@ conditional_maximum::conditional_maximum(const population_model& model, const e_
                                          const std::vector<int>& positions)
     : model_(model), positions_(positions), found_(found) {
   for (const int position : positions_)
-    predictions_move_ = predictions_move_ || model.moves_predictions(position);
+    predictions_move_ =
+        predictions_move_ || model.thetas()[static_cast<std::size_t>(position)].moves_predictions();
   for (int i = 0; i < model.subjects(); ++i) {
     const auto& drawn = found.subjects[static_cast<std::size_t>(i)].resampled;
     predictions_.emplace_back(model.observations(i), drawn.phi.cols());

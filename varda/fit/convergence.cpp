@@ -27,12 +27,13 @@ convergence_monitor::convergence_monitor(const population_model& model, double t
     : model_(model), tolerance_(tolerance), noisy_(noisy) {
   for (const fixed_effect& t : model.thetas())
     if (!t.fixed) names_.push_back(t.name);
-  for (int i = 0; i < model.random_effects(); ++i)
-    for (int j = 0; j <= i; ++j)
-      if (model.omega_mask()(i, j) != 0.0)
-        names_.push_back(
-            i == j ? fmt::format("omega({})", model.effect_name(i))
-                   : fmt::format("corr({},{})", model.effect_name(j), model.effect_name(i)));
+  for (const omega_element& e : model.omega_elements()) {
+    if (e.fixed) continue;
+    const std::string& row = model.effects()[static_cast<std::size_t>(e.row())].name;
+    const std::string& column = model.effects()[static_cast<std::size_t>(e.column())].name;
+    names_.push_back(e.is_variance() ? fmt::format("omega({})", row)
+                                     : fmt::format("corr({},{})", column, row));
+  }
 }
 
 Eigen::VectorXd convergence_monitor::watched(const Eigen::VectorXd& theta,
@@ -47,12 +48,13 @@ Eigen::VectorXd convergence_monitor::watched(const Eigen::VectorXd& theta,
     else
       values.push_back(value / std::max(std::fabs(t.start), smallest_scale));
   }
-  for (int i = 0; i < model_.random_effects(); ++i)
-    for (int j = 0; j <= i; ++j) {
-      if (model_.omega_mask()(i, j) == 0.0) continue;
-      values.push_back(i == j ? std::log(omega(i, i))
-                              : omega(i, j) / std::sqrt(omega(i, i) * omega(j, j)));
-    }
+  for (const omega_element& e : model_.omega_elements()) {
+    if (e.fixed) continue;
+    const int i = e.row();
+    const int j = e.column();
+    values.push_back(e.is_variance() ? std::log(omega(i, i))
+                                     : omega(i, j) / std::sqrt(omega(i, i) * omega(j, j)));
+  }
   return Eigen::Map<const Eigen::VectorXd>(values.data(), static_cast<Eigen::Index>(values.size()));
 }
 

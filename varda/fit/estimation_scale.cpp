@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "varda/fit/estimation_scale.h"
 
-#include <fmt/format.h>
-
 #include <cmath>
 
 #include "varda/fit/theta_search.h"
@@ -21,15 +19,15 @@ estimation_scale::estimation_scale(const population_model& model, const Eigen::V
     e.logarithm = is_positive(t);
     entries_.push_back(e);
   }
-  for (int i = 0; i < model.random_effects(); ++i)
-    for (int j = 0; j <= i; ++j) {
-      if (model.omega_mask()(i, j) == 0.0) continue;
-      entry e;
-      e.name = fmt::format("omega({},{})", model.effect_name(i), model.effect_name(j));
-      e.row = i;
-      e.column = j;
-      entries_.push_back(e);
-    }
+  for (const omega_element& element : model.omega_elements()) {
+    if (element.fixed) continue;
+    entry e;
+    e.name = element.name;
+    e.row = element.row();
+    e.column = element.column();
+    e.places = element.places;
+    entries_.push_back(e);
+  }
   estimates_.resize(size());
   for (int k = 0; k < size(); ++k) {
     const entry& e = entries_[static_cast<std::size_t>(k)];
@@ -51,7 +49,7 @@ Eigen::MatrixXd estimation_scale::omega_at(const Eigen::VectorXd& psi) const {
   Eigen::MatrixXd omega = omega_;
   for (int k = 0; k < size(); ++k) {
     const entry& e = entries_[static_cast<std::size_t>(k)];
-    if (e.theta < 0) omega(e.row, e.column) = omega(e.column, e.row) = psi(k);
+    for (const auto& [row, column] : e.places) omega(row, column) = omega(column, row) = psi(k);
   }
   return omega;
 }

@@ -20,7 +20,8 @@ class estimation_scale {
     int theta = -1;  // position in theta, or -1
     int row = -1;    // of omega, or -1
     int column = -1;
-    bool logarithm = false;  // psi is the logarithm of theta's entry
+    std::vector<std::pair<int, int>> places;  // all of them, for effects per occasion
+    bool logarithm = false;                   // psi is the logarithm of theta's entry
   };
 
   estimation_scale(const population_model& model, const Eigen::VectorXd& theta,

@@ -50,11 +50,24 @@ int likelihood_samples(const engine_host& host) {
   return asked > 0 ? asked : gv::nsampset;
 }
 
+// Over the subjects that have the effect; effects per occasion count together.
 Eigen::VectorXd shrinkage(const engine_host& host, const likelihood_estimate& found) {
-  Eigen::VectorXd squares = Eigen::VectorXd::Zero(host.omega().rows());
-  for (const subject_integral& s : found.subjects) squares += s.mean.cwiseAbs2();
-  squares /= static_cast<double>(found.subjects.size());
-  return 1.0 - (squares.array() / host.omega().diagonal().array()).sqrt();
+  const population_model& model = host.model();
+  Eigen::VectorXd result(model.random_effects());
+  for (const omega_element& e : model.omega_elements()) {
+    if (!e.is_variance()) continue;
+    double squares = 0.0;
+    double count = 0.0;
+    for (const auto& [effect, same] : e.places)
+      for (int i = 0; i < static_cast<int>(found.subjects.size()); ++i) {
+        if (!model.has_effect(i, effect)) continue;
+        squares += std::pow(found.subjects[static_cast<std::size_t>(i)].mean(effect), 2);
+        count += 1.0;
+      }
+    const double share = std::sqrt(squares / count / host.omega()(e.row(), e.row()));
+    for (const auto& [effect, same] : e.places) result(effect) = 1.0 - share;
+  }
+  return result;
 }
 
 double condition_of(const Eigen::MatrixXd& covariance) {

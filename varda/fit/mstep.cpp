@@ -24,12 +24,12 @@ maximisation_step::maximisation_step(engine_host& host) : host_(host) {
   for (std::size_t k = 0; k < model.thetas().size(); ++k) {
     const fixed_effect& t = model.thetas()[k];
     const bool deviation = t.role == theta_role::residual_deviation;
-    if (t.fixed || !(deviation || t.role == theta_role::flat_parameter)) continue;
+    if (t.fixed || !(deviation || t.moves_predictions())) continue;
     numerical_.push_back(static_cast<int>(k));
     free_deviations += deviation ? 1 : 0;
     flat = flat || !deviation;
   }
-  const bool closed_form = !flat && (free_deviations == 0 || !model.combined_error());
+  const bool closed_form = !flat && (free_deviations == 0 || model.residual().has_one_scale());
   if (closed_form) numerical_.clear();
 }
 
@@ -138,19 +138,27 @@ Eigen::VectorXd maximisation_step::solve(const Eigen::MatrixXd& individual,
 
 void maximisation_step::update_omega(const e_step& found, const Eigen::MatrixXd& moved) {
   const population_model& model = host_.model();
-  const int effects = model.random_effects();
-  Eigen::MatrixXd moments = Eigen::MatrixXd::Zero(effects, effects);
-  int informative = 0;
+  const auto& elements = model.omega_elements();
+  Eigen::MatrixXd omega = host_.omega();
+  Eigen::VectorXd sums = Eigen::VectorXd::Zero(static_cast<Eigen::Index>(elements.size()));
+  Eigen::VectorXd counts = sums;
   for (int i = 0; i < model.subjects(); ++i) {
     if (model.observations(i) == 0) continue;
     const subject_integral& s = found.subjects[static_cast<std::size_t>(i)];
     const Eigen::VectorXd deviation = s.mean + moved.col(i);
-    moments += s.covariance + deviation * deviation.transpose();
-    ++informative;
+    for (Eigen::Index e = 0; e < sums.size(); ++e)
+      for (const auto& [row, column] : elements[static_cast<std::size_t>(e)].places) {
+        if (!model.has_effect(i, row)) continue;
+        sums(e) += s.covariance(row, column) + deviation(row) * deviation(column);
+        counts(e) += 1.0;
+      }
   }
-  moments /= informative;
-  const Eigen::MatrixXd& mask = model.omega_mask();
-  const Eigen::MatrixXd omega = (mask.array() != 0.0).select(moments, host_.omega());
+  for (Eigen::Index e = 0; e < sums.size(); ++e) {
+    const omega_element& element = elements[static_cast<std::size_t>(e)];
+    if (element.fixed) continue;
+    for (const auto& [row, column] : element.places)
+      omega(row, column) = omega(column, row) = sums(e) / counts(e);
+  }
   omega_is_sound_ = host_.set_omega(omega);
 }
 

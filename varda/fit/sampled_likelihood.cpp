@@ -93,7 +93,7 @@ sampled_likelihood::sampled_likelihood(const engine_host& host, const estimation
   const population_model& model = host.model();
   for (std::size_t k = 0; k < model.thetas().size(); ++k) {
     const fixed_effect& t = model.thetas()[k];
-    const bool flat = t.role == theta_role::flat_parameter;
+    const bool flat = t.moves_predictions();
     if (t.fixed || !(flat || t.role == theta_role::residual_deviation)) continue;
     residual_positions_.push_back(static_cast<int>(k));
     predictions_move_ = predictions_move_ || flat;

@@ -27,6 +27,17 @@ constexpr double normal_quantile_975 = 1.959963984540054;
 constexpr double unidentified_condition = 1e6;
 constexpr double disagreement_factor = 1.5;
 
+// Where the library packs a free element of omega: lower triangle row by row.
+Eigen::MatrixXi packed_positions(const population_model& model) {
+  const int effects = model.random_effects();
+  Eigen::MatrixXi packed = Eigen::MatrixXi::Constant(effects, effects, -1);
+  int next = 0;
+  for (int i = 0; i < effects; ++i)
+    for (int j = 0; j <= i; ++j)
+      if (model.omega_mask()(i, j) != 0.0) packed(i, j) = next++;
+  return packed;
+}
+
 // What one pass over the subjects gives: minus the log-likelihood at the stencil's points, and the
 // sum of outer products of the scores.
 struct subject_pass {
@@ -40,8 +51,7 @@ subject_pass pass_over_subjects(engine_host& host, const proposals& frozen,
                                 int samples) {
   const population_model& model = host.model();
   const int thetas = static_cast<int>(model.thetas().size());
-  const int free_omega = static_cast<int>(
-      (model.omega_mask().triangularView<Eigen::Lower>().toDenseMatrix().array() != 0.0).count());
+  const int free_omega = packed_positions(model).maxCoeff() + 1;
   Eigen::MatrixXd etas(model.random_effects(), samples);
   Eigen::VectorXd weights(samples);
   Eigen::MatrixXd by_subject = Eigen::MatrixXd::Zero(points, model.subjects());
@@ -71,17 +81,16 @@ Eigen::MatrixXd on_estimation_scale(const population_model& model, const estimat
                                     const Eigen::MatrixXd& scores) {
   const int thetas = static_cast<int>(model.thetas().size());
   Eigen::MatrixXd to_scale = Eigen::MatrixXd::Zero(scale.size(), scores.rows());
-  int omega_at = thetas;
+  const Eigen::MatrixXi packed = packed_positions(model);
   for (int k = 0; k < scale.size(); ++k) {
     const auto& e = scale.entries()[static_cast<std::size_t>(k)];
-    if (e.theta < 0) {
-      to_scale(k, omega_at++) = 1.0;
-      continue;
-    }
+    for (const auto& [row, column] : e.places) to_scale(k, thetas + packed(row, column)) = 1.0;
+    if (e.theta < 0) continue;
     // Differences are of the objective, a negative log density; the other scores are analytic.
     const theta_role role = model.thetas()[static_cast<std::size_t>(e.theta)].role;
     const bool by_difference =
-        role == theta_role::residual_deviation || role == theta_role::flat_parameter;
+        role == theta_role::residual_deviation ||
+        model.thetas()[static_cast<std::size_t>(e.theta)].moves_predictions();
     to_scale(k, e.theta) = (by_difference ? -1.0 : 1.0) * scale.slope(k);
   }
   return to_scale * scores * to_scale.transpose();
@@ -224,14 +233,14 @@ covariance_estimate sandwich_of(const covariance_estimate& information,
 void pack_omega_variances(const population_model& model, const estimation_scale& scale,
                           const Eigen::MatrixXd& covariance) {
   const auto thetas = static_cast<Eigen::Index>(model.thetas().size());
-  const Eigen::Index free_omega =
-      std::count_if(scale.entries().begin(), scale.entries().end(),
-                    [](const estimation_scale::entry& e) { return e.theta < 0; });
+  const Eigen::MatrixXi packed = packed_positions(model);
+  const Eigen::Index free_omega = packed.maxCoeff() + 1;
   Eigen::MatrixXd variances = Eigen::MatrixXd::Zero(thetas + free_omega, thetas + free_omega);
-  Eigen::Index at = thetas;
   for (int k = 0; k < scale.size(); ++k)
-    if (scale.entries()[static_cast<std::size_t>(k)].theta < 0)
-      variances(at, at) = covariance(k, k), ++at;
+    for (const auto& [row, column] : scale.entries()[static_cast<std::size_t>(k)].places) {
+      const Eigen::Index at = thetas + packed(row, column);
+      variances(at, at) = covariance(k, k);
+    }
   statsubs::stderromega(variances.data(), static_cast<int>(free_omega));
 }
 

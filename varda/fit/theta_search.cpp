@@ -16,6 +16,7 @@ bool is_positive(const fixed_effect& t) {
     case theta_role::flat_parameter:
       return t.start > 0.0 && !(std::isfinite(t.lower) && t.lower < 0.0);
     case theta_role::covariate_effect:
+    case theta_role::direct_effect:
       break;
   }
   return false;

@@ -188,7 +188,7 @@ void engine_host::install() {
     copy_name(current().model_.thetas()[static_cast<std::size_t>(itheta - 1)].name, name);
   };
   table.getranef5name = [](const int& ieta, char* name) {
-    copy_name(current().model_.effect_name(ieta - 1), name);
+    copy_name(current().model_.effects()[static_cast<std::size_t>(ieta - 1)].name, name);
   };
   table.getfixeferrtothetamap = [](int* map) {
     const int thetas = static_cast<int>(current().model_.thetas().size());
@@ -264,7 +264,7 @@ void engine_host::allocate(int hessian_dimension) {
   bind_integers(gv::newsub, first_observation_, subjects + 1, 1);
   for (int i = 0; i < subjects; ++i) gv::newsub(i + 2) = gv::newsub(i + 1) + model_.observations(i);
   bind_integers(gv::muetamap, mu_map_, effects, 0);
-  for (int e = 1; e <= effects; ++e) gv::muetamap(e) = e;
+  for (int e = 1; e <= model_.subject_effects(); ++e) gv::muetamap(e) = e;
   bind_integers(gv::ibtight, tight_, thetas, 0);
   bind_integers(gv::ibaccolislog, column_is_log_, columns, 0);
   bind_integers(qv::iseqtheta, column_theta_, columns, 0);
@@ -278,7 +278,8 @@ void engine_host::allocate(int hessian_dimension) {
     // Class 0 sends a fixed effect to the score of a covariate coefficient.
     if (t.role == theta_role::covariate_effect) qv::itypetheta(k) = 0;
   }
-  for (int e = 0; e < effects; ++e) qv::itypetheta_etamap(model_.parameter_of(e) + 1) = e + 1;
+  for (int e = 0; e < model_.subject_effects(); ++e)
+    qv::itypetheta_etamap(model_.effects()[static_cast<std::size_t>(e)].parameter + 1) = e + 1;
   gv::freesigmafound = model_.thetas().back().fixed ? 0 : 1;
 }
 

@@ -19,15 +19,26 @@ namespace varda {
 // lower + (upper - lower) / (1 + exp(-phi)). `none`: no random effect, p is the fixed effect.
 enum class distribution { log_normal, normal, logit_normal, none };
 
-// A covariate's additive effect on phi: beta * log(x / center) (power), beta * (x - center)
-// (exponential on a log-normal parameter, linear on a normal one).
-enum class effect_form { power, exponential, linear };
+// Whether covariate effects multiply the parameter. Those on others are added to phi.
+inline bool acts_on_logarithm(distribution law) {
+  return law == distribution::log_normal || law == distribution::none;
+}
+
+// What a covariate x does with coefficient beta, to a parameter or (linear and categorical, on
+// normal and logit-normal parameters) to phi:
+//   power        times (x / center)^beta
+//   exponential  times exp(beta (x - center))
+//   linear       times 1 + beta (x - center); plus beta (x - center)
+//   categorical  times exp(beta) for each level but the reference; plus beta
+enum class effect_form { power, exponential, linear, categorical };
 
 struct covariate_effect {
-  std::string name;  // of the coefficient, by default "<parameter>_<covariate>"
+  // Of the coefficient, by default "<parameter>_<covariate>"; those of levels add "_<level>".
+  std::string name;
   std::string covariate;
   effect_form form = effect_form::power;
   double center = 1.0;
+  double reference = 0.0;  // level of a categorical covariate that has no coefficient
   double start = 0.0;
   bool fixed = false;
   double lower = -std::numeric_limits<double>::infinity();
@@ -55,15 +66,22 @@ struct omega_block {
   bool fixed = false;
 };
 
-enum class error_kind { additive, proportional, combined };
+enum class error_kind { additive, proportional, combined, log_normal };
 
-// A residual deviation: f + a e, f + b f e, or variance a^2 + b^2 f^2 for the combined kind.
+// Residual deviations with their start values; see residual_model.h.
 struct residual_error {
   error_kind kind = error_kind::additive;
-  double additive = 0.0;
+  double additive = 0.0;  // of the logarithm for the log-normal kind
   double proportional = 0.0;
   bool additive_fixed = false;
   bool proportional_fixed = false;
+};
+
+// What is observed: an output of the structural model with its residual error. `name` is empty
+// where there is one endpoint only.
+struct endpoint {
+  std::string name;
+  residual_error residual;
 };
 
 enum class proposal_family { normal, population, t, laplace, mixture2, mixture3 };
@@ -104,9 +122,10 @@ struct model_file {
   std::string title;
   data_source data;
   structure_choice structure;
-  std::vector<parameter> parameters;  // in the order of the structural model
-  std::vector<omega_block> omega;     // in the order of the parameters they cover
-  residual_error residual;
+  std::vector<parameter> parameters;        // in the order of the structural model
+  std::vector<omega_block> omega;           // in the order of the parameters they cover
+  std::vector<omega_block> occasion_omega;  // of random effects per occasion, same order
+  std::vector<endpoint> endpoints;          // at least one
   estimation_settings estimation;
 };
 

@@ -1,47 +1,33 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A model file and its data set made ready for estimation: the order of the fixed effects, the
-// columns of the C matrix, the residual error, and the negative log density of a subject.
+// A model file and its data set made ready for estimation: the order of the fixed effects and the
+// random effects, the columns of the C matrix, individual parameters, and the negative log density
+// of a subject.
 //
-// With phi_i = C_i beta + eta_i the individual parameters are p_i = h(phi_i), h by parameter. The
-// vector theta holds, in this order, the typical values (and the parameters without a random
-// effect) in the order of the structural model, the covariate coefficients, for a combined error
-// the proportional deviation, and last the residual deviation. Typical values of log-normal
-// parameters stand in theta on the natural scale, all others on the scale of phi ("regression
-// scale"), and so do their bounds.
+// With phi_i = C_i beta + eta_i the individual parameters are p_i = h(phi_i + direct effects), h by
+// parameter. The vector theta holds, in this order, the typical values (and the parameters without
+// a random effect) in the order of the structural model, the covariate coefficients, and the
+// residual deviations. Typical values of log-normal parameters stand in theta on the natural scale,
+// all others on the scale of phi ("regression scale"), and so do their bounds.
+//
+// Random effects per occasion follow those per subject, occasion by occasion. They have no mean,
+// and omega holds the same block for every occasion.
 #pragma once
 
 #include <Eigen/Core>
 #include <memory>
-#include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "varda/data/dataset.h"
+#include "varda/model/covariate_coefficients.h"
+#include "varda/model/fixed_effect.h"
 #include "varda/model/model_file.h"
+#include "varda/model/residual_model.h"
 #include "varda/model/structural_model.h"
 
 namespace varda {
-
-enum class theta_role { typical_value, flat_parameter, covariate_effect, residual_deviation };
-
-struct fixed_effect {
-  std::string name;
-  theta_role role = theta_role::typical_value;
-  distribution law = distribution::none;  // of the parameter that the typical value belongs to
-  double range_lower = 0.0;               // of a logit-normal parameter
-  double range_upper = 1.0;
-  double start = 0.0;  // on the scale of theta, like the bounds
-  double lower = 0.0;
-  double upper = 0.0;
-  bool fixed = false;
-
-  // From theta to the scale that a user reads, and from theta to the regression scale and back.
-  double natural(double theta) const;
-  double natural_slope(double theta) const;  // derivative of the same
-  double regression(double theta) const;
-  double from_regression(double beta) const;
-};
 
 // A column of the C matrix: coefficient `theta` enters the mean of random effect `eta` alone.
 struct design_column {
@@ -49,43 +35,61 @@ struct design_column {
   int eta = 0;
 };
 
-// Deviations in force: one of the two is 0 unless the error is combined.
-struct residual_deviations {
-  double additive = 0.0;
-  double proportional = 0.0;
+struct random_effect {
+  std::string name;   // of its parameter, "@" and the occasion where there is one
+  int parameter = 0;  // of the structural model
+  int occasion = -1;  // from 0; -1 for an effect per subject
+};
+
+// An element of omega's lower triangle that is not structurally zero, with all the places where it
+// stands: one, or one for each occasion.
+struct omega_element {
+  std::string name;  // "omega(ka,CL)", "omega_occasion(ka,CL)"
+  std::vector<std::pair<int, int>> places;
+  bool fixed = false;
+
+  int row() const { return places.front().first; }
+  int column() const { return places.front().second; }
+  bool is_variance() const { return row() == column(); }
 };
 
 class population_model {
  public:
+  // Throws bad_input where file and data do not go together.
   population_model(model_file file, dataset data);
 
   const model_file& file() const { return file_; }
   const dataset& data() const { return data_; }
   const structural_model& structure() const { return *structure_; }
+  const residual_model& residual() const { return residual_; }
 
   int subjects() const { return static_cast<int>(data_.subjects.size()); }
-  int observations(int subject) const {
-    return static_cast<int>(data_.subjects[static_cast<std::size_t>(subject)].observations.size());
-  }
-  int random_effects() const { return static_cast<int>(effect_parameter_.size()); }
+  int observations(int subject) const { return static_cast<int>(at(subject).observations.size()); }
   int structural_parameters() const { return static_cast<int>(file_.parameters.size()); }
   const std::vector<fixed_effect>& thetas() const { return thetas_; }
   const std::vector<design_column>& columns() const { return columns_; }
+  // Position in theta of the first residual deviation; they are the last entries.
+  int first_deviation() const { return first_deviation_; }
 
-  // Entries of theta that predictions depend on directly, at given phi.
-  bool moves_predictions(int theta) const {
-    return thetas_[static_cast<std::size_t>(theta)].role == theta_role::flat_parameter;
+  // All random effects, those per subject first.
+  int random_effects() const { return static_cast<int>(effects_.size()); }
+  int subject_effects() const { return subject_effects_; }
+  const std::vector<random_effect>& effects() const { return effects_; }
+  const std::string& parameter_behind(int eta) const {
+    const int k = effects_[static_cast<std::size_t>(eta)].parameter;
+    return file_.parameters[static_cast<std::size_t>(k)].name;
   }
-
-  // The structural parameter behind random effect `eta`, and its name.
-  int parameter_of(int eta) const { return effect_parameter_[static_cast<std::size_t>(eta)]; }
-  const std::string& effect_name(int eta) const;
+  bool has_effect(int subject, int eta) const {
+    return effects_[static_cast<std::size_t>(eta)].occasion < at(subject).occasions;
+  }
 
   // Start values: theta, and omega as assembled from its blocks.
   Eigen::VectorXd start_theta() const;
   Eigen::MatrixXd start_omega() const;
   // 1 where omega is estimated, 0 where it is fixed or structurally zero.
   const Eigen::MatrixXd& omega_mask() const { return omega_mask_; }
+  // Lower triangle row by row.
+  const std::vector<omega_element>& omega_elements() const { return omega_elements_; }
 
   // C_i(eta of the column, column): 1 for an intercept, the transformed covariate otherwise.
   double design(int subject, int column) const { return design_(subject, column); }
@@ -95,49 +99,54 @@ class population_model {
 
   // How many sets of individual parameters a subject has: one for each of its segments where some
   // parameter changes between them, otherwise one.
-  int parameter_sets(int subject) const;
+  int parameter_sets(int subject) const { return sets_[static_cast<std::size_t>(subject)]; }
 
-  // p = h(phi) for the parameters with a random effect, theta itself for the others; one set after
-  // the other, parameter_sets(subject) x structural_parameters() numbers.
+  // One set after the other, parameter_sets(subject) x structural_parameters() numbers.
   void individual_parameters(int subject, const double* theta, const double* phi, double* p) const;
 
   // Predictions of the subject's observations from its sets of individual parameters.
   void predict(int subject, const double* p, double* f) const;
 
-  residual_deviations deviations(const double* theta) const;
-  bool combined_error() const { return file_.residual.kind == error_kind::combined; }
-  // Positions in theta of the free residual deviations, with their names.
-  struct residual_entry {
-    std::string name;
-    int theta = 0;
-    bool fixed = false;
-  };
-  const std::vector<residual_entry>& residuals() const { return residuals_; }
-
-  // -log p(y_i | prediction f), every constant included, and the sum of squared scaled residuals.
-  // A value that is not finite marks a prediction that the error model cannot take.
+  // -log p(y_i | predictions f) and the sum of squared scaled residuals; see residual_model.
   double residual_objective(int subject, const double* f, const double* theta,
-                            double& scaled_squares) const;
-
-  // The first observation of the subject whose contribution is not finite, or -1.
-  int first_failure(int subject, const double* f, const double* theta) const;
+                            double& scaled_squares) const {
+    return residual_.objective(at(subject), f, theta, scaled_squares);
+  }
 
  private:
-  void lay_out_theta();
-  void lay_out_design();
+  // A coefficient that stands outside the C matrix, with its transformed covariate per subject and
+  // segment.
+  struct direct_effect {
+    int theta = 0;
+    covariate_coefficient coefficient;
+    std::vector<std::vector<double>> values;
+  };
+
+  const subject& at(int subject) const { return data_.subjects[static_cast<std::size_t>(subject)]; }
+  void lay_out_theta(const std::vector<covariate_coefficient>& coefficients);
+  void lay_out_effects();
+  void lay_out_design(const std::vector<covariate_coefficient>& coefficients);
   void lay_out_omega();
-  int effect_of(const std::string& name) const;  // the random effect of that parameter
+  void lay_out_sets();
+  int effect_of(const std::string& parameter, int occasion) const;
+  double direct_change(int subject, int segment, int parameter, const double* theta) const;
 
   model_file file_;
   dataset data_;
   std::unique_ptr<structural_model> structure_;
   std::vector<fixed_effect> thetas_;
-  std::vector<int> effect_parameter_;   // random effect -> structural parameter
-  std::vector<int> parameter_effect_;   // structural parameter -> random effect, -1 for none
-  std::vector<design_column> columns_;  // intercepts first, then the covariate effects
-  Eigen::MatrixXd design_;              // subjects x columns
+  int first_deviation_ = 0;
+  residual_model residual_;
+  std::vector<random_effect> effects_;
+  int subject_effects_ = 0;
+  std::vector<int> parameter_effect_;  // structural parameter -> its effect per subject, or -1
+  std::vector<std::vector<int>> occasion_effect_;  // occasion -> structural parameter -> effect
+  std::vector<design_column> columns_;             // intercepts first, then the covariate effects
+  Eigen::MatrixXd design_;                         // subjects x columns
+  std::vector<direct_effect> direct_effects_;
+  std::vector<int> sets_;
   Eigen::MatrixXd omega_mask_;
-  std::vector<residual_entry> residuals_;
+  std::vector<omega_element> omega_elements_;
 };
 
 // Throws bad_input when a subject cannot be evaluated at the start values, naming the subject and

@@ -5,6 +5,7 @@
 
 #include <Eigen/Cholesky>
 #include <algorithm>
+#include <set>
 
 namespace varda {
 
@@ -85,13 +86,13 @@ void check_omega_names(const section& from, const omega_block& block, const mode
   }
 }
 
-}  // namespace
-
-void read_omega(section from, model_file& file) {
+// Blocks in the order of the parameters that they begin with. `every_effect`: no parameter with a
+// random effect may be left out.
+std::vector<omega_block> read_blocks(section from, const model_file& file, bool every_effect) {
   std::set<std::string> seen;
   std::vector<omega_block> blocks;
   for (const std::string& key : from.keys()) {
-    if (key == "blocks") continue;
+    if (key == "blocks" || (every_effect && key == "occasion")) continue;
     blocks.push_back({{key}, {}, false});
     check_omega_names(from, blocks.back(), file, seen);
     blocks.back() = read_variance(from, key);
@@ -100,15 +101,26 @@ void read_omega(section from, model_file& file) {
     blocks.push_back(read_block(block));
     check_omega_names(from, blocks.back(), file, seen);
   }
+  std::vector<omega_block> ordered;
   for (const parameter& p : file.parameters) {
     if (p.law == distribution::none) continue;
-    if (!seen.contains(p.name))
+    if (every_effect && !seen.contains(p.name))
       throw from.error("E-MODEL-OMEGA", p.name,
                        fmt::format("the variance of {}'s random effect is missing", p.name),
                        "give a variance, or distribution = \"none\" for no random effect");
     for (omega_block& block : blocks)
-      if (block.names.front() == p.name) file.omega.push_back(block);
+      if (block.names.front() == p.name) ordered.push_back(block);
   }
+  return ordered;
+}
+
+}  // namespace
+
+void read_omega(section from, model_file& file) {
+  file.omega = read_blocks(from, file, true);
+  if (const auto occasion = from.table("occasion"))
+    file.occasion_omega = read_blocks(*occasion, file, false);
+  file.data.occasions = !file.occasion_omega.empty();
 }
 
 }  // namespace varda

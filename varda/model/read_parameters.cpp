@@ -34,14 +34,17 @@ void check_start(const section& from, double start, double lower, double upper) 
 covariate_effect read_effect(section from, const parameter& of) {
   covariate_effect effect;
   effect.covariate = from.needed_text("column", "the column of the covariate");
-  const std::vector<std::string> forms = {"power", "exponential", "linear"};
-  const bool log_normal = of.law == distribution::log_normal;
-  effect.form = static_cast<effect_form>(from.word_or("effect", log_normal ? 0 : 2, forms));
-  if (log_normal == (effect.form == effect_form::linear))
+  const std::vector<std::string> forms = {"power", "exponential", "linear", "categorical"};
+  const bool factor = acts_on_logarithm(of.law);
+  effect.form = static_cast<effect_form>(from.word_or("effect", factor ? 0 : 2, forms));
+  if (!factor && effect.form < effect_form::linear)
     throw from.error("E-MODEL-EFFECT", "effect",
                      "this form does not suit the parameter's distribution",
-                     "use power or exponential for log-normal, linear for normal and logit-normal");
-  effect.center = from.number_or("center", effect.form == effect_form::power ? 1.0 : 0.0);
+                     "use linear or categorical for normal and logit-normal parameters");
+  if (effect.form == effect_form::categorical)
+    effect.reference = from.needed_number("reference", "the level that has no coefficient");
+  else
+    effect.center = from.number_or("center", effect.form == effect_form::power ? 1.0 : 0.0);
   if (effect.form == effect_form::power && !(effect.center > 0.0))
     throw from.error("E-MODEL-RANGE", "center", "the center of a power effect must be above 0",
                      "use a typical value of the covariate");
@@ -85,13 +88,8 @@ parameter read_parameter(const std::string& name, section from) {
   if (p.law == distribution::log_normal && !(p.start > 0.0))
     throw from.error("E-MODEL-RANGE", "start", "a log-normal parameter must start above 0",
                      "change the start value or the distribution");
-  for (section& effect : from.tables("covariates")) {
-    if (p.law == distribution::none)
-      throw from.error("E-MODEL-EFFECT", "covariates",
-                       "a parameter without a random effect cannot have covariate effects",
-                       "give it a distribution and a variance");
+  for (const section& effect : from.tables("covariates"))
     p.effects.push_back(read_effect(effect, p));
-  }
   from.refuse_leftovers();
   return p;
 }
@@ -115,7 +113,8 @@ void read_parameters(section from, model_file& file) {
                      "give at least one parameter a distribution and a variance");
 
   std::set<std::string> seen(names.begin(), names.end());
-  seen.insert({"additive", "proportional"});  // names of the residual deviations in the results
+  seen.insert({"additive", "proportional",
+               "log_normal"});  // names of the residual deviations in the results
   for (const parameter& p : file.parameters) {
     std::set<std::pair<std::string, effect_form>> effects;
     for (const covariate_effect& e : p.effects) {

@@ -153,7 +153,7 @@ ordered_json parameters(const population_model& model, const fit_result& result)
     entry["name"] = t.name;
     entry["estimate"] = t.natural(result.theta(static_cast<Eigen::Index>(k)));
     entry["distribution"] =
-        t.role == theta_role::covariate_effect ? "covariate effect" : name_of(t.law);
+        k < model.file().parameters.size() ? name_of(t.law) : "covariate effect";
     entry["fixed"] = t.fixed;
     entry["at_bound"] = held(result, k);
     if (result.what == task::fit) add_errors_of_theta(entry, result, static_cast<int>(k));
@@ -165,7 +165,7 @@ ordered_json parameters(const population_model& model, const fit_result& result)
 ordered_json omega(const population_model& model, const fit_result& result) {
   ordered_json entry;
   ordered_json names = ordered_json::array();
-  for (int e = 0; e < model.random_effects(); ++e) names.push_back(model.effect_name(e));
+  for (const random_effect& e : model.effects()) names.push_back(e.name);
   entry["names"] = names;
   entry["matrix"] = to_json(result.omega);
   entry["estimated"] = to_json(model.omega_mask());
@@ -177,13 +177,13 @@ ordered_json omega(const population_model& model, const fit_result& result) {
 
 ordered_json residual(const population_model& model, const fit_result& result) {
   ordered_json list = ordered_json::array();
-  for (const auto& r : model.residuals()) {
+  for (auto k = static_cast<std::size_t>(model.first_deviation()); k < model.thetas().size(); ++k) {
     ordered_json entry;
-    entry["name"] = r.name;
-    entry["estimate"] = result.theta(r.theta);
-    entry["fixed"] = r.fixed;
-    entry["at_bound"] = held(result, static_cast<std::size_t>(r.theta));
-    if (result.what == task::fit) add_errors_of_theta(entry, result, r.theta);
+    entry["name"] = model.thetas()[k].name;
+    entry["estimate"] = result.theta(static_cast<Eigen::Index>(k));
+    entry["fixed"] = model.thetas()[k].fixed;
+    entry["at_bound"] = held(result, k);
+    if (result.what == task::fit) add_errors_of_theta(entry, result, static_cast<int>(k));
     list.push_back(entry);
   }
   return list;

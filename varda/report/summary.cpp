@@ -91,29 +91,38 @@ void write_omega(sink out, const population_model& model, const fit_result& resu
   const auto errors = [&](int i, int j) {
     return error_columns(result.errors.chosen(), result.errors.place_of_omega(i, j));
   };
-  for (int i = 0; i < model.random_effects(); ++i) {
+  const auto name_of = [&](const omega_element& e, int eta) {
+    return model.parameter_behind(eta) +
+           (model.effects()[static_cast<std::size_t>(e.row())].occasion < 0 ? "" : " (occasion)");
+  };
+  for (const omega_element& e : model.omega_elements()) {
+    if (!e.is_variance()) continue;
+    const int i = e.row();
     const double variance = result.omega(i, i);
-    const bool log_normal = model.thetas()[static_cast<std::size_t>(model.parameter_of(i))].law ==
-                            distribution::log_normal;
+    const int parameter = model.effects()[static_cast<std::size_t>(i)].parameter;
+    const bool log_normal =
+        model.thetas()[static_cast<std::size_t>(parameter)].law == distribution::log_normal;
     const std::string cv = log_normal ? fmt::format("{:.1f}", log_normal_cv(variance)) : "-";
-    write_row(out, model.effect_name(i), variance, errors(i, i),
+    write_row(out, name_of(e, i), variance, errors(i, i),
               fmt::format("{:>6}   {:>11.1f}{}", cv, 100.0 * result.shrinkage(i),
-                          model.omega_mask()(i, i) == 0.0 ? "   fixed" : ""));
+                          e.fixed ? "   fixed" : ""));
   }
-  for (int i = 0; i < model.random_effects(); ++i)
-    for (int j = 0; j < i; ++j) {
-      if (result.omega(i, j) == 0.0) continue;
-      const double correlation =
-          result.omega(i, j) / std::sqrt(result.omega(i, i) * result.omega(j, j));
-      write_row(out, model.effect_name(j) + "," + model.effect_name(i), result.omega(i, j),
-                errors(i, j), fmt::format("correlation {:.3f}", correlation));
-    }
+  for (const omega_element& e : model.omega_elements()) {
+    if (e.is_variance()) continue;
+    const int i = e.row();
+    const int j = e.column();
+    const double correlation =
+        result.omega(i, j) / std::sqrt(result.omega(i, i) * result.omega(j, j));
+    write_row(out, model.parameter_behind(j) + "," + name_of(e, i), result.omega(i, j),
+              errors(i, j), fmt::format("correlation {:.3f}", correlation));
+  }
 }
 
 void write_residual(sink out, const population_model& model, const fit_result& result) {
   fmt::format_to(out, "\n");
   write_header(out, "Residual error", "deviation", result, "");
-  for (const auto& r : model.residuals()) write_theta(out, model, result, r.theta);
+  for (int k = model.first_deviation(); k < static_cast<int>(model.thetas().size()); ++k)
+    write_theta(out, model, result, k);
 }
 
 void write_errors(sink out, const fit_result& result) {

@@ -18,19 +18,6 @@ std::string field(const std::string& text) {
   return quoted + "\"";
 }
 
-std::string omega_name(const population_model& model, int i, int j) {
-  return fmt::format("omega({},{})", model.effect_name(i), model.effect_name(j));
-}
-
-// Elements of omega that are not structurally zero, lower triangle row by row.
-template <class Visit>
-void for_each_omega(const population_model& model, Visit visit) {
-  const Eigen::MatrixXd start = model.start_omega();
-  for (int i = 0; i < model.random_effects(); ++i)
-    for (int j = 0; j <= i; ++j)
-      if (model.omega_mask()(i, j) != 0.0 || start(i, j) != 0.0) visit(i, j);
-}
-
 }  // namespace
 
 double without_constant(double minus2ll, int observations) {
@@ -58,17 +45,16 @@ std::string estimates_csv(const population_model& model, const fit_result& resul
     add(t.name, t.natural(result.theta(static_cast<Eigen::Index>(k))), t.fixed,
         errors.place_of_theta(static_cast<int>(k)));
   }
-  for_each_omega(model, [&](int i, int j) {
-    add(omega_name(model, i, j), result.omega(i, j), model.omega_mask()(i, j) == 0.0,
-        errors.place_of_omega(i, j));
-  });
+  for (const omega_element& e : model.omega_elements())
+    add(e.name, result.omega(e.row(), e.column()), e.fixed,
+        errors.place_of_omega(e.row(), e.column()));
   return table;
 }
 
 std::string iterations_csv(const population_model& model, const fit_result& result) {
   std::string table = "iteration,minus2ll,minus2ll_without_constant";
   for (const fixed_effect& t : model.thetas()) table += "," + field(t.name);
-  for_each_omega(model, [&](int i, int j) { table += "," + field(omega_name(model, i, j)); });
+  for (const omega_element& e : model.omega_elements()) table += "," + field(e.name);
   table += "\n";
   for (const iteration_record& record : result.iterations) {
     table += fmt::format("{},{},{}", record.iteration, record.minus2ll,
@@ -76,7 +62,8 @@ std::string iterations_csv(const population_model& model, const fit_result& resu
     for (std::size_t k = 0; k < model.thetas().size(); ++k)
       table +=
           fmt::format(",{}", model.thetas()[k].natural(record.theta(static_cast<Eigen::Index>(k))));
-    for_each_omega(model, [&](int i, int j) { table += fmt::format(",{}", record.omega(i, j)); });
+    for (const omega_element& e : model.omega_elements())
+      table += fmt::format(",{}", record.omega(e.row(), e.column()));
     table += "\n";
   }
   return table;
@@ -85,10 +72,11 @@ std::string iterations_csv(const population_model& model, const fit_result& resu
 std::string subjects_csv(const population_model& model, const fit_result& result) {
   const int effects = model.random_effects();
   std::string table = "id,observations,minus2ll_without_constant,ess,largest_weight";
-  for (int e = 0; e < effects; ++e) table += "," + field("eta(" + model.effect_name(e) + ")");
-  for (int i = 0; i < effects; ++i)
-    for (int j = 0; j <= i; ++j)
-      table += "," + field(fmt::format("var({},{})", model.effect_name(i), model.effect_name(j)));
+  for (const random_effect& e : model.effects()) table += "," + field("eta(" + e.name + ")");
+  for (std::size_t i = 0; i < model.effects().size(); ++i)
+    for (std::size_t j = 0; j <= i; ++j)
+      table +=
+          "," + field(fmt::format("var({},{})", model.effects()[i].name, model.effects()[j].name));
   table += "\n";
   if (!result.likelihood.complete) return table;
   for (int i = 0; i < model.subjects(); ++i) {
