@@ -34,8 +34,8 @@ namespace statsubs {
 // theta is as on entry after every return. wtsumzscore is not finite for a subject without
 // observations. A factor with a zero on the diagonal gives results that are not numbers.
 //
-// Reads: leneta, ntheta, theta, xmusub, omegacholsub, omegalchol, accratio, impsampdof, iflagmcpem,
-// myid, numprocs, newsub, globalstop, zscoresub, izub, s
+// Reads: leneta, theta, xmusub, omegacholsub, omegalchol, accratio, impsampdof, iflagmcpem, myid,
+// numprocs, newsub, globalstop, zscoresub, izub
 // Writes: izub, zscoresub, wtsumzscore, xmusubnew, omegasubnew, theta
 void fgintegrate(const int& isub, const int& nsamp, double* dsample2, double* wtcond2,
                  double& loglik);

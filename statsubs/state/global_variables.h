@@ -10,7 +10,7 @@
 
 // clang-format off
 #define STATSUBS_GLOBAL_VARIABLES(X) \
-  X(real_vector, theta, "ntheta", "fixed effects now in force", "host; fgintegrate restores it, scoretheta perturbs and restores it") \
+  X(real_vector, theta, "ntheta", "fixed effects now in force", "host; fgintegrate, fgpresampledir2 and agqintjoint restore it, scoretheta perturbs and restores it") \
   X(real_vector, thetalo, "ntheta", "lower bound of each fixed effect", "host") \
   X(real_vector, thetahi, "ntheta", "upper bound of each fixed effect", "host") \
   X(integer, ntheta, "", "number of fixed effects", "getworkingstoragesizes") \
@@ -20,26 +20,26 @@
   X(integer, nobsmax, "", "observations of the subject that has most", "getworkingstoragesizes") \
   X(integer, nobstotal, "", "observations of all subjects", "getworkingstoragesizes") \
   X(integer, totalobsnumber, "", "the same; rows of modeljacob", "getworkingstoragesizes") \
-  X(real_matrix, omega, "leneta x leneta", "covariance of the random effects", "host") \
+  X(real_matrix, omega, "leneta x leneta", "covariance of the random effects; read by fgpresampledir2, updatedecomp", "host") \
   X(real_matrix, omegainv, "leneta x leneta", "its inverse", "host") \
   X(real_matrix, omegalchol, "leneta x leneta", "its lower Cholesky factor", "host") \
   X(real_matrix, omegalcholinv, "leneta x leneta", "inverse of the lower factor, upper triangle zero", "lrtheta") \
   X(real_matrix, omegamask, "leneta x leneta", "which elements of omega are estimated: neither -1 nor 0", "host") \
-  X(real_vector, xmusub, "leneta", "proposal mean of the current subject; predetamu leaves the mu-referenced means here", "host, predetamu") \
-  X(real_matrix, omegacholsub, "leneta x leneta", "proposal Cholesky factor of the current subject, lower triangle", "host") \
-  X(real_vector, xmusubnew, "leneta", "conditional mean of the current subject's random effects", "fgintegrate") \
-  X(real_matrix, omegasubnew, "leneta x leneta", "their conditional covariance; a work matrix of qncurv", "fgintegrate, qncurv") \
+  X(real_vector, xmusub, "leneta", "proposal mean of the current subject, centre of its quadrature grid; predetamu leaves the mu-referenced means here", "host, predetamu") \
+  X(real_matrix, omegacholsub, "leneta x leneta", "proposal Cholesky factor of the current subject, lower triangle; the factor of its quadrature grid", "host, updatedecomp") \
+  X(real_vector, xmusubnew, "leneta", "conditional mean of the current subject's random effects", "fgintegrate, fgpresampledir2, agqintjoint") \
+  X(real_matrix, omegasubnew, "leneta x leneta", "their conditional covariance; a work matrix of qncurv", "fgintegrate, fgpresampledir2, agqintjoint, qncurv") \
   X(integer_vector, newsub, "nsub + 1", "subject i owns positions newsub(i) .. newsub(i+1) - 1 of the stacked observations", "host") \
-  X(real, zscoresub, "", "score of the model evaluation made last", "host; fgintegrate resets it to 1 after a failed evaluation") \
-  X(real, wtsumzscore, "", "weighted mean of zscoresub over the samples, per observation of the subject", "fgintegrate") \
-  X(integer, izub, "", "the subject in work, from 1", "fgintegrate, qncurv, scoretheta") \
-  X(real_matrix, etatable, "leneta x nsub", "random effects of every subject, one column each", "host, itmapnp") \
+  X(real, zscoresub, "", "score of the model evaluation made last", "host; fgintegrate and fgpresampledir2 reset it to 1 after a failed evaluation") \
+  X(real, wtsumzscore, "", "weighted mean of zscoresub over the samples, per observation of the subject", "fgintegrate, fgpresampledir2") \
+  X(integer, izub, "", "the subject in work, from 1", "fgintegrate, fgpresampledir2, agqintjoint, qncurv, scoretheta") \
+  X(real_matrix, etatable, "leneta x nsub", "random effects of every subject, one column each", "host, itmapnp, fgpresampledir2") \
   X(integer_vector, muetamap, "leneta", "row of the subject's C matrix that carries each random effect's mean; 0 for none", "host") \
   X(real_matrix, cholsub, "leneta (leneta + 1) / 2 x nsub", "lower factor of each subject's curvature, packed by columns", "host, qncurv") \
   X(real, sigmalchol, "", "residual standard deviation", "host, itmapnp; scoretheta perturbs and restores it") \
   X(real, sigmasq, "", "its square", "host, itmapnp; scoretheta perturbs and restores it") \
   X(integer, freesigmafound, "", "nonzero: the residual standard deviation is free and the last fixed effect", "host") \
-  X(real_vector, stddeveta, "leneta", "standard deviations of the random effects", "host") \
+  X(real_vector, stddeveta, "leneta", "standard deviations of the random effects; read by updatedecomp", "host") \
   X(real_vector, scorevec, "ntheta", "score of the current subject for the fixed effects", "scoretheta") \
   X(real_vector, scorevec_expanded, "ntheta + free elements of omega", "the same, followed by the score for omega", "scoretheta") \
   X(integer_vector, ibtight, "ntheta", "1: the fixed effect lies at or near a bound", "host (boundmap)") \

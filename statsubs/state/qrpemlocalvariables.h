@@ -8,7 +8,7 @@
 
 // clang-format off
 #define STATSUBS_QRPEMLOCALVARIABLES(X) \
-  X(real_cube, choleskyfactor, "leneta x leneta x nsub", "Cholesky factor of each subject's proposal covariance, lower triangles", "qncurv, host") \
+  X(real_cube, choleskyfactor, "leneta x leneta x nsub", "Cholesky factor of each subject's proposal covariance, lower triangles", "qncurv, fgpresampledir2, host") \
   X(real_cube, cmatrix_3d, "leneta x columns of the C matrix x nsub", "the C matrix of every subject", "host") \
   X(integer_vector, iseqtheta, "columns of the C matrix", "the fixed effect that stands in each column", "host") \
   X(integer_vector, itypetheta, "ntheta", "class of each fixed effect: 0 covariate coefficient, 4 excluded from the regression", "host, lrtheta") \

@@ -21,6 +21,8 @@ void dtrtri_(const char* uplo, const char* diag, const int* n, double* a, const 
 void dsyev_(const char* jobz, const char* uplo, const int* n, double* a, const int* lda, double* w,
             double* work, const int* lwork, int* info, std::size_t jobz_length,
             std::size_t uplo_length);
+void dsteqr_(const char* compz, const int* n, double* d, double* e, double* z, const int* ldz,
+             double* work, int* info, std::size_t compz_length);
 void dcopy_(const int* n, const double* x, const int* incx, double* y, const int* incy);
 }
 
@@ -59,6 +61,16 @@ inline int dtrtri(int n, double* l, int ldl) {
 inline int dsyev(const char* jobz, int n, double* a, int lda, double* w, double* work, int lwork) {
   int info = 0;
   dsyev_(jobz, "L", &n, a, &lda, w, work, &lwork, &info, 1, 1);
+  return info;
+}
+
+// Eigenvalues, ascending, of the symmetric tridiagonal matrix with the diagonal d(n), which they
+// replace, and the subdiagonal e(n - 1), which is destroyed. Returns LAPACK's status: 0, or how
+// many subdiagonal entries have not converged to zero.
+inline int dsteqr(int n, double* d, double* e) {
+  const int one = 1;
+  int info = 0;
+  dsteqr_("N", &n, d, e, nullptr, &one, nullptr, &info, 1);
   return info;
 }
 

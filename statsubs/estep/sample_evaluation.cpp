@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "statsubs/estep/sample_evaluation.h"
+
+#include <cassert>
+
+#include "statsubs/state/host.h"
+
+namespace statsubs {
+
+namespace {
+
+constexpr double failed_objective = 1e50;
+constexpr double failed_score = 1.0;
+
+struct evaluation {
+  double log_likelihood;
+  double score;
+};
+
+// The evaluation just made, whose objective is f; a failed one resets the shared score as well.
+evaluation recorded(double f, double& zscoresub) {
+  if (host::isgoodr8(f) != 1) {
+    f = failed_objective;
+    zscoresub = failed_score;
+  }
+  if (host::isgoodr8(-f) != 1) return {-failed_objective, failed_score};
+  return {-f, zscoresub};
+}
+
+}  // namespace
+
+void evaluate_own_samples(matrix_view<const double> samples, const sample_share& own,
+                          vector_view<const double> theta, double& zscoresub,
+                          vector_view<double> log_likelihood, vector_view<double> score,
+                          int& answer) {
+  assert(own.numprocs >= 1);
+  const int first = own.myid == 0 ? own.numprocs : own.myid;
+  for (int j = first; j <= samples.columns(); j += own.numprocs) {
+    const double* eta = samples.column(j).data();
+    double f = 0.0;
+    host::seteta(eta);
+    host::settheta(theta.data());
+    host::fcnxeta(samples.rows(), eta, f);
+    answer = host::stoprequested();
+    if (answer != 0) return;
+    const evaluation outcome = recorded(f, zscoresub);
+    log_likelihood(j) = outcome.log_likelihood;
+    score(j) = outcome.score;
+  }
+}
+
+}  // namespace statsubs

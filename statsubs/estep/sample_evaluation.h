@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "statsubs/support/array.h"
+
+namespace statsubs {
+
+// Which samples a process evaluates: those whose number is myid modulo numprocs.
+struct sample_share {
+  int myid;
+  int numprocs;
+};
+
+// Evaluates the samples (random effects x samples) of this process's share through the host, with
+// seteta, settheta and fcnxeta, and leaves the others' entries alone.
+//   zscoresub  in/out: the shared score that the host leaves; 1 after an evaluation that failed
+//   log_likelihood(samples), score(samples)  out: of a failed evaluation -1e50 and 1
+//   answer  in/out: the host's last answer to the question for a stop, asked after every
+//   evaluation.
+//           One that is not zero ends the loop at once, and that evaluation is not recorded
+void evaluate_own_samples(matrix_view<const double> samples, const sample_share& own,
+                          vector_view<const double> theta, double& zscoresub,
+                          vector_view<double> log_likelihood, vector_view<double> score,
+                          int& answer);
+
+}  // namespace statsubs

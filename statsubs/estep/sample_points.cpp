@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "statsubs/estep/sample_points.h"
+
+#include <algorithm>
+#include <cassert>
+
+#include "statsubs/sequences/bdsobl.h"
+#include "statsubs/sequences/sobol.h"
+#include "statsubs/state/host.h"
+
+namespace statsubs {
+
+namespace bd = statsubs::bdsobl;
+
+namespace {
+
+// Keeps quantiles finite and the proposals' tails within 4.75 standard deviations. What is not a
+// number becomes the lower limit.
+double clamped(double u) {
+  return std::min(std::max(1e-6, u), 0.999999);
+}
+
+void draw_sobol(matrix_view<double> uniforms) {
+  assert(bd::s == uniforms.rows());
+  for (int j = 1; j <= uniforms.columns(); ++j) {
+    const vector_view<double> point = uniforms.column(j);
+    gosobl(point.data());
+    for (double& u : point) u = clamped(u);
+  }
+}
+
+void draw_pseudo_random(matrix_view<double> uniforms) {
+  int state = 1;
+  for (int j = 1; j <= uniforms.columns(); ++j)
+    for (double& u : uniforms.column(j)) u = clamped(host::dran3(state));
+}
+
+void stratify_last_row(matrix_view<double> uniforms) {
+  const int samples = uniforms.columns();
+  for (int j = 1; j <= samples; ++j)
+    uniforms(uniforms.rows(), j) = (2.0 * j - 1.0) / (2.0 * samples);
+}
+
+}  // namespace
+
+void draw_uniforms(proposal_family family, int iflagmcpem, matrix_view<double> uniforms) {
+  const bool is_t = family == proposal_family::student_t;
+  if (iflagmcpem != 1 && !is_t) return draw_sobol(uniforms);
+  draw_pseudo_random(uniforms);
+  if (is_t && iflagmcpem == 0) stratify_last_row(uniforms);
+}
+
+}  // namespace statsubs

@@ -1,0 +1,130 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "statsubs/quadrature/agqintjoint.h"
+
+#include <algorithm>
+#include <cassert>
+#include <cmath>
+#include <cstdint>
+
+#include "statsubs/quadrature/agqgrid.h"
+#include "statsubs/quadrature/getghnodes.h"
+#include "statsubs/quadrature/grid_moments.h"
+#include "statsubs/state/global_variables.h"
+#include "statsubs/state/host.h"
+#include "statsubs/state/saveearlyvars.h"
+#include "statsubs/support/array.h"
+#include "statsubs/support/parallel.h"
+#include "statsubs/support/restored.h"
+
+namespace statsubs {
+
+namespace gv = statsubs::global_variables;
+namespace se = statsubs::saveearlyvars;
+
+namespace {
+
+constexpr double failed_objective = 1e50;
+constexpr int block_size = 4096;
+
+struct grid {
+  grid(int nodes_per_dimension, int n, int& info)
+      : count(nodes_per_dimension),
+        nodes("nodes of the grid", most_ghnodes),
+        log_weights("their weights", most_ghnodes) {
+    agqinit(count, n, nodes.data(), log_weights.data(), points, info);
+  }
+  int count;
+  vector<double> nodes, log_weights;
+  int points = 0;
+};
+
+// Points of a grid that follow one another.
+struct block {
+  explicit block(int n, int size)
+      : z("standardised points of a block", n, size), terms("their terms", size) {}
+  matrix<double> z;
+  vector<double> terms;
+};
+
+double log_likelihood_at(const double* eta) {
+  double f = 0.0;
+  host::seteta(eta);
+  host::fcneta(gv::leneta, eta, f);
+  return host::isgoodr8(f) == 1 ? -f : -failed_objective;
+}
+
+// All points of a block from point `first` on, and the terms of those that belong to this process;
+// the others' are zero. Returns the host's last answer to the question for a stop, after which the
+// block is not complete.
+int evaluate_own_points(const grid& g, int first, matrix_view<double> z,
+                        vector_view<double> terms) {
+  const int n = z.rows();
+  vector<double> eta("a point of the grid", n);
+  for (int j = 1; j <= terms.size(); ++j) {
+    const int k = first + (j - 1);
+    double log_weight = 0.0;
+    getagqpoint(k, g.count, n, g.nodes.data(), g.log_weights.data(), gv::xmusub.data(),
+                gv::omegacholsub.data(), gv::omegacholsub.leading(), z.column(j).data(), eta.data(),
+                log_weight);
+    terms(j) = 0.0;
+    if (k % gv::numprocs != gv::myid) continue;
+    terms(j) = log_weight + log_likelihood_at(eta.data());
+    const int answer = host::stoprequested();
+    if (answer != 0) return answer;
+  }
+  return 0;
+}
+
+// False when the run is stopped.
+bool integrate(const grid& g, grid_moments& moments) {
+  const int n = gv::leneta;
+  block work(n, std::min(block_size, g.points));
+  for (std::int64_t first = 1; first <= g.points; first += block_size) {
+    const int start = static_cast<int>(first);
+    const int size = std::min(block_size, g.points - start + 1);
+    const matrix_view<double> z(work.z.data(), n, size);
+    const vector_view<double> terms(work.terms.data(), size);
+    int answer = evaluate_own_points(g, start, z, terms);
+    host::checkforstop(answer);
+    if (se::globalstop != 0) return false;
+    support::allreduce_sum(terms, gv::numprocs);
+    moments.add(z, terms);
+  }
+  return true;
+}
+
+double log_determinant(matrix_view<const double> factor) {
+  double sum = 0.0;
+  for (int i = 1; i <= factor.rows(); ++i) sum += std::log(std::abs(factor(i, i)));
+  return sum;
+}
+
+// factor factor', both triangles.
+void square(matrix_view<const double> factor, matrix_view<double> to) {
+  for (int j = 1; j <= factor.rows(); ++j)
+    for (int i = j; i <= factor.rows(); ++i) {
+      double sum = 0.0;
+      for (int c = 1; c <= j; ++c) sum += factor(i, c) * factor(j, c);
+      to(i, j) = to(j, i) = sum;
+    }
+}
+
+}  // namespace
+
+void agqintjoint(const int& isub, const int& nnodes, double& loglik, int& info) {
+  const grid g(nnodes, gv::leneta, info);
+  if (info != 0) return;
+  assert(gv::numprocs >= 1);
+  host::setisub(isub);
+  const support::restored keeper(gv::theta);
+  gv::izub = isub;
+  host::setmainstdev(gv::sigmalchol);
+
+  grid_moments moments(gv::leneta);
+  if (!integrate(g, moments)) return;
+  loglik = log_determinant(gv::omegacholsub) + moments.log_sum();
+  moments.conditional(gv::xmusub, gv::omegacholsub, gv::xmusubnew, gv::omegasubnew);
+  if (g.points == 1) square(gv::omegacholsub, gv::omegasubnew);
+}
+
+}  // namespace statsubs
