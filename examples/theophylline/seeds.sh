@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 #
-# Fits the example with the seeds 1 to 20 (or to $1) and prints, for each, how far the estimates are
+# Fits the example with the seeds 1 to 20 (or to $1), further arguments being settings of its model
+# file (seeds.sh 20 'start = "presample"'), and prints, for each, how far the estimates are
 # from the exact maximum likelihood estimates (in per cent) and the stated -2 log-likelihood from
 # the exact minimum (in units of the stated Monte-Carlo error). The exact values are from adaptive
 # Gauss-Hermite quadrature with 25 nodes per random effect.
@@ -11,13 +12,16 @@ varda=${VARDA:-$here/../../build/release/bin/varda}
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
+sed "s|^file = .*|file = \"$here/theophylline.csv\"|" "$here/theophylline.toml" >"$work/model.toml"
+[ $# -lt 2 ] || printf '%s\n' "${@:2}" >>"$work/model.toml"
+
 number() { sed -n "s/^  \"$1\": \([-0-9.e+]*\),*$/\1/p" "$work/fit.json"; }
 
 echo "| seed | verdict | iterations | ka % | CL % | V % | sd % | omega2 ka % | omega2 CL % | omega2 V % | -2LL | error | (-2LL - exact) / error |"
 echo "|---|---|---|---|---|---|---|---|---|---|---|---|---|"
 for seed in $(seq 1 "${1:-20}"); do
   verdict=converged
-  "$varda" fit "$here/theophylline.toml" --output "$work" --seed "$seed" --quiet >/dev/null ||
+  "$varda" fit "$work/model.toml" --output "$work" --seed "$seed" --quiet >/dev/null ||
     verdict="status $?"
   awk -F, -v seed="$seed" -v verdict="$verdict" -v iterations="$(number iterations)" \
     -v m2ll="$(number minus2ll_without_constant)" -v error="$(number minus2ll_mc_se)" '

@@ -93,9 +93,13 @@ if [ -n "$mpiexec" ]; then
   # A subject without observations, and one process more than there are points for.
   { cat theophylline.csv; echo "13,0,300,0,1,70"; } >sparse.csv
   sed 's/^file = .*/file = "sparse.csv"/; s/^samples = .*/samples = 6/' theophylline.toml >sparse.toml
+  printf 'start = "presample"\nlikelihood = "agq"\nagq_nodes = 5\n' >>sparse.toml
   "$varda" fit sparse.toml --output sparse --quiet >/dev/null
-  "$mpiexec" -n 4 "$varda" fit sparse.toml --output sparse4 --quiet >/dev/null 2>&1
-  same_results sparse sparse4
+  grep -q '"quadrature": {' sparse/fit.json || fail "no quadrature in fit.json"
+  for count in 2 3 4; do
+    "$mpiexec" -n "$count" "$varda" fit sparse.toml --output "sparse$count" --quiet >/dev/null 2>&1
+    same_results sparse "sparse$count"
+  done
   # A process that dies takes the job down.
   sed 's/^samples = 300/samples = 30000\nrun_all = true/' theophylline.toml >long.toml
   timeout 120 "$mpiexec" -n 2 "$varda" fit long.toml --output long --quiet >/dev/null 2>stderr &

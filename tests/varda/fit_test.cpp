@@ -11,6 +11,7 @@
 
 #include "tests/support/fake_host.h"
 #include "tests/varda/theophylline.h"
+#include "varda/report/reports.h"
 
 namespace {
 
@@ -71,6 +72,31 @@ TEST(Evaluate, MatchesQuadratureForEverySubject) {
                   exact.at(model.data().subjects[at].id)[0], 0.01);
     }
     EXPECT_NEAR(minus2ll(model, result), 118.1086, 0.02);
+  }
+}
+
+// One node is Laplace's approximation, 31 are exact; both beside the sampled value.
+TEST(Evaluate, QuadratureMatchesTheReferencesForEverySubject) {
+  const auto reference = test::reference("theophylline-round.csv");
+  for (const int nodes : {1, 31}) {
+    const population_model model = test::theophylline([&](model_file& file) {
+      set_round_parameters(file);
+      file.estimation.likelihood = varda::likelihood_kind::agq;
+      file.estimation.agq_nodes = nodes;
+    });
+    const varda::fit_result result = test::evaluate(model);
+    ASSERT_TRUE(result.quadrature.complete);
+    EXPECT_TRUE(result.quadrature.placed_by_omega.empty());
+    double sum = 0.0;
+    for (int i = 0; i < model.subjects(); ++i) {
+      const double minus2ll = -2.0 * result.quadrature.log_likelihoods[static_cast<std::size_t>(i)];
+      EXPECT_NEAR(minus2ll - model.observations(i) * std::log(2.0 * M_PI),
+                  reference.at(model.data().subjects[static_cast<std::size_t>(i)].id)[nodes == 1],
+                  2e-6);
+      sum += minus2ll;
+    }
+    EXPECT_DOUBLE_EQ(result.quadrature.minus2ll, sum);
+    EXPECT_EQ(std::fabs(varda::quadrature_difference(result)) > 3.0, nodes == 1);
   }
 }
 
@@ -327,6 +353,24 @@ TEST(Startup, EndsAtTheSameMaximum) {
   const population_model assisted =
       test::theophylline([](model_file& file) { file.estimation.map_assist = 4; });
   EXPECT_LT(exact_at(assisted, test::fit(assisted), 0, 1.0), exact_minimum + 0.03);
+}
+
+// The count of evaluations leaves no room for a search of modes: with the samples, one at every
+// proposal's mean.
+TEST(Startup, PresamplingAloneEndsAtTheSameMaximum) {
+  for (const int presamples : {30, 300}) {
+    const population_model model = test::theophylline([&](model_file& file) {
+      file.estimation.start = varda::start_kind::presample;
+      file.estimation.presamples = presamples;
+      file.estimation.standard_errors = varda::standard_error_kind::none;
+      file.estimation.seed = 8;
+    });
+    const varda::fit_result result = test::fit(model);
+    EXPECT_TRUE(result.converged) << result.reason;
+    EXPECT_LT(exact_at(model, result, 0, 1.0), exact_minimum + 0.01);
+    const auto passes = static_cast<long long>(result.iterations.size() + 8);
+    EXPECT_EQ(result.evaluations, 12 * (presamples + 301 * passes));
+  }
 }
 
 TEST(Fit, FreezingOmegaLeavesItAloneDuringBurnIn) {

@@ -10,6 +10,7 @@
 
 #include "statsubs/state/output_units.h"
 #include "varda/fit/fit.h"
+#include "varda/fit/quadrature.h"
 #include "varda/host/engine_host.h"
 #include "varda/model/model_file.h"
 #include "varda/report/output_folder.h"
@@ -54,6 +55,7 @@ population_model prepare(const run_request& request, findings& warnings) {
   dataset data = read_dataset(file.data, warnings);
   population_model model(std::move(file), std::move(data));
   check_start(model);
+  check_grid(model);
   return model;
 }
 
@@ -101,9 +103,10 @@ exit_status run(const run_request& request, const job& peers) {
   std::signal(SIGTERM, on_interrupt);
 
   engine_host host(model, peers);
+  const progress_listener by_quadrature = make_progress(style, "quadrature, subject");
   fit_result result = request.what == task::fit
-                          ? fit(host, make_progress(style, "iteration"))
-                          : evaluate(host, make_progress(style, "pilot pass"));
+                          ? fit(host, make_progress(style, "iteration"), by_quadrature)
+                          : evaluate(host, make_progress(style, "pilot pass"), by_quadrature);
   finish_progress(style);
   result.warnings.insert(result.warnings.begin(), warnings.begin(), warnings.end());
   result.times.total =

@@ -77,10 +77,48 @@ double condition_of(const Eigen::MatrixXd& covariance) {
   return condition;
 }
 
+// First proposals at the parameters in force. False when a stop was asked for.
+bool first_proposals(proposals& adaptive, point_source& points) {
+  if (gv::npresample <= 1) return adaptive.from_modes();
+  points.begin_presampling();
+  return adaptive.from_presamples();
+}
+
+finding odd_curvatures(const population_model& model, const std::vector<int>& subjects) {
+  std::vector<std::string> ids;
+  for (const int i : subjects) ids.push_back(model.data().subjects[static_cast<std::size_t>(i)].id);
+  return {.level = severity::warning,
+          .code = "W-RUN-CURVATURE",
+          .message = fmt::format("the curvature at the mode is not positive definite, or all but "
+                                 "flat, in {} {}; omega places the grid there",
+                                 ids.size() == 1 ? "subject" : "subjects", fmt::join(ids, ", ")),
+          .remedy = "raise estimation.agq_nodes until the value settles"};
+}
+
+// The quadrature beside the sampled likelihood. Nothing when it is not wanted or a stop came first.
+void integrate_besides(engine_host& host, const progress_listener& progress, fit_result& result) {
+  const estimation_settings& settings = host.model().file().estimation;
+  if (settings.likelihood != likelihood_kind::agq || !result.likelihood.complete) return;
+  stopwatch watch;
+  iteration_record at;
+  result.quadrature =
+      integrate_by_quadrature(host, settings.agq_nodes, [&](int subjects, double minus2ll) {
+        at.iteration = subjects;
+        at.minus2ll = minus2ll;
+        progress(at, host.model().subjects());
+      });
+  result.times.quadrature = watch.lap();
+  if (!result.quadrature.placed_by_omega.empty())
+    result.warnings.push_back(odd_curvatures(host.model(), result.quadrature.placed_by_omega));
+  if (result.quadrature.complete) return;
+  result.converged = false;
+  result.reason = stop_reason();
+}
+
 // What fit and evaluate have in common: the likelihood at the parameters in force and all that
 // follows from it.
 void conclude(engine_host& host, const proposals& frozen, point_source& points,
-              fit_result& result) {
+              const progress_listener& quadrature_progress, fit_result& result) {
   stopwatch watch;
   result.theta = host.theta();
   result.omega = host.omega();
@@ -96,22 +134,24 @@ void conclude(engine_host& host, const proposals& frozen, point_source& points,
   result.shrinkage = shrinkage(host, result.likelihood);
   result.omega_condition = condition_of(result.omega);
   result.times.likelihood = watch.lap();
+  integrate_besides(host, quadrature_progress, result);
   result.evaluations = host.evaluations();
 }
 
 }  // namespace
 
-fit_result fit(engine_host& host, const progress_listener& progress) {
+fit_result fit(engine_host& host, const progress_listener& progress,
+               const progress_listener& quadrature_progress) {
   const estimation_settings& settings = host.model().file().estimation;
   fit_result result;
   result.what = task::fit;
   stopwatch watch;
 
-  point_source points(host,
-                      std::max({gv::nsampset, likelihood_samples(host), settings.se_samples}));
+  point_source points(host, std::max({gv::nsampset, gv::npresample, likelihood_samples(host),
+                                      settings.se_samples}));
   bool started = gv::ngetmapnp <= 0 || map_np_start(host);
   proposals adaptive(host);
-  started = started && adaptive.from_modes();
+  started = started && first_proposals(adaptive, points);
   result.times.start = watch.lap();
 
   maximisation_step maximisation(host);
@@ -140,26 +180,28 @@ fit_result fit(engine_host& host, const progress_listener& progress) {
   if (!maximisation.omega_is_sound()) result.reason = "omega became singular; " + end.reason;
   if (stopped) result.reason = stop_reason();
   result.held_by_bounds = maximisation.held_by_bounds();
-  conclude(host, adaptive, points, result);
+  conclude(host, adaptive, points, quadrature_progress, result);
   if (settings.standard_errors != standard_error_kind::none && result.likelihood.complete) {
     watch.lap();
     result.errors = estimate_standard_errors(host, adaptive, points);
-    result.warnings = result.errors.warnings;
+    result.warnings.insert(result.warnings.end(), result.errors.warnings.begin(),
+                           result.errors.warnings.end());
     result.times.standard_errors = watch.lap();
   }
   result.evaluations = host.evaluations();
   return result;
 }
 
-fit_result evaluate(engine_host& host, const progress_listener& progress) {
+fit_result evaluate(engine_host& host, const progress_listener& progress,
+                    const progress_listener& quadrature_progress) {
   fit_result result;
   result.what = task::evaluate;
   stopwatch watch;
 
   const int samples = likelihood_samples(host);
-  point_source points(host, samples);
+  point_source points(host, std::max(samples, gv::npresample));
   proposals adaptive(host);
-  bool complete = adaptive.from_modes();
+  bool complete = first_proposals(adaptive, points);
   double last = 0.0;
   bool settled = false;
   for (int pass = 1; pass <= most_pilot_passes && complete && !settled; ++pass) {
@@ -184,7 +226,7 @@ fit_result evaluate(engine_host& host, const progress_listener& progress) {
       settled ? fmt::format("the proposals settled in {} pilot passes", result.iterations.size())
               : fmt::format("the proposals did not settle in {} pilot passes", most_pilot_passes);
   if (!complete) result.reason = stop_reason();
-  conclude(host, adaptive, points, result);
+  conclude(host, adaptive, points, quadrature_progress, result);
   return result;
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "varda/fit/likelihood.h"
+#include "varda/fit/quadrature.h"
 #include "varda/fit/standard_errors.h"
 #include "varda/model/population_model.h"
 #include "varda/support/finding.h"
@@ -28,6 +29,7 @@ struct timings {
   double start = 0.0;  // modes, curvatures, pilot passes
   double iterations = 0.0;
   double likelihood = 0.0;
+  double quadrature = 0.0;
   double standard_errors = 0.0;
   double total = 0.0;
 };
@@ -44,6 +46,7 @@ struct fit_result {
 
   likelihood_estimate likelihood;
   int likelihood_samples = 0;
+  quadrature_estimate quadrature;
   standard_errors errors;        // of a fit
   Eigen::VectorXd shrinkage;     // per random effect: 1 - sqrt(mean of squared means) / omega
   double omega_condition = 0.0;  // of omega scaled to a correlation matrix

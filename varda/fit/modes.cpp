@@ -4,9 +4,13 @@
 #include <Eigen/Cholesky>
 #include <Eigen/LU>
 
+#include "statsubs/state/global_variables.h"
+#include "statsubs/state/host.h"
 #include "varda/fit/minimise.h"
 
 namespace varda {
+
+namespace gv = statsubs::global_variables;
 
 namespace {
 
@@ -38,7 +42,7 @@ posterior_mode find_mode(engine_host& host, int subject) {
   return {lowest.x.cwiseProduct(scale), lowest.value};
 }
 
-Eigen::MatrixXd curvature_factor(engine_host& host, int subject, const Eigen::VectorXd& mode) {
+posterior_curvature curvature_at(engine_host& host, int subject, const Eigen::VectorXd& mode) {
   const Eigen::VectorXd scale = population_deviations(host);
   const Eigen::Index n = scale.size();
   const objective_function objective = scaled_objective(host, subject, scale);
@@ -53,14 +57,47 @@ Eigen::MatrixXd curvature_factor(engine_host& host, int subject, const Eigen::Ve
         curvature.allFinite() && Eigen::LLT<Eigen::MatrixXd>(curvature).info() == Eigen::Success;
     if (!definite) {
       const Eigen::MatrixXd precision = host.omega().llt().solve(Eigen::MatrixXd::Identity(n, n));
-      return precision.llt().matrixL();
+      return {precision.llt().matrixL(), false};
     }
     step = curvature_step * curvature.inverse().diagonal().cwiseSqrt();
   }
   const Eigen::VectorXd inverse_scale = scale.cwiseInverse();
   const Eigen::MatrixXd unscaled =
       inverse_scale.asDiagonal() * curvature * inverse_scale.asDiagonal();
-  return unscaled.llt().matrixL();
+  return {unscaled.llt().matrixL(), true};
+}
+
+mode_search find_every_mode(engine_host& host) {
+  const population_model& model = host.model();
+  const int effects = model.random_effects();
+  mode_search found;
+  found.modes.setZero(effects, model.subjects());
+  Eigen::VectorXd indefinite = Eigen::VectorXd::Zero(model.subjects());
+  Eigen::Map<Eigen::MatrixXd> packed(gv::cholsub.data(), gv::cholsub.rows(), model.subjects());
+  packed.setZero();
+  int stop = 0;
+  for (int i = 0; i < model.subjects() && stop == 0; ++i) {
+    stop = statsubs::host::stoprequested();
+    // The library's rule: subject i, from 1, belongs to the process mod(i, numprocs).
+    if ((i + 1) % host.peers().size() != host.peers().rank() || model.observations(i) == 0)
+      continue;
+    found.modes.col(i) = find_mode(host, i).eta;
+    const posterior_curvature curvature = curvature_at(host, i, found.modes.col(i));
+    indefinite(i) = curvature.definite ? 0.0 : 1.0;
+    int row_of_packed = 0;
+    for (int column = 0; column < effects; ++column)
+      for (int row = column; row < effects; ++row)
+        packed(row_of_packed++, i) = curvature.factor(row, column);
+  }
+  statsubs::host::checkforstop(stop);
+  if (engine_host::stopped()) return found;
+  host.peers().sum(found.modes.data(), static_cast<int>(found.modes.size()));
+  host.peers().sum(packed.data(), static_cast<int>(packed.size()));
+  host.peers().sum(indefinite.data(), static_cast<int>(indefinite.size()));
+  for (int i = 0; i < model.subjects(); ++i)
+    if (indefinite(i) > 0.0) found.indefinite.push_back(i);
+  found.complete = true;
+  return found;
 }
 
 }  // namespace varda

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <Eigen/Core>
+#include <vector>
 
 #include "varda/host/engine_host.h"
 
@@ -17,6 +18,20 @@ posterior_mode find_mode(engine_host& host, int subject);
 
 // Lower Cholesky factor of the exact Hessian of the objective at the mode; that of omega's inverse
 // where the Hessian is not positive definite.
-Eigen::MatrixXd curvature_factor(engine_host& host, int subject, const Eigen::VectorXd& mode);
+struct posterior_curvature {
+  Eigen::MatrixXd factor;
+  bool definite = false;
+};
+posterior_curvature curvature_at(engine_host& host, int subject, const Eigen::VectorXd& mode);
+
+// Modes of all subjects, one a column, zero for a subject without observations. Their curvature
+// factors stand in the shared `cholsub`. Subjects are shared among the processes; every one ends
+// with the same. Collective. Not complete when a stop was asked for.
+struct mode_search {
+  bool complete = false;
+  Eigen::MatrixXd modes;
+  std::vector<int> indefinite;  // subjects (from 0) whose Hessian was not positive definite
+};
+mode_search find_every_mode(engine_host& host);
 
 }  // namespace varda

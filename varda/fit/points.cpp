@@ -20,8 +20,9 @@ constexpr int sequence_digits = 30;
 // Replicates are independent draws: without scrambling they would repeat one another.
 constexpr int replicate_scrambling = 1;
 
-// Streams of one seed: iterations from 0, the standard errors and the replicates far above them.
+// Streams of one seed: iterations from 0, everything else far above them.
 constexpr std::uint64_t streams_per_seed = std::uint64_t{1} << 32;
+constexpr std::uint64_t presampling_stream = std::uint64_t{1} << 29;
 constexpr std::uint64_t standard_error_stream = std::uint64_t{1} << 30;
 constexpr std::uint64_t first_replicate_stream = std::uint64_t{1} << 31;
 
@@ -82,6 +83,11 @@ void point_source::begin_iteration(int iteration) {
     scramble(type_);
   else
     rewind();
+}
+
+void point_source::begin_presampling() {
+  host_.set_random_stream(stream(presampling_stream));
+  rewind();
 }
 
 void point_source::begin_standard_errors() {

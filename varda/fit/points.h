@@ -22,6 +22,8 @@ class point_source {
 
   // Before the first subject of an iteration, counted from 1.
   void begin_iteration(int iteration);
+  // Before the first subject of the presampling pass.
+  void begin_presampling();
   // Before the first subject of the pass for standard errors.
   void begin_standard_errors();
   // Before the first subject of a replicate, counted from 1: independent of all other points.

@@ -4,8 +4,8 @@
 #include <Eigen/Cholesky>
 #include <cmath>
 
+#include "statsubs/estep/fgpresampledir2.h"
 #include "statsubs/state/global_variables.h"
-#include "statsubs/state/host.h"
 #include "statsubs/state/qrpemlocalvariables.h"
 #include "statsubs/stderr/qncurv.h"
 #include "varda/fit/modes.h"
@@ -17,8 +17,10 @@ namespace qv = statsubs::qrpemlocalvariables;
 
 namespace {
 
-// A factor that is kept grows by this much, so that a proposal which missed the mass finds it.
-constexpr double rescue_widening = 1.5;
+// Effective samples per random effect that a covariance is trusted by itself with, as in the
+// library's presampling; and the share of one that is singular for all that.
+constexpr double enough_per_effect = 5.0;
+constexpr double trust_in_a_singular_one = 0.5;
 
 }  // namespace
 
@@ -31,34 +33,29 @@ proposals::proposals(engine_host& host)
 }
 
 bool proposals::from_modes() {
-  const population_model& model = host_.model();
-  const int effects = model.random_effects();
-  centres_.setZero();
-  int stop = 0;
-  for (int i = 0; i < model.subjects() && stop == 0; ++i) {
-    stop = statsubs::host::stoprequested();
-    // The library's rule: subject i, from 1, belongs to the process mod(i, numprocs).
-    if ((i + 1) % host_.peers().size() != host_.peers().rank() || model.observations(i) == 0)
-      continue;
-    const posterior_mode found = find_mode(host_, i);
-    centres_.col(i) = found.eta;
-    const Eigen::MatrixXd lower = curvature_factor(host_, i, found.eta);
-    int packed = 1;
-    for (int column = 0; column < effects; ++column)
-      for (int row = column; row < effects; ++row)
-        gv::cholsub(packed++, i + 1) = lower(row, column);
-  }
-  statsubs::host::checkforstop(stop);
-  if (engine_host::stopped()) return false;
-
-  host_.peers().sum(centres_.data(), static_cast<int>(centres_.size()));
-  for (int i = 0; i < model.subjects(); ++i) {
+  const mode_search found = find_every_mode(host_);
+  if (!found.complete) return false;
+  centres_ = found.modes;
+  for (int i = 0; i < host_.model().subjects(); ++i) {
     int info = 0;
     statsubs::qncurv(i + 1, info);
     if (info != 0) {
       set_factor(i, host_.omega().llt().matrixL());
       ++kept_factors_;
     }
+  }
+  return true;
+}
+
+bool proposals::from_presamples() {
+  centres_.setZero();
+  for (int i = 0; i < host_.model().subjects(); ++i) {
+    if (host_.model().observations(i) == 0) continue;
+    double log_likelihood = 0.0;
+    int info = 0;
+    statsubs::fgpresampledir2(i + 1, log_likelihood, info);
+    if (engine_host::stopped()) return false;
+    centres_.col(i) = Eigen::Map<const Eigen::VectorXd>(gv::xmusubnew.data(), centres_.rows());
   }
   return true;
 }
@@ -82,15 +79,23 @@ void proposals::offer(int subject) const {
 
 void proposals::follow(int subject, const Eigen::VectorXd& mean, const Eigen::MatrixXd& covariance,
                        double effective_samples) {
-  centres_.col(subject) = mean;
   const Eigen::LLT<Eigen::MatrixXd> lower(covariance);
-  const double enough = static_cast<double>(centres_.rows()) + 1.0;
-  if (lower.info() == Eigen::Success && effective_samples > enough) {
-    set_factor(subject, lower.matrixL());
-    return;
-  }
-  set_factor(subject, rescue_widening * factor(subject));
-  ++kept_factors_;
+  const bool definite = mean.allFinite() && lower.info() == Eigen::Success;
+  const auto effects = static_cast<double>(centres_.rows());
+  if (!definite || effective_samples <= effects + 1.0) ++kept_factors_;
+  if (!mean.allFinite()) return;
+
+  const Eigen::VectorXd moved = mean - centres_.col(subject);
+  centres_.col(subject) = mean;
+  const double trust = effective_samples / (enough_per_effect * effects);
+  if (definite && trust >= 1.0) return set_factor(subject, lower.matrixL());
+  const double share = trust < 1.0 ? trust : trust_in_a_singular_one;
+  const Eigen::MatrixXd last = factor(subject);
+  const Eigen::MatrixXd blended =
+      share * covariance +
+      (1.0 - share) * (last * last.transpose() + share * moved * moved.transpose());
+  const Eigen::LLT<Eigen::MatrixXd> blended_lower(blended);
+  if (blended_lower.info() == Eigen::Success) set_factor(subject, blended_lower.matrixL());
 }
 
 }  // namespace varda

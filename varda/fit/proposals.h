@@ -19,11 +19,19 @@ class proposals {
   // Collective. False when a stop was asked for.
   bool from_modes();
 
+  // Conditional means and covariances estimated from samples of the population, without any mode;
+  // the setting `start` has switched presampling on, and the points stand where they shall begin.
+  // Collective. False when a stop was asked for.
+  bool from_presamples();
+
   // Hands the proposal of a subject (from 0) to the library, widened by the acceptance ratio.
   void offer(int subject) const;
 
-  // Takes over what an E-step found. A covariance that is not positive definite, or fewer effective
-  // samples than it takes to know one, keeps the last factor, widened; such events are counted.
+  // Takes over what an E-step found. With fewer than five effective samples a random effect, or a
+  // covariance that is not positive definite, the proposal becomes as wide as the mixture of what
+  // was found and the last one, in the proportion of the trust in either: it then neither collapses
+  // onto a few samples nor, as wide as ever, keeps them few. Where hardly more effective samples
+  // than random effects are left, that is counted.
   void follow(int subject, const Eigen::VectorXd& mean, const Eigen::MatrixXd& covariance,
               double effective_samples);
 

@@ -205,7 +205,10 @@ void engine_host::install() {
     return current().model_.file().estimation;
   };
   table.getisample = [] { return settings().samples; };
-  table.getpresample = [] { return 1; };
+  // 1 leaves presampling off.
+  table.getpresample = [] {
+    return settings().start == start_kind::presample ? settings().presamples : 1;
+  };
   table.getmapnp = [] { return settings().map_np; };
   table.getsirsamp = [] { return settings().resamples; };
   table.getrunfromui = [] { return 1; };

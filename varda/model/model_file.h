@@ -86,6 +86,11 @@ struct endpoint {
 
 enum class proposal_family { normal, population, t, laplace, mixture2, mixture3 };
 enum class point_kind { sobol, random };
+// Where a fit's first proposals come from: the subjects' modes, or samples of the population.
+enum class start_kind { map, presample };
+// How the likelihood at the estimates is computed: by sampling, or by adaptive Gauss-Hermite
+// quadrature besides.
+enum class likelihood_kind { sampling, agq };
 enum class standard_error_kind { information, score, sandwich, none };
 
 // Scramblings are drawn one after the other, so that a very large seed would take long to reach.
@@ -93,6 +98,7 @@ inline constexpr int largest_seed = 10000;
 
 inline constexpr int least_samples = 6;
 inline constexpr int most_samples = 1000000;
+inline constexpr int least_presamples = 30;
 
 struct estimation_settings {
   int samples = 300;  // per subject and iteration
@@ -110,11 +116,15 @@ struct estimation_settings {
   bool run_all = false;       // do all iterations, converged or not
   double tolerance = 5e-4;    // movement that still lies ahead, see docs/model-file.md
   int replicates = 8;         // scramblings behind the reported likelihood
-  int map_np = 0;             // MAP-NP start-up iterations
-  int map_assist = 0;         // proposals from mode and curvature again in every k-th iteration
+  start_kind start = start_kind::map;
+  int presamples = 300;  // points a subject for a start by presampling
+  int map_np = 0;        // MAP-NP start-up iterations
+  int map_assist = 0;    // proposals from mode and curvature again in every k-th iteration
   standard_error_kind standard_errors = standard_error_kind::information;
   int se_samples = 3000;       // points a subject for standard errors
   int likelihood_samples = 0;  // points a subject for it; 0 means `samples`
+  likelihood_kind likelihood = likelihood_kind::sampling;
+  int agq_nodes = 11;  // per random effect
 };
 
 struct model_file {

@@ -3,6 +3,8 @@
 
 #include <fmt/format.h>
 
+#include "statsubs/quadrature/getghnodes.h"
+
 namespace varda {
 
 void read_estimation(section from, model_file& file) {
@@ -31,6 +33,8 @@ void read_estimation(section from, model_file& file) {
   if (!(s.tolerance > 0.0 && s.tolerance < 1.0))
     throw from.error("E-MODEL-RANGE", "tolerance", fmt::format("{} is out of range", s.tolerance),
                      "it must lie between 0 and 1");
+  s.start = static_cast<start_kind>(from.word_or("start", 0, {"map", "presample"}));
+  s.presamples = from.whole_number_or("presamples", s.presamples, least_presamples, most_samples);
   s.map_np = from.whole_number_or("map_np", s.map_np, 0, 1000);
   s.map_assist = from.whole_number_or("map_assist", s.map_assist, 0, many);
   s.standard_errors = static_cast<standard_error_kind>(
@@ -40,6 +44,8 @@ void read_estimation(section from, model_file& file) {
   if (from.has("likelihood_samples"))
     s.likelihood_samples =
         from.whole_number_or("likelihood_samples", 0, least_samples, most_samples);
+  s.likelihood = static_cast<likelihood_kind>(from.word_or("likelihood", 0, {"sampling", "agq"}));
+  s.agq_nodes = from.whole_number_or("agq_nodes", s.agq_nodes, 1, statsubs::most_ghnodes);
   from.refuse_leftovers();
 }
 

@@ -202,9 +202,26 @@ ordered_json subjects(const population_model& model, const fit_result& result) {
     entry["eta_cov"] = to_json(s.covariance);
     entry["ess"] = s.effective_samples;
     entry["largest_weight"] = s.largest_weight;
+    if (result.quadrature.complete)
+      entry["agq_minus2ll_without_constant"] =
+          without_constant(-2.0 * result.quadrature.log_likelihoods[static_cast<std::size_t>(i)],
+                           model.observations(i));
     list.push_back(entry);
   }
   return list;
+}
+
+ordered_json quadrature(const population_model& model, const fit_result& result) {
+  const quadrature_estimate& q = result.quadrature;
+  if (!q.complete) return nullptr;
+  ordered_json entry;
+  entry["method"] = q.is_laplace() ? "laplace" : "adaptive gauss-hermite";
+  entry["nodes"] = q.nodes;
+  entry["points"] = q.points;
+  entry["minus2ll"] = q.minus2ll;
+  entry["minus2ll_without_constant"] = without_constant(q.minus2ll, model.data().observations());
+  entry["difference_in_mc_se"] = quadrature_difference(result);
+  return entry;
 }
 
 ordered_json settings(const population_model& model) {
@@ -225,12 +242,16 @@ ordered_json settings(const population_model& model) {
   entry["freeze_omega_in_burn_in"] = s.freeze_omega;
   entry["run_all"] = s.run_all;
   entry["tolerance"] = s.tolerance;
+  entry["start"] = s.start == start_kind::map ? "map" : "presample";
+  entry["presamples"] = s.presamples;
   entry["map_np"] = s.map_np;
   entry["map_assist"] = s.map_assist;
   entry["standard_errors"] = name_of(s.standard_errors);
   entry["se_samples"] = s.se_samples;
   entry["replicates"] = s.replicates;
   entry["likelihood_samples"] = s.likelihood_samples;
+  entry["likelihood"] = s.likelihood == likelihood_kind::sampling ? "sampling" : "agq";
+  entry["agq_nodes"] = s.agq_nodes;
   return entry;
 }
 
@@ -274,6 +295,7 @@ std::string json_report(const population_model& model, const fit_result& result)
   report["minus2ll_mc_se"] = number(result.likelihood.mc_se);
   report["minus2ll_replicates"] = result.likelihood.replicates;
   report["likelihood_samples"] = result.likelihood_samples;
+  report["quadrature"] = quadrature(model, result);
   report["parameters"] = parameters(model, result);
   report["omega"] = omega(model, result);
   report["residual"] = residual(model, result);
@@ -285,10 +307,13 @@ std::string json_report(const population_model& model, const fit_result& result)
   report["warnings"] = warnings;
   report["settings"] = settings(model);
   report["versions"] = {{"varda", version}, {"compiler", compiler}};
-  report["times"] = {
-      {"processes", result.processes},         {"evaluations", result.evaluations},
-      {"start", result.times.start},           {"iterations", result.times.iterations},
-      {"likelihood", result.times.likelihood}, {"total", result.times.total}};
+  report["times"] = {{"processes", result.processes},
+                     {"evaluations", result.evaluations},
+                     {"start", result.times.start},
+                     {"iterations", result.times.iterations},
+                     {"likelihood", result.times.likelihood},
+                     {"quadrature", result.times.quadrature},
+                     {"total", result.times.total}};
   return report.dump(2) + "\n";
 }
 

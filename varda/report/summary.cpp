@@ -24,6 +24,19 @@ void write_verdict(sink out, const fit_result& result) {
                    result.converged ? "Converged" : "NOT CONVERGED", passes, result.reason);
 }
 
+void write_quadrature(sink out, const fit_result& result) {
+  const quadrature_estimate& q = result.quadrature;
+  if (!q.complete) return;
+  const std::string grid =
+      q.is_laplace()
+          ? "mode and exact curvature of every subject"
+          : fmt::format("{} nodes per random effect, {} points a subject", q.nodes, q.points);
+  fmt::format_to(out, "  {:<20} {:14.4f}   {}\n",
+                 q.is_laplace() ? "Laplace's method" : "by quadrature", q.minus2ll, grid);
+  fmt::format_to(out, "  less the sampled one {:14.4f}   {:.1f} Monte-Carlo errors\n",
+                 q.minus2ll - result.likelihood.minus2ll, quadrature_difference(result));
+}
+
 void write_likelihood(sink out, const population_model& model, const fit_result& result) {
   const likelihood_estimate& l = result.likelihood;
   if (!l.complete) {
@@ -32,9 +45,11 @@ void write_likelihood(sink out, const population_model& model, const fit_result&
   }
   fmt::format_to(out, "-2 log-likelihood      {:14.4f}   Monte-Carlo error {:.4f}\n", l.minus2ll,
                  l.mc_se);
-  fmt::format_to(out, "  without N log(2 pi)  {:14.4f}   mean of {} scrambles of {} points\n\n",
+  fmt::format_to(out, "  without N log(2 pi)  {:14.4f}   mean of {} scrambles of {} points\n",
                  without_constant(l.minus2ll, model.data().observations()), l.replicates.size(),
                  result.likelihood_samples);
+  write_quadrature(out, result);
+  fmt::format_to(out, "\n");
 }
 
 std::string remark(const fit_result& result, const fixed_effect& t, std::size_t k) {
@@ -199,12 +214,11 @@ std::string summary(const population_model& model, const fit_result& result) {
   write_errors(out, result);
   write_quality(out, model, result);
   for (const finding& w : result.warnings) fmt::format_to(out, "\n{}\n", to_text(w));
-  fmt::format_to(
-      out,
-      "\nTime: start {:.3f} s, iterations {:.3f} s, likelihood {:.3f} s, standard errors {:.3f} "
-      "s\n",
-      result.times.start, result.times.iterations, result.times.likelihood,
-      result.times.standard_errors);
+  fmt::format_to(out,
+                 "\nTime: start {:.3f} s, iterations {:.3f} s, likelihood {:.3f} s, quadrature "
+                 "{:.3f} s, standard errors {:.3f} s\n",
+                 result.times.start, result.times.iterations, result.times.likelihood,
+                 result.times.quadrature, result.times.standard_errors);
   return text;
 }
 

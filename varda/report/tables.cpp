@@ -24,6 +24,10 @@ double without_constant(double minus2ll, int observations) {
   return minus2ll - observations * std::log(2.0 * std::numbers::pi);
 }
 
+double quadrature_difference(const fit_result& result) {
+  return (result.quadrature.minus2ll - result.likelihood.minus2ll) / result.likelihood.mc_se;
+}
+
 double log_normal_cv(double omega2) {
   return 100.0 * std::sqrt(std::expm1(omega2));
 }
@@ -77,6 +81,7 @@ std::string subjects_csv(const population_model& model, const fit_result& result
     for (std::size_t j = 0; j <= i; ++j)
       table +=
           "," + field(fmt::format("var({},{})", model.effects()[i].name, model.effects()[j].name));
+  if (result.quadrature.complete) table += ",agq_minus2ll_without_constant";
   table += "\n";
   if (!result.likelihood.complete) return table;
   for (int i = 0; i < model.subjects(); ++i) {
@@ -88,6 +93,11 @@ std::string subjects_csv(const population_model& model, const fit_result& result
     for (int e = 0; e < effects; ++e) table += fmt::format(",{}", s.mean(e));
     for (int r = 0; r < effects; ++r)
       for (int c = 0; c <= r; ++c) table += fmt::format(",{}", s.covariance(r, c));
+    if (result.quadrature.complete)
+      table += fmt::format(
+          ",{}",
+          without_constant(-2.0 * result.quadrature.log_likelihoods[static_cast<std::size_t>(i)],
+                           model.observations(i)));
     table += "\n";
   }
   return table;
