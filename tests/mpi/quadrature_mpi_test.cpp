@@ -4,14 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <functional>
-#include <limits>
 #include <utility>
 #include <vector>
 
 #include "statsubs/estep/fgpresampledir2.h"
 #include "statsubs/quadrature/agqintjoint.h"
-#include "statsubs/sequences/bdsobl.h"
 #include "statsubs/state/global_variables.h"
 #include "statsubs/state/qrpemlocalvariables.h"
 #include "tests/statsubs/estep/estep_problem.h"
@@ -21,80 +18,57 @@ namespace {
 
 namespace gv = statsubs::global_variables;
 namespace qv = statsubs::qrpemlocalvariables;
-namespace bd = statsubs::bdsobl;
 using test::estep_problem;
 
-constexpr int subject = estep_problem::subject;
-
-std::vector<double> results_of(const std::function<void(double&, int&)>& routine) {
-  double loglik = -1.0;
-  int info = -1;
-  routine(loglik, info);
-  std::vector<double> all = {loglik, gv::wtsumzscore, static_cast<double>(info)};
-  all.insert(all.end(), gv::xmusubnew.begin(), gv::xmusubnew.end());
-  all.insert(all.end(), gv::omegasubnew.data(), gv::omegasubnew.data() + 9);
-  const double* factor = qv::choleskyfactor.slice(subject).data();
-  all.insert(all.end(), factor, factor + 9);
-  return all;
-}
-
-// Results of the routine by this process alone, then by all; `evaluations` counts those of the
-// latter. Every fifth evaluation or so fails.
-void expect_equal(estep_problem& problem, int points,
-                  const std::function<void(double&, int&)>& routine) {
+// What either routine leaves, from a start of the shared state and of unscrambled points that is
+// always the same, and the number of evaluations. Every fifth evaluation or so fails.
+std::pair<std::vector<double>, int> run(bool quadrature, int count) {
+  estep_problem problem(3);
+  test::start_sobol(3, 0);
+  gv::npresample = count;
+  gv::wtsumzscore = 0.0;
+  gv::omega.allocate("omega", 3, 3);
+  gv::etatable.allocate("etatable", 3, estep_problem::subject);
+  qv::choleskyfactor.allocate("choleskyfactor", 3, 3, estep_problem::subject);
+  for (int i = 1; i <= 3; ++i) gv::omega(i, i) = 1.0;
+  problem.host.table().setmainstdev = [](const double&) {};
   int evaluations = 0;
   problem.host.objective = [&](int, const double* eta) {
     ++evaluations;
     gv::zscoresub = 1.0 + eta[0];
-    return std::fmod(std::abs(eta[1]) * 1000.0, 5.0) < 1.0
-               ? std::numeric_limits<double>::quiet_NaN()
-               : problem.objective(eta);
+    return std::fmod(std::abs(eta[1]) * 1000.0, 5.0) < 1.0 ? std::nan("") : problem.objective(eta);
   };
-  const bd::dimension_vector lastq = bd::lastq;
-  const int count = bd::count;
-  const int myid = std::exchange(gv::myid, 0);
-  const int numprocs = std::exchange(gv::numprocs, 1);
-  const std::vector<double> expected = results_of(routine);
-  gv::myid = myid;
-  gv::numprocs = numprocs;
-  bd::lastq = lastq;
-  bd::count = count;
-  evaluations = 0;
-  EXPECT_EQ(results_of(routine), expected) << points << " points";
-  int own = 0;
-  for (int k = 1; k <= points; ++k) own += k % numprocs == myid ? 1 : 0;
-  EXPECT_EQ(evaluations, own);
+  double loglik = -1.0;
+  int info = -1;
+  if (quadrature)
+    agqintjoint(estep_problem::subject, count, loglik, info);
+  else
+    fgpresampledir2(estep_problem::subject, loglik, info);
+  std::vector<double> all = {loglik, gv::wtsumzscore, static_cast<double>(info)};
+  all.insert(all.end(), gv::xmusubnew.begin(), gv::xmusubnew.end());
+  all.insert(all.end(), gv::omegasubnew.data(), gv::omegasubnew.data() + 9);
+  return {all, evaluations};
 }
 
-struct shared_problem : estep_problem {
-  shared_problem() : estep_problem(3) {
-    gv::wtsumzscore = 0.0;
-    gv::omega.allocate("omega", 3, 3);
-    gv::etatable.allocate("etatable", 3, subject);
-    qv::choleskyfactor.allocate("choleskyfactor", 3, 3, subject);
-    for (int i = 1; i <= 3; ++i) gv::omega(i, i) = 1.0;
-    host.table().setmainstdev = [](const double&) {};
-  }
-};
+void expect_equal(bool quadrature, int count, int points) {
+  const int myid = std::exchange(gv::myid, 0);
+  const int numprocs = std::exchange(gv::numprocs, 1);
+  const auto alone = run(quadrature, count);
+  gv::myid = myid;
+  gv::numprocs = numprocs;
+  const auto shared = run(quadrature, count);
+  EXPECT_EQ(shared.first, alone.first) << points << " points";
+  EXPECT_EQ(alone.second, points);
+  EXPECT_EQ(shared.second, points / numprocs + (myid > 0 && myid <= points % numprocs ? 1 : 0));
+}
 
-// Grids of fewer points than processes, of one block and of several.
+// Fewer points than processes among the cases; grids of one block and of several.
 TEST(QuadratureInAJob, EqualsThatOfOneProcess) {
-  for (const int nodes : {1, 2, 7, 21}) {
-    shared_problem problem;
-    expect_equal(problem, nodes * nodes * nodes,
-                 [nodes](double& loglik, int& info) { agqintjoint(subject, nodes, loglik, info); });
-  }
+  for (const int nodes : {1, 2, 7, 21}) expect_equal(true, nodes, nodes * nodes * nodes);
 }
 
 TEST(PresamplingInAJob, EqualsThatOfOneProcess) {
-  for (const int pseudo_random : {0, 1})
-    for (const int points : {2, 3, 5, 60, 301}) {
-      shared_problem problem;
-      gv::iflagmcpem = pseudo_random;
-      gv::npresample = points;
-      expect_equal(problem, points,
-                   [](double& loglik, int& info) { fgpresampledir2(subject, loglik, info); });
-    }
+  for (const int points : {2, 3, 5, 60, 301}) expect_equal(false, points, points);
 }
 
 }  // namespace

