@@ -321,6 +321,16 @@ grid shapes_below_twenty(int density) {
       3 * density);
 }
 
+grid shapes_of_whole_freedom(int density) {
+  grid points;
+  for (const double freedom : whole_numbers(2, 39)) {
+    const double a = 0.5 * freedom;
+    points = join(points, gamma_plane({a}, 4 * density));
+    for (const double x : {a - std::sqrt(0.7 * a), 700.0, 1000.0}) add_sides(points, a, x);
+  }
+  return points;
+}
+
 grid shapes_to_thousand(int density) {
   return gamma_plane(scattered_shapes(20.0, 1000.0, 8 * density, {20.0, 22.1, 50.0}), 3 * density);
 }
@@ -344,6 +354,7 @@ void add_gratio_cases(std::vector<accuracy_case>& cases) {
   };
   const band bands[] = {{"gratio_shape_below_1", "a < 1", shapes_below_one},
                         {"gratio_shape_1_to_20", "1 <= a < 20", shapes_below_twenty},
+                        {"gratio_whole_freedom", "2a = 2, 3, ..., 39", shapes_of_whole_freedom},
                         {"gratio_shape_20_to_1e3", "20 <= a < 1e3", shapes_to_thousand},
                         {"gratio_shape_1e3_to_1e6", "1e3 <= a < 1e6", shapes_to_million}};
   for (const band& each : bands) {

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 #include "statsubs/distributions/dinvr.h"
 #include "statsubs/distributions/gratio.h"
@@ -69,6 +70,28 @@ verdict check_inputs(int which, double p, double q, double x, double df) {
   return found;
 }
 
+// The last two values of a function. The zero finder asks again for both ends of the bracket, which
+// are the points that the search asked for last.
+class last_two_values {
+ public:
+  const double* at(double x) const {
+    for (const auto& [point, value] : entries_)
+      if (point == x) return &value;
+    return nullptr;
+  }
+  void keep(double x, double value) {
+    entries_[0] = entries_[1];
+    entries_[1] = {x, value};
+  }
+
+ private:
+  struct entry {
+    double point = std::numeric_limits<double>::quiet_NaN();
+    double value = 0.0;
+  };
+  entry entries_[2];
+};
+
 // Searches x or df. The smaller probability is matched, for accuracy in the tails.
 verdict find(int which, double p, double q, double& x, double& df) {
   constexpr double highest = 1e300;
@@ -81,15 +104,21 @@ verdict find(int which, double p, double q, double& x, double& df) {
   double fval = 0.0;
   bool left = false;
   bool high = false;
+  last_two_values known;
   unknown = 5.0;
   dstinv(lowest, highest, 0.5, 0.5, 5.0, 1e-50, 1e-8);
   for (dinvr(request, unknown, fval, left, high); request == 1;
        dinvr(request, unknown, fval, left, high)) {
+    if (const double* value = known.at(unknown)) {
+      fval = *value;
+      continue;
+    }
     double cum = 0.0;
     double upper = 0.0;
     cumchi(x, df, cum, upper);
     fval = (match_lower ? cum : upper) - target;
     if (fval + target > largest_probability) return {no_value, 0.0};
+    known.keep(unknown, fval);
   }
   if (request == 0) return {};
   if (left) return {below_range, lowest};

@@ -22,6 +22,7 @@
 #include "statsubs/distributions/polynomial.h"
 #include "statsubs/distributions/temme_coefficients.h"
 #include "statsubs/distributions/twofold.h"
+#include "statsubs/distributions/whole_freedom.h"
 
 namespace statsubs {
 
@@ -166,24 +167,6 @@ ratios small_shape(double a, double x, const accuracy& with) {
   return r == 0.0 ? from_upper(0.0) : from_upper(r * upper_fraction(a, x, with.acc));
 }
 
-// Q for 2a an integer, a >= 1: the Poisson sum for an integer a, otherwise its analogue that starts
-// from erfc(sqrt x).
-double finite_sum(double a, double x) {
-  constexpr double sqrt_pi = 1.77245385090551602730;
-  const int steps = static_cast<int>(a);
-  const bool whole = a == steps;
-  const double root = std::sqrt(x);
-  double sum = whole ? 1.0 : erfc1(1, root);
-  double term = whole ? 1.0 : 1.0 / (sqrt_pi * root);
-  double c = whole ? 0.0 : -0.5;
-  for (int n = whole ? 1 : 0; n < steps; ++n) {
-    c += 1.0;
-    term *= x / c;
-    sum += term;
-  }
-  return std::exp(-x) * sum;
-}
-
 // x^a exp(-x) / Gamma(a), 1 <= a < 20. gam1 carries the gamma function since its error enters as
 // a fraction of 1 + gam1 only.
 double prefactor(double a, double x) {
@@ -193,10 +176,20 @@ double prefactor(double a, double x) {
   return power_times_exponential(a, x) * ((1.0 + gam1(t)) / product);
 }
 
+// Shapes f/2 with a whole f. P is the complement of Q down to where it is 0.15 at least, so that
+// the difference costs less than a digit.
+ratios whole_freedom(double a, double x) {
+  const int f = static_cast<int>(a + a);
+  const double below = a - x;
+  const bool lower_is_large = below <= 0.0 || below * below <= 0.7 * a;
+  if (lower_is_large) return from_upper(whole_freedom_upper(f, x));
+  return from_lower(whole_freedom_lower(f, x));
+}
+
 ratios medium_shape(double a, double x, const accuracy& with) {
+  if (x > 1000.0) return from_upper(0.0);
   const double twice = a + a;
-  if (a <= x && x < with.x0 && twice == static_cast<int>(twice))
-    return from_upper(finite_sum(a, x));
+  if (x <= 700.0 && twice == static_cast<int>(twice)) return whole_freedom(a, x);
   return from_prefactor(a, x, prefactor(a, x), with);
 }
 
