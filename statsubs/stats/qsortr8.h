@@ -7,7 +7,7 @@ namespace statsubs {
 //   data   in, not moved
 //   index(n)  out: a permutation of 1..n. Equal values stand in no particular order
 // Quicksort with the median of three (R. Sedgewick, "Implementing quicksort programs", Comm. ACM 21
-// (1978) 847-857), without recursion, that leaves short stretches to one insertion pass at the end.
+// (1978) 847-857), without recursion, that sorts short stretches by insertion.
 // Sorted, reversed and constant data take n log n steps; the worst case is quadratic. With entries
 // that are not numbers `index` is still a permutation, of no particular order.
 // Reads: none
