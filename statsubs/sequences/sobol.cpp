@@ -97,6 +97,13 @@ void scramble_upper(matrix_view<const int> usm, vector_view<const int> ushift,
       if (usm(p, q) != 0) add_column(directions.column(p), directions.column(q));
 }
 
+// The next values of `length` neighbouring coordinates.
+template <int length>
+inline void advance(const int* direction, double scale, int* coordinate, double* point) {
+  for (int k = 0; k < length; ++k) coordinate[k] ^= direction[k];
+  for (int k = 0; k < length; ++k) point[k] = coordinate[k] * scale;
+}
+
 // The inverse of 2^digits, the power being a single-precision real for the lower scrambling alone
 // and a signed 32-bit integer otherwise, where 2^31 wraps to its negative.
 double reciprocal_of_power(int digits, int scramble) {
@@ -164,10 +171,12 @@ void gosobl(double* point) {
   if (column > bd::maxcol) support::stop_process(" TOO MANY CALLS ON GOSOBL");
   const int dimensions = bd::s;
   const double scale = bd::recipd;
-  for (int i = 1; i <= dimensions; ++i) {
-    bd::lastq(i) ^= bd::sv(i, column);
-    point[i - 1] = bd::lastq(i) * scale;
-  }
+  const int* direction = &bd::sv(1, column);
+  int* coordinate = bd::lastq.data();
+  // In pairs of a constant length, which compilers make one vector instruction of.
+  int i = 0;
+  for (; i + 2 <= dimensions; i += 2) advance<2>(direction + i, scale, coordinate + i, point + i);
+  if (i < dimensions) advance<1>(direction + i, scale, coordinate + i, point + i);
   ++bd::count;
 }
 
