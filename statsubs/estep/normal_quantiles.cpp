@@ -4,7 +4,6 @@
 // (2003), coefficients and break points as published.
 #include "statsubs/estep/normal_quantiles.h"
 
-#include <algorithm>
 #include <cmath>
 #include <cstddef>
 
@@ -67,11 +66,9 @@ constexpr int block = 64;
 // Nineteen of twenty probabilities are central, so the rational function of the centre is taken of
 // all, without a branch, and the others are put right afterwards.
 void block_of_quantiles(double* p) {
-  double probability[block];
-  std::copy_n(p, block, probability);
-  for (int i = 0; i < block; ++i) p[i] = central_quantile(probability[i]);
-  for (int i = 0; i < block; ++i)
-    if (!is_central(probability[i])) p[i] = dnorminv(probability[i]);
+  double quantile[block];
+  for (int i = 0; i < block; ++i) quantile[i] = central_quantile(p[i]);
+  for (int i = 0; i < block; ++i) p[i] = is_central(p[i]) ? quantile[i] : dnorminv(p[i]);
 }
 
 void replace_by_quantiles(double* p, std::ptrdiff_t count) {

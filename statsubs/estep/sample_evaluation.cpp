@@ -18,12 +18,12 @@ struct evaluation {
 };
 
 // The evaluation just made, whose objective is f; a failed one resets the shared score as well.
-evaluation recorded(double f, double& zscoresub) {
-  if (host::isgoodr8(f) != 1) {
+evaluation recorded(const host_table& engine, double f, double& zscoresub) {
+  if (engine.isgoodr8(f) != 1) {
     f = failed_objective;
     zscoresub = failed_score;
   }
-  if (host::isgoodr8(-f) != 1) return {-failed_objective, failed_score};
+  if (engine.isgoodr8(-f) != 1) return {-failed_objective, failed_score};
   return {-f, zscoresub};
 }
 
@@ -34,16 +34,18 @@ void evaluate_own_samples(matrix_view<const double> samples, const sample_share&
                           vector_view<double> log_likelihood, vector_view<double> score,
                           int& answer) {
   assert(own.numprocs >= 1);
+  // Looked up once: six calls a sample, which may be all that a cheap model costs.
+  const host_table& engine = installed_host();
   const int first = own.myid == 0 ? own.numprocs : own.myid;
   for (int j = first; j <= samples.columns(); j += own.numprocs) {
     const double* eta = samples.column(j).data();
     double f = 0.0;
-    host::seteta(eta);
-    host::settheta(theta.data());
-    host::fcnxeta(samples.rows(), eta, f);
-    answer = host::stoprequested();
+    engine.seteta(eta);
+    engine.settheta(theta.data());
+    engine.fcnxeta(samples.rows(), eta, f);
+    answer = engine.stoprequested();
     if (answer != 0) return;
-    const evaluation outcome = recorded(f, zscoresub);
+    const evaluation outcome = recorded(engine, f, zscoresub);
     log_likelihood(j) = outcome.log_likelihood;
     score(j) = outcome.score;
   }

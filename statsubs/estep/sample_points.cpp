@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cstddef>
 
 #include "statsubs/sequences/bdsobl.h"
 #include "statsubs/sequences/sobol.h"
@@ -21,12 +22,11 @@ double clamped(double u) {
 }
 
 void draw_sobol(matrix_view<double> uniforms) {
-  assert(bd::s == uniforms.rows());
-  for (int j = 1; j <= uniforms.columns(); ++j) {
-    const vector_view<double> point = uniforms.column(j);
-    gosobl(point.data());
-    for (double& u : point) u = clamped(u);
-  }
+  assert(bd::s == uniforms.rows() && uniforms.leading() == uniforms.rows());
+  for (int j = 1; j <= uniforms.columns(); ++j) gosobl(uniforms.column(j).data());
+  double* const end =
+      uniforms.data() + static_cast<std::ptrdiff_t>(uniforms.columns()) * uniforms.rows();
+  for (double* u = uniforms.data(); u < end; ++u) *u = clamped(*u);
 }
 
 void draw_pseudo_random(matrix_view<double> uniforms) {
