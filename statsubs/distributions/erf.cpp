@@ -5,6 +5,7 @@
 
 #include "statsubs/distributions/machine.h"
 #include "statsubs/distributions/polynomial.h"
+#include "statsubs/distributions/rational_function.h"
 #include "statsubs/distributions/twofold.h"
 
 namespace statsubs {
@@ -23,19 +24,18 @@ double erf_near_zero(double x) {
 // exp(x^2) erfc(x), x > 0.5.
 double scaled_erfc(double x) {
   constexpr double c = 0.564189583547756287;  // 1 / sqrt(pi)
-  constexpr double p[] = {3.00459261020162e2,  4.51918953711873e2,  3.39320816734344e2,
-                          1.52989285046940e2,  4.31622272220567e1,  7.21175825088309,
-                          5.64195517478974e-1, -1.36864857382717e-7};
-  constexpr double q[] = {
-      3.00459260956983e2, 7.90950925327898e2, 9.31354094850610e2, 6.38980264465631e2,
-      2.77585444743988e2, 7.70001529352295e1, 1.27827273196294e1, 1.0};
-  constexpr double r[] = {2.82094791773523e-1, 4.65807828718470, 2.13688200555087e1,
-                          2.62370141675169e1, 2.10144126479064};
-  constexpr double s[] = {1.0, 1.80124575948747e1, 9.90191814623914e1, 1.87114811799590e2,
-                          9.41537750555460e1};
-  if (x <= 4.0) return polynomial(p, x) / polynomial(q, x);
+  static constexpr rational_function middle(
+      {3.00459261020162e2, 4.51918953711873e2, 3.39320816734344e2, 1.52989285046940e2,
+       4.31622272220567e1, 7.21175825088309, 5.64195517478974e-1, -1.36864857382717e-7},
+      {3.00459260956983e2, 7.90950925327898e2, 9.31354094850610e2, 6.38980264465631e2,
+       2.77585444743988e2, 7.70001529352295e1, 1.27827273196294e1, 1.0});
+  static constexpr rational_function far(
+      {2.82094791773523e-1, 4.65807828718470, 2.13688200555087e1, 2.62370141675169e1,
+       2.10144126479064},
+      {1.0, 1.80124575948747e1, 9.90191814623914e1, 1.87114811799590e2, 9.41537750555460e1});
+  if (x <= 4.0) return middle(x);
   const double t = 1.0 / (x * x);
-  return (c - t * polynomial(r, t) / polynomial(s, t)) / x;
+  return (c - t * far(t)) / x;
 }
 
 // exp(-x^2) and exp(x^2), the rounding error of the square put back.
