@@ -17,7 +17,7 @@ std::vector<double> normal(int count);
 std::vector<double> chi_square(int count, double df);
 
 // Enough arguments that branch predictors do not learn them, few enough to stay in the cache.
-inline constexpr int arguments_in_cache = 2048;
+inline constexpr int arguments_in_cache = 65536;
 
 // The degrees of freedom that chi-square functions are timed at: whole shapes as they come up
 // in practice, one half-integer shape, and one that is neither.

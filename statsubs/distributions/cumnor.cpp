@@ -92,9 +92,11 @@ void cumnor(const double& arg, double& result, double& upper) {
   }
   const double scaled_tail = y <= root_32 ? middle_tail(y) : far_tail(y);
   const double tail = unless_subnormal(scaled_tail * exp_of_half_square(y));
-  const double body = 0.5 + (0.5 - tail);
-  result = x > 0.0 ? body : tail;
-  upper = x > 0.0 ? tail : body;
+  // By subscript, since the sign of x is anybody's guess to a branch.
+  const double sides[] = {tail, 0.5 + (0.5 - tail)};
+  const int positive = x > 0.0 ? 1 : 0;
+  result = sides[positive];
+  upper = sides[1 - positive];
 }
 
 }  // namespace statsubs

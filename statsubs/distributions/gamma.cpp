@@ -19,18 +19,27 @@ constexpr rational_function gamma_of_one_plus({1.0, 0.553413866010467, 0.2796486
                                                -0.170458969313360, 0.225211131035340e-1,
                                                0.470059485860584e-2, -0.832979206704073e-3});
 
-// ln Gamma(1 + a) / -a, -0.2 <= a < 0.6, and ln Gamma(2 + x) / x, -0.4 <= x <= 0.25.
-constexpr rational_function log_gamma_near_one(
-    {0.577215664901533, 0.844203922187225, -0.168860593646662, -0.780427615533591,
-     -0.402055799310489, -0.0673562214325671, -0.00271935708322958},
-    {1.0, 2.88743195473681, 3.12755088914843, 1.56875193295039, 0.361951990101499,
-     0.0325038868253937, 0.000667465618796164});
-constexpr rational_function log_gamma_near_two({0.422784335098467, 0.848044614534529,
-                                                0.565221050691933, 0.156513060486551,
-                                                0.017050248402265, 0.000497958207639485},
-                                               {1.0, 1.24313399877507, 0.548042109832463,
-                                                0.10155218743983, 0.00713309612391,
-                                                0.000116165475989616});
+// ln Gamma(1 + a) / -a, -0.2 <= a < 0.6, and ln Gamma(2 + x) / x, -0.4 <= x <= 0.25; of one length,
+// so that the second is a subscript away from the first.
+constexpr rational_function<7> log_gamma[] = {
+    {{0.577215664901533, 0.844203922187225, -0.168860593646662, -0.780427615533591,
+      -0.402055799310489, -0.0673562214325671, -0.00271935708322958},
+     {1.0, 2.88743195473681, 3.12755088914843, 1.56875193295039, 0.361951990101499,
+      0.0325038868253937, 0.000667465618796164}},
+    {{0.422784335098467, 0.848044614534529, 0.565221050691933, 0.156513060486551, 0.017050248402265,
+      0.000497958207639485, 0.0},
+     {1.0, 1.24313399877507, 0.548042109832463, 0.10155218743983, 0.00713309612391,
+      0.000116165475989616}}};
+
+// ln Gamma(1 + a), -0.2 <= a <= 1.25, by subscripts instead of a branch: in gamln the argument
+// falls on either side of 0.6 as it happens.
+inline double log_gamma_of_one_plus(double a) {
+  static constexpr double shift[] = {0.0, 1.0};
+  static constexpr double sign[] = {-1.0, 1.0};
+  const int near_one = a < 0.6 ? 0 : 1;
+  const double x = a - shift[near_one];
+  return sign[near_one] * x * log_gamma[near_one](x);
+}
 
 // |a| < 15: the recurrence carries the argument into [1, 2].
 double gamma_by_recurrence(double a) {
@@ -84,29 +93,40 @@ double gamma(const double& a) {
 }
 
 double gamln1(const double& a) {
-  if (a < 0.6) return -a * log_gamma_near_one(a);
-  const double x = (a - 0.5) - 0.5;
-  return x * log_gamma_near_two(x);
+  return log_gamma_of_one_plus(a);
 }
+
+namespace {
+
+// (a - 1) (a - 2) ... down to the last factor that is not below 1.25, for 2.25 <= a < 10. The other
+// factors of the eight count as 1: no loop of a length that is different at every call.
+double falling_product(double a) {
+  using lanes = double __attribute__((vector_size(16)));
+  constexpr lanes least = {1.25, 1.25};
+  constexpr lanes one = {1.0, 1.0};
+  lanes factor = lanes{a, a} - lanes{1.0, 2.0};
+  lanes product = factor >= least ? factor : one;
+  for (int i = 0; i < 3; ++i) {
+    factor -= lanes{2.0, 2.0};
+    product *= factor >= least ? factor : one;
+  }
+  return product[0] * product[1];
+}
+
+}  // namespace
 
 double gamln(const double& a) {
   constexpr double d = 0.418938533204673;  // (ln(2 pi) - 1) / 2
   constexpr double c[] = {0.0833333333333333,   -0.00277777777760991, 0.00079365066682539,
                           -0.00059520293135187, 0.000837308034031215, -0.00165322962780713};
-  if (a <= 0.8) return gamln1(a) - std::log(a);
-  if (a <= 2.25) return gamln1((a - 0.5) - 0.5);
+  if (a <= 0.8) return log_gamma_of_one_plus(a) - std::log(a);
+  if (a <= 2.25) return log_gamma_of_one_plus((a - 0.5) - 0.5);
   if (a < 10.0) {
-    const int n = static_cast<int>(a - 1.25);
-    double t = a;
-    double w = 1.0;
-    for (int i = 1; i <= n; ++i) {
-      t -= 1.0;
-      w *= t;
-    }
-    return gamln1(t - 1.0) + std::log(w);
+    const double n = static_cast<int>(a - 1.25);
+    return log_gamma_of_one_plus((a - n) - 1.0) + std::log(falling_product(a));
   }
-  const double t = (1.0 / a) * (1.0 / a);
-  return (d + polynomial(c, t) / a) + (a - 0.5) * (std::log(a) - 1.0);
+  const double inverse = 1.0 / a;
+  return (d + polynomial(c, inverse * inverse) * inverse) + (a - 0.5) * (std::log(a) - 1.0);
 }
 
 double gam1(const double& a) {

@@ -80,11 +80,11 @@ void replace_by_quantiles(double* p, std::ptrdiff_t count) {
 }  // namespace
 
 double dnorminv(const double& p) {
+  if (is_central(p)) return central_quantile(p);
   if (p <= 0.0) return -beyond_any_quantile;
   if (p >= 1.0) return beyond_any_quantile;
   if (p < lower_break) return tail_quantile(p);
-  if (p > upper_break) return -tail_quantile(1.0 - p);
-  return central_quantile(p);
+  return -tail_quantile(1.0 - p);
 }
 
 void normal_quantiles(matrix_view<double> p) {
