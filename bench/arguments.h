@@ -16,8 +16,8 @@ std::vector<double> normal(int count);
 // `count` numbers of the chi-square distribution with df degrees of freedom.
 std::vector<double> chi_square(int count, double df);
 
-// Enough arguments that branch predictors do not learn them, few enough to stay in the cache.
-inline constexpr int arguments_in_cache = 65536;
+// So many arguments that branch predictors do not learn them: a few thousand they do.
+inline constexpr int argument_count = 65536;
 
 // The degrees of freedom that chi-square functions are timed at: whole shapes as they come up
 // in practice, one half-integer shape, and one that is neither.

@@ -89,28 +89,28 @@ inline std::string label(double value) {
 // The cases that the distribution functions and their peers share. Each takes a function object.
 template <class Function>
 void time_normal_quantile(const std::string& library, Function f) {
-  time_function("dnorminv/uniform/" + library, uniform(arguments_in_cache, 0.0, 1.0), f);
+  time_function("dnorminv/uniform/" + library, uniform(argument_count, 0.0, 1.0), f);
 }
 
 template <class Function>
 void time_normal_distribution(const std::string& library, Function f) {
-  time_function("cumnor/normal/" + library, normal(arguments_in_cache), f);
-  time_function("cumnor/-6..6/" + library, uniform(arguments_in_cache, -6.0, 6.0), f);
+  time_function("cumnor/normal/" + library, normal(argument_count), f);
+  time_function("cumnor/-6..6/" + library, uniform(argument_count, -6.0, 6.0), f);
 }
 
 template <class Function>
 void time_log_gamma(const std::string& library, Function f) {
-  time_function("gamln/0..2/" + library, uniform(arguments_in_cache, 0.0, 2.0), f);
-  time_function("gamln/2..10/" + library, uniform(arguments_in_cache, 2.0, 10.0), f);
-  time_function("gamln/0..20/" + library, uniform(arguments_in_cache, 0.0, 20.0), f);
-  time_function("gamln/10..100/" + library, uniform(arguments_in_cache, 10.0, 100.0), f);
+  time_function("gamln/0..2/" + library, uniform(argument_count, 0.0, 2.0), f);
+  time_function("gamln/2..10/" + library, uniform(argument_count, 2.0, 10.0), f);
+  time_function("gamln/0..20/" + library, uniform(argument_count, 0.0, 20.0), f);
+  time_function("gamln/10..100/" + library, uniform(argument_count, 10.0, 100.0), f);
 }
 
 // f(df) gives the function of x; the arguments follow the distribution itself.
 template <class Family>
 void time_chi_square(const std::string& library, Family f) {
   for (const double df : freedoms)
-    time_function("cdfchi 1/df " + label(df) + "/" + library, chi_square(arguments_in_cache, df),
+    time_function("cdfchi 1/df " + label(df) + "/" + library, chi_square(argument_count, df),
                   f(df));
 }
 
@@ -118,7 +118,7 @@ void time_chi_square(const std::string& library, Family f) {
 template <class Family>
 void time_chi_square_quantile(const std::string& library, Family f) {
   for (const double df : freedoms)
-    time_function("cdfchi 2/df " + label(df) + "/" + library, uniform(arguments_in_cache, 0.0, 1.0),
+    time_function("cdfchi 2/df " + label(df) + "/" + library, uniform(argument_count, 0.0, 1.0),
                   f(df));
 }
 
