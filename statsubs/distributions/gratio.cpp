@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // After Didonato and Morris, ACM Trans. Math. Softw. 12 (1986), Algorithm 654: the same regions,
-// series and coefficients, evaluated differently in three places.
+// series and coefficients, evaluated differently in four places.
 //  - y = a (l - 1 - ln l), l = x/a, enters through exp(-y) and so needs an absolute precision that
 //    x/a rounded to a double does not give. It is formed as a sum of two doubles (scaled_rlog_*).
 //  - x^a exp(-x) / Gamma(a) is a product of a power, an exponential and a reciprocal gamma function
 //    instead of the exponential of a sum that cancels.
+//  - For a whole number 2a below 40 the sums run over tabulated coefficients (whole_freedom.h), and
+//    the finite sum of Q serves below x = a too, as long as P is not small.
 //  - Temme's expansion about l = 1 has more terms, and keeps them next to l = 1, which makes that
 //    region a part of the neighbouring one.
 #include "statsubs/distributions/gratio.h"

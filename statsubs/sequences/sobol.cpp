@@ -166,17 +166,20 @@ void insobl(bool* ok, const int& ndim, const int& maxpoints, int& tquality, doub
 }
 
 void gosobl(double* point) {
-  // Neighbours in Gray-code order differ in one column: that of the lowest zero bit of count.
-  const int column = std::countr_one(static_cast<unsigned>(bd::count)) + 1;
+  // Neighbours in Gray-code order differ in one column: that of the lowest zero bit of count. Bit 31
+  // counts as zero, which asks for a column that never is and spares the question for none.
+  const unsigned zero_bits = ~static_cast<unsigned>(bd::count) | 1U << bd::max_digits;
+  const int column = std::countr_zero(zero_bits) + 1;
   if (column > bd::maxcol) support::stop_process(" TOO MANY CALLS ON GOSOBL");
   const int dimensions = bd::s;
   const double scale = bd::recipd;
   const int* direction = &bd::sv(1, column);
   int* coordinate = bd::lastq.data();
   // In pairs of a constant length, which compilers make one vector instruction of.
-  int i = 0;
-  for (; i + 2 <= dimensions; i += 2) advance<2>(direction + i, scale, coordinate + i, point + i);
-  if (i < dimensions) advance<1>(direction + i, scale, coordinate + i, point + i);
+  const int paired = dimensions & ~1;
+  for (int i = 0; i < paired; i += 2) advance<2>(direction + i, scale, coordinate + i, point + i);
+  if (paired < dimensions)
+    advance<1>(direction + paired, scale, coordinate + paired, point + paired);
   ++bd::count;
 }
 

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <boost/math/distributions/laplace.hpp>
 #include <boost/math/distributions/normal.hpp>
 #include <boost/math/quadrature/gauss_kronrod.hpp>
@@ -129,6 +130,34 @@ TEST(Discretestat, GivesMomentsAboutTheMean) {
   EXPECT_THAT(mean, ElementsAre(far + 0.25, far));
   const double variance = 0.25 * 1.25 * 1.25 + 0.25 * 0.25 * 0.25 + 0.5 * 0.75 * 0.75;
   EXPECT_THAT(cov, ElementsAre(variance, -0.5, 7.0, -0.5, 2.0, 7.0));
+}
+
+// Rows are worked on in pairs and samples a few at a time; every dimension and number of samples
+// has to give the sums in their plain order, to the last bit.
+TEST(SampleRoutines, KeepTheOrderOfEverySum) {
+  double state = 0.5;
+  const auto next = [&] { return state = 3.9 * state * (1.0 - state); };
+  for (int n = 1; n <= 5; ++n)
+    for (const int m : {1, 2, 7, 8, 9, 24, 37}) {
+      std::vector<double> x(n * m), w(m), l(n * n), mean(n), cov(n * n), eta(n);
+      for (auto* values : {&x, &w, &l}) std::generate(values->begin(), values->end(), next);
+      discretestat(m, n, x.data(), n, w.data(), mean.data(), cov.data(), n);
+      simmn(n, mean.data(), l.data(), n, x.data(), eta.data());
+      for (int i = 0; i < n; ++i) {
+        double expected = 0.0;
+        for (int j = 0; j < m; ++j) expected += w[j] * x[i + j * n];
+        EXPECT_EQ(mean[i], expected);
+        for (int j = 0; j <= i; ++j) expected += l[i + j * n] * x[j];
+        EXPECT_EQ(eta[i], expected);
+        for (int k = 0; k < n; ++k) {
+          double product = 0.0;
+          for (int j = 0; j < m; ++j)
+            product += w[j] * (x[std::min(i, k) + j * n] - mean[std::min(i, k)]) *
+                       (x[std::max(i, k) + j * n] - mean[std::max(i, k)]);
+          EXPECT_EQ(cov[i + k * n], product);
+        }
+      }
+    }
 }
 
 }  // namespace
