@@ -47,7 +47,7 @@ auto chi_square_quantile(double df) {
 // The quantiles of a whole matrix, as the E-step takes them.
 void time_matrix_of_quantiles() {
   const int count = argument_count;
-  time_pass("dnorminv/uniform/statsubs matrix", count,
+  time_pass("dnorminv/uniform, a matrix/statsubs", count,
             [p = uniform(count, 0.0, 1.0), z = std::vector<double>(count)]() mutable {
               z = p;
               statsubs::normal_quantiles({z.data(), 1, argument_count});
