@@ -6,7 +6,7 @@
 
 namespace statsubs {
 
-// Fills a column of uniform numbers per sample, kept to [1e-6, 1 - 1e-6]. They are pseudo-random
+// Fills a packed column of uniform numbers per sample, kept to [1e-6, 1 - 1e-6]: pseudo-random
 // (the host's dran3, state 1 at every entry) when iflagmcpem is 1 and for the t, and the next
 // points of the Sobol sequence otherwise, which has been started with as many dimensions as there
 // are rows. For the t with iflagmcpem 0 the last row sweeps the unit interval evenly, with
