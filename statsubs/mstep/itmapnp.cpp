@@ -116,6 +116,24 @@ matrix_view<double> subject_etas() {
   return {gv::etatable.data(), gv::etatable.rows(), gv::nsub, gv::etatable.leading()};
 }
 
+// Shows the host the rounds' engine, and puts the caller's back on every way out, with iflathess:
+// the caller's until `flathess` is told otherwise.
+class engine_keeper {
+ public:
+  engine_keeper() : flathess(gv::iflathess), engine_(gv::idengine) { gv::idengine = mapnp_engine; }
+  ~engine_keeper() {
+    gv::idengine = engine_;
+    gv::iflathess = flathess;
+  }
+  engine_keeper(const engine_keeper&) = delete;
+  engine_keeper& operator=(const engine_keeper&) = delete;
+
+  int flathess;
+
+ private:
+  int engine_;
+};
+
 // Returns iflathess as the last round found it.
 int run_rounds(int neta, root_report& report) {
   const double sigma = gv::sigmalchol;
@@ -160,19 +178,16 @@ void itmapnp(const int& neta, double* etaout) {
   support::barrier(gv::numprocs);
   host::globalblups2();
 
-  const int engine = gv::idengine;
-  gv::idengine = mapnp_engine;
+  engine_keeper keeper;
   // The fixed effects are first estimated with every random effect at zero.
   clear(gv::etatable);
-  const int flathess = reported_rounds(neta);
+  keeper.flathess = reported_rounds(neta);
   support::barrier(gv::numprocs);
 
   const matrix_view<const double> etas = subject_etas();
   const matrix_view<double> result(etaout, neta, gv::nsub);
   for (int isub = 1; isub <= gv::nsub; ++isub)
     std::copy_n(etas.column(isub).begin(), neta, result.column(isub).begin());
-  gv::idengine = engine;
-  gv::iflathess = flathess;
 }
 
 }  // namespace statsubs
