@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // Chi-square distribution: one of its quantities from the others. p = P(X <= x) and q = 1 - p for X
@@ -36,7 +38,7 @@ namespace statsubs {
 // which = 2 and 3 use the search state of dinvr: one search at a time in a process.
 // Reads: none
 // Writes: none
-void cdfchi(const int& which, double& p, double& q, double& x, double& df, int& status,
-            double& bound);
+STATSUBS_API void cdfchi(const int& which, double& p, double& q, double& x, double& df, int& status,
+                         double& bound);
 
 }  // namespace statsubs

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // Standard normal distribution: `result` = Phi(arg), `upper` = 1 - Phi(arg), each to its own full
@@ -11,6 +13,6 @@ namespace statsubs {
 // an exact square, so only the rounding of the last bits differs.
 // Reads: none
 // Writes: none
-void cumnor(const double& arg, double& result, double& upper);
+STATSUBS_API void cumnor(const double& arg, double& result, double& upper);
 
 }  // namespace statsubs

@@ -8,13 +8,16 @@
 // Writes: none
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // Parameters of the searches to come, until the next call: the interval [small, big]; the first
 // step max(absstp, relstp |x0|), x0 the starting value; the factor stpmul of each further step; the
 // tolerances of the zero finder.
-void dstinv(const double& small, const double& big, const double& absstp, const double& relstp,
-            const double& stpmul, const double& abstol, const double& reltol);
+STATSUBS_API void dstinv(const double& small, const double& big, const double& absstp,
+                         const double& relstp, const double& stpmul, const double& abstol,
+                         const double& reltol);
 
 // One step of the search. The caller starts with status = 0 and x = x0. While status comes back as
 // 1, he sets fval = f(x), leaves everything else alone and calls again; f is asked for at small,
@@ -23,6 +26,6 @@ void dstinv(const double& small, const double& big, const double& absstp, const 
 //   -1: no root in [small, big]; atlow tells whether it lies below, fhigh whether f stays above 0
 // A search that is started while another is unfinished replaces it. A starting value outside
 // [small, big] stops the process with " SMALL, X, BIG not monotone in INVR".
-void dinvr(int& status, double& x, const double& fval, bool& atlow, bool& fhigh);
+STATSUBS_API void dinvr(int& status, double& x, const double& fval, bool& atlow, bool& fhigh);
 
 }  // namespace statsubs

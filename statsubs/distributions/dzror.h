@@ -6,11 +6,14 @@
 // Writes: none
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // Bracket [xlo, xhi] of the next search, and its tolerances: it ends when half the bracket is
 // within max(abstol, reltol |xlo|) / 2 of the best point.
-void dstzr(const double& xlo, const double& xhi, const double& abstol, const double& reltol);
+STATSUBS_API void dstzr(const double& xlo, const double& xhi, const double& abstol,
+                        const double& reltol);
 
 // One step of the search. The caller starts with status = 0. While status comes back as 1, he sets
 // fval = f(x), leaves everything else alone and calls again; both ends of the bracket are asked for
@@ -19,7 +22,7 @@ void dstzr(const double& xlo, const double& xhi, const double& abstol, const dou
 //   -1: f has one sign at both ends; atlow tells whether |f| is smaller at the lower one, fhigh
 //       whether f is positive
 // A search that is started while another is unfinished replaces it.
-void dzror(int& status, double& x, const double& fval, double& xlo, double& xhi, bool& atlow,
-           bool& fhigh);
+STATSUBS_API void dzror(int& status, double& x, const double& fval, double& xlo, double& xhi,
+                        bool& atlow, bool& fhigh);
 
 }  // namespace statsubs

@@ -6,12 +6,14 @@
 // Writes: none
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // exp(x) - 1, to full relative precision near 0 too.
-double rexp(const double& x);
+STATSUBS_API double rexp(const double& x);
 
 // x - 1 - ln x for x > 0, to full relative precision near its double zero at 1 too; infinite at 0.
-double rlog(const double& x);
+STATSUBS_API double rlog(const double& x);
 
 }  // namespace statsubs

@@ -5,6 +5,8 @@
 // Writes: none
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // P(a, x) into `ans` and Q(a, x) = 1 - P(a, x) into `qval`, a >= 0, x >= 0, each to its own
@@ -17,14 +19,15 @@ namespace statsubs {
 //
 // Didonato and Morris, ACM Trans. Math. Softw. 12 (1986), Algorithm 654, with their regions. The
 // exponents are evaluated more carefully than there; measured errors stand in docs/accuracy.md.
-void gratio(const double& a, const double& x, double& ans, double& qval, const int& ind);
+STATSUBS_API void gratio(const double& a, const double& x, double& ans, double& qval,
+                         const int& ind);
 
 // Gamma distribution of shape a and unit scale at x: P(a, x) into `cum`, Q(a, x) into `upper`;
 // (0, 1) for x <= 0. The failure values are those of gratio.
-void cumgam(const double& x, const double& a, double& cum, double& upper);
+STATSUBS_API void cumgam(const double& x, const double& a, double& cum, double& upper);
 
 // Chi-square distribution with df degrees of freedom at x: P(df/2, x/2) into `cum`, its complement
 // into `upper`; (0, 1) for x <= 0. The failure values are those of gratio.
-void cumchi(const double& x, const double& df, double& cum, double& upper);
+STATSUBS_API void cumchi(const double& x, const double& df, double& cum, double& upper);
 
 }  // namespace statsubs

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // The E-step of one subject: integrates its likelihood over the random effects by importance
@@ -37,7 +39,7 @@ namespace statsubs {
 // Reads: leneta, theta, xmusub, omegacholsub, omegalchol, accratio, impsampdof, iflagmcpem, myid,
 // numprocs, newsub, globalstop, zscoresub, izub
 // Writes: izub, zscoresub, wtsumzscore, xmusubnew, omegasubnew, theta
-void fgintegrate(const int& isub, const int& nsamp, double* dsample2, double* wtcond2,
-                 double& loglik);
+STATSUBS_API void fgintegrate(const int& isub, const int& nsamp, double* dsample2, double* wtcond2,
+                              double& loglik);
 
 }  // namespace statsubs

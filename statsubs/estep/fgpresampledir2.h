@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // The presampling pass of one subject: a first proposal without a search for its mode. npresample
@@ -31,6 +33,6 @@ namespace statsubs {
 // Reads: leneta, npresample, theta, omega, omegalchol, iflagmcpem, myid, numprocs, newsub,
 // globalstop, zscoresub
 // Writes: izub, zscoresub, wtsumzscore, xmusubnew, omegasubnew, choleskyfactor, etatable, theta
-void fgpresampledir2(const int& isub, double& loglik, int& info);
+STATSUBS_API void fgpresampledir2(const int& isub, double& loglik, int& info);
 
 }  // namespace statsubs

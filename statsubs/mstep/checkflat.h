@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // Whether a short series still has a trend: the magnitude of the t-statistic, with n - 2 degrees of
@@ -11,6 +13,6 @@ namespace statsubs {
 //          0, or 10 where the line meets them without rounding
 // Reads: none
 // Writes: none
-void checkflat(const double* values, const int& n, double& tstat);
+STATSUBS_API void checkflat(const double* values, const int& n, double& tstat);
 
 }  // namespace statsubs

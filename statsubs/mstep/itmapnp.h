@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // The MAP-NP start-up: ngetmapnp rounds in which the host re-estimates the fixed effects from the
@@ -22,6 +24,6 @@ namespace statsubs {
 // Reads: ngetmapnp, nsub, ntheta, theta, etatable, freesigmafound, sigmalchol, idengine, iflathess,
 //   myid, numprocs
 // Writes: theta, etatable, sigmalchol, sigmasq, idengine, iflathess
-void itmapnp(const int& neta, double* etaout);
+STATSUBS_API void itmapnp(const int& neta, double* etaout);
 
 }  // namespace statsubs

@@ -4,6 +4,8 @@
 // products that whiten its equations.
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // The fixed effects that best explain the subjects' conditional means in the metric of omega, by
@@ -25,14 +27,15 @@ namespace statsubs {
 // is reported on standard output and in the engine log. Only the process with myid = 0 writes.
 // Reads: leneta, ntheta, nsub, newsub, omegalchol, myid, fixedeffectnames, iseqtheta
 // Writes: omegalcholinv, nobs, itypetheta
-void lrtheta(const int& n, double* atb, const double* eta_mean2, const double*, const double*,
-             const int& nrowbase, const int& nextra, const int& ncolc, const int* muetamap);
+STATSUBS_API void lrtheta(const int& n, double* atb, const double* eta_mean2, const double*,
+                          const double*, const int& nrowbase, const int& nextra, const int& ncolc,
+                          const int* muetamap);
 
 // vec(1..m) <- L vec(1..m) with the lower triangle L of cholfac(m x m, leading dimension ldc). With
 // m < 1 nothing happens.
 // Reads: none
 // Writes: none
-void ldmaxpv(const double* cholfac, const int& ldc, const int& m, double* vec);
+STATSUBS_API void ldmaxpv(const double* cholfac, const int& ldc, const int& m, double* vec);
 
 // Replaces, in every column of vecmat(ldv x ncol), the rows that muetamap(m) names by L times those
 // rows, L as in ldmaxpv: row muetamap(i) by the sum over j <= i of L(i, j) times row muetamap(j),
@@ -40,7 +43,7 @@ void ldmaxpv(const double* cholfac, const int& ldc, const int& m, double* vec);
 // muetamap lie in 0..min(m, ldv).
 // Reads: none
 // Writes: none
-void ldmaxpy(const double* cholfac, const int& ldc, const int& m, double* vecmat, const int& ldv,
-             const int& ncol, const int* muetamap);
+STATSUBS_API void ldmaxpy(const double* cholfac, const int& ldc, const int& m, double* vecmat,
+                          const int& ldv, const int& ncol, const int* muetamap);
 
 }  // namespace statsubs

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // The mu-referenced means of one subject's random effects: for every random effect k with row
@@ -15,7 +17,7 @@ namespace statsubs {
 // xmusub is also the centre of the proposal: a host that needs that one copies it out first.
 // Reads: leneta
 // Writes: xmusub
-void predetamu(const int& isub, const double* thetav, const int& nrowbase, const int& nextra,
-               const int& ncolc, const int* muetamap);
+STATSUBS_API void predetamu(const int& isub, const double* thetav, const int& nrowbase,
+                            const int& nextra, const int& ncolc, const int* muetamap);
 
 }  // namespace statsubs

@@ -11,6 +11,8 @@
 // Statistics 31 (1982) 214-225; Q. Liu and D. A. Pierce, Biometrika 81 (1994) 624-629).
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // The most dimensions that a grid may have.
@@ -28,8 +30,8 @@ inline constexpr int most_agq_dimensions = 40;
 //            unless it is 0
 // Reads: none
 // Writes: none
-void agqinit(const int& nnodes, const int& n, double* nodes, double* logweights, int& npoints,
-             int& info);
+STATSUBS_API void agqinit(const int& nnodes, const int& n, double* nodes, double* logweights,
+                          int& npoints, int& info);
 
 // Point k of the grid, 1 to npoints; the first coordinate moves fastest.
 //   nnodes, n, nodes, logweights  in: as agqinit was given and left them
@@ -40,8 +42,8 @@ void agqinit(const int& nnodes, const int& n, double* nodes, double* logweights,
 //   logweight  out: sum of the logweights of its coordinates; without ln |factor|
 // Reads: none
 // Writes: none
-void getagqpoint(const int& k, const int& nnodes, const int& n, const double* nodes,
-                 const double* logweights, const double* centre, const double* factor,
-                 const int& ldf, double* z, double* eta, double& logweight);
+STATSUBS_API void getagqpoint(const int& k, const int& nnodes, const int& n, const double* nodes,
+                              const double* logweights, const double* centre, const double* factor,
+                              const int& ldf, double* z, double* eta, double& logweight);
 
 }  // namespace statsubs

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // One subject's likelihood, integrated over its random effects by adaptive Gauss-Hermite quadrature
@@ -33,6 +35,6 @@ namespace statsubs {
 //
 // Reads: leneta, theta, sigmalchol, xmusub, omegacholsub, myid, numprocs, globalstop
 // Writes: izub, xmusubnew, omegasubnew, theta
-void agqintjoint(const int& isub, const int& nnodes, double& loglik, int& info);
+STATSUBS_API void agqintjoint(const int& isub, const int& nnodes, double& loglik, int& info);
 
 }  // namespace statsubs

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // The largest number of nodes that getghnodes gives.
@@ -24,6 +26,6 @@ inline constexpr int most_ghnodes = 64;
 //
 // Reads: none
 // Writes: none
-void getghnodes(const int& n, double* nodes, double* weights, int& info);
+STATSUBS_API void getghnodes(const int& n, double* nodes, double* weights, int& info);
 
 }  // namespace statsubs

@@ -3,13 +3,15 @@
 // From a subject's curvature to the factor that places its quadrature grid.
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // A lower-triangular factor of order n from packed(n (n + 1) / 2), by columns as in cholsub, into
 // full storage: full, leading dimension ldf >= n, out, with zeros above the diagonal.
 // Reads: none
 // Writes: none
-void choltofull(const int& n, const double* packed, double* full, const int& ldf);
+STATSUBS_API void choltofull(const int& n, const double* packed, double* full, const int& ldf);
 
 // The lower triangle of omegacholsub becomes the Cholesky factor of the inverse of the subject's
 // curvature, whose own factor stands in cholsub(:, isub). What stands above the diagonal does not
@@ -22,6 +24,6 @@ void choltofull(const int& n, const double* packed, double* full, const int& ldf
 // Local: unlike qncurv it takes the column as this process holds it.
 // Reads: leneta, cholsub, omega, stddeveta
 // Writes: omegacholsub
-void updatedecomp(const int& isub, int& info);
+STATSUBS_API void updatedecomp(const int& isub, int& info);
 
 }  // namespace statsubs

@@ -11,13 +11,15 @@
 // generator's state is the shared module bdsobl: one generator per process, one thread at a time.
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // Stores the primitive polynomials and the initial direction numbers. Must come before the first
 // insobl; a second call changes nothing.
 // Reads: none
 // Writes: poly, vinit
-void poly_vinit_define();
+STATSUBS_API void poly_vinit_define();
 
 // Starts a sequence and gives its first point, which is the digital shift: the origin without
 // scrambling.
@@ -38,19 +40,19 @@ void poly_vinit_define();
 // integer, which wraps to its negative.
 // Reads: poly, vinit
 // Writes: s, maxcol, sv, recipd, count, lastq
-void insobl(bool* ok, const int& ndim, const int& maxpoints, int& tquality, double* point,
-            const int& ndigits, const int& scramble);
+STATSUBS_API void insobl(bool* ok, const int& ndim, const int& maxpoints, int& tquality,
+                         double* point, const int& ndigits, const int& scramble);
 
 // point(s) out: the next point. When all 2^maxcol points are given out, or before any start, the
 // process ends with the message " TOO MANY CALLS ON GOSOBL".
 // Reads: s, maxcol, sv, recipd
 // Writes: lastq, count
-void gosobl(double* point);
+STATSUBS_API void gosobl(double* point);
 
 // count out: the serial number of the last point given out, 0 after insobl.
 // Reads: count
 // Writes: none
-void getsobolcount(int& count);
+STATSUBS_API void getsobolcount(int& count);
 
 // Draws a lower-triangular scrambling matrix and a digital shift for every dimension.
 //   ndigits       in: rows of a matrix, at most 31
@@ -61,13 +63,13 @@ void getsobolcount(int& count);
 // Entries beyond dimension s and row ndigits are left alone.
 // Reads: s, maxcol
 // Writes: none
-void gncrml(const int& ndigits, int* lsm, int* shift);
+STATSUBS_API void gncrml(const int& ndigits, int* lsm, int* shift);
 
 // Draws the upper-triangular scrambling matrix and the shift that all dimensions share.
 //   usm(31 x 31)  out, column-major: entries 0 or 1, in the first maxcol rows and columns
 //   ushift(31)    out: entries 0 or 1, the first maxcol
 // Reads: maxcol
 // Writes: none
-void gncrmu(int* usm, int* ushift);
+STATSUBS_API void gncrmu(int* usm, int* ushift);
 
 }  // namespace statsubs

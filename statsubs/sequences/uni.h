@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // The next pseudo-random number of the process's one stream, between 0 and 1: the
@@ -9,6 +11,6 @@ namespace statsubs {
 // is no seeding: the n-th number is the same in every run and process. Not for use by two threads.
 // Reads: none
 // Writes: none
-double uni();
+STATSUBS_API double uni();
 
 }  // namespace statsubs

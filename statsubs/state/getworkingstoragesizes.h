@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // Set-up of a run, once, before any estimation: records the model's dimensions, fetches the display
@@ -24,8 +26,8 @@ namespace statsubs {
 //   hessiandimension, nsampset, npresample, ngetmapnp, nchain, iqrpem, itestui, irunall,
 //   impmapflag, iflagmcpem, accratio, impsampdof, nqrburn, ifreezeomegaburn, iflagscramble,
 //   ipresample, modeljacob
-void getworkingstoragesizes(const int& engine, const int& nranefnames, const int& nraneffects,
-                            const int& nsubjects, const int& nobserved, int& fixedsize,
-                            int& packsize);
+STATSUBS_API void getworkingstoragesizes(const int& engine, const int& nranefnames,
+                                         const int& nraneffects, const int& nsubjects,
+                                         const int& nobserved, int& fixedsize, int& packsize);
 
 }  // namespace statsubs

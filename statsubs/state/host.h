@@ -10,6 +10,8 @@
 // per callable: when it is called, what it may change, what happens when it fails.
 #pragma once
 
+#include "statsubs/export.h"
+
 // clang-format off
 #define STATSUBS_HOST_CALLABLES(X)                                                                          \
   /* The model */                                                                                           \
@@ -112,10 +114,10 @@ struct host_table {
 // The table that the wrappers below call through; a caller may replace single entries. At load the
 // helpers (isgoodr8, dran3, pow, diag_2d, forward_substitution, findloc1ddim1_i32) have their
 // defaults, and every other entry ends the process with a message that names the callable.
-host_table& installed_host();
+STATSUBS_API host_table& installed_host();
 
 // The table as it stands at load.
-host_table default_host();
+STATSUBS_API host_table default_host();
 
 // Fills the table from functions with C linkage that the program defines under the callables' names
 // (`extern "C" void fcnxeta(const int&, const double*, double&)`). Those that the program does not

@@ -6,6 +6,8 @@
 
 #include <string_view>
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 inline constexpr int standard_output_unit = 6;
@@ -16,9 +18,9 @@ using line_sink = void (*)(void* context, const char* line, int length);
 
 // Hands the lines of `unit` to `sink` from now on, with `context` passed through. A null sink gives
 // the unit back to standard output.
-void take_unit(int unit, line_sink sink, void* context);
+STATSUBS_API void take_unit(int unit, line_sink sink, void* context);
 
 // Writes one line to a unit.
-void write_line(int unit, std::string_view line);
+STATSUBS_API void write_line(int unit, std::string_view line);
 
 }  // namespace statsubs

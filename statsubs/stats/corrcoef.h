@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // Pearson's correlation of x(n) and y(n), in two passes: deviations are taken from means that are
@@ -9,6 +11,6 @@ namespace statsubs {
 //      n = 1), and when an entry is not a number
 // Reads: none
 // Writes: none
-void corrcoef(const int& n, const double* x, const double* y, double& r);
+STATSUBS_API void corrcoef(const int& n, const double* x, const double* y, double& r);
 
 }  // namespace statsubs

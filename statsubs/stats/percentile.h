@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // Where x stands in the sample vecdis(n), which need not be sorted: the middle of its rank interval
@@ -9,6 +11,6 @@ namespace statsubs {
 //      number none does, and p is 1/2
 // Reads: none
 // Writes: none
-void percentile(const int& n, const double& x, const double* vecdis, double& p);
+STATSUBS_API void percentile(const int& n, const double& x, const double* vecdis, double& p);
 
 }  // namespace statsubs

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // Sorts data(n) through an index: data(index(1)) <= data(index(2)) <= ... <= data(index(n)).
@@ -12,6 +14,6 @@ namespace statsubs {
 // that are not numbers `index` is still a permutation, of no particular order.
 // Reads: none
 // Writes: none
-void qsortr8(const int& n, const double* data, int* index);
+STATSUBS_API void qsortr8(const int& n, const double* data, int* index);
 
 }  // namespace statsubs

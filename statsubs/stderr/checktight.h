@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // Asks the host's boundmap which fixed effects lie at or near a bound, where the likelihood need
@@ -12,6 +14,6 @@ namespace statsubs {
 // first line only.
 // Reads: ntheta, theta, thetalo, thetahi, ibtight, myid
 // Writes: none
-void checktight(int& flag);
+STATSUBS_API void checktight(int& flag);
 
 }  // namespace statsubs

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // The condition number of a covariance matrix, scaled to a correlation matrix first so that units
@@ -14,6 +16,6 @@ namespace statsubs {
 //             LAPACK finds no eigenvalues, as for a zero on the diagonal
 // Reads: none
 // Writes: none
-void eigencor(const double* c, const int& n, const int& m, double& cond);
+STATSUBS_API void eigencor(const double* c, const int& n, const int& m, double& cond);
 
 }  // namespace statsubs

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // Eigenvalues of a symmetric matrix: LAPACK's dsyev for the lower triangle, without eigenvectors.
@@ -11,6 +13,7 @@ namespace statsubs {
 //   info         out: 0, or LAPACK's status
 // Reads: none
 // Writes: none
-void geteigenvalues(const int& n, double* a, double* w, double* work, const int& lwork, int& info);
+STATSUBS_API void geteigenvalues(const int& n, double* a, double* w, double* work, const int& lwork,
+                                 int& info);
 
 }  // namespace statsubs

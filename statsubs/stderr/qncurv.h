@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // From a subject's curvature to its proposal: cholsub(:, isub) holds the lower factor of the
@@ -14,6 +16,6 @@ namespace statsubs {
 // for the same subject; the owner's column replaces that of the others, through globalvec.
 // Reads: leneta, newsub, myid, numprocs
 // Writes: izub, nobs, cholsub, omegasubnew, choleskyfactor
-void qncurv(const int& isub, int& info);
+STATSUBS_API void qncurv(const int& isub, int& info);
 
 }  // namespace statsubs

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // The score of one subject: the derivative of its log-likelihood with respect to the fixed effects
@@ -42,7 +44,7 @@ namespace statsubs {
 // Reads: leneta, ntheta, omegainv, omegamask, muetamap, ibaccolislog, freesigmafound, numprocs,
 // myid, itypetheta, itypetheta_etamap, iseqtheta, cmatrix_3d
 // Writes: izub, scorevec, scorevec_expanded, theta, sigmalchol, sigmasq
-void scoretheta(const int& isub, const int& nsample, const double* dsample2, const double* wtcond2,
-                double* scoremat_qrpem, const int& nomegafree);
+STATSUBS_API void scoretheta(const int& isub, const int& nsample, const double* dsample2,
+                             const double* wtcond2, double* scoremat_qrpem, const int& nomegafree);
 
 }  // namespace statsubs

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 // Hands the variances of the estimates of omega to the host's packparameters1, which lays them out
@@ -11,6 +13,6 @@ namespace statsubs {
 //   nomegafree  in: free elements of omega in sesq
 // Reads: leneta, ntheta, theta, omegamask, sigmalchol
 // Writes: xbase
-void stderromega(const double* sesq, const int& nomegafree);
+STATSUBS_API void stderromega(const double* sesq, const int& nomegafree);
 
 }  // namespace statsubs

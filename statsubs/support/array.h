@@ -15,20 +15,22 @@
 #include <initializer_list>
 #include <type_traits>
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 namespace support {
 
 // Ends the process: `position` in dimension `dimension` lies outside 1..extent.
-[[noreturn]] void subscript_failure(const char* file, int line, int dimension, long position,
-                                    long extent);
+[[noreturn]] STATSUBS_API void subscript_failure(const char* file, int line, int dimension,
+                                                 long position, long extent);
 
 // Ends the process: `bytes` bytes for `what` could not be had. Never returns, whatever the caller.
-[[noreturn]] void allocation_failure(const char* what, std::size_t bytes);
+[[noreturn]] STATSUBS_API void allocation_failure(const char* what, std::size_t bytes);
 
 // Zero-filled storage of count items of `item` bytes, freed by release(); fatal when not to be had.
-void* reserve(const char* what, std::size_t count, std::size_t item);
-void release(void* storage) noexcept;
+STATSUBS_API void* reserve(const char* what, std::size_t count, std::size_t item);
+STATSUBS_API void release(void* storage) noexcept;
 
 inline void check([[maybe_unused]] int dimension, [[maybe_unused]] long position,
                   [[maybe_unused]] long extent, [[maybe_unused]] const char* file,

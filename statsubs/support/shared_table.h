@@ -4,6 +4,8 @@
 // scalar), meaning, writer.
 #pragma once
 
+#include "statsubs/export.h"
+
 namespace statsubs {
 
 using integer = int;
@@ -12,5 +14,5 @@ using real = double;
 }  // namespace statsubs
 
 // Declares, or with STATSUBS_DEFINE_SHARED defines, one row of a shared-module table.
-#define STATSUBS_DECLARE_SHARED(kind, name, extent, meaning, writer) extern kind name;
+#define STATSUBS_DECLARE_SHARED(kind, name, extent, meaning, writer) STATSUBS_API extern kind name;
 #define STATSUBS_DEFINE_SHARED(kind, name, extent, meaning, writer) kind name{};
