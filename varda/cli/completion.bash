@@ -1,0 +1,20 @@
+# SPDX-License-Identifier: Apache-2.0
+# Completion of varda's command line for bash.
+_varda() {
+  local current=$2 previous=$3
+  case $previous in
+    -o | --output)
+      mapfile -t COMPREPLY < <(compgen -d -- "$current")
+      return
+      ;;
+    --seed | --samples) return ;;
+  esac
+  if [ "$COMP_CWORD" -eq 1 ]; then
+    mapfile -t COMPREPLY < <(compgen -W "fit evaluate --help --version" -- "$current")
+  elif [[ $current == -* ]]; then
+    mapfile -t COMPREPLY < <(compgen -W "--output --seed --samples --quiet --records --help" -- "$current")
+  else
+    mapfile -t COMPREPLY < <(compgen -d -- "$current"; compgen -f -X '!*.toml' -- "$current")
+  fi
+}
+complete -o filenames -F _varda varda
