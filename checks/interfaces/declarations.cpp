@@ -78,9 +78,12 @@ std::vector<routine> declared_routines(const std::string& header, const std::str
   std::vector<routine> found;
   for (matches match(code.begin(), code.end(), declaration), end; match != end; ++match) {
     const auto parameters = parsed_parameters((*match)[4]);
-    if (!parameters) continue;
-    if (!(*match)[1].matched)
-      throw std::runtime_error(header + ": " + (*match)[3].str() + " is not marked STATSUBS_API");
+    const bool marked = (*match)[1].matched;
+    if (!parameters && !marked) continue;
+    if (!parameters || !marked)
+      throw std::runtime_error(
+          header + ": " + (*match)[3].str() +
+          (marked ? " has an argument that C does not know" : " is not marked STATSUBS_API"));
     found.push_back({header, "", (*match)[2], (*match)[3], *parameters});
   }
   return found;

@@ -38,7 +38,8 @@ std::string contents(const std::string& path);
 
 // The routines that a header's text declares STATSUBS_API, in its order. Throws std::runtime_error
 // for a declaration that has the shape of a public routine (every argument a reference or a pointer
-// to a plain type) and is not marked: such a routine would be missing from every interface.
+// to a plain type) and is not marked, or is marked and has not: such a routine would be missing
+// from every interface.
 std::vector<routine> declared_routines(const std::string& header, const std::string& text);
 
 // The routines of all public headers below `source`/statsubs, by header. The folders support

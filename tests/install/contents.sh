@@ -9,7 +9,7 @@ library=$1/$2/libstatsubs.so
 work=$(mktemp -d)
 trap 'rm -r "$work"' EXIT
 
-readelf -d "$library" | grep -q 'SONAME.*libstatsubs\.so\.0\.' || { echo "no versioned SONAME"; exit 1; }
+readelf -d "$library" | grep -q 'SONAME.*libstatsubs\.so\.[0-9]' || { echo "no versioned SONAME"; exit 1; }
 nm -D --defined-only "$library" | awk '{print $3}' > "$work/symbols"
 
 # Everything has a name of ours: mangled in the namespace, or with the prefix.

@@ -1,19 +1,17 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
 #
-# The Debian packages: debian.sh CPACK BUILD FOLDER. Each depends on what its binaries need.
+# The Debian packages hold their parts and depend on what their binaries need:
+# debian.sh CPACK BUILD FOLDER
 set -eu
-rm -rf "$3"
-"$1" --config "$2/CPackConfig.cmake" -G DEB -B "$3" > /dev/null 2>&1
-for package in libstatsubs0.1 libstatsubs-dev varda; do
-  deb=$(echo "$3/${package}"_*.deb)
-  dpkg-deb -c "$deb" > "$3/$package.files"
-  dpkg-deb -f "$deb" Depends > "$3/$package.depends"
-done
-grep -q 'libc6' "$3/libstatsubs0.1.depends"
-grep -q 'liblapack3' "$3/libstatsubs0.1.depends"
-grep -q 'libstatsubs0.1 (= ' "$3/libstatsubs-dev.depends"
-grep -q 'libnlopt0' "$3/varda.depends"
-grep -q 'libstatsubs\.so\.0\.1$' "$3/libstatsubs0.1.files" || grep -q 'libstatsubs\.so\.0\.1 ->' "$3/libstatsubs0.1.files"
-grep -q 'include/statsubs/c/statsubs\.h' "$3/libstatsubs-dev.files"
-grep -q 'bin/varda$' "$3/varda.files"
+folder=$3
+rm -rf "$folder"
+"$1" --config "$2/CPackConfig.cmake" -G DEB -B "$folder" > /dev/null 2>&1
+
+expect() {  # PACKAGE DEPENDENCY FILE
+  dpkg-deb -f "$folder"/$1_*.deb Depends | grep "$2" > /dev/null || { echo "$1 needs $2"; exit 1; }
+  dpkg-deb -c "$folder"/$1_*.deb | grep "$3" > /dev/null || { echo "$1 lacks $3"; exit 1; }
+}
+expect 'libstatsubs[0-9]*' 'liblapack3' 'libstatsubs\.so\.[0-9]'
+expect 'libstatsubs-dev' 'libstatsubs[0-9.]* (= ' 'include/statsubs/c/statsubs\.h$'
+expect 'varda' 'libnlopt0' 'bin/varda$'
