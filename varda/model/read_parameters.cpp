@@ -100,6 +100,10 @@ void read_parameters(section from, model_file& file) {
   const auto structure = make_structural_model(file.structure);
   const std::vector<std::string>& names = structure->parameter_names();
   file.data.compartments = structure->dose_compartments();
+  for (int c = 1; c <= file.data.compartments; ++c) {
+    if (structure->models_rate(c)) file.data.modelled_rate.push_back(c);
+    if (structure->models_duration(c)) file.data.modelled_duration.push_back(c);
+  }
   // First, so that a misspelt name is not reported as a missing one.
   for (const std::string& name : names) from.accept(name);
   from.refuse_leftovers();

@@ -7,12 +7,31 @@
 
 namespace varda {
 
+namespace {
+
+void read_compartments(section& from, structure_choice& choice) {
+  choice.by = static_cast<parametrisation>(
+      from.word_or("parametrisation", 0, {"clearance", "rate-constant"}));
+  choice.lag_time = from.flag_or("lag_time", false);
+  choice.bioavailability = from.flag_or("bioavailability", false);
+  choice.modelled_rate = from.flag_or("modelled_rate", false);
+  choice.modelled_duration = from.flag_or("modelled_duration", false);
+  if (choice.name.ends_with("intravenous") || choice.name.ends_with("bolus")) return;
+  for (const char* key : {"modelled_rate", "modelled_duration"})
+    if (from.has(key))
+      throw from.error("E-MODEL-KEY", key, "only intravenous models take this key",
+                       "the duration of zero-order absorption is always a parameter");
+}
+
+}  // namespace
+
 void read_structure(section from, model_file& file) {
   const std::vector<std::string> structures = structural_model_names();
   std::string& name = file.structure.name;
   name = from.needed_text("structure", "the structural model");
   if (std::find(structures.begin(), structures.end(), name) == structures.end())
     throw from.unknown_word("structure", name, structures);
+  read_compartments(from, file.structure);
   from.refuse_leftovers();
 }
 

@@ -3,26 +3,52 @@
 
 #include <utility>
 
-#include "varda/model/one_compartment.h"
+#include "varda/model/compartment_model.h"
+#include "varda/model/compartment_parameters.h"
 
 namespace varda {
 
 namespace {
 
-using maker = std::unique_ptr<structural_model> (*)();
+using maker = std::unique_ptr<structural_model> (*)(const structure_choice&);
 
-template <class Model>
-std::unique_ptr<structural_model> make() {
-  return std::make_unique<Model>();
+template <class Clearances, class Rates, route By>
+std::unique_ptr<structural_model> make(const structure_choice& choice) {
+  const bool intravenous = By == route::intravenous;
+  const administration_choice given = {
+      .by = By,
+      .lag_time = choice.lag_time,
+      .bioavailability = choice.bioavailability,
+      .modelled_rate = intravenous && choice.modelled_rate,
+      .modelled_duration = intravenous && choice.modelled_duration,
+  };
+  if (choice.by == parametrisation::rate_constant)
+    return std::make_unique<compartment_model<Rates>>(given);
+  return std::make_unique<compartment_model<Clearances>>(given);
 }
 
-// Every structural model: a new one takes a class and a line here.
-const std::vector<std::pair<std::string, maker>>& all_models() {
-  static const std::vector<std::pair<std::string, maker>> models = {
-      {"one-compartment bolus", make<one_compartment_bolus>},
-      {"one-compartment oral", make<one_compartment_oral>},
-  };
-  return models;
+using models = std::vector<std::pair<std::string, maker>>;
+
+template <class Clearances, class Rates>
+void add_routes(models& to, const std::string& compartments) {
+  to.emplace_back(compartments + " intravenous", make<Clearances, Rates, route::intravenous>);
+  to.emplace_back(compartments + " bolus", make<Clearances, Rates, route::intravenous>);
+  to.emplace_back(compartments + " oral", make<Clearances, Rates, route::oral>);
+  to.emplace_back(compartments + " zero-order", make<Clearances, Rates, route::zero_order>);
+}
+
+// Every structural model: a new one takes a class or a struct and a line here.
+models list_models() {
+  models all;
+  add_routes<one_compartment_clearances, one_compartment_rates>(all, "one-compartment");
+  add_routes<two_compartment_clearances, two_compartment_rates>(all, "two-compartment");
+  add_routes<three_compartment_clearances, three_compartment_rates>(all, "three-compartment");
+  return all;
+}
+
+const models& all_models() {
+  static const models all = list_models();
+  return all;
 }
 
 }  // namespace
@@ -35,7 +61,7 @@ std::vector<std::string> structural_model_names() {
 
 std::unique_ptr<structural_model> make_structural_model(const structure_choice& choice) {
   for (const auto& [known, make_it] : all_models())
-    if (known == choice.name) return make_it();
+    if (known == choice.name) return make_it(choice);
   return nullptr;
 }
 

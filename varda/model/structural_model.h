@@ -60,15 +60,24 @@ class structural_model {
   virtual void predict(const subject& who, const parameter_path& p, std::span<double> f) const = 0;
 };
 
-// What a model file chooses of the model library.
+enum class parametrisation { clearance, rate_constant };
+
+// What a model file chooses of the model library. compartment_model.h says what the choices after
+// the name mean.
 struct structure_choice {
   std::string name;
+  parametrisation by = parametrisation::clearance;
+  bool lag_time = false;
+  bool bioavailability = false;
+  bool modelled_rate = false;
+  bool modelled_duration = false;
 };
 
 // The names that make_structural_model knows.
 std::vector<std::string> structural_model_names();
 
-// The model chosen, or null where no model has the name.
+// The model chosen, or null where no model has the name. Only models whose name ends in
+// "intravenous" or "bolus" take notice of modelled_rate and modelled_duration.
 std::unique_ptr<structural_model> make_structural_model(const structure_choice& choice);
 
 }  // namespace varda
