@@ -10,7 +10,7 @@
 
 #include "tests/varda/compartment_reference.h"
 #include "varda/model/compartment_model.h"
-#include "varda/model/exponentials.h"
+#include "varda/model/decays.h"
 #include "varda/model/structural_model.h"
 
 namespace varda {
@@ -61,70 +61,38 @@ individual make_individual(int compartments, route by, bool rates, double lag, d
   return who;
 }
 
-void observe(subject& who, const std::vector<double>& times) {
-  for (const double t : times) append(who, observation{.time = t});
+std::ifstream reference_file(const std::string& name) {
+  return std::ifstream(SOURCE_FOLDER "/tests/varda/reference/" + name);
 }
 
-void change_segment(subject& who, double time) {
-  who.timeline.push_back({event_kind::segment, time, static_cast<int>(who.segments.size())});
-  who.segments.push_back({.begin = time, .covariates = {}});
+dose read_dose(std::istream& fields, double time, const structural_model& model) {
+  dose d{.time = time};
+  fields >> d.amount >> d.compartment >> d.rate;
+  if (d.compartment == 0) d.compartment = model.dose_compartments();
+  if (d.rate > 0.0) d.input = dose_input::infusion;
+  if (d.rate == -1.0 && model.models_rate(1)) d.input = dose_input::modelled_rate;
+  if (d.rate == -2.0 && model.models_duration(1)) d.input = dose_input::modelled_duration;
+  d.rate = std::max(d.rate, 0.0);
+  d.steady_state = static_cast<bool>(fields >> d.interval);
+  return d;
 }
 
-void reset(subject& who, double time) {
-  who.timeline.push_back({event_kind::reset, time, 0});
-}
-
-// Overlapping inputs into first and last compartments, steady states of every kind with and without
-// a reset before them, parameters that change in the middle of an infusion, and tails.
 subject eventful(const structural_model& model) {
-  const int last = model.dose_compartments();
-  const dose_input by_rate = model.models_rate(1) ? dose_input::modelled_rate : dose_input::bolus;
-  const dose_input by_duration =
-      model.models_duration(1) ? dose_input::modelled_duration : dose_input::bolus;
-  const dose_input infusion = dose_input::infusion;
   subject who;
   who.segments.resize(1);
-  observe(who, {-1.0});
-  append(who, dose{.time = 0.0, .amount = 100.0});
-  observe(who, {0.0, 0.01, 0.5, 2.0});
-  append(who, dose{.time = 3.0, .amount = 90.0, .input = infusion, .rate = 20.0});
-  append(who, dose{.time = 3.5, .amount = 40.0, .compartment = last});
-  observe(who, {3.5, 4.0});
-  append(who,
-         dose{.time = 4.0, .amount = 30.0, .compartment = last, .input = infusion, .rate = 9.0});
-  observe(who, {4.001, 7.4, 7.5, 9.0});
-  append(who, dose{.time = 10.0, .amount = 60.0, .steady_state = true, .interval = 6.0});
-  observe(who, {10.0, 10.2, 13.0});
-  append(who, dose{.time = 14.0, .amount = 60.0, .input = by_rate});
-  change_segment(who, 15.0);
-  observe(who, {15.0, 16.0});
-  append(who, dose{.time = 16.0, .amount = 60.0, .input = by_duration});
-  observe(who, {17.0, 19.0});
-  reset(who, 20.0);
-  observe(who, {20.0});
-  append(who, dose{.time = 21.0, .amount = 10.0});
-  reset(who, 24.0);
-  append(who, dose{.time = 24.0,
-                   .amount = 100.0,
-                   .input = infusion,
-                   .rate = 10.0,
-                   .steady_state = true,
-                   .interval = 4.0});
-  observe(who, {24.0, 25.0, 30.0});
-  append(who, dose{.time = 30.0,
-                   .amount = 20.0,
-                   .compartment = last,
-                   .input = infusion,
-                   .rate = 10.0,
-                   .steady_state = true,
-                   .interval = 5.0});
-  change_segment(who, 31.0);
-  observe(who, {31.0, 40.0});
-  reset(who, 45.0);
-  append(who, dose{.time = 45.0, .input = infusion, .rate = 5.0, .steady_state = true});
-  observe(who, {45.0, 45.5, 52.0, 60.0});
-  for (int n = 0; n < 5; ++n) append(who, dose{.time = 60.0 + 12.0 * n, .amount = 100.0});
-  observe(who, {108.5, 120.0, 200.0});
+  std::ifstream file = reference_file("history.txt");
+  for (std::string line; std::getline(file, line);) {
+    std::istringstream fields(line);
+    std::string what;
+    double time = 0.0;
+    if (!(fields >> what >> time)) continue;
+    if (what == "see") append(who, observation{.time = time});
+    if (what == "dose") append(who, read_dose(fields, time, model));
+    if (what == "reset") who.timeline.push_back({event_kind::reset, time, 0});
+    if (what != "segment") continue;
+    who.timeline.push_back({event_kind::segment, time, static_cast<int>(who.segments.size())});
+    who.segments.resize(who.segments.size() + 1);
+  }
   return who;
 }
 
@@ -138,6 +106,7 @@ TEST(Compartments, AgreeWithTheirDifferentialEquations) {
         const auto model = make_structural_model(a.choice);
         ASSERT_EQ(model->parameter_names().size(), a.p.size());
         const subject who = eventful(*model);
+        ASSERT_EQ(who.observations.size(), 31U);
         std::vector<double> p = a.p;
         p.insert(p.end(), b.p.begin(), b.p.end());
         p.insert(p.end(), a.p.begin(), a.p.end());
@@ -152,9 +121,9 @@ TEST(Compartments, AgreeWithTheirDifferentialEquations) {
       }
 }
 
-// Rows of a table of numbers with a line of names first.
+// The rows of a table of numbers below its line of names.
 std::vector<std::vector<double>> table(const std::string& name) {
-  std::ifstream file(SOURCE_FOLDER "/tests/varda/reference/" + name);
+  std::ifstream file = reference_file(name);
   std::vector<std::vector<double>> rows;
   std::string line;
   std::getline(file, line);
@@ -199,6 +168,24 @@ TEST(Compartments, KeepTheirDigitsWhereRatesAreClose) {
   }
 }
 
+TEST(Decays, AreExponentialsToTheLastPlace) {
+  for (const double most : {1e-18, 0.1, 3.0, 70.0, 707.0}) {
+    double t[32], f[32];
+    for (int j = 0; j < 31; ++j) t[j] = most * std::sqrt(j / 31.0);
+    decays(1.0, t, 31, f);
+    for (int j = 0; j < 31; ++j) {
+      const long double exact = std::exp(-static_cast<long double>(t[j]));
+      EXPECT_NEAR(static_cast<double>(f[j] / exact - 1.0L), 0.0, 2.3e-16) << t[j];
+    }
+  }
+  const double far[] = {709.0, 1e300, 0.0, std::nan("")};
+  double f[4];
+  decays(1.0, far, 4, f);
+  EXPECT_EQ(f[0] + f[1], 0.0);
+  EXPECT_EQ(f[2], 1.0);
+  EXPECT_TRUE(std::isnan(f[3]));
+}
+
 // The example of docs/structural-models.md.
 struct half_life {
   static constexpr int compartments = 1;
@@ -209,47 +196,17 @@ struct half_life {
   }
 };
 
-struct emax_parameters {
-  double E0, Emax, ED50;
-};
-
-class emax : public typed_model<emax_parameters> {
- public:
-  emax()
-      : typed_model({{"E0", &emax_parameters::E0},
-                     {"Emax", &emax_parameters::Emax},
-                     {"ED50", &emax_parameters::ED50}}) {}
-  int dose_compartments() const override { return 1; }
-
- private:
-  void predict_typed(const subject& who, const typed_path<emax_parameters>& path,
-                     std::span<double> f) const override {
-    double given = 0.0;
-    for (const event& e : who.timeline) {
-      const auto at = static_cast<std::size_t>(e.index);
-      if (e.kind == event_kind::dose) given += who.doses[at].amount;
-      if (e.kind != event_kind::observation) continue;
-      const emax_parameters p = path.in_segment(who.observations[at].segment);
-      f[at] = p.E0 + p.Emax * given / (p.ED50 + given);
-    }
-  }
-};
-
-TEST(TypedModels, AreModelsLikeTheOthers) {
+TEST(CompartmentModel, TakesAStructOfParameters) {
   subject who;
   who.segments.resize(1);
   append(who, dose{.amount = 80.0});
-  observe(who, {0.0, 3.0, 6.0});
+  for (const double t : {0.0, 3.0, 6.0}) append(who, observation{.time = t});
   std::vector<double> f(3);
   const compartment_model<half_life> one({.by = route::intravenous, .bioavailability = true});
   EXPECT_EQ(one.parameter_names(), (std::vector<std::string>{"thalf", "V", "F"}));
   const double p[] = {3.0, 10.0, 0.5};
   one.predict(who, {p, 3, 1}, f);
   for (std::size_t k = 0; k < 3; ++k) EXPECT_DOUBLE_EQ(f[k], 4.0 / std::pow(2.0, k));
-
-  const double q[] = {1.0, 8.0, 80.0};
-  emax().predict(who, {q, 3, 1}, f);
-  EXPECT_EQ(f[2], 5.0);
 }
 
 }  // namespace

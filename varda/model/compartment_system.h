@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstddef>
 
+#include "varda/model/decays.h"
 #include "varda/model/exponentials.h"
 #include "varda/model/mammillary.h"
 
@@ -87,11 +88,10 @@ class compartment_system {
   void follow(state& x, const double* t, std::size_t count, double* f) const {
     double absorbed[longest_run], left[longest_run], moved[longest_run];
     const bool fed = x.depot != 0.0;
-    if (fed)
-      for (std::size_t j = 0; j < count; ++j) absorbed[j] = std::exp(-ka_ * t[j]);
+    if (fed) decays(ka_, t, count, absorbed);
     for (std::size_t i = 0; i < N; ++i) {
       const double rate = spectrum_.rate[i];
-      for (std::size_t j = 0; j < count; ++j) left[j] = std::exp(-rate * t[j]);
+      decays(rate, t, count, left);
       if (!fed) {
         for (std::size_t j = 0; j < count; ++j) left[j] *= x.mode[i];
       } else {
