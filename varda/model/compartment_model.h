@@ -65,9 +65,10 @@ class compartment_model final : public typed_model<compartment_model_parameters<
 
   void predict_typed(const subject& who, const typed_path<parameters>& path,
                      std::span<double> f) const override {
-    const auto in_segment = [&path](int segment) -> kinetics<compartments> {
-      const parameters p = path.in_segment(segment);
-      return {p.rates(), p};
+    parameters p = path.in_segment(0);
+    const auto in_segment = [&](int segment) -> kinetics<compartments> {
+      if (segment > 0) p = path.in_segment(segment);
+      return {p.rates(), &p};
     };
     walk_timeline<compartments>(who, choice_.by, in_segment, path.constant(), f);
   }

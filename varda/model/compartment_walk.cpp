@@ -23,7 +23,7 @@ bool positive(double x) {
 template <int N>
 bool admissible(const kinetics<N>& model) {
   const mammillary<N>& rates = model.rates;
-  const administration& given = model.given;
+  const administration& given = *model.given;
   return positive(rates.volume) && positive(rates.elimination) &&
          std::all_of(rates.to.begin(), rates.to.end(), positive) &&
          std::all_of(rates.from.begin(), rates.from.end(), positive) &&
@@ -89,12 +89,12 @@ template <int N>
 class walk {
  public:
   walk(const subject& who, route by, const kinetics<N>& model)
-      : who_(who), by_(by), given_(model.given), system_(model.rates, given_.absorption_rate) {
+      : who_(who), by_(by), given_(model.given), system_(model.rates, given_->absorption_rate) {
     if (!who.timeline.empty()) now_ = who.timeline.front().time;
   }
 
   void change(const kinetics<N>& model) {
-    const system next(model.rates, model.given.absorption_rate);
+    const system next(model.rates, model.given->absorption_rate);
     state_ = next.taken_over(state_, system_);
     system_ = next;
     given_ = model.given;
@@ -155,15 +155,15 @@ class walk {
     u.amount = d.amount;
     u.rate = d.rate;
     if (!oral || u.compartment == system::depot) {
-      u.lag_time = given_.lag_time;
-      u.amount *= given_.bioavailability;
+      u.lag_time = given_->lag_time;
+      u.amount *= given_->bioavailability;
     }
     dose_input input = d.input;
     if (input == dose_input::bolus && by_ == route::zero_order && number == 0)
       input = dose_input::modelled_duration;
-    if (input == dose_input::modelled_rate) u.rate = given_.rate;
+    if (input == dose_input::modelled_rate) u.rate = given_->rate;
     if (input == dose_input::modelled_duration) {
-      u.duration = given_.duration;
+      u.duration = given_->duration;
       u.rate = u.amount / u.duration;
     } else if (input != dose_input::bolus) {
       u.duration = u.amount / u.rate;
@@ -253,7 +253,7 @@ class walk {
 
   const subject& who_;
   route by_;
-  administration given_;
+  const administration* given_;
   system system_;
   state state_;
   typename system::inputs input_{};

@@ -34,7 +34,7 @@ struct administration {
 template <int N>
 struct kinetics {
   mammillary<N> rates;
-  administration given;
+  const administration* given;  // not owned; read again for every dose
 };
 
 // Writes the concentrations in the central compartment into f, one for each observation.

@@ -40,7 +40,7 @@ rotation annulling(double b, double h) {
 // Only the upper triangle of `a` is kept.
 template <int N, std::size_t P, std::size_t Q>
 bool rotate(square<N>& a, square<N>& vector) {
-  constexpr double negligible = std::numeric_limits<double>::epsilon();
+  constexpr double negligible = 8.0 * std::numeric_limits<double>::epsilon();
   const double b = a[P][Q];
   if (b * b <= negligible * negligible * std::fabs(a[P][P] * a[Q][Q])) return false;
   const auto [t, c, s] = annulling(b, a[Q][Q] - a[P][P]);
@@ -56,7 +56,9 @@ bool rotate(square<N>& a, square<N>& vector) {
     constexpr std::size_t K = 3 - P - Q;
     turn(K < P ? a[K][P] : a[P][K], K < Q ? a[K][Q] : a[Q][K]);
   }
-  for (std::size_t k = 0; k < N; ++k) turn(vector[k][P], vector[k][Q]);
+  turn(vector[0][P], vector[0][Q]);
+  turn(vector[1][P], vector[1][Q]);
+  if constexpr (N == 3) turn(vector[2][P], vector[2][Q]);
   return true;
 }
 
@@ -100,13 +102,13 @@ void start_from_fastest(square<3>& a, square<3>& vector) {
   const double per_g = 1.0 / w[0];
   const double u[3] = {p * w[0] + b * w[1] + c * w[2], b * w[0] + q * w[1], c * w[0] + r * w[2]};
   const double twist = 0.5 * per_g * (w[0] * u[0] + w[1] * u[1] + w[2] * u[2]);
-  for (std::size_t i = 0; i < 3; ++i)
-    for (std::size_t j = i; j < 3; ++j) {
-      const double turn = w[i] * w[j] * per_g;
-      a[i][j] -= per_g * (u[i] * w[j] + w[i] * u[j]) - 2.0 * twist * turn;
-      vector[i][j] -= turn;
-      if (i != j) vector[j][i] -= turn;
-    }
+  const auto reflect = [&](std::size_t i, std::size_t j) {
+    const double turn = w[i] * w[j] * per_g;
+    a[i][j] -= per_g * (u[i] * w[j] + w[i] * u[j]) - 2.0 * twist * turn;
+    vector[i][j] -= turn;
+    if (i != j) vector[j][i] -= turn;
+  };
+  reflect(0, 0), reflect(0, 1), reflect(0, 2), reflect(1, 1), reflect(1, 2), reflect(2, 2);
   rotate<3, 1, 2>(a, vector);
 }
 
