@@ -46,8 +46,11 @@ model_file read_model_file(const std::string& path, findings& warnings,
   file.title = root.text("title").value_or("");
   read_data(root.needed_table("data", "the data set"), file);
 
-  read_structure(root.needed_table("model", "the structural model"), file);
-  read_parameters(root.needed_table("parameters", "the parameters of the model"), file);
+  section model = root.needed_table("model", "the structural model");
+  const section parameters = root.needed_table("parameters", "the parameters of the model");
+  file.structure.equations.parameters = parameters.keys();
+  read_structure(std::move(model), file);
+  read_parameters(parameters, file);
   read_omega(root.needed_table("omega", "the variances of the random effects"), file);
   read_residual(root.needed_table("residual", "the residual error"), file);
   if (auto estimation = root.table("estimation")) read_estimation(*estimation, file);

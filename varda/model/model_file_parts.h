@@ -10,6 +10,8 @@
 namespace varda {
 
 void read_structure(section from, model_file& file);
+// The formulas of a structure in equations; a part of read_structure.
+void read_equations(section& from, model_file& file);
 void read_parameters(section from, model_file& file);
 void read_omega(section from, model_file& file);
 void read_residual(section from, model_file& file);

@@ -284,12 +284,14 @@ void check_start(const population_model& model) {
     if (k < 0) continue;
     const observation& failed = who.observations[static_cast<std::size_t>(k)];
     const double prediction = f[static_cast<std::size_t>(k)];
+    const std::string why = model.structure().last_failure();
     throw bad_input(
         {.code = "E-RUN-START",
          .message =
              fmt::format("the model cannot be evaluated at the start values: prediction {}, "
-                         "residual deviation {}",
-                         prediction, model.residual().deviation(failed, prediction, theta.data())),
+                         "residual deviation {}{}{}",
+                         prediction, model.residual().deviation(failed, prediction, theta.data()),
+                         why.empty() ? "" : "; ", why),
          .remedy = "a proportional error needs predictions other than 0 (leave such records out or "
                    "add an additive error), a log-normal one predictions and values above 0; "
                    "otherwise change the start values",

@@ -26,12 +26,16 @@ void read_compartments(section& from, structure_choice& choice) {
 }  // namespace
 
 void read_structure(section from, model_file& file) {
-  const std::vector<std::string> structures = structural_model_names();
+  std::vector<std::string> structures = structural_model_names();
+  structures.insert(structures.end(), {formula_structure, equation_structure});
   std::string& name = file.structure.name;
   name = from.needed_text("structure", "the structural model");
   if (std::find(structures.begin(), structures.end(), name) == structures.end())
     throw from.unknown_word("structure", name, structures);
-  read_compartments(from, file.structure);
+  if (name == formula_structure || name == equation_structure)
+    read_equations(from, file);
+  else
+    read_compartments(from, file.structure);
   from.refuse_leftovers();
 }
 

@@ -5,6 +5,8 @@
 
 #include "varda/model/compartment_model.h"
 #include "varda/model/compartment_parameters.h"
+#include "varda/model/equation_model.h"
+#include "varda/model/formula_model.h"
 
 namespace varda {
 
@@ -60,6 +62,8 @@ std::vector<std::string> structural_model_names() {
 }
 
 std::unique_ptr<structural_model> make_structural_model(const structure_choice& choice) {
+  if (choice.name == formula_structure) return std::make_unique<formula_model>(choice.equations);
+  if (choice.name == equation_structure) return std::make_unique<equation_model>(choice.equations);
   for (const auto& [known, make_it] : all_models())
     if (known == choice.name) return make_it(choice);
   return nullptr;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "varda/data/dataset.h"
+#include "varda/model/equation_text.h"
 
 namespace varda {
 
@@ -58,12 +59,15 @@ class structural_model {
   // domain give NaN, which the engine treats as a failed evaluation. f has who.observations.size()
   // entries.
   virtual void predict(const subject& who, const parameter_path& p, std::span<double> f) const = 0;
+
+  // Why the last predict gave NaN, as a sentence without its capital; empty where nothing is known.
+  virtual std::string last_failure() const { return {}; }
 };
 
 enum class parametrisation { clearance, rate_constant };
 
-// What a model file chooses of the model library. compartment_model.h says what the choices after
-// the name mean.
+// What a model file chooses: a model of the library by its name, or its own equations.
+// compartment_model.h says what the choices between the two mean.
 struct structure_choice {
   std::string name;
   parametrisation by = parametrisation::clearance;
@@ -71,13 +75,16 @@ struct structure_choice {
   bool bioavailability = false;
   bool modelled_rate = false;
   bool modelled_duration = false;
+  equation_text equations{};
 };
 
-// The names that make_structural_model knows.
+// The names of the library, and those under which a file brings its own equations.
 std::vector<std::string> structural_model_names();
+inline constexpr const char* formula_structure = "formula";
+inline constexpr const char* equation_structure = "equations";
 
 // The model chosen, or null where no model has the name. Only models whose name ends in
-// "intravenous" or "bolus" take notice of modelled_rate and modelled_duration.
+// "intravenous" or "bolus" take notice of modelled_rate and modelled_duration. Throws formula_error.
 std::unique_ptr<structural_model> make_structural_model(const structure_choice& choice);
 
 }  // namespace varda
