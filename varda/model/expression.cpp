@@ -135,7 +135,7 @@ std::string word_before(const std::string& text, std::size_t end) {
 syntax_error unknown_function(const std::string& name, std::size_t position) {
   const std::vector<std::string> functions = formula_functions();
   const std::string near = did_you_mean(name, functions);
-  return {fmt::format("there is no function {} (position {})", name, position + 1 - name.size()),
+  return {fmt::format("there is no function {} (position {})", name, position + 1),
           near.empty() ? fmt::format("the functions are {}", fmt::join(functions, ", "))
                        : "did you mean " + near + "? A product needs *"};
 }
@@ -155,7 +155,7 @@ syntax_error explained(const mu::ParserError& error, const std::string& text) {
     case mu::ecUNEXPECTED_PARENS: {
       const std::string word =
           text[std::min(position, text.size() - 1)] == '(' ? word_before(text, position) : "";
-      if (!word.empty()) return unknown_function(word, position);
+      if (!word.empty()) return unknown_function(word, text.rfind(word, position));
       return found("an unexpected parenthesis", "every ( needs one ), and a product needs *");
     }
     case mu::ecMISSING_PARENS:
@@ -165,6 +165,7 @@ syntax_error explained(const mu::ParserError& error, const std::string& text) {
       return found("a function with a wrong number of arguments",
                    "most take one; pow and mod take two, min and max one or more");
     case mu::ecUNEXPECTED_EOF:
+    case mu::ecUNEXPECTED_OPERATOR:
       return found("something is missing", "an operator needs a value on either side");
     case mu::ecMISSING_ELSE_CLAUSE:
     case mu::ecMISPLACED_COLON:

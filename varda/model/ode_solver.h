@@ -56,6 +56,8 @@ class ode_solver {
   // The largest error of a component in units of its tolerance; NaN where one is not finite.
   double scaled_error(const double* error, const double* before, const double* after) const;
 
+  double scale() const { return scale_; }
+
   ode_system* system_;
 
  private:

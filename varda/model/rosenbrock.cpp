@@ -84,14 +84,14 @@ class rosenbrock final : public ode_solver {
     g = solver_.solve(right_);
   }
 
-  // Derivatives by forward differences, at the beginning of a step. A state at 0 is moved by what
-  // the step would change it by, so that the difference is of the size that matters.
+  // Derivatives by forward differences, at the beginning of a step. A state near 0 is moved by a
+  // share of the system's scale: less would drown in the rounding of the larger states.
   void differentiate(double t, double h) {
     system_->derivative(t, x_.data(), dxdt_.data());
     stage_x_ = x_;
     for (Eigen::Index k = 0; k < size_; ++k) {
-      const double size = std::max(std::fabs(x_[k]), std::fabs(h * dxdt_[k]));
-      stage_x_[k] = x_[k] + std::sqrt(epsilon) * (size > 0.0 ? size : 1.0);
+      const double size = std::max(std::fabs(x_[k]), 1e-3 * scale());
+      stage_x_[k] = x_[k] + std::sqrt(epsilon) * size;
       system_->derivative(t, stage_x_.data(), moved_dxdt_.data());
       jacobian_.col(k) = (moved_dxdt_ - dxdt_) / (stage_x_[k] - x_[k]);
       stage_x_[k] = x_[k];
