@@ -17,7 +17,7 @@ struct formula_line {
 
 struct solver_settings {
   bool stiff = false;
-  double relative = 1e-8;   // error allowed in a step, as a share of the state
+  double relative = 1e-9;   // error allowed in a step, as a share of the state
   double absolute = 1e-11;  // and near 0, as a share of the subject's largest dose
   int max_steps = 100000;   // between two events
 };
