@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -97,15 +98,23 @@ void expect_place(const finding& found, const std::string& code, const std::stri
   EXPECT_EQ(found.column, column);
 }
 
+// The head that the cases of a kind in bad_data.txt share.
+std::string head_of(const std::string& kind) {
+  if (kind == "record") return "ID,TIME,DV,AMT,EVID,MDV,CMT,RATE\nA,0,.,9,1,.,1,.\n";
+  if (kind == "dose") return "ID,TIME,DV,AMT,RATE,DUR,II,ADDL,SS,CMT,EVID\n";
+  if (kind == "value") return "ID,TIME,DV,AMT,CENS,LIMIT,OCC\nA,0,.,9,.,.,1\n";
+  return "";
+}
+
 TEST(Dataset, RefusesWhatItCannotUse) {
   const auto cases = refused_cases("bad_data.txt", 6);
-  ASSERT_EQ(cases.size(), 39U);
+  ASSERT_EQ(cases.size(), 63U);
   for (const refused_case& c : cases) {
     SCOPED_TRACE("bad_data.txt, line " + std::to_string(c.line));
-    const bool record = c.fields[0] == "record";
-    const std::string head = "ID,TIME,DV,AMT,EVID,MDV,CMT,RATE\nA,0,.,9,1,.,1,.\n";
-    data_source source = source_of(file_with((record ? head : "") + c.fields[5], "bad.csv"));
+    data_source source = source_of(file_with(head_of(c.fields[0]) + c.fields[5], "bad.csv"));
     source.compartments = 2;
+    source.modelled_rate = {1};
+    source.occasions = c.fields[0] == "value";
     if (c.fields[0] == "weight") source.covariates = {"WT"};
     const finding found = refusal([&](findings& w) { read_dataset(source, w); });
     expect_place(found, c.fields[1], source.file, c.fields[2], c.fields[3]);
@@ -133,7 +142,7 @@ TEST(Dataset, ReadsEveryWayOfWritingIt) {
   const std::string plain = "ID,TIME,DV,AMT\nA 1,-2,.,9\nA 1,0.5,5,.\n";
   for (const char separator : {',', ';', '\t'})
     for (const char* start : {"", "\xEF\xBB\xBF", "\n\n"})
-      for (const char* end : {"\n", "\r\n", " \r\n"}) {
+      for (const char* end : {"\n", "\r\n", " \r\n", "\r"}) {
         std::string text = start;
         for (const char c : plain) {
           if (c == '\n')
@@ -148,48 +157,117 @@ TEST(Dataset, ReadsEveryWayOfWritingIt) {
         EXPECT_EQ(data.subjects[0].doses[0].row, std::string(start) == "\n\n" ? 4 : 2);
         EXPECT_EQ(data.subjects[0].observations[0].value, 5.0);
       }
-  const csv_table quoted = read_csv(file_with("\"a\" , b\n\" x,\"\"y\"\"\" , z", "quoted.csv"));
+  findings rows;
+  const csv_table quoted =
+      read_csv(file_with("\"a\" , b\n\" x,\"\"y\"\"\" , z", "quoted.csv"), rows);
   EXPECT_THAT(quoted.header, ElementsAre("a", "b"));
   EXPECT_THAT(quoted.records[0].fields, ElementsAre(" x,\"y\"", "z"));
   // Separators in a column name, columns without a name, remarks.
-  const csv_table odd = read_csv(file_with(";\"b, c, d\";e,f;\n# a note\n1;2;3;4\n#", "odd.csv"));
+  const csv_table odd =
+      read_csv(file_with(";\"b, c, d\";e,f;\n# a note\n1;2;3;4\n#", "odd.csv"), rows);
   EXPECT_THAT(odd.header, ElementsAre("", "b, c, d", "e,f", ""));
   ASSERT_EQ(odd.records.size(), 1U);
   EXPECT_EQ(odd.records[0].line, 3);
 }
 
-TEST(Dataset, UnderstandsEventsInFileOrder) {
-  data_source source = source_of(file_with("subject,time,conc,AMT,EVID,MDV,CMT,WT\n"
-                                           "x,0,,100,1,1,2,\n"
-                                           "x,0,7.5,0,0,0,2,70\n"
-                                           "x,0,3,50,1,1,NA,70\n"
-                                           "x,0,8.5,.,0,.,2,70\n"
-                                           "x,1,.,.,0,1,2,70\n"
-                                           "x,2,.,.,2,1,2,70\n"
-                                           "y,0,.,1,.,.,.,60\n",
-                                           "events.csv"),
-                                 {"wt"});
-  source.columns = {{"ID", "Subject"}, {"DV", "CONC"}};
-  findings warnings;
-  const dataset data = read_dataset(source, warnings);
-  ASSERT_EQ(data.subjects.size(), 2U);
-  const subject& x = data.subjects[0];
-  ASSERT_EQ(x.doses.size(), 2U);
-  EXPECT_EQ(x.doses[0].compartment, 2);
-  EXPECT_EQ(x.doses[1].compartment, 1);
-  ASSERT_EQ(x.observations.size(), 2U);
-  std::vector<event_kind> order;
-  for (const event& e : x.timeline) order.push_back(e.kind);
-  EXPECT_THAT(order, ElementsAre(event_kind::dose, event_kind::observation, event_kind::dose,
-                                 event_kind::observation));
-  EXPECT_EQ(x.observations[1].row, 5);
-  EXPECT_THAT(x.segments.front().covariates, ElementsAre(70.0));
-  EXPECT_EQ(data.subjects[1].doses.size(), 1U);  // without EVID an amount makes a dose
-  EXPECT_EQ(data.records, 7);
-  EXPECT_EQ(data.excluded, 1);
-  std::vector<std::string> codes;
-  for (const finding& w : warnings) codes.push_back(w.code);
-  EXPECT_THAT(codes, ElementsAre("W-DATA-EXCLUDED", "W-DATA-NO-OBSERVATION", "W-DATA-DV-ON-DOSE"));
+std::string covariates_text(const dataset& data, const segment& s) {
+  std::string text;
+  for (std::size_t k = 0; k < s.covariates.size(); ++k)
+    text += fmt::format(" {} {}", data.covariate_names[k], s.covariates[k]);
+  return text;
+}
+
+std::string dose_text(const dose& d) {
+  std::string text = fmt::format("dose {}>{}", d.amount, d.compartment);
+  if (d.input == dose_input::infusion) text += fmt::format(" rate {}", d.rate);
+  if (d.input == dose_input::modelled_rate) text += " modelled rate";
+  if (d.input == dose_input::modelled_duration) text += " modelled duration";
+  return d.steady_state ? text + fmt::format(" ss {}", d.interval) : text;
+}
+
+std::string observation_text(const observation& o) {
+  const char* censored[] = {"", " left", " right", " interval"};
+  std::string text = fmt::format("obs {}{}", o.value, censored[static_cast<int>(o.censored)]);
+  if (o.censored == censoring::interval) text += fmt::format(" from {}", o.limit);
+  if (o.endpoint > 0) text += fmt::format(" endpoint {}", o.endpoint);
+  return o.segment > 0 ? text + fmt::format(" in {}", o.segment) : text;
+}
+
+std::string event_text(const dataset& data, const subject& who, const event& e) {
+  const auto at = static_cast<std::size_t>(e.index);
+  if (e.kind == event_kind::dose) return dose_text(who.doses[at]);
+  if (e.kind == event_kind::observation) return observation_text(who.observations[at]);
+  if (e.kind == event_kind::reset) return "reset";
+  const segment& s = who.segments[at];
+  EXPECT_EQ(s.begin, e.time);
+  return fmt::format("segment {}:{}", at, covariates_text(data, s)) +
+         (data.occasions() > 1 ? fmt::format(" occasion {}", s.occasion) : "");
+}
+
+// A data set and its warnings in the notation of legal_data.txt.
+std::string timelines_text(const dataset& data, const findings& warnings) {
+  std::string text;
+  for (const subject& who : data.subjects) {
+    if (!data.covariate_names.empty())
+      text += fmt::format("{} -{}\n", who.id, covariates_text(data, who.segments.front()));
+    for (const event& e : who.timeline)
+      text += fmt::format("{} {:.6g} {}\n", who.id, e.time, event_text(data, who, e));
+  }
+  for (const bool varies : data.covariate_varies) text += varies ? "varies\n" : "";
+  for (const finding& w : warnings)
+    text += fmt::format("{} {} {} {}\n", w.code, std::stoi(w.message), w.row, w.column);
+  return text;
+}
+
+// Sets what the first line of a case says about the model; false for any other line.
+bool set_model(const std::string& line, data_source& source) {
+  if (line == "covariates") return source.covariates = {"wt"}, true;
+  if (line == "occasions") return source.occasions = true;
+  if (line == "endpoints") return source.endpoints = {1, 4}, true;
+  if (line == "no doses") return source.doses_needed = false, true;
+  if (line != "rates") return false;
+  source.modelled_rate = {1};
+  source.modelled_duration = {2};
+  return true;
+}
+
+TEST(Dataset, MakesTimelinesOfRecords) {
+  std::ifstream file(SOURCE_FOLDER "/tests/varda/legal_data.txt");
+  int cases = 0;
+  while (file) {
+    data_source source;
+    std::string written, expected, line;
+    std::string* part = &written;
+    while (std::getline(file, line) && !line.empty()) {
+      if (line == "=>")
+        part = &expected;
+      else if (!line.starts_with("#") && !set_model(line, source))
+        *part += line + "\n";
+    }
+    if (expected.empty()) continue;
+    ++cases;
+    SCOPED_TRACE(written);
+    source.file = file_with(written, "legal.csv");
+    findings warnings;
+    const dataset data = read_dataset(source, warnings);
+    EXPECT_EQ(timelines_text(data, warnings), expected);
+  }
+  EXPECT_EQ(cases, 12);
+}
+
+TEST(Dataset, IsInspectedToItsEnd) {
+  // A refused dose record is not reported again as a subject without a dose.
+  const data_source source =
+      source_of(file_with("ID,TIME,DV,AMT\n1,0,.,x\n1,1,5,.\n2,0,.,9\n2,1,y,.\n2,2,z,.\n3,0,5,.\n"
+                          "1,3,5,.\n",
+                          "bad.csv"));
+  findings warnings, errors, two;
+  inspect_dataset(source, warnings, errors);
+  std::vector<int> rows;
+  for (const finding& f : errors) rows.push_back(f.row);
+  EXPECT_THAT(rows, ElementsAre(2, 5, 6, 7, 8));
+  inspect_dataset(source, warnings, two, 2);
+  EXPECT_EQ(two.size(), 2U);
 }
 
 // ---- model files ----

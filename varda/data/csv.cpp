@@ -9,7 +9,6 @@
 #include <fstream>
 #include <sstream>
 
-#include "varda/support/finding.h"
 #include "varda/support/text.h"
 
 namespace varda {
@@ -38,6 +37,8 @@ std::string whole_file(const std::string& file) {
   return text;
 }
 
+constexpr char runs_of_blanks = ' ';
+
 // A separator in a column name ("conc, mg/L") must not decide, so the most frequent one does.
 char separator_of(std::string_view header) {
   std::string unquoted;
@@ -50,11 +51,11 @@ char separator_of(std::string_view header) {
   char most = ',';
   for (const char c : {';', '\t'})
     if (count(c) > count(most)) most = c;
-  return most;
+  return count(most) > 0 ? most : runs_of_blanks;
 }
 
 std::string_view without_blanks(std::string_view text) {
-  const auto is_blank = [](char c) { return c == ' ' || c == '\t' || c == '\r'; };
+  const auto is_blank = [](char c) { return c == ' ' || c == '\t'; };
   while (!text.empty() && is_blank(text.front())) text.remove_prefix(1);
   while (!text.empty() && is_blank(text.back())) text.remove_suffix(1);
   return text;
@@ -66,7 +67,11 @@ std::optional<std::vector<std::string>> split(std::string_view line, char separa
   std::string field;
   bool quoted = false;
   bool was_quoted = false;
+  const auto separates = [separator](char c) {
+    return c == separator || (separator == runs_of_blanks && c == '\t');
+  };
   const auto finish = [&] {
+    if (separator == runs_of_blanks && !was_quoted && field.empty()) return;
     fields.push_back(was_quoted ? field : std::string(without_blanks(field)));
     field.clear();
     was_quoted = false;
@@ -83,9 +88,9 @@ std::optional<std::vector<std::string>> split(std::string_view line, char separa
     } else if (c == '"' && without_blanks(field).empty()) {
       field.clear();
       quoted = was_quoted = true;
-    } else if (c == separator) {
+    } else if (separates(c)) {
       finish();
-    } else if (!was_quoted || (c != ' ' && c != '\r')) {
+    } else if (!was_quoted || c != ' ') {
       field += c;
     }
   }
@@ -108,9 +113,18 @@ void check_header(const csv_table& table) {
                          .column = table.header[i]});
 }
 
+// Takes the next line off `rest`.
+std::string_view next_line(std::string_view& rest) {
+  const std::size_t end = std::min(rest.find_first_of("\r\n"), rest.size());
+  const std::string_view line = rest.substr(0, end);
+  rest.remove_prefix(end);
+  rest.remove_prefix(rest.starts_with("\r\n") ? 2 : std::min<std::size_t>(rest.size(), 1));
+  return line;
+}
+
 }  // namespace
 
-csv_table read_csv(const std::string& file) {
+csv_table read_csv(const std::string& file, findings& refused_rows) {
   const std::string content = whole_file(file);
   std::string_view rest = content;
   if (rest.starts_with(byte_order_mark)) rest.remove_prefix(byte_order_mark.size());
@@ -118,34 +132,32 @@ csv_table read_csv(const std::string& file) {
   csv_table table;
   table.file = file;
   char separator = ',';
+  const auto refuse = [&](int line, const std::string& message, const std::string& remedy) {
+    refused_rows.push_back(
+        {.code = "E-DATA-ROW", .message = message, .remedy = remedy, .file = file, .row = line});
+  };
   for (int line = 1; !rest.empty(); ++line) {
-    const std::size_t end = rest.find('\n');
-    const std::string_view text = rest.substr(0, end);
-    rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
+    const std::string_view text = next_line(rest);
     if (without_blanks(text).empty() || without_blanks(text).front() == '#') continue;
     const bool is_header = table.header.empty();
     if (is_header) separator = separator_of(text);
     auto fields = split(text, separator);
-    if (!fields)
-      throw bad_input({.code = "E-DATA-ROW",
-                       .message = "a quote is opened and not closed",
-                       .remedy = "close the quote; a field must not run over several lines",
-                       .file = file,
-                       .row = line});
-    if (is_header) {
+    if (!fields) {
+      refuse(line, "a quote is opened and not closed",
+             "close the quote; a field must not run over several lines");
+      if (is_header) throw bad_input(refused_rows.back());
+    } else if (is_header) {
       table.header = std::move(*fields);
       table.header_line = line;
       check_header(table);
-      continue;
+    } else if (fields->size() != table.header.size()) {
+      refuse(line,
+             fmt::format("the row has {} fields where the header has {}", fields->size(),
+                         table.header.size()),
+             "add or remove separators; '.' stands for a missing value");
+    } else {
+      table.records.push_back({line, std::move(*fields)});
     }
-    if (fields->size() != table.header.size())
-      throw bad_input({.code = "E-DATA-ROW",
-                       .message = fmt::format("the row has {} fields where the header has {}",
-                                              fields->size(), table.header.size()),
-                       .remedy = "add or remove separators; '.' stands for a missing value",
-                       .file = file,
-                       .row = line});
-    table.records.push_back({line, std::move(*fields)});
   }
   if (table.header.empty())
     throw bad_input({.code = "E-DATA-EMPTY",

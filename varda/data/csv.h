@@ -6,12 +6,15 @@
 #include <string_view>
 #include <vector>
 
+#include "varda/support/finding.h"
+
 namespace varda {
 
 // A table of text fields with a header line. The separator is that of comma, semicolon and tab
-// which the header has most of outside quotes; fields may stand in double quotes; blanks around a
-// field do not count; LF and CR LF both end a line, a byte order mark is skipped, and empty lines
-// and those that begin with # are passed over.
+// which the header has most of outside quotes; where it has none of them, fields are separated by
+// runs of blanks. Fields may stand in double quotes; blanks around a field do not count; LF, CR LF
+// and CR all end a line, a byte order mark is skipped, and empty lines and those that begin with #
+// are passed over.
 struct csv_table {
   struct record {
     int line = 0;  // in the file, from 1
@@ -23,9 +26,10 @@ struct csv_table {
   std::vector<record> records;      // each with as many fields as the header
 };
 
-// Reads a file, or throws bad_input: no such file, not plain text, nothing in it, a row of another
-// length, a quote that is not closed, a column name twice.
-csv_table read_csv(const std::string& file);
+// Reads a file, or throws bad_input: no such file, not plain text, nothing in it, a column name
+// twice. Rows of another length and quotes that are not closed are passed over and added to
+// `refused_rows`.
+csv_table read_csv(const std::string& file, findings& refused_rows);
 
 // ".", an empty field and "NA" stand for a missing value.
 bool is_missing(std::string_view field);

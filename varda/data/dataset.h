@@ -2,9 +2,10 @@
 //
 // The data of a run as the models see it: per subject the doses, the observations, the stretches of
 // time with constant covariates, and the order in which all of it happens. Times and amounts are in
-// the units of the file.
+// the units of the file. docs/data.md says how the records of a file become this.
 #pragma once
 
+#include <cstddef>
 #include <limits>
 #include <map>
 #include <string>
@@ -54,7 +55,8 @@ struct segment {
 
 // What happens to a subject, one after the other. At equal times the order of the file decides, and
 // a record's additional doses stand before the records that follow it. A dose that replaces what
-// was before by its steady state has a reset before it.
+// was before by its steady state has a reset before it. Times ascend: where the TIME of a file goes
+// back at a reset, the subject's clock runs on from the record before.
 enum class event_kind { dose, observation, reset, segment };
 
 struct event {
@@ -83,12 +85,18 @@ struct dataset {
   std::vector<bool> covariate_varies;        // within some subject
   std::vector<subject> subjects;             // in the order of first appearance
   int records = 0;
+  int dose_records = 0;
   int excluded = 0;  // observation records left out because of MDV
 
   int observations() const;
-  int doses() const;
+  int observations_of(int endpoint) const;
+  int censored_of(int endpoint) const;
+  int doses() const;      // administrations: additional doses count where they come to pass
   int occasions() const;  // the most of any subject
 };
+
+// The names of the columns that have a meaning of their own.
+const std::vector<std::string>& data_roles();
 
 // What the model takes, and which column of the file plays which role. Names are matched without
 // regard to case.
@@ -98,6 +106,7 @@ struct data_source {
   std::vector<std::string> covariates;         // columns that the model names
   std::vector<int> endpoints = {1};            // DVID of each endpoint; 0 also means the first
   bool occasions = false;                      // the model has random effects per occasion (OCC)
+  bool doses_needed = true;                    // a subject without a dose cannot be predicted
   int compartments = std::numeric_limits<int>::max();  // doses go into 1 to this one
   // Compartments whose RATE -1 (or -2) finds a parameter for the rate (or the duration).
   std::vector<int> modelled_rate;
@@ -106,5 +115,12 @@ struct data_source {
 
 // Reads a data set, or throws bad_input. What is odd but legal is added to `warnings`.
 dataset read_dataset(const data_source& source, findings& warnings);
+
+inline constexpr std::size_t most_data_errors = 50;
+
+// The same for a look at the whole file: reads on after a record that is refused and adds what is
+// wrong to `errors`, `most` at most. The data set can only be used where none was added.
+dataset inspect_dataset(const data_source& source, findings& warnings, findings& errors,
+                        std::size_t most = most_data_errors);
 
 }  // namespace varda

@@ -16,7 +16,7 @@ void read_data(section from, model_file& file) {
   const std::filesystem::path folder = std::filesystem::path(file.path).parent_path();
   file.data.file = (given.is_absolute() ? given : folder / given).string();
   if (auto columns = from.table("columns")) {
-    for (const char* role : {"ID", "TIME", "DV", "AMT", "EVID", "MDV", "CMT"})
+    for (const std::string& role : data_roles())
       if (const auto name = columns->text(role)) file.data.columns[role] = *name;
     columns->refuse_leftovers();
   }

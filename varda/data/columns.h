@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "varda/data/csv.h"
+#include "varda/data/dataset.h"
+#include "varda/support/finding.h"
+
+namespace varda {
+
+// Columns with a meaning of their own, in the order of data_roles().
+enum class role {
+  id,
+  time,
+  dv,
+  amt,
+  evid,
+  mdv,
+  cmt,
+  rate,
+  dur,
+  ii,
+  addl,
+  ss,
+  dvid,
+  cens,
+  limit,
+  occ
+};
+
+// Where the roles and the covariates of a model stand in a table.
+class column_map {
+ public:
+  // Throws bad_input when a column is missing that the model, or data_source::columns, asks for.
+  // Both arguments must outlive the map.
+  column_map(const data_source& source, const csv_table& table);
+
+  const data_source& model() const { return source_; }
+  const std::string& file() const { return table_.file; }
+  int position_of(role of) const { return roles_[static_cast<std::size_t>(of)]; }  // -1: none
+  int position_of_covariate(std::size_t k) const { return covariates_[k]; }
+  std::size_t covariates() const { return covariates_.size(); }
+  const std::string& name_at(int position) const {
+    return table_.header[static_cast<std::size_t>(position)];
+  }
+  std::string name_of(role of) const;  // as the file writes it
+
+ private:
+  int find(const std::string& name) const;
+  bad_input no_column(const std::string& name) const;
+
+  const data_source& source_;
+  const csv_table& table_;
+  std::vector<int> roles_;
+  std::vector<int> covariates_;
+};
+
+// One record, read by role.
+class record_view {
+ public:
+  // Both arguments must outlive the view.
+  record_view(const column_map& columns, const csv_table::record& fields)
+      : columns_(&columns), fields_(&fields) {}
+
+  int row() const { return fields_->line; }
+  const std::string& id() const;
+  const data_source& model() const { return columns_->model(); }
+
+  // The number in a column, nothing where it is missing or the file has no such column. Throws
+  // bad_input at text and at numbers that are not finite, or not whole for the last one.
+  std::optional<double> number(role of) const;
+  double number_or(role of, double fallback) const { return number(of).value_or(fallback); }
+  std::optional<double> covariate(std::size_t k) const;
+  int whole_number_or(role of, int fallback) const;
+
+  // An error at this record, in the column of a role or in no column.
+  bad_input error(const std::string& code, const std::string& message, const std::string& remedy,
+                  std::optional<role> at = std::nullopt) const;
+
+ private:
+  const std::string& field(int position) const {
+    return fields_->fields[static_cast<std::size_t>(position)];
+  }
+  std::optional<double> number_at(int position, const std::string& remedy) const;
+
+  const column_map* columns_;
+  const csv_table::record* fields_;
+};
+
+}  // namespace varda

@@ -1,0 +1,173 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "varda/data/doses.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+
+namespace varda {
+
+namespace {
+
+// Rates and durations of files are rounded to a few digits.
+constexpr double consistency = 1e-2;
+// A time from a multiple of II may miss the same time in the file by its rounding.
+constexpr double rounding = 1e-12;
+
+bool contains(const std::vector<int>& list, int value) {
+  return std::find(list.begin(), list.end(), value) != list.end();
+}
+
+bool same_time(double a, double b) {
+  return std::fabs(a - b) <= rounding * std::max(std::fabs(a), std::fabs(b));
+}
+
+double not_negative(const record_view& from, role column, const std::string& name) {
+  const double value = from.number_or(column, 0.0);
+  if (value < 0.0)
+    throw from.error("E-DATA-DOSE", fmt::format("the {} {} is negative", name, value),
+                     "write a value above 0, or 0 where there is none", column);
+  return value;
+}
+
+int compartment_of(const record_view& from) {
+  const int given = from.whole_number_or(role::cmt, 0);
+  const int most = from.model().compartments;
+  const int compartment = given == 0 ? 1 : given;
+  if (compartment < 1 || compartment > most)
+    throw from.error("E-DATA-DOSE", fmt::format("compartment {} takes no doses", compartment),
+                     fmt::format("the model takes doses into compartment 1{}",
+                                 most > 1 ? fmt::format(" to {}", most) : ""),
+                     role::cmt);
+  return compartment;
+}
+
+// RATE -1 or -2: the model must have a parameter for it.
+dose_input modelled_input(const record_view& from, double code, int compartment) {
+  const bool rate = code == -1.0;
+  if (!rate && code != -2.0)
+    throw from.error("E-DATA-DOSE", fmt::format("the rate {} has no meaning", code),
+                     "above 0 is an infusion, -1 takes the rate and -2 the duration from the model",
+                     role::rate);
+  if (!contains(rate ? from.model().modelled_rate : from.model().modelled_duration, compartment))
+    throw from.error(
+        "E-DATA-DOSE",
+        fmt::format("the model has no parameter for the {} of doses into compartment {}",
+                    rate ? "rate" : "duration", compartment),
+        "choose a model that has one, or write the rate of the infusion", role::rate);
+  return rate ? dose_input::modelled_rate : dose_input::modelled_duration;
+}
+
+// Sets input and rate of a dose from RATE and DUR.
+void read_input(const record_view& from, dose& given) {
+  const double rate = from.number_or(role::rate, 0.0);
+  const double duration = not_negative(from, role::dur, "duration");
+  if (rate < 0.0) {
+    given.input = modelled_input(from, rate, given.compartment);
+    if (duration > 0.0)
+      throw from.error("E-DATA-DOSE", "the duration stands beside a rate that the model gives",
+                       "keep one of the two", role::dur);
+    return;
+  }
+  if (rate > 0.0 && duration > 0.0 &&
+      std::fabs(given.amount - rate * duration) > consistency * given.amount)
+    throw from.error("E-DATA-DOSE",
+                     fmt::format("{} at a rate of {} lasts {} and not {}", given.amount, rate,
+                                 given.amount / rate, duration),
+                     "keep one of RATE and DUR, or correct the other", role::dur);
+  if (rate > 0.0 || duration > 0.0) {
+    given.input = dose_input::infusion;
+    given.rate = rate > 0.0 ? rate : given.amount / duration;
+  }
+}
+
+// Sets what SS asks for. An infusion that has run for ever has neither amount nor interval.
+void read_steady_state(const record_view& from, double interval, dose_order& order) {
+  const int state = from.whole_number_or(role::ss, 0);
+  if (state < 0 || state > 2)
+    throw from.error("E-DATA-DOSE", fmt::format("SS {} has no meaning", state),
+                     "1 is a dose at steady state, 2 one whose steady state adds to what is there",
+                     role::ss);
+  if (state == 0) return;
+  dose& given = order.first;
+  given.steady_state = true;
+  given.interval = interval;
+  order.replaces = state == 1;
+  if (given.amount > 0.0 && interval == 0.0)
+    throw from.error("E-DATA-DOSE", "a dose at steady state has no interval",
+                     "give II, the time between two doses", role::ii);
+  if (given.amount == 0.0 && given.input == dose_input::infusion && interval > 0.0)
+    throw from.error("E-DATA-DOSE", "an infusion that runs for ever has an interval",
+                     "set II to 0, or give AMT", role::ii);
+}
+
+}  // namespace
+
+dose_order read_dose(const record_view& from, double time, oddities& odd) {
+  dose_order order;
+  dose& given = order.first;
+  given.time = time;
+  given.row = from.row();
+  given.amount = not_negative(from, role::amt, "amount");
+  given.compartment = compartment_of(from);
+  read_input(from, given);
+  order.spacing = not_negative(from, role::ii, "interval");
+  read_steady_state(from, order.spacing, order);
+  const bool endless = given.steady_state && given.rate > 0.0;
+  if (given.amount == 0.0 && !endless)
+    throw from.error("E-DATA-DOSE", "the dose record has no amount", "give AMT, or set EVID to 2",
+                     role::amt);
+
+  order.additional = from.whole_number_or(role::addl, 0);
+  if (order.additional < 0)
+    throw from.error("E-DATA-DOSE", fmt::format("{} additional doses", order.additional),
+                     "ADDL counts the doses after this one", role::addl);
+  if (order.additional > 0 && order.spacing == 0.0)
+    throw from.error("E-DATA-DOSE", "the additional doses have no interval",
+                     "give II, the time between two doses", role::ii);
+  if (order.spacing > 0.0 && order.additional == 0 && !given.steady_state)
+    odd.ignored(from, role::ii, "doses without ADDL and SS", "set ADDL if more doses follow");
+  return order;
+}
+
+bool looks_like_dose(const record_view& from) {
+  return from.number_or(role::amt, 0.0) != 0.0 ||
+         (from.number_or(role::rate, 0.0) != 0.0 && from.number_or(role::ss, 0.0) != 0.0);
+}
+
+void refuse_amount(const record_view& from, oddities& odd) {
+  const double amount = from.number_or(role::amt, 0.0);
+  if (amount != 0.0)
+    throw from.error("E-DATA-DOSE",
+                     fmt::format("the record is no dose and has the amount {}", amount),
+                     "set EVID to 1 for a dose, or the amount to 0", role::amt);
+  for (const role column : {role::rate, role::dur, role::ii, role::addl, role::ss})
+    if (from.number_or(column, 0.0) != 0.0)
+      odd.ignored(from, column, "records that are no doses", "set EVID to 1 if they are");
+}
+
+void additional_doses::add(const dose_order& order) {
+  if (order.additional > 0) waiting_.push_back({order});
+}
+
+std::vector<dose> additional_doses::due(double time) {
+  std::vector<dose> now;
+  for (series& from : waiting_)
+    for (; from.given < from.order.additional; ++from.given) {
+      dose next = from.order.first;
+      next.time = from.next();
+      if (same_time(next.time, time)) next.time = time;
+      if (next.time > time) break;
+      next.steady_state = false;
+      next.interval = 0.0;
+      now.push_back(next);
+    }
+  std::erase_if(waiting_, [](const series& s) { return s.given == s.order.additional; });
+  std::stable_sort(now.begin(), now.end(),
+                   [](const dose& a, const dose& b) { return a.time < b.time; });
+  return now;
+}
+
+}  // namespace varda

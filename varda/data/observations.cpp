@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "varda/data/observations.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+namespace varda {
+
+namespace {
+
+int endpoint_of(const record_view& from) {
+  const std::vector<int>& known = from.model().endpoints;
+  const int given = from.whole_number_or(role::dvid, 0);
+  if (given == 0) return 0;
+  const auto at = std::find(known.begin(), known.end(), given);
+  if (at == known.end())
+    throw from.error("E-DATA-ENDPOINT",
+                     fmt::format("the model has no endpoint with DVID {}", given),
+                     fmt::format("its endpoints have DVID {}; set MDV to 1 to leave the record out",
+                                 fmt::join(known, ", ")),
+                     role::dvid);
+  return static_cast<int>(at - known.begin());
+}
+
+// Sets what CENS and LIMIT say about a value that is already there.
+void read_censoring(const record_view& from, observation& made) {
+  const int censored = from.whole_number_or(role::cens, 0);
+  if (censored < -1 || censored > 1)
+    throw from.error("E-DATA-CENSORING", fmt::format("CENS {} has no meaning", censored),
+                     "1 is a value below DV, -1 one above DV, 0 an observed one", role::cens);
+  // Files fill the column of limits on observed values as well.
+  if (censored == 0) return;
+  made.censored = censored == 1 ? censoring::left : censoring::right;
+  const std::optional<double> limit = from.number(role::limit);
+  if (!limit) return;
+  if (censored == 1 ? *limit >= made.value : *limit <= made.value)
+    throw from.error("E-DATA-CENSORING",
+                     fmt::format("the limit {} does not lie {} the value {}", *limit,
+                                 censored == 1 ? "below" : "above", made.value),
+                     "DV is the limit of quantification, LIMIT the other end of the interval",
+                     role::limit);
+  made.limit = std::min(*limit, made.value);
+  made.value = std::max(*limit, made.value);
+  made.censored = censoring::interval;
+}
+
+}  // namespace
+
+std::optional<observation> read_observation(const record_view& from, double time, oddities& odd) {
+  const int missing = from.whole_number_or(role::mdv, 0);
+  if (missing != 0 && missing != 1)
+    throw from.error("E-DATA-EVENT", fmt::format("MDV {} has no meaning", missing),
+                     "1 leaves the observation out, 0 keeps it", role::mdv);
+  if (missing == 1) {
+    odd.count("W-DATA-EXCLUDED", "observation records are left out (MDV 1)", "", from, role::mdv);
+    return std::nullopt;
+  }
+  const std::optional<double> value = from.number(role::dv);
+  if (!value)
+    throw from.error("E-DATA-MISSING", "the observation has no value",
+                     "set MDV to 1 to leave the record out", role::dv);
+  observation made{.time = time, .value = *value, .endpoint = endpoint_of(from), .row = from.row()};
+  read_censoring(from, made);
+  const int compartment = from.whole_number_or(role::cmt, 0);
+  if (compartment != 0 && compartment != 1)
+    odd.ignored(from, role::cmt, "observations", "DVID tells endpoints apart");
+  return made;
+}
+
+}  // namespace varda

@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "varda/data/oddities.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+namespace varda {
+
+void oddities::count(const std::string& code, const std::string& what, const std::string& remedy,
+                     const finding& place) {
+  const auto same = [&](const kind& k) { return k.first.code == code && k.what == what; };
+  auto at = std::find_if(kinds_.begin(), kinds_.end(), same);
+  if (at == kinds_.end()) {
+    finding first = place;
+    first.level = severity::warning;
+    first.code = code;
+    first.remedy = remedy;
+    at = kinds_.insert(kinds_.end(), kind{.first = first, .what = what});
+  }
+  ++at->cases;
+}
+
+void oddities::count(const std::string& code, const std::string& what, const std::string& remedy,
+                     const record_view& at, role column) {
+  count(code, what, remedy, at.error("", "", "", column).what_found());
+}
+
+void oddities::ignored(const record_view& at, role column, const std::string& records,
+                       const std::string& remedy) {
+  const finding place = at.error("", "", "", column).what_found();
+  count("W-DATA-IGNORED", fmt::format("{} hold a {}, which is ignored", records, place.column),
+        remedy, place);
+}
+
+findings oddities::warnings() const {
+  findings all;
+  for (const kind& k : kinds_) {
+    all.push_back(k.first);
+    all.back().message = fmt::format("{} {}", k.cases, k.what);
+  }
+  return all;
+}
+
+}  // namespace varda

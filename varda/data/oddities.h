@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "varda/data/columns.h"
+#include "varda/support/finding.h"
+
+namespace varda {
+
+// What is odd but legal in a data set: a warning for each kind, with its count and the first place.
+class oddities {
+ public:
+  // Counts one case. `what` follows the number: "observations stand before any dose".
+  void count(const std::string& code, const std::string& what, const std::string& remedy,
+             const finding& place);
+  void count(const std::string& code, const std::string& what, const std::string& remedy,
+             const record_view& at, role column);
+  // A value that means nothing on the kind of record that it stands on.
+  void ignored(const record_view& at, role column, const std::string& records,
+               const std::string& remedy);
+
+  // The warnings, in the order in which their first cases were counted.
+  findings warnings() const;
+
+ private:
+  struct kind {
+    finding first;
+    std::string what;
+    int cases = 0;
+  };
+  std::vector<kind> kinds_;
+};
+
+}  // namespace varda
