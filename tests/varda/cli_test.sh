@@ -64,6 +64,18 @@ expect_status 3 "too few iterations" "$varda" fit short.toml --output short
 grep -q '^NOT CONVERGED' stdout || fail "an unfinished fit does not say so"
 grep -q '"converged": false' short/fit.json || fail "fit.json of an unfinished fit"
 
+# -2 log density of subject 1 at the start values by the closed form in Python.
+expect_status 0 "a check" "$varda" check theophylline.toml
+grep -Eq '^  1 +11 +74\.5249$' stdout || fail "the first evaluation is wrong: $(cat stdout)"
+grep -q '^Sound: 0 errors, 0 warnings' stdout || fail "no verdict of the check"
+expect_status 0 "a check as JSON" "$varda" check theophylline.toml --json
+grep -q '"dose_records": 12' stdout || fail "the JSON has no data summary"
+sed 's/2.84/many/; s/10\.5/more/; s/^2,0.27,/2,8:30,/' theophylline.csv >wrong.csv
+sed 's/^file = .*/file = "wrong.csv"/' theophylline.toml >wrong.toml
+expect_status 2 "a check of bad data" "$varda" check wrong.toml --json
+[ "$(grep -c '"code": "E-DATA-NUMBER"' stdout)" -eq 3 ] || fail "not every error is listed"
+grep -q '"column": "TIME"' stdout && grep -q '8:30 is 8.5' stdout || fail "an error lacks its place"
+expect_status 2 "a check without a model" "$varda" check nothing.toml
 expect_status 2 "no such model file" "$varda" fit nothing.toml --output none
 sed 's/^file = .*/file = "nothing.csv"/' theophylline.toml >nodata.toml
 expect_status 2 "no such data" "$varda" fit nodata.toml --output none
@@ -73,6 +85,8 @@ expect_status 2 "a field that is not a number" "$varda" fit bad.toml --output no
 grep -q 'bad.csv, row 4, column DV, subject 1: error E-DATA-NUMBER' stderr ||
   fail "the place of a bad field is not named: $(cat stderr)"
 sed 's/^error = .*/error = "proportional"\nproportional = 0.2/; /^additive/d' theophylline.toml >prop.toml
+expect_status 2 "a check of it" "$varda" check prop.toml
+[ "$(grep -c 'error E-RUN-START' stdout)" -eq 12 ] || fail "not every subject is evaluated"
 expect_status 2 "a model that cannot start" "$varda" fit prop.toml --output none
 grep -q 'row 3.*subject 1: error E-RUN-START' stderr || fail "the first row at fault is not named"
 expect_status 2 "no command" "$varda"

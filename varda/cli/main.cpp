@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <exception>
 
+#include "varda/cli/check.h"
 #include "varda/cli/run.h"
 #include "varda/host/job.h"
 #include "varda/model/model_file.h"
@@ -39,6 +40,10 @@ int main(int argc, char** argv) {
   varda::run_request request;
   CLI::App* fit = app.add_subcommand("fit", "estimate the parameters");
   CLI::App* evaluate = app.add_subcommand("evaluate", "the exact likelihood at the start values");
+  CLI::App* check = app.add_subcommand("check", "all that can be known before a fit");
+  varda::check_request inspected;
+  check->add_option("model", inspected.model_path, "model file (TOML)")->required();
+  check->add_flag("--json", inspected.json, "print JSON instead of text");
   describe(fit, request);
   describe(evaluate, request);
   try {
@@ -50,6 +55,7 @@ int main(int argc, char** argv) {
   request.what = evaluate->parsed() ? varda::task::evaluate : varda::task::fit;
 
   try {
+    if (check->parsed()) return varda::check(inspected, peers);
     return varda::run(request, peers);
   } catch (const varda::bad_input& error) {
     if (peers.is_root()) fmt::print(stderr, "{}\n", error.what());

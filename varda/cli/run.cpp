@@ -13,6 +13,7 @@
 #include "varda/fit/quadrature.h"
 #include "varda/host/engine_host.h"
 #include "varda/model/model_file.h"
+#include "varda/model/start_evaluation.h"
 #include "varda/report/output_folder.h"
 #include "varda/report/progress.h"
 #include "varda/report/reports.h"

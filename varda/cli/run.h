@@ -10,7 +10,13 @@
 namespace varda {
 
 // Exit statuses of the program.
-enum exit_status : int { converged = 0, failure = 1, unusable_input = 2, not_converged = 3 };
+enum exit_status : int {
+  converged = 0,
+  sound = 0,  // of a check
+  failure = 1,
+  unusable_input = 2,
+  not_converged = 3
+};
 
 // A `fit` or `evaluate` as the command line asks for it.
 struct run_request {

@@ -270,35 +270,4 @@ void population_model::predict(int subject, const double* p, double* f) const {
                       {f, who.observations.size()});
 }
 
-void check_start(const population_model& model) {
-  const Eigen::VectorXd theta = model.start_theta();
-  std::vector<double> mu(static_cast<std::size_t>(model.random_effects()));
-  for (int i = 0; i < model.subjects(); ++i) {
-    const subject& who = model.data().subjects[static_cast<std::size_t>(i)];
-    Eigen::MatrixXd p(model.structural_parameters(), model.parameter_sets(i));
-    model.means(i, theta.data(), mu.data());
-    model.individual_parameters(i, theta.data(), mu.data(), p.data());
-    std::vector<double> f(who.observations.size());
-    model.predict(i, p.data(), f.data());
-    const int k = model.residual().first_failure(who, f.data(), theta.data());
-    if (k < 0) continue;
-    const observation& failed = who.observations[static_cast<std::size_t>(k)];
-    const double prediction = f[static_cast<std::size_t>(k)];
-    const std::string why = model.structure().last_failure();
-    throw bad_input(
-        {.code = "E-RUN-START",
-         .message =
-             fmt::format("the model cannot be evaluated at the start values: prediction {}, "
-                         "residual deviation {}{}{}",
-                         prediction, model.residual().deviation(failed, prediction, theta.data()),
-                         why.empty() ? "" : "; ", why),
-         .remedy = "a proportional error needs predictions other than 0 (leave such records out or "
-                   "add an additive error), a log-normal one predictions and values above 0; "
-                   "otherwise change the start values",
-         .file = model.data().file,
-         .row = failed.row,
-         .subject = who.id});
-  }
-}
-
 }  // namespace varda

@@ -149,8 +149,4 @@ class population_model {
   std::vector<omega_element> omega_elements_;
 };
 
-// Throws bad_input when a subject cannot be evaluated at the start values, naming the subject and
-// the first row at fault.
-void check_start(const population_model& model);
-
 }  // namespace varda

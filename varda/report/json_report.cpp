@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <nlohmann/json.hpp>
 
+#include "varda/report/check_report.h"
 #include "varda/report/reports.h"
+#include "varda/report/words.h"
 #include "varda/version.h"
 
 namespace varda {
@@ -22,38 +24,6 @@ ordered_json to_json(const Eigen::MatrixXd& matrix) {
 
 ordered_json to_json(const Eigen::VectorXd& vector) {
   return std::vector<double>(vector.data(), vector.data() + vector.size());
-}
-
-const char* name_of(distribution law) {
-  switch (law) {
-    case distribution::log_normal:
-      return "log-normal";
-    case distribution::normal:
-      return "normal";
-    case distribution::logit_normal:
-      return "logit-normal";
-    case distribution::none:
-      break;
-  }
-  return "none";
-}
-
-const char* name_of(proposal_family family) {
-  switch (family) {
-    case proposal_family::normal:
-      return "normal";
-    case proposal_family::population:
-      return "population";
-    case proposal_family::t:
-      return "t";
-    case proposal_family::laplace:
-      return "laplace";
-    case proposal_family::mixture2:
-      return "mixture2";
-    case proposal_family::mixture3:
-      break;
-  }
-  return "mixture3";
 }
 
 bool held(const fit_result& result, std::size_t theta) {
@@ -107,20 +77,6 @@ void add_errors_of_omega(ordered_json& to, const fit_result& result) {
     }
     return rows;
   });
-}
-
-const char* name_of(standard_error_kind kind) {
-  switch (kind) {
-    case standard_error_kind::information:
-      return "information";
-    case standard_error_kind::score:
-      return "score";
-    case standard_error_kind::sandwich:
-      return "sandwich";
-    case standard_error_kind::none:
-      break;
-  }
-  return "none";
 }
 
 // The covariances are on the estimation scale, in the order of `names`.
@@ -267,6 +223,47 @@ ordered_json to_json(const finding& f) {
   return entry;
 }
 
+ordered_json to_json(const findings& list) {
+  ordered_json entries = ordered_json::array();
+  for (const finding& f : list) entries.push_back(to_json(f));
+  return entries;
+}
+
+ordered_json data_summary(const model_file& model, const dataset& data) {
+  ordered_json endpoints = ordered_json::array();
+  for (std::size_t k = 0; k < model.data.endpoints.size(); ++k)
+    endpoints.push_back({{"name", model.endpoints[k].name},
+                         {"dvid", model.data.endpoints[k]},
+                         {"observations", data.observations_of(static_cast<int>(k))},
+                         {"censored", data.censored_of(static_cast<int>(k))}});
+  ordered_json covariates = ordered_json::array();
+  for (std::size_t k = 0; k < data.covariate_names.size(); ++k)
+    covariates.push_back({{"name", data.covariate_names[k]},
+                          {"varies", static_cast<bool>(data.covariate_varies[k])}});
+  return {{"file", data.file},
+          {"records", data.records},
+          {"subjects", data.subjects.size()},
+          {"endpoints", endpoints},
+          {"excluded", data.excluded},
+          {"dose_records", data.dose_records},
+          {"doses", data.doses()},
+          {"occasions", data.occasions()},
+          {"covariates", covariates}};
+}
+
+ordered_json start_report(const check_result& result) {
+  ordered_json list = ordered_json::array();
+  for (std::size_t i = 0; i < result.start.size(); ++i) {
+    const start_evaluation& s = result.start[i];
+    const subject& who = result.data->subjects[i];
+    list.push_back(
+        {{"id", who.id},
+         {"observations", who.observations.size()},
+         {"minus2_log_density", s.failure ? ordered_json() : ordered_json(s.minus2_log_density)}});
+  }
+  return list;
+}
+
 }  // namespace
 
 std::string json_report(const population_model& model, const fit_result& result) {
@@ -302,9 +299,7 @@ std::string json_report(const population_model& model, const fit_result& result)
   if (result.what == task::fit) report["standard_errors"] = standard_errors_report(result);
   report["kept_proposals"] = result.kept_factors;
   report["subjects"] = known ? subjects(model, result) : ordered_json::array();
-  ordered_json warnings = ordered_json::array();
-  for (const finding& f : result.warnings) warnings.push_back(to_json(f));
-  report["warnings"] = warnings;
+  report["warnings"] = to_json(result.warnings);
   report["settings"] = settings(model);
   report["versions"] = {{"varda", version}, {"compiler", compiler}};
   report["times"] = {{"processes", result.processes},
@@ -314,7 +309,22 @@ std::string json_report(const population_model& model, const fit_result& result)
                      {"likelihood", result.times.likelihood},
                      {"quadrature", result.times.quadrature},
                      {"total", result.times.total}};
-  return report.dump(2) + "\n";
+  return report.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
+}
+
+std::string check_json(const check_result& result) {
+  ordered_json report;
+  report["schema_version"] = json_schema_version;
+  report["task"] = "check";
+  report["title"] = result.model ? result.model->title : "";
+  report["model"] = result.model_path;
+  report["sound"] = result.errors.empty();
+  report["errors"] = to_json(result.errors);
+  report["warnings"] = to_json(result.warnings);
+  report["data"] = result.data ? data_summary(*result.model, *result.data) : ordered_json();
+  report["start"] = start_report(result);
+  report["versions"] = {{"varda", version}, {"compiler", compiler}};
+  return report.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
 }
 
 }  // namespace varda

@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What `varda check` finds, and the two ways of telling it.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "varda/data/dataset.h"
+#include "varda/model/model_file.h"
+#include "varda/model/start_evaluation.h"
+#include "varda/support/finding.h"
+
+namespace varda {
+
+struct check_result {
+  std::string model_path;
+  findings errors;  // an input is sound when there are none
+  findings warnings;
+  std::optional<model_file> model;      // where the model file can be read
+  std::optional<dataset> data;          // where the data set can be used
+  std::vector<start_evaluation> start;  // of every subject, where there is a model to evaluate
+};
+
+// For people: the data in figures, the first evaluation, what is wrong, the verdict.
+std::string check_text(const check_result& result);
+
+// The same for programs; docs/output-files.md describes it.
+std::string check_json(const check_result& result);
+
+}  // namespace varda
