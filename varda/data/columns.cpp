@@ -21,6 +21,8 @@ namespace {
 std::string remedy_for(const std::string& text, role of) {
   if (of == role::time && text.find(':') != std::string::npos)
     return "write the time as a number: 8:30 is 8.5 in hours";
+  if (of == role::dv && text.starts_with('<'))
+    return "write the limit of quantification into DV and 1 into a column CENS";
   if (text.find(',') != std::string::npos) return "numbers have a decimal point";
   return "write a plain number, or '.' where it is missing";
 }
@@ -112,7 +114,7 @@ int record_view::whole_number_or(role of, int fallback) const {
   const std::optional<double> value = number(of);
   if (!value) return fallback;
   if (*value != std::floor(*value) || std::fabs(*value) > 1e6)
-    throw error("E-DATA-NUMBER", fmt::format("{} is not a whole number of this column", *value),
+    throw error("E-DATA-NUMBER", fmt::format("{} is not a whole number up to 1000000", *value),
                 "write a whole number", of);
   return static_cast<int>(*value);
 }
