@@ -6,11 +6,12 @@
 
 namespace statsubs {
 
-// Fills a packed column of uniform numbers per sample, kept to [1e-6, 1 - 1e-6]: pseudo-random
-// (the host's dran3, state 1 at every entry) when iflagmcpem is 1 and for the t, and the next
-// points of the Sobol sequence otherwise, which has been started with as many dimensions as there
-// are rows. For the t with iflagmcpem 0 the last row sweeps the unit interval evenly, with
-// (2 j - 1) / (2 samples) for sample j, not clamped; the numbers there have been drawn all the same.
+// Fills a column of uniform numbers per sample, kept to [1e-6, 1 - 1e-6]; the columns are packed.
+// The numbers are pseudo-random (the host's dran3, state 1 at every entry) when iflagmcpem is 1 and
+// for the t, and the next points of the Sobol sequence otherwise, which has been started with as
+// many dimensions as there are rows. For the t with iflagmcpem 0 the last row sweeps the unit
+// interval evenly, with (2 j - 1) / (2 samples) for sample j, not clamped; the numbers there have
+// been drawn all the same.
 // Reads: s
 // Writes: none
 void draw_uniforms(proposal_family family, int iflagmcpem, matrix_view<double> uniforms);
