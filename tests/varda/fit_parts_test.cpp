@@ -6,8 +6,11 @@
 
 #include "statsubs/sequences/sobol.h"
 #include "tests/varda/theophylline.h"
+#include "varda/fit/anderson.h"
 #include "varda/fit/convergence.h"
+#include "varda/fit/iteration_scale.h"
 #include "varda/fit/minimise.h"
+#include "varda/fit/modes.h"
 #include "varda/fit/points.h"
 #include "varda/fit/quadrature.h"
 #include "varda/fit/resampler.h"
@@ -74,15 +77,15 @@ TEST(PointSource, CommonPointsComeBackAndReplicatesDoNot) {
   std::array<double, 3> first{};
   std::array<double, 3> again{};
   std::array<double, 3> replicate{};
-  points.begin_iteration(1);
+  points.begin_iteration(1, 300);
   statsubs::gosobl(first.data());
   statsubs::gosobl(again.data());
-  points.begin_iteration(2);
+  points.begin_iteration(2, 300);
   statsubs::gosobl(again.data());
   EXPECT_EQ(first, again);
-  points.begin_replicate(1);
+  points.begin_replicate(1, 300);
   statsubs::gosobl(replicate.data());
-  points.begin_replicate(2);
+  points.begin_replicate(2, 300);
   statsubs::gosobl(again.data());
   EXPECT_NE(first, replicate);
   EXPECT_NE(replicate, again);
@@ -126,34 +129,101 @@ TEST(Resampler, DrawsInProportionAndFollowsWhatItKept) {
 
 // Feeds the monitor a clearance that approaches 2.75 and everything else at rest.
 template <class Step>
-convergence_monitor watch(const population_model& model, bool noisy, int iterations, Step step) {
-  convergence_monitor monitor(model, 5e-4, noisy);
-  for (int t = 0; t < iterations; ++t) {
+convergence_monitor watch(const iteration_scale& scale, const population_model& model, bool noisy,
+                          int iterations, Step step) {
+  convergence_monitor monitor(scale, 5e-4, noisy);
+  const auto at = [&](int t) {
     Eigen::VectorXd theta = model.start_theta();
-    const double off = step(t);
-    theta(1) = 2.75 * std::exp(off);
-    monitor.add(theta, model.start_omega(), 118.0 + off * off);
-  }
+    theta(1) = 2.75 * std::exp(step(t));
+    return scale.values(theta, model.start_omega());
+  };
+  for (int t = 0; t < iterations; ++t)
+    monitor.add(at(t), at(t + 1), 118.0 + step(t) * step(t), 0.97);
   return monitor;
 }
 
 TEST(ConvergenceMonitor, LooksAheadOfASlowContraction) {
   const population_model model = test::theophylline();
+  const iteration_scale scale(model);
   const auto contraction = [](int t) { return 0.1 * std::pow(0.97, t); };
   // The step is below the tolerance of 5e-4 from iteration 60 on, what lies ahead only from 175 on.
-  const convergence_monitor early = watch(model, false, 150, contraction);
+  const convergence_monitor early = watch(scale, model, false, 150, contraction);
   EXPECT_FALSE(early.converged());
   EXPECT_THAT(early.conclusion().reason, testing::HasSubstr("CL"));
-  EXPECT_TRUE(watch(model, false, 185, contraction).converged());
+  EXPECT_TRUE(watch(scale, model, false, 185, contraction).converged());
 }
 
 TEST(ConvergenceMonitor, TellsNoiseFromATrend) {
   const population_model model = test::theophylline();
+  const iteration_scale scale(model);
   const auto noise = [](int t) { return 0.01 * std::sin(12.9898 * t * t + 78.233); };
-  EXPECT_FALSE(watch(model, false, 60, noise).converged());
-  EXPECT_TRUE(watch(model, true, 60, noise).converged());
+  EXPECT_FALSE(watch(scale, model, false, 60, noise).converged());
+  EXPECT_TRUE(watch(scale, model, true, 60, noise).converged());
   const auto drift = [&](int t) { return noise(t) - 0.002 * t; };
-  EXPECT_FALSE(watch(model, true, 60, drift).converged());
+  EXPECT_FALSE(watch(scale, model, true, 60, drift).converged());
+}
+
+TEST(IterationScale, PutIsTheInverseOfValues) {
+  const population_model model = test::theophylline([](model_file& file) {
+    file.parameters[1].law = distribution::normal;
+    file.parameters[2].upper = 36.0;
+    file.omega = {{{"ka", "CL"}, {0.3, 0.02, 0.02, 0.1}, false}, {{"V"}, {0.02}, true}};
+  });
+  const iteration_scale scale(model);
+  Eigen::VectorXd theta = model.start_theta();
+  Eigen::MatrixXd omega = model.start_omega();
+  Eigen::VectorXd values = scale.values(theta, omega);
+  EXPECT_THAT(scale.names(), testing::ElementsAre("ka", "CL", "V", "additive", "omega(ka)",
+                                                  "corr(ka,CL)", "omega(CL)"));
+  EXPECT_NEAR(values(5), 0.02 / std::sqrt(0.03), 1e-14);
+  values += Eigen::VectorXd::Constant(values.size(), 0.1);
+  scale.put(values, theta, omega);
+  EXPECT_EQ(theta(2), 36.0);  // held by its bound
+  EXPECT_EQ(omega(2, 2), 0.02);
+  values(2) = std::log(36.0);
+  EXPECT_LT((scale.values(theta, omega) - values).cwiseAbs().maxCoeff(), 1e-14);
+}
+
+// On a linear map with d different rates the secants are exact: d + 1 steps reach the fixed point,
+// and the rate is the largest one.
+TEST(AndersonAcceleration, SolvesALinearMapAndFindsItsRate) {
+  Eigen::Matrix3d derivative;
+  derivative << 0.9, 0.1, 0.0, 0.0, 0.5, 0.2, 0.0, 0.0, 0.2;  // eigenvalues 0.9, 0.5, 0.2
+  const Eigen::Vector3d limit(1.0, 2.0, 4.0);
+  anderson_acceleration acceleration(5);
+  Eigen::VectorXd x = Eigen::Vector3d::Zero();
+  for (int k = 0; k < 4; ++k) {
+    EXPECT_GT((x - limit).norm(), 1e-3);
+    x = acceleration.advance(x, limit + derivative * (x - limit));
+  }
+  EXPECT_LT((x - limit).norm(), 1e-10);
+  EXPECT_NEAR(acceleration.rate(), 0.9, 1e-8);
+
+  // After a change of the map the secants still serve, but no rate is known.
+  acceleration.map_changed();
+  const Eigen::Vector3d moved_limit = limit.array() + 0.01;
+  x = acceleration.advance(x, moved_limit + derivative * (x - moved_limit));
+  EXPECT_LT((x - moved_limit).norm(), 1e-10);
+  EXPECT_EQ(acceleration.rate(), 1.0);
+}
+
+// The mode against the derivative-free search, and its Hessian against differences of another step.
+TEST(FindMode, IsTheMinimumOfTheObjective) {
+  const population_model model = test::theophylline();
+  const job alone(nullptr, nullptr);
+  engine_host host(model, alone);
+  for (int i = 0; i < model.subjects(); ++i) {
+    const posterior_mode found = find_mode(host, i);
+    const objective_function f = [&](const Eigen::VectorXd& eta) {
+      return host.objective(i, eta.data());
+    };
+    const minimum lowest =
+        minimise(f, Eigen::Vector3d::Zero(), Eigen::Vector3d::Constant(0.3), 1e-8);
+    EXPECT_LT((found.eta - lowest.x).cwiseAbs().maxCoeff(), 1e-5);
+    EXPECT_NEAR(found.objective, lowest.value, 1e-9);
+    const Eigen::MatrixXd h = hessian(f, lowest.x, Eigen::Vector3d::Constant(1e-3));
+    EXPECT_LT((found.hessian - h).cwiseAbs().maxCoeff(), 2e-3 * h.cwiseAbs().maxCoeff());
+  }
 }
 
 }  // namespace

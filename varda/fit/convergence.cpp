@@ -17,61 +17,27 @@ constexpr double objective_tolerance = 1e-3;
 // A slope is taken for a trend from this t statistic on.
 constexpr double trend_threshold = 2.5;
 constexpr double slowest_rate = 0.995;
-// Coefficients on an additive scale are measured against at least this size.
-constexpr double smallest_scale = 0.05;
 
 }  // namespace
 
-convergence_monitor::convergence_monitor(const population_model& model, double tolerance,
-                                         bool noisy)
-    : model_(model), tolerance_(tolerance), noisy_(noisy) {
-  for (const fixed_effect& t : model.thetas())
-    if (!t.fixed) names_.push_back(t.name);
-  for (const omega_element& e : model.omega_elements()) {
-    if (e.fixed) continue;
-    const std::string& row = model.effects()[static_cast<std::size_t>(e.row())].name;
-    const std::string& column = model.effects()[static_cast<std::size_t>(e.column())].name;
-    names_.push_back(e.is_variance() ? fmt::format("omega({})", row)
-                                     : fmt::format("corr({},{})", column, row));
-  }
-}
+convergence_monitor::convergence_monitor(const iteration_scale& scale, double tolerance, bool noisy)
+    : scale_(scale), tolerance_(tolerance), noisy_(noisy) {}
 
-Eigen::VectorXd convergence_monitor::watched(const Eigen::VectorXd& theta,
-                                             const Eigen::MatrixXd& omega) const {
-  std::vector<double> values;
-  for (std::size_t k = 0; k < model_.thetas().size(); ++k) {
-    const fixed_effect& t = model_.thetas()[k];
-    const double value = theta(static_cast<Eigen::Index>(k));
-    if (t.fixed) continue;
-    if (t.role == theta_role::residual_deviation || t.law == distribution::log_normal)
-      values.push_back(std::log(value));
-    else
-      values.push_back(value / std::max(std::fabs(t.start), smallest_scale));
-  }
-  for (const omega_element& e : model_.omega_elements()) {
-    if (e.fixed) continue;
-    const int i = e.row();
-    const int j = e.column();
-    values.push_back(e.is_variance() ? std::log(omega(i, i))
-                                     : omega(i, j) / std::sqrt(omega(i, i) * omega(j, j)));
-  }
-  return Eigen::Map<const Eigen::VectorXd>(values.data(), static_cast<Eigen::Index>(values.size()));
-}
-
-void convergence_monitor::add(const Eigen::VectorXd& theta, const Eigen::MatrixXd& omega,
-                              double minus2ll) {
-  history_.push_back(watched(theta, omega));
+void convergence_monitor::add(const Eigen::VectorXd& before, const Eigen::VectorXd& after,
+                              double minus2ll, double rate) {
+  history_.push_back(after);
+  steps_.push_back(after - before);
   objective_.push_back(minus2ll);
-  judge();
+  movements_.clear();
+  const std::size_t least = noisy_ ? static_cast<std::size_t>(window) : 2;
+  if (steps_.size() >= least) judge(noisy_ ? shrinkage() : rate);
 }
 
-// Shrinkage of the steps per iteration, the geometric mean over the window.
-double convergence_monitor::rate() const {
-  const std::size_t n = history_.size();
-  const double last = (history_[n - 1] - history_[n - 2]).norm();
-  const double first = (history_[n - window] - history_[n - window - 1]).norm();
-  if (last == 0.0) return 0.0;
-  return std::clamp(std::pow(last / first, 1.0 / (window - 1)), 0.0, slowest_rate);
+// Of the steps per iteration, the geometric mean over the window.
+double convergence_monitor::shrinkage() const {
+  const double last = steps_.back().norm();
+  const double first = steps_[steps_.size() - window].norm();
+  return last == 0.0 ? 0.0 : std::pow(last / first, 1.0 / (window - 1));
 }
 
 bool convergence_monitor::flat(const std::vector<double>& series) const {
@@ -80,12 +46,10 @@ bool convergence_monitor::flat(const std::vector<double>& series) const {
   return t < trend_threshold;
 }
 
-void convergence_monitor::judge() {
+void convergence_monitor::judge(double rate) {
   const std::size_t n = history_.size();
-  movements_.clear();
-  if (n < static_cast<std::size_t>(window) + 1) return;
-  const double r = rate();
-  const Eigen::VectorXd step = (history_[n - 1] - history_[n - 2]).cwiseAbs();
+  const double r = std::clamp(rate, 0.0, slowest_rate);
+  const Eigen::VectorXd step = steps_.back().cwiseAbs();
   for (Eigen::Index k = 0; k < step.size(); ++k) {
     const double ahead = step(k) * std::max(r / (1.0 - r), 1.0);
     movements_.push_back({ahead, ahead < tolerance_});
@@ -97,7 +61,7 @@ void convergence_monitor::judge() {
 
   if (noisy_ && n >= noisy_window) {
     const std::size_t from = n - noisy_window;
-    for (std::size_t k = 0; k < names_.size(); ++k) {
+    for (std::size_t k = 0; k < scale_.names().size(); ++k) {
       std::vector<double> series;
       for (std::size_t t = from; t < n; ++t)
         series.push_back(history_[t](static_cast<Eigen::Index>(k)));
@@ -118,16 +82,16 @@ verdict convergence_monitor::conclusion() const {
   const auto slowest =
       std::max_element(movements_.begin(), quantities,
                        [](const movement& a, const movement& b) { return a.ahead < b.ahead; });
-  const std::string& name = names_[static_cast<std::size_t>(slowest - movements_.begin())];
+  const std::string& name = scale_.names()[static_cast<std::size_t>(slowest - movements_.begin())];
   if (converged())
     return {true, fmt::format("{} for {} iterations: at most {:.2g} still ahead ({}), "
                               "-2 log-likelihood within {:.1g} of its limit",
                               noisy_ ? "no trend" : "at rest", calm_, slowest->ahead, name,
                               movements_.back().ahead)};
   std::string moving;
-  for (std::size_t k = 0; k < names_.size(); ++k)
+  for (std::size_t k = 0; k < scale_.names().size(); ++k)
     if (!movements_[k].at_rest)
-      moving += fmt::format("{}{} ({:.2g} ahead)", moving.empty() ? "" : ", ", names_[k],
+      moving += fmt::format("{}{} ({:.2g} ahead)", moving.empty() ? "" : ", ", scale_.names()[k],
                             movements_[k].ahead);
   if (!movements_.back().at_rest)
     moving += fmt::format("{}-2 log-likelihood ({:.2g} ahead)", moving.empty() ? "" : ", ",

@@ -4,15 +4,15 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <bit>
 #include <chrono>
 #include <cmath>
 
 #include "statsubs/state/global_variables.h"
 #include "statsubs/stderr/eigencor.h"
-#include "varda/fit/convergence.h"
+#include "varda/fit/em.h"
 #include "varda/fit/estep.h"
 #include "varda/fit/likelihood.h"
-#include "varda/fit/mstep.h"
 #include "varda/fit/points.h"
 #include "varda/fit/proposals.h"
 #include "varda/fit/startup.h"
@@ -41,13 +41,14 @@ class stopwatch {
   std::chrono::steady_clock::time_point last_ = std::chrono::steady_clock::now();
 };
 
-const char* stop_reason() {
-  return "stopped on request";
-}
-
-int likelihood_samples(const engine_host& host) {
+// Points a subject for the reported likelihood. A power of two of Sobol points integrates about as
+// well as half as many again, and the proposals of a fit have settled: it makes do with fewer.
+int likelihood_samples(const engine_host& host, task what) {
   const int asked = host.model().file().estimation.likelihood_samples;
-  return asked > 0 ? asked : gv::nsampset;
+  if (asked > 0) return asked;
+  if (what == task::evaluate) return gv::nsampset;
+  return std::max(static_cast<int>(std::bit_floor(static_cast<unsigned>(gv::nsampset / 2))),
+                  least_samples);
 }
 
 // Over the subjects that have the effect; effects per occasion count together.
@@ -124,12 +125,12 @@ void conclude(engine_host& host, const proposals& frozen, point_source& points,
   result.omega = host.omega();
   result.kept_factors = frozen.kept_factors();
   result.processes = host.peers().size();
-  result.likelihood_samples = likelihood_samples(host);
+  result.likelihood_samples = likelihood_samples(host, result.what);
   result.likelihood = estimate_likelihood(host, frozen, points, result.likelihood_samples,
                                           host.model().file().estimation.replicates);
   if (!result.likelihood.complete) {
     result.converged = false;
-    result.reason = stop_reason();
+    result.reason = stop_reason;
   }
   result.shrinkage = shrinkage(host, result.likelihood);
   result.omega_condition = condition_of(result.omega);
@@ -147,39 +148,20 @@ fit_result fit(engine_host& host, const progress_listener& progress,
   result.what = task::fit;
   stopwatch watch;
 
-  point_source points(host, std::max({gv::nsampset, gv::npresample, likelihood_samples(host),
-                                      settings.se_samples}));
+  point_source points(host, std::max({gv::nsampset, gv::npresample,
+                                      likelihood_samples(host, task::fit), settings.se_samples}));
   bool started = gv::ngetmapnp <= 0 || map_np_start(host);
   proposals adaptive(host);
   started = started && first_proposals(adaptive, points);
   result.times.start = watch.lap();
 
-  maximisation_step maximisation(host);
-  resampler resampling(host.model().subjects(), gv::nchain, !settings.fresh_points);
-  convergence_monitor monitor(host.model(), settings.tolerance, settings.fresh_points);
-  bool stopped = !started;
-  for (int iteration = 1; iteration <= settings.max_iterations && !stopped; ++iteration) {
-    const bool burning_in = iteration <= gv::nqrburn;
-    points.begin_iteration(iteration);
-    const e_step found = integrate(host, adaptive, gv::nsampset,
-                                   maximisation.is_closed_form() ? nullptr : &resampling);
-    stopped = !found.complete;
-    if (stopped) break;
-    maximisation.update(found, adaptive, burning_in && gv::ifreezeomegaburn != 0);
-    const double minus2ll = -2.0 * found.log_likelihood;
-    if (!burning_in) monitor.add(host.theta(), host.omega(), minus2ll);
-    result.iterations.push_back({iteration, minus2ll, host.theta(), host.omega()});
-    progress(result.iterations.back(), settings.max_iterations);
-    if (monitor.converged() && gv::irunall == 0) break;
-  }
+  em_iterations iterations(host, points, adaptive, progress);
+  if (started) iterations.run();
   result.times.iterations = watch.lap();
-
-  const verdict end = monitor.conclusion();
-  result.converged = end.converged && !stopped && maximisation.omega_is_sound();
-  result.reason = end.reason;
-  if (!maximisation.omega_is_sound()) result.reason = "omega became singular; " + end.reason;
-  if (stopped) result.reason = stop_reason();
-  result.held_by_bounds = maximisation.held_by_bounds();
+  result.iterations = std::move(iterations.records());
+  result.converged = started && iterations.converged();
+  result.reason = started ? iterations.reason() : stop_reason;
+  result.held_by_bounds = iterations.held_by_bounds();
   conclude(host, adaptive, points, quadrature_progress, result);
   if (settings.standard_errors != standard_error_kind::none && result.likelihood.complete) {
     watch.lap();
@@ -198,21 +180,21 @@ fit_result evaluate(engine_host& host, const progress_listener& progress,
   result.what = task::evaluate;
   stopwatch watch;
 
-  const int samples = likelihood_samples(host);
+  const int samples = likelihood_samples(host, task::evaluate);
   point_source points(host, std::max(samples, gv::npresample));
   proposals adaptive(host);
   bool complete = first_proposals(adaptive, points);
   double last = 0.0;
   bool settled = false;
   for (int pass = 1; pass <= most_pilot_passes && complete && !settled; ++pass) {
-    points.begin_iteration(pass);
+    points.begin_iteration(pass, samples);
     const e_step found = integrate(host, adaptive, samples);
     complete = found.complete;
     if (!complete) break;
     for (int i = 0; i < host.model().subjects(); ++i) {
       const subject_integral& s = found.subjects[static_cast<std::size_t>(i)];
       if (host.model().observations(i) > 0)
-        adaptive.follow(i, s.mean, s.covariance, s.effective_samples);
+        adaptive.follow(i, s.mean, s.covariance, s.effective_samples, samples);
     }
     const double minus2ll = -2.0 * found.log_likelihood;
     settled = pass > 1 && std::fabs(minus2ll - last) < pilot_tolerance;
@@ -227,6 +209,8 @@ fit_result evaluate(engine_host& host, const progress_listener& progress,
               : fmt::format("the proposals did not settle in {} pilot passes", most_pilot_passes);
   if (!complete) result.reason = stop_reason();
   conclude(host, adaptive, points, quadrature_progress, result);
+  if (!complete) result.reason = stop_reason;
+  conclude(host, adaptive, points, result);
   return result;
 }
 

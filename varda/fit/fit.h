@@ -15,6 +15,9 @@ using progress_listener = std::function<void(const iteration_record&, int most_i
 
 inline void no_progress(const iteration_record&, int) {}
 
+// The reason of a run that was stopped.
+inline constexpr const char* stop_reason = "stopped on request";
+
 // Maximum likelihood estimates from the start values in the host. The host holds the estimates
 // afterwards. A stop request ends the iterations: the result then holds the last complete iteration
 // and is not converged.

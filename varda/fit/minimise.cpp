@@ -75,6 +75,13 @@ difference_stencil::difference_stencil(const Eigen::VectorXd& centre, const Eige
         }
 }
 
+Eigen::VectorXd difference_stencil::gradient(const Eigen::VectorXd& values) const {
+  Eigen::VectorXd slopes(step_.size());
+  for (Eigen::Index i = 0; i < step_.size(); ++i)
+    slopes(i) = (values(1 + 2 * i) - values(2 + 2 * i)) / (2.0 * step_(i));
+  return slopes;
+}
+
 Eigen::VectorXd difference_stencil::curvatures(const Eigen::VectorXd& values) const {
   Eigen::VectorXd diagonal(step_.size());
   for (Eigen::Index i = 0; i < step_.size(); ++i)

@@ -35,6 +35,8 @@ class difference_stencil {
   // pair of coordinates the four corners.
   const Eigen::MatrixXd& points() const { return points_; }
   Eigen::MatrixXd hessian(const Eigen::VectorXd& values) const;
+  // The gradient, from the values at the first 2 n + 1 points alone.
+  Eigen::VectorXd gradient(const Eigen::VectorXd& values) const;
   // The diagonal of the Hessian, from the values at the first 2 n + 1 points alone.
   Eigen::VectorXd curvatures(const Eigen::VectorXd& values) const;
 

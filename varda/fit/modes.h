@@ -8,21 +8,19 @@
 
 namespace varda {
 
-// The mode of a subject's random effects given its data, at the parameters in force, and the
-// objective (negative log joint density) there. The search starts at zero deviations.
+// The mode of a subject's random effects given its data, at the parameters in force, the objective
+// (negative log joint density) there, and the lower Cholesky factor of its Hessian; that of omega's
+// inverse where the Hessian is not positive definite.
 struct posterior_mode {
   Eigen::VectorXd eta;
   double objective = 0.0;
-};
-posterior_mode find_mode(engine_host& host, int subject);
-
-// Lower Cholesky factor of the exact Hessian of the objective at the mode; that of omega's inverse
-// where the Hessian is not positive definite.
-struct posterior_curvature {
   Eigen::MatrixXd factor;
   bool definite = false;
 };
-posterior_curvature curvature_at(engine_host& host, int subject, const Eigen::VectorXd& mode);
+
+// Newton's method on central differences from zero deviations; a search without derivatives where
+// the objective cannot be differenced or Newton's method does not arrive.
+posterior_mode find_mode(engine_host& host, int subject);
 
 // Modes of all subjects, one a column, zero for a subject without observations. Their curvature
 // factors stand in the shared `cholsub`. Subjects are shared among the processes; every one ends

@@ -36,10 +36,6 @@ maximisation_step::maximisation_step(engine_host& host) : host_(host) {
 void maximisation_step::update(const e_step& found, proposals& follow, bool freeze_omega) {
   const population_model& model = host_.model();
   held_.clear();
-  for (int i = 0; i < model.subjects(); ++i) {
-    const subject_integral& s = found.subjects[static_cast<std::size_t>(i)];
-    if (model.observations(i) > 0) follow.follow(i, s.mean, s.covariance, s.effective_samples);
-  }
   Eigen::VectorXd theta = host_.theta();
   const Eigen::MatrixXd moved = regress(found, theta);
   if (is_closed_form())

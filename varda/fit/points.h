@@ -20,19 +20,21 @@ class point_source {
   // the sequence, or when the model has more random effects than the sequence has dimensions.
   point_source(engine_host& host, int samples);
 
-  // Before the first subject of an iteration, counted from 1.
-  void begin_iteration(int iteration);
+  // Before the first subject of an iteration, counted from 1, that takes `samples` a subject.
+  void begin_iteration(int iteration, int samples);
   // Before the first subject of the presampling pass.
   void begin_presampling();
   // Before the first subject of the pass for standard errors.
   void begin_standard_errors();
-  // Before the first subject of a replicate, counted from 1: independent of all other points.
-  void begin_replicate(int replicate);
+  // Before the first subject of a replicate, counted from 1, that takes `samples` a subject:
+  // independent of all other points.
+  void begin_replicate(int replicate, int samples);
 
  private:
   static constexpr int dimensions_ = 40;  // the Sobol tables end there
 
   void scramble(int type);
+  void align(int samples);
   void rewind();
   std::uint64_t stream(std::uint64_t purpose) const;
 

@@ -1,0 +1,81 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <vector>
+
+#include "varda/fit/anderson.h"
+#include "varda/fit/convergence.h"
+#include "varda/fit/fit.h"
+#include "varda/fit/iteration_scale.h"
+#include "varda/fit/mstep.h"
+#include "varda/fit/points.h"
+#include "varda/fit/proposals.h"
+#include "varda/fit/resampler.h"
+
+namespace varda {
+
+// The iterations of a fit, from the parameters in the host and the proposals as they stand.
+//
+// With common points they go in two parts. The approach takes a few points a subject and lets the
+// proposals follow the subjects. The second part takes all points and, from its second iteration
+// on, leaves the proposals where they are: the points then stand at the same individual parameters
+// always, and an iteration is an exact EM step for the likelihood as those points see it, so that
+// it can only rise. Both parts are accelerated; a step that lowers the likelihood is taken back.
+// With fresh points every iteration takes all of them and nothing is accelerated.
+class em_iterations {
+ public:
+  em_iterations(engine_host& host, point_source& points, proposals& adaptive,
+                const progress_listener& progress);
+
+  // Iterates until convergence, the most iterations or a stop.
+  void run();
+
+  bool stopped() const { return stopped_; }
+  bool converged() const;
+  std::string reason() const;
+  const std::vector<int>& held_by_bounds() const { return maximisation_.held_by_bounds(); }
+  std::vector<iteration_record>& records() { return records_; }
+
+ private:
+  enum class stage { approach, first_of_all_points, settled };
+
+  bool burning_in() const { return iteration_ <= burn_in_; }
+  // Proposals come from the modes in this iteration.
+  bool is_assisted() const;
+  void iterate();
+  void follow(const e_step& found);
+  bool worse(double minus2ll) const;
+  void take_back();
+  void accelerate(const Eigen::VectorXd& before, const Eigen::VectorXd& after);
+  bool move_to(const Eigen::VectorXd& values);
+  void judge_stage(const Eigen::VectorXd& step);
+  void change_points();
+
+  engine_host& host_;
+  const estimation_settings& settings_;
+  point_source& points_;
+  proposals& adaptive_;
+  const progress_listener& progress_;
+
+  iteration_scale scale_;
+  maximisation_step maximisation_;
+  resampler resampling_;
+  convergence_monitor monitor_;
+  anderson_acceleration acceleration_;
+
+  bool fresh_;
+  int burn_in_;
+  int samples_;
+  stage stage_ = stage::approach;
+  int iteration_ = 0;
+  bool stopped_ = false;
+  double last_step_ = 0.0;         // size of the last EM step
+  double best_ = 0.0;              // least -2 log-likelihood that the points have seen
+  bool compared_ = false;          // best_ is known
+  bool accelerated_ = false;       // the parameters in force are not an EM step's
+  Eigen::VectorXd safe_;           // what the last EM step made of the best point
+  std::vector<double> effective_;  // samples, when the proposals came to rest
+  std::vector<iteration_record> records_;
+};
+
+}  // namespace varda
