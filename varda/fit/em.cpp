@@ -6,7 +6,6 @@
 #include <cmath>
 
 #include "statsubs/state/global_variables.h"
-#include "varda/fit/estep.h"
 
 namespace varda {
 
@@ -83,19 +82,19 @@ void em_iterations::iterate() {
     return;
   }
   points_.begin_iteration(iteration_, samples_);
-  const e_step found = integrate(host_, adaptive_, samples_,
-                                 maximisation_.is_closed_form() ? nullptr : &resampling_);
-  stopped_ = !found.complete;
+  integrate(host_, adaptive_, samples_, found_,
+            maximisation_.is_closed_form() ? nullptr : &resampling_);
+  stopped_ = !found_.complete;
   if (stopped_) return;
-  const double minus2ll = -2.0 * found.log_likelihood;
+  const double minus2ll = -2.0 * found_.log_likelihood;
   if (worse(minus2ll)) {
     take_back();
   } else {
     best_ = minus2ll;
     compared_ = true;
-    follow(found);
+    follow_subjects();
     const Eigen::VectorXd before = scale_.values(host_.theta(), host_.omega());
-    maximisation_.update(found, adaptive_, burning_in() && gv::ifreezeomegaburn != 0);
+    maximisation_.update(found_, adaptive_, burning_in() && gv::ifreezeomegaburn != 0);
     const Eigen::VectorXd after = scale_.values(host_.theta(), host_.omega());
     if (!fresh_) accelerate(before, after);
     if (!burning_in() && (fresh_ || stage_ == stage::settled))
@@ -112,13 +111,13 @@ bool em_iterations::is_assisted() const {
 
 // Lets the proposals follow the subjects; in the settled part those alone whose posterior has moved
 // away from them.
-void em_iterations::follow(const e_step& found) {
-  effective_.resize(found.subjects.size(), 0.0);
+void em_iterations::follow_subjects() {
+  effective_.resize(found_.subjects.size(), 0.0);
   bool moved = false;
-  for (std::size_t i = 0; i < found.subjects.size(); ++i) {
+  for (std::size_t i = 0; i < found_.subjects.size(); ++i) {
     const int subject = static_cast<int>(i);
     if (host_.model().observations(subject) == 0) continue;
-    const subject_integral& s = found.subjects[i];
+    const subject_integral& s = found_.subjects[i];
     const bool settled = stage_ == stage::settled && !fresh_;
     if (settled && effective_[i] == 0.0) effective_[i] = s.effective_samples;
     const bool enough = adaptive_.trusts(s.effective_samples, samples_) ||

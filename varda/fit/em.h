@@ -5,6 +5,7 @@
 
 #include "varda/fit/anderson.h"
 #include "varda/fit/convergence.h"
+#include "varda/fit/estep.h"
 #include "varda/fit/fit.h"
 #include "varda/fit/iteration_scale.h"
 #include "varda/fit/mstep.h"
@@ -43,7 +44,7 @@ class em_iterations {
   // Proposals come from the modes in this iteration.
   bool is_assisted() const;
   void iterate();
-  void follow(const e_step& found);
+  void follow_subjects();
   bool worse(double minus2ll) const;
   void take_back();
   void accelerate(const Eigen::VectorXd& before, const Eigen::VectorXd& after);
@@ -68,6 +69,7 @@ class em_iterations {
   int samples_;
   stage stage_ = stage::approach;
   int iteration_ = 0;
+  e_step found_;
   bool stopped_ = false;
   double last_step_ = 0.0;         // size of the last EM step
   double best_ = 0.0;              // least -2 log-likelihood that the points have seen

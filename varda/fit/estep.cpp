@@ -11,32 +11,34 @@ namespace gv = statsubs::global_variables;
 
 namespace {
 
-subject_integral without_observations(const engine_host& host) {
-  subject_integral result;
+void without_observations(const engine_host& host, subject_integral& result) {
+  result = {};
   result.mean = Eigen::VectorXd::Zero(host.omega().rows());
   result.covariance = host.omega();
-  return result;
 }
 
 }  // namespace
 
-e_step integrate(engine_host& host, const proposals& from, int samples, resampler* points) {
+void integrate(engine_host& host, const proposals& from, int samples, e_step& result,
+               resampler* points) {
   const population_model& model = host.model();
   const int effects = model.random_effects();
   Eigen::MatrixXd etas(effects, samples);
   Eigen::VectorXd weights(samples);
+  Eigen::VectorXd mu(effects);
 
-  e_step result;
-  result.subjects.reserve(static_cast<std::size_t>(model.subjects()));
+  result.complete = false;
+  result.log_likelihood = 0.0;
+  result.subjects.resize(static_cast<std::size_t>(model.subjects()));
   for (int i = 0; i < model.subjects(); ++i) {
+    subject_integral& found = result.subjects[static_cast<std::size_t>(i)];
     if (model.observations(i) == 0) {
-      result.subjects.push_back(without_observations(host));
+      without_observations(host, found);
       continue;
     }
-    subject_integral found;
     from.offer(i);
     statsubs::fgintegrate(i + 1, samples, etas.data(), weights.data(), found.log_likelihood);
-    if (engine_host::stopped()) return result;
+    if (engine_host::stopped()) return;
 
     found.mean = Eigen::Map<const Eigen::VectorXd>(gv::xmusubnew.data(), effects);
     found.covariance = Eigen::Map<const Eigen::MatrixXd>(gv::omegasubnew.data(), effects, effects);
@@ -48,15 +50,12 @@ e_step integrate(engine_host& host, const proposals& from, int samples, resample
     found.effective_samples = samples / (rms * rms);
     found.largest_weight = peak / samples;
     if (points != nullptr) {
-      Eigen::VectorXd mu(effects);
       model.means(i, host.theta().data(), mu.data());
       found.resampled = points->draw(i, mu, etas, weights);
     }
     result.log_likelihood += found.log_likelihood;
-    result.subjects.push_back(std::move(found));
   }
   result.complete = true;
-  return result;
 }
 
 }  // namespace varda

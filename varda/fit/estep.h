@@ -29,8 +29,9 @@ struct e_step {
 
 // Integrates over the random effects of every subject with the parameters in force, and resamples
 // where `points` is given. A subject without observations contributes nothing: its integral is 1
-// and its conditional distribution the population's. Collective.
-e_step integrate(engine_host& host, const proposals& from, int samples,
-                 resampler* points = nullptr);
+// and its conditional distribution the population's. Collective. `result` is overwritten; handing
+// in the last one saves its memory from being asked for again, subject by subject.
+void integrate(engine_host& host, const proposals& from, int samples, e_step& result,
+               resampler* points = nullptr);
 
 }  // namespace varda

@@ -186,9 +186,10 @@ fit_result evaluate(engine_host& host, const progress_listener& progress,
   bool complete = first_proposals(adaptive, points);
   double last = 0.0;
   bool settled = false;
+  e_step found;
   for (int pass = 1; pass <= most_pilot_passes && complete && !settled; ++pass) {
     points.begin_iteration(pass, samples);
-    const e_step found = integrate(host, adaptive, samples);
+    integrate(host, adaptive, samples, found);
     complete = found.complete;
     if (!complete) break;
     for (int i = 0; i < host.model().subjects(); ++i) {

@@ -34,9 +34,10 @@ likelihood_estimate estimate_likelihood(engine_host& host, const proposals& froz
 
   Eigen::MatrixXd log_likelihoods(replicates, host.model().subjects());
   const double share = 1.0 / replicates;
+  e_step found;
   for (int r = 1; r <= replicates; ++r) {
     points.begin_replicate(r, samples);
-    const e_step found = integrate(host, frozen, samples);
+    integrate(host, frozen, samples, found);
     if (!found.complete) return result;
     result.replicates.push_back(-2.0 * found.log_likelihood);
     for (std::size_t i = 0; i < result.subjects.size(); ++i) {

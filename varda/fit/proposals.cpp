@@ -73,8 +73,12 @@ void proposals::set_factor(int subject, const Eigen::MatrixXd& lower) {
 
 void proposals::offer(int subject) const {
   const Eigen::Index n = centres_.rows();
+  const auto slice = qv::choleskyfactor.slice(subject + 1);
+  const Eigen::Map<const Eigen::MatrixXd> stored(slice.data(), n, n);
   Eigen::Map<Eigen::VectorXd>(gv::xmusub.data(), n) = centres_.col(subject);
-  Eigen::Map<Eigen::MatrixXd>(gv::omegacholsub.data(), n, n) = widening_ * factor(subject);
+  Eigen::Map<Eigen::MatrixXd> offered(gv::omegacholsub.data(), n, n);
+  offered.setZero();
+  offered.triangularView<Eigen::Lower>() = widening_ * stored;
 }
 
 void proposals::follow(int subject, const Eigen::VectorXd& mean, const Eigen::MatrixXd& covariance,

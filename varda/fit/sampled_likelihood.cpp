@@ -39,6 +39,7 @@ class sampled_likelihood::subject_densities {
     Eigen::VectorXd mu(etas.rows());
     model_.means(subject, owner.estimates_.theta.data(), mu.data());
     phi_ = etas.colwise() + mu;
+    by_effect_ = phi_.transpose();
     prediction_.resize(model_.observations(subject), etas.cols());
     predict(owner.estimates_.theta);
   }
@@ -73,14 +74,23 @@ class sampled_likelihood::subject_densities {
   Eigen::VectorXd of_random_effects(const parameters& p) const {
     Eigen::VectorXd mu(phi_.rows());
     model_.means(subject_, p.theta.data(), mu.data());
-    const Eigen::MatrixXd z = p.whitener * (phi_.colwise() - mu);
-    return (p.log_constant - 0.5 * z.colwise().squaredNorm().array()).matrix().transpose();
+    // By random effect, so that the loops run over the many samples; omega is mostly diagonal.
+    Eigen::ArrayXd squares = Eigen::ArrayXd::Zero(phi_.cols());
+    Eigen::ArrayXd z(phi_.cols());
+    for (Eigen::Index i = 0; i < phi_.rows(); ++i) {
+      z.setZero();
+      for (Eigen::Index j = 0; j <= i; ++j)
+        if (p.whitener(i, j) != 0.0) z += p.whitener(i, j) * (by_effect_.col(j).array() - mu(j));
+      squares += z.square();
+    }
+    return p.log_constant - 0.5 * squares;
   }
 
   const sampled_likelihood& owner_;
   const population_model& model_;
   int subject_;
-  Eigen::MatrixXd phi_;
+  Eigen::MatrixXd phi_;         // random effects x samples
+  Eigen::MatrixXd by_effect_;   // its transpose
   Eigen::MatrixXd prediction_;  // observations x samples
   std::map<std::vector<double>, Eigen::VectorXd> of_data_;
 };
