@@ -17,6 +17,9 @@ namespace {
 constexpr int acceleration_memory = 5;
 // The approach ends when an EM step moves nothing by more than this.
 constexpr double approach_tolerance = 0.02;
+// It ends after so many iterations too: with few points, the proposals of a sampling scheme that
+// wastes them may never come to rest.
+constexpr int longest_approach = 15;
 // An accelerated step may be this many times as long as the EM step it stands for.
 constexpr double longest_leap = 30.0;
 // -2 log-likelihood may rise by this much, per subject^1/2 while the points still move and in all
@@ -181,13 +184,12 @@ void em_iterations::judge_stage(const Eigen::VectorXd& step) {
     stage_ = stage::settled;
     return;
   }
-  const double size = step.cwiseAbs().maxCoeff();
-  if (size < approach_tolerance) {
-    stage_ = stage::first_of_all_points;
-    samples_ = gv::nsampset;
-    resampling_ = resampler(host_.model().subjects(), gv::nchain, true);
-    change_points();
-  }
+  const bool arrived = step.cwiseAbs().maxCoeff() < approach_tolerance;
+  if (!arrived && iteration_ < std::max(burn_in_, 0) + longest_approach) return;
+  stage_ = stage::first_of_all_points;
+  samples_ = gv::nsampset;
+  resampling_ = resampler(host_.model().subjects(), gv::nchain, true);
+  change_points();
 }
 
 void em_iterations::change_points() {

@@ -71,7 +71,6 @@ class em_iterations {
   int iteration_ = 0;
   e_step found_;
   bool stopped_ = false;
-  double last_step_ = 0.0;         // size of the last EM step
   double best_ = 0.0;              // least -2 log-likelihood that the points have seen
   bool compared_ = false;          // best_ is known
   bool accelerated_ = false;       // the parameters in force are not an EM step's
