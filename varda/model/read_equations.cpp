@@ -61,7 +61,8 @@ void check_columns(const std::vector<std::string>& covariates, const model_file&
                    const std::vector<formula_error>& places) {
   std::vector<std::string> columns;
   try {
-    columns = read_csv(file.data.file).header;
+    findings refused_rows;
+    columns = read_csv(file.data.file, refused_rows).header;
   } catch (const bad_input&) {
     return;
   }

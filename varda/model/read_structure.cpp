@@ -32,7 +32,9 @@ void read_structure(section from, model_file& file) {
   name = from.needed_text("structure", "the structural model");
   if (std::find(structures.begin(), structures.end(), name) == structures.end())
     throw from.unknown_word("structure", name, structures);
-  if (name == formula_structure || name == equation_structure)
+  const bool own_equations = name == formula_structure || name == equation_structure;
+  file.data.doses_needed = !own_equations;
+  if (own_equations)
     read_equations(from, file);
   else
     read_compartments(from, file.structure);
