@@ -53,11 +53,11 @@ void measure_integration(const varda::job& peers) {
   std::vector<double> etas(3 * samples);
   std::vector<double> weights(samples);
   double log_likelihood = 0.0;
-  points.begin_iteration(1);
+  points.begin_iteration(1, samples);
   const double whole =
       fastest(200,
               [&] {
-                points.begin_iteration(1);
+                points.begin_iteration(1, samples);
                 proposals.offer(0);
                 statsubs::fgintegrate(1, samples, etas.data(), weights.data(), log_likelihood);
               }) /

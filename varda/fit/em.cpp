@@ -26,10 +26,11 @@ constexpr double longest_leap = 30.0;
 // when they stand still, before an accelerated step is taken back.
 constexpr double approach_slack = 0.3;
 constexpr double settled_slack = 0.01;
-// A proposal at rest is renewed when its effective samples have fallen to this share.
+// A proposal at rest is renewed when its effective samples have fallen to this share of what they
+// were, and, a few times, when they are less than this share of all.
 constexpr double least_effective_share = 0.5;
-// A proposal that failed this often in a row is left as it is.
-constexpr int most_failures = 4;
+constexpr double poor_share = 0.1;
+constexpr int most_renewals_of_a_poor_one = 4;
 
 // Enough points for the moments of a subject; a power of two, so that every subject's points are a
 // net of the Sobol sequence.
@@ -113,21 +114,24 @@ bool em_iterations::is_assisted() const {
 }
 
 // Lets the proposals follow the subjects; in the settled part those alone whose posterior has moved
-// away from them.
+// away from them, or that were poor from the beginning.
 void em_iterations::follow_subjects() {
-  effective_.resize(found_.subjects.size(), 0.0);
+  following_.resize(found_.subjects.size());
   bool moved = false;
   for (std::size_t i = 0; i < found_.subjects.size(); ++i) {
     const int subject = static_cast<int>(i);
     if (host_.model().observations(subject) == 0) continue;
     const subject_integral& s = found_.subjects[i];
-    const bool settled = stage_ == stage::settled && !fresh_;
-    if (settled && effective_[i] == 0.0) effective_[i] = s.effective_samples;
-    const bool enough = adaptive_.trusts(s.effective_samples, samples_) ||
-                        adaptive_.failures(subject) >= most_failures;
-    if (settled && enough && s.effective_samples >= least_effective_share * effective_[i]) continue;
-    adaptive_.follow(subject, s.mean, s.covariance, s.effective_samples, samples_);
-    effective_[i] = 0.0;
+    if (stage_ == stage::settled && !fresh_) {
+      rest& proposal = following_[i];
+      if (proposal.effective == 0.0) proposal.effective = s.effective_samples;
+      const bool poor = s.effective_samples < poor_share * samples_ &&
+                        proposal.renewals < most_renewals_of_a_poor_one;
+      if (!poor && s.effective_samples >= least_effective_share * proposal.effective) continue;
+      ++proposal.renewals;
+      proposal.effective = 0.0;
+    }
+    adaptive_.follow(subject, s.mean, s.covariance, s.effective_samples);
     moved = true;
   }
   if (moved) change_points();

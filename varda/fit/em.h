@@ -39,6 +39,10 @@ class em_iterations {
 
  private:
   enum class stage { approach, first_of_all_points, settled };
+  struct rest {              // of a subject's proposal
+    double effective = 0.0;  // samples when it came to rest; 0 before
+    int renewals = 0;        // since then
+  };
 
   bool burning_in() const { return iteration_ <= burn_in_; }
   // Proposals come from the modes in this iteration.
@@ -71,11 +75,11 @@ class em_iterations {
   int iteration_ = 0;
   e_step found_;
   bool stopped_ = false;
-  double best_ = 0.0;              // least -2 log-likelihood that the points have seen
-  bool compared_ = false;          // best_ is known
-  bool accelerated_ = false;       // the parameters in force are not an EM step's
-  Eigen::VectorXd safe_;           // what the last EM step made of the best point
-  std::vector<double> effective_;  // samples, when the proposals came to rest
+  double best_ = 0.0;            // least -2 log-likelihood that the points have seen
+  bool compared_ = false;        // best_ is known
+  bool accelerated_ = false;     // the parameters in force are not an EM step's
+  Eigen::VectorXd safe_;         // what the last EM step made of the best point
+  std::vector<rest> following_;  // per subject
   std::vector<iteration_record> records_;
 };
 

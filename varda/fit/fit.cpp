@@ -113,7 +113,7 @@ void integrate_besides(engine_host& host, const progress_listener& progress, fit
     result.warnings.push_back(odd_curvatures(host.model(), result.quadrature.placed_by_omega));
   if (result.quadrature.complete) return;
   result.converged = false;
-  result.reason = stop_reason();
+  result.reason = stop_reason;
 }
 
 // What fit and evaluate have in common: the likelihood at the parameters in force and all that
@@ -195,7 +195,7 @@ fit_result evaluate(engine_host& host, const progress_listener& progress,
     for (int i = 0; i < host.model().subjects(); ++i) {
       const subject_integral& s = found.subjects[static_cast<std::size_t>(i)];
       if (host.model().observations(i) > 0)
-        adaptive.follow(i, s.mean, s.covariance, s.effective_samples, samples);
+        adaptive.follow(i, s.mean, s.covariance, s.effective_samples);
     }
     const double minus2ll = -2.0 * found.log_likelihood;
     settled = pass > 1 && std::fabs(minus2ll - last) < pilot_tolerance;
@@ -208,10 +208,8 @@ fit_result evaluate(engine_host& host, const progress_listener& progress,
   result.reason =
       settled ? fmt::format("the proposals settled in {} pilot passes", result.iterations.size())
               : fmt::format("the proposals did not settle in {} pilot passes", most_pilot_passes);
-  if (!complete) result.reason = stop_reason();
-  conclude(host, adaptive, points, quadrature_progress, result);
   if (!complete) result.reason = stop_reason;
-  conclude(host, adaptive, points, result);
+  conclude(host, adaptive, points, quadrature_progress, result);
   return result;
 }
 

@@ -138,8 +138,7 @@ posterior_mode find_mode(engine_host& host, int subject) {
   const std::optional<scaled_mode> by_newton = newton_search(f);
   const scaled_mode found = by_newton ? *by_newton : search_without_derivatives(f);
   const Eigen::VectorXd inverse_scale = f.scale().cwiseInverse();
-  Eigen::MatrixXd hessian =
-      inverse_scale.asDiagonal() * found.hessian * inverse_scale.asDiagonal();
+  Eigen::MatrixXd hessian = inverse_scale.asDiagonal() * found.hessian * inverse_scale.asDiagonal();
   const bool definite = is_positive_definite(hessian);
   if (!definite)
     hessian = host.omega().llt().solve(
