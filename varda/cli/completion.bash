@@ -10,9 +10,11 @@ _varda() {
     --seed | --samples) return ;;
   esac
   if [ "$COMP_CWORD" -eq 1 ]; then
-    mapfile -t COMPREPLY < <(compgen -W "fit evaluate --help --version" -- "$current")
+    mapfile -t COMPREPLY < <(compgen -W "fit evaluate check --help --version" -- "$current")
   elif [[ $current == -* ]]; then
-    mapfile -t COMPREPLY < <(compgen -W "--output --seed --samples --quiet --records --help" -- "$current")
+    local options="--output --seed --samples --quiet --records --help"
+    [ "${COMP_WORDS[1]}" = check ] && options="--json --help"
+    mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current")
   else
     mapfile -t COMPREPLY < <(compgen -d -- "$current"; compgen -f -X '!*.toml' -- "$current")
   fi
