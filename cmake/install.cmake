@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 #
-# What `cmake --install` puts where, in three components: the shared library, what is needed to build
-# against it, and varda.
+# What `cmake --install` puts where, in three components: the shared library, what is needed to
+# build against it, and varda.
 include(CMakePackageConfigHelpers)
 
 set(statsubs_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/statsubs)
@@ -14,7 +14,8 @@ file(
 set(public_headers statsubs/c/host_table.h statsubs/state/shared_types.h
                    statsubs/support/fixed_array.h)
 foreach(header IN LISTS candidates)
-  file(STRINGS ${PROJECT_SOURCE_DIR}/${header} shown REGEX "STATSUBS_(API|DECLARE_SHARED)" LIMIT_COUNT 1)
+  file(STRINGS ${PROJECT_SOURCE_DIR}/${header} shown LIMIT_COUNT 1
+       REGEX "STATSUBS_(API|DECLARE_SHARED)")
   if(shown)
     list(APPEND public_headers ${header})
   endif()

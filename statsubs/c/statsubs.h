@@ -3,12 +3,13 @@
  * statsubs for C (C99) and for whatever calls C.
  *
  *   routines           statsubs_fgintegrate(...) is fgintegrate of the C++ headers, and so on
- *   shared variables   statsubs_get_leneta(), statsubs_set_leneta(2), statsubs_bind_theta(storage, n)
+ *   shared variables   statsubs_get_leneta(), statsubs_set_leneta(2),
+ *                      statsubs_bind_theta(storage, n)
  *   host               a table of the engine's callables, handed over by statsubs_install_host
  *
  * Scalars in go by value, scalars out by pointer. Arrays are column-major and their subscripts
- * count from 1: what is called subject 1 is the first, what is called a(i, j) stands at
- * a[i - 1 + (j - 1) * rows]. The library is not reentrant: one thread at a time calls it.
+ * count from 1: subject 1 is the first, and a(i, j) stands at a[i - 1 + (j - 1) * rows]. The
+ * library is not reentrant: one thread at a time calls it.
  *
  * Three events end the process rather than return: memory that cannot be had, a callable that is
  * needed and was never installed, and the stops that the Sobol generator and the inverse search
@@ -41,8 +42,8 @@ STATSUBS_API const char* statsubs_last_error(void);
 /* Makes `table` the host; it is copied. A table that ends earlier than this library's, as a host
  * compiled against an older version has, is completed with the defaults; one that is larger or of a
  * later version is refused, with the installed host unchanged. A null pointer brings the state at
- * load back. A callable must not be left by longjmp or an exception: to stop the run, a host answers
- * stoprequested with a nonzero value and sets globalstop in checkforstop. */
+ * load back. A callable must not be left by longjmp or an exception: to stop the run, a host
+ * answers stoprequested with a nonzero value and sets globalstop in checkforstop. */
 STATSUBS_API int statsubs_install_host(const statsubs_host_table* table);
 
 /* Receives a line of `length` characters, without line end and terminating zero. */
