@@ -10,7 +10,7 @@
 
 #include "tests/varda/theophylline.h"
 #include "varda/model/expression.h"
-#include "varda/model/one_compartment.h"
+#include "varda/model/exponentials.h"
 #include "varda/model/structural_model.h"
 
 namespace varda {
