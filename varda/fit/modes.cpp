@@ -27,9 +27,9 @@ constexpr int most_steps = 30;
 // truncation and rounding are both near 1e-7.
 constexpr double first_difference = 1e-2;
 constexpr double difference = 1e-3;
-// The search ends when a step would lower the objective by less: the mode is then known to a
-// thousandth of a conditional standard deviation before that step, and far better after it.
-constexpr double least_decrease = 1e-6;
+// The search ends when a step would lower the objective by less. The Hessian is the one before that
+// step, some 1e-5 conditional standard deviations from the mode.
+constexpr double least_decrease = 1e-10;
 constexpr double least_curvature = 0.1;
 constexpr double longest_step = 2.0;
 constexpr double sufficient_decrease = 1e-4;
