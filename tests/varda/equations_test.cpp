@@ -34,7 +34,7 @@ struct prediction {
 
 prediction predict(const equation_text& text, const subject& who, const std::vector<double>& p,
                    std::size_t sets = 1) {
-  const auto model = make_structural_model({equation_structure, text});
+  const auto model = make_structural_model({.name = equation_structure, .equations = text});
   std::vector<int> positions;
   for (std::size_t k = 0; k < model->covariates().size(); ++k)
     positions.push_back(static_cast<int>(k));
@@ -154,7 +154,7 @@ TEST(Equations, RefusesWhatIsNoFormula) {
 TEST(Equations, GiveTheObjectiveOfTheClosedForm) {
   const auto objectives = [](const char* structure, const equation_text& text) {
     const population_model model = test::theophylline([&](model_file& file) {
-      file.structure = {structure, text};
+      file.structure = {.name = structure, .equations = text};
     });
     std::vector<double> sums;
     for (int draw = 0; draw < 40; ++draw) {
