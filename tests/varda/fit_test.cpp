@@ -267,6 +267,47 @@ INSTANTIATE_TEST_SUITE_P(
             }}),
     name_of);
 
+void correlate(model_file& f, double ka_CL, double ka_V, double CL_V) {
+  f.omega = {{{"ka", "CL", "V"}, {0.4, ka_CL, ka_V, ka_CL, 0.07, CL_V, ka_V, CL_V, 0.0185}, false}};
+}
+
+// The likelihood rises towards an omega in which CL and V are fully correlated; its supremum is
+// from Newton steps on adaptive quadrature along that edge.
+TEST(Singularity, AFullOmegaThatTheDataDoNotSupportIsNamed) {
+  const population_model model =
+      test::theophylline([](model_file& f) { correlate(f, 0.0, 0.0, 0.0); });
+  const varda::fit_result result = test::fit(model);
+  EXPECT_FALSE(result.converged);
+  EXPECT_THAT(result.singular, testing::ElementsAre("corr(CL,V)"));
+  EXPECT_THAT(result.reason, testing::HasSubstr("corr(CL,V) tends to 1"));
+  EXPECT_TRUE(result.errors.chosen().empty());
+  EXPECT_NEAR(minus2ll(model, result), 106.5506, 0.2);
+}
+
+TEST(Singularity, SubjectsThatAreAllAlikeHaveNoVariance) {
+  const population_model whole = test::theophylline();
+  varda::dataset alike = whole.data();
+  for (varda::subject& who : alike.subjects) {
+    const std::string id = who.id;
+    who = alike.subjects.front();
+    who.id = id;
+  }
+  const varda::fit_result result = test::fit({whole.file(), alike});
+  EXPECT_FALSE(result.converged);
+  EXPECT_THAT(result.singular, testing::IsSupersetOf({"omega(ka)", "omega(CL)"}));
+}
+
+// 0.9 between CL and V.
+TEST(Singularity, AStrongCorrelationThatTheDataSupportIsNone) {
+  const population_model truth = test::theophylline([](model_file& f) {
+    correlate(f, 0.0, 0.0, 0.0324);
+    f.endpoints.front().residual.additive = 0.3;
+  });
+  const varda::fit_result result = test::fit(test::simulated(truth, 8, 5));
+  EXPECT_TRUE(result.converged) << result.reason;
+  EXPECT_TRUE(result.singular.empty());
+}
+
 // Relative errors of all estimates of a kind against the reference's column.
 void expect_errors(const std::vector<varda::estimate_error>& errors, const char* kind,
                    std::size_t column) {

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tests/varda/theophylline.h"
 
+#include <Eigen/Cholesky>
 #include <fstream>
 #include <optional>
+#include <random>
 #include <sstream>
 #include <stdexcept>
 
@@ -37,6 +39,38 @@ void set_parameters(varda::model_file& file, const std::vector<double>& typical,
     file.omega[k].matrix = {variances[k]};
   }
   file.endpoints.front().residual.additive = additive;
+}
+
+varda::population_model simulated(const varda::population_model& from, int copies, unsigned seed,
+                                  double limit) {
+  std::mt19937 bits(seed);
+  std::normal_distribution<double> normal;
+  const Eigen::VectorXd theta = from.start_theta();
+  const Eigen::MatrixXd factor = from.start_omega().llt().matrixL();
+  varda::dataset data = from.data();
+  data.subjects.clear();
+  for (int copy = 0; copy < copies; ++copy)
+    for (int i = 0; i < from.subjects(); ++i) {
+      varda::subject who = from.data().subjects[static_cast<std::size_t>(i)];
+      who.id += "/" + std::to_string(copy);
+      if (copies == 1) who.id = std::to_string(i + 1);
+      Eigen::VectorXd phi(from.random_effects());
+      from.means(i, theta.data(), phi.data());
+      phi += factor * Eigen::VectorXd::NullaryExpr(phi.size(), [&] { return normal(bits); });
+      Eigen::VectorXd p(from.structural_parameters() * from.parameter_sets(i));
+      from.individual_parameters(i, theta.data(), phi.data(), p.data());
+      std::vector<double> f(who.observations.size());
+      from.predict(i, p.data(), f.data());
+      for (std::size_t k = 0; k < f.size(); ++k) {
+        varda::observation& o = who.observations[k];
+        o.value = from.residual().simulated(o, f[k], normal(bits), theta.data());
+        if (o.value >= limit) continue;
+        o.value = limit;
+        o.censored = varda::censoring::left;
+      }
+      data.subjects.push_back(who);
+    }
+  return {from.file(), data};
 }
 
 varda::fit_result fit(const varda::population_model& model, bool quiet) {

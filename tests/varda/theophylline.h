@@ -21,6 +21,11 @@ varda::population_model theophylline(const std::function<void(varda::model_file&
 void set_parameters(varda::model_file& file, const std::vector<double>& typical,
                     const std::vector<double>& variances, double additive);
 
+// `copies` of every subject with observations as the start values make them; those below `limit`
+// are censored there.
+varda::population_model simulated(const varda::population_model& from, int copies, unsigned seed,
+                                  double limit = -1e300);
+
 // The library's records are swallowed unless `quiet` is false.
 varda::fit_result fit(const varda::population_model& model, bool quiet = true);
 varda::fit_result evaluate(const varda::population_model& model);

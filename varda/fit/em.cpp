@@ -52,6 +52,7 @@ em_iterations::em_iterations(engine_host& host, point_source& points, proposals&
       maximisation_(host),
       resampling_(host.model().subjects(), gv::nchain, !settings_.fresh_points),
       monitor_(scale_, settings_.tolerance, settings_.fresh_points),
+      watched_(host),
       acceleration_(acceleration_memory),
       fresh_(settings_.fresh_points),
       burn_in_(gv::nqrburn),
@@ -63,11 +64,13 @@ em_iterations::em_iterations(engine_host& host, point_source& points, proposals&
 }
 
 bool em_iterations::converged() const {
-  return monitor_.conclusion().converged && !stopped_ && maximisation_.omega_is_sound();
+  return monitor_.conclusion().converged && !stopped_ && maximisation_.omega_is_sound() &&
+         singular().empty();
 }
 
 std::string em_iterations::reason() const {
   if (stopped_) return stop_reason;
+  if (!singular().empty()) return watched_.reason();
   const std::string reason = monitor_.conclusion().reason;
   return maximisation_.omega_is_sound() ? reason : "omega became singular; " + reason;
 }
@@ -75,7 +78,8 @@ std::string em_iterations::reason() const {
 void em_iterations::run() {
   while (iteration_ < settings_.max_iterations && !stopped_) {
     iterate();
-    if (monitor_.converged() && gv::irunall == 0) break;
+    if (gv::irunall != 0) continue;
+    if (monitor_.converged() || !singular().empty()) break;
   }
 }
 
@@ -101,8 +105,11 @@ void em_iterations::iterate() {
     maximisation_.update(found_, adaptive_, burning_in() && gv::ifreezeomegaburn != 0);
     const Eigen::VectorXd after = scale_.values(host_.theta(), host_.omega());
     if (!fresh_) accelerate(before, after);
-    if (!burning_in() && (fresh_ || stage_ == stage::settled))
+    if (!burning_in() && (fresh_ || stage_ == stage::settled)) {
       monitor_.add(before, after, minus2ll, acceleration_.rate());
+      if (gv::irunall == 0 && !monitor_.converged())
+        watched_.examine(host_, found_, adaptive_, points_);
+    }
     judge_stage(after - before);
   }
   records_.push_back({iteration_, minus2ll, host_.theta(), host_.omega()});

@@ -12,6 +12,7 @@
 #include "varda/fit/points.h"
 #include "varda/fit/proposals.h"
 #include "varda/fit/resampler.h"
+#include "varda/fit/singularity.h"
 
 namespace varda {
 
@@ -28,12 +29,14 @@ class em_iterations {
   em_iterations(engine_host& host, point_source& points, proposals& adaptive,
                 const progress_listener& progress);
 
-  // Iterates until convergence, the most iterations or a stop.
+  // Iterates until convergence, an omega that becomes singular, the most iterations or a stop.
   void run();
 
   bool stopped() const { return stopped_; }
   bool converged() const;
   std::string reason() const;
+  // What makes omega singular; empty unless the iterations ended with that.
+  const std::vector<std::string>& singular() const { return watched_.names(); }
   const std::vector<int>& held_by_bounds() const { return maximisation_.held_by_bounds(); }
   std::vector<iteration_record>& records() { return records_; }
 
@@ -66,6 +69,7 @@ class em_iterations {
   maximisation_step maximisation_;
   resampler resampling_;
   convergence_monitor monitor_;
+  singularity_watch watched_;
   anderson_acceleration acceleration_;
 
   bool fresh_;

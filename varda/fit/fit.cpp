@@ -15,6 +15,7 @@
 #include "varda/fit/likelihood.h"
 #include "varda/fit/points.h"
 #include "varda/fit/proposals.h"
+#include "varda/fit/singularity.h"
 #include "varda/fit/startup.h"
 
 namespace varda {
@@ -148,8 +149,9 @@ fit_result fit(engine_host& host, const progress_listener& progress,
   result.what = task::fit;
   stopwatch watch;
 
-  point_source points(host, std::max({gv::nsampset, gv::npresample,
-                                      likelihood_samples(host, task::fit), settings.se_samples}));
+  point_source points(host,
+                      std::max({singularity_watch::trial_passes * gv::nsampset, gv::npresample,
+                                likelihood_samples(host, task::fit), settings.se_samples}));
   bool started = gv::ngetmapnp <= 0 || map_np_start(host);
   proposals adaptive(host);
   started = started && first_proposals(adaptive, points);
@@ -161,9 +163,13 @@ fit_result fit(engine_host& host, const progress_listener& progress,
   result.iterations = std::move(iterations.records());
   result.converged = started && iterations.converged();
   result.reason = started ? iterations.reason() : stop_reason;
+  result.singular = iterations.singular();
   result.held_by_bounds = iterations.held_by_bounds();
   conclude(host, adaptive, points, quadrature_progress, result);
-  if (settings.standard_errors != standard_error_kind::none && result.likelihood.complete) {
+  if (!result.singular.empty()) {
+    result.errors.shown = settings.standard_errors;
+    result.errors.reason = "omega is becoming singular";
+  } else if (settings.standard_errors != standard_error_kind::none && result.likelihood.complete) {
     watch.lap();
     result.errors = estimate_standard_errors(host, adaptive, points);
     result.warnings.insert(result.warnings.end(), result.errors.warnings.begin(),

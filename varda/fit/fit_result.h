@@ -38,6 +38,9 @@ struct fit_result {
   task what = task::fit;
   bool converged = false;
   std::string reason;
+  // What makes omega singular, by the names that the reason uses: "corr(CL,V)", "omega(V)". The
+  // estimates are then where the trial of that ended, and there are no standard errors.
+  std::vector<std::string> singular;
   std::vector<iteration_record> iterations;
 
   Eigen::VectorXd theta;

@@ -23,6 +23,7 @@ constexpr int replicate_scrambling = 1;
 
 // Streams of one seed: iterations from 0, everything else far above them.
 constexpr std::uint64_t streams_per_seed = std::uint64_t{1} << 32;
+constexpr std::uint64_t first_trial_stream = std::uint64_t{1} << 28;
 constexpr std::uint64_t presampling_stream = std::uint64_t{1} << 29;
 constexpr std::uint64_t standard_error_stream = std::uint64_t{1} << 30;
 constexpr std::uint64_t first_replicate_stream = std::uint64_t{1} << 31;
@@ -99,6 +100,13 @@ void point_source::begin_iteration(int iteration, int samples) {
 void point_source::begin_presampling() {
   host_.set_random_stream(stream(presampling_stream));
   rewind();
+}
+
+void point_source::begin_trial_pass(int pass, int samples) {
+  host_.set_random_stream(stream(first_trial_stream + static_cast<std::uint64_t>(pass)));
+  if (pass > 1) return;
+  rewind();
+  align(samples);
 }
 
 void point_source::begin_standard_errors() {

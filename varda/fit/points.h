@@ -24,6 +24,9 @@ class point_source {
   void begin_iteration(int iteration, int samples);
   // Before the first subject of the presampling pass.
   void begin_presampling();
+  // Before the first subject of a pass, counted from 1, of a trial between two iterations, whose
+  // points stay as they are; it takes `samples` a subject, those that follow the pass before.
+  void begin_trial_pass(int pass, int samples);
   // Before the first subject of the pass for standard errors.
   void begin_standard_errors();
   // Before the first subject of a replicate, counted from 1, that takes `samples` a subject:

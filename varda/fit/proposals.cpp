@@ -71,6 +71,19 @@ void proposals::set_factor(int subject, const Eigen::MatrixXd& lower) {
   Eigen::Map<Eigen::MatrixXd>(slice.data(), slice.rows(), slice.columns()) = lower;
 }
 
+proposals::state proposals::snapshot() const {
+  state result{centres_, {}, kept_factors_};
+  for (int i = 0; i < host_.model().subjects(); ++i) result.factors.push_back(factor(i));
+  return result;
+}
+
+void proposals::restore(const state& from) {
+  centres_ = from.centres;
+  for (int i = 0; i < host_.model().subjects(); ++i)
+    set_factor(i, from.factors[static_cast<std::size_t>(i)]);
+  kept_factors_ = from.kept_factors;
+}
+
 void proposals::offer(int subject) const {
   const Eigen::Index n = centres_.rows();
   const auto slice = qv::choleskyfactor.slice(subject + 1);

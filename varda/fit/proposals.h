@@ -40,6 +40,15 @@ class proposals {
 
   int kept_factors() const { return kept_factors_; }
 
+  // All proposals as they stand, to come back to.
+  struct state {
+    Eigen::MatrixXd centres;
+    std::vector<Eigen::MatrixXd> factors;
+    int kept_factors = 0;
+  };
+  state snapshot() const;
+  void restore(const state& from);
+
  private:
   Eigen::MatrixXd factor(int subject) const;
   void set_factor(int subject, const Eigen::MatrixXd& lower);

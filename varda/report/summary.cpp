@@ -21,7 +21,10 @@ void write_verdict(sink out, const fit_result& result) {
                    result.reason);
   else
     fmt::format_to(out, "{} after {} iterations\n  {}\n\n",
-                   result.converged ? "Converged" : "NOT CONVERGED", passes, result.reason);
+                   result.converged           ? "Converged"
+                   : !result.singular.empty() ? "OMEGA IS SINGULAR"
+                                              : "NOT CONVERGED",
+                   passes, result.reason);
 }
 
 void write_quadrature(sink out, const fit_result& result) {
@@ -142,7 +145,7 @@ void write_residual(sink out, const population_model& model, const fit_result& r
 
 void write_errors(sink out, const fit_result& result) {
   const standard_errors& errors = result.errors;
-  if (errors.names.empty()) return;
+  if (errors.names.empty() && errors.reason.empty()) return;
   if (errors.chosen().empty()) {
     fmt::format_to(out, "\nNo standard errors: {}\n", errors.reason);
     return;
