@@ -33,7 +33,7 @@ without_times() { sed '/"times": {/,/}/d' "$1"; }
 
 same_results() {
   local file
-  for file in estimates.csv iterations.csv subjects.csv records.txt; do
+  for file in {estimates,iterations,subjects,rows}.csv fit.{ext,phi,cov,cor} records.txt; do
     cmp -s "$1/$file" "$2/$file" || fail "$1 and $2 differ in $file"
   done
   [ "$(without_times "$1/fit.json")" = "$(without_times "$2/fit.json")" ] ||
@@ -76,6 +76,15 @@ expect_status 2 "a check of bad data" "$varda" check wrong.toml --json
 [ "$(grep -c '"code": "E-DATA-NUMBER"' stdout)" -eq 3 ] || fail "not every error is listed"
 grep -q '"column": "TIME"' stdout && grep -q '8:30 is 8.5' stdout || fail "an error lacks its place"
 expect_status 2 "a check without a model" "$varda" check nothing.toml
+sed '/^\[omega\]/,/^V =/d' theophylline.toml >full.toml
+cat >>full.toml <<'END'
+[omega]
+blocks = [{ parameters = ["ka", "CL", "V"], matrix = [[0.3], [0, 0.3], [0, 0, 0.3]] }]
+END
+expect_status 3 "a likelihood without a maximum" "$varda" fit full.toml --output full
+grep -q '^OMEGA IS SINGULAR' stdout || fail "a singular omega is not named"
+[ -e full/fit.cov ] && fail "a singular omega leaves a covariance of the estimates"
+
 expect_status 2 "no such model file" "$varda" fit nothing.toml --output none
 sed 's/^file = .*/file = "nothing.csv"/' theophylline.toml >nodata.toml
 expect_status 2 "no such data" "$varda" fit nodata.toml --output none

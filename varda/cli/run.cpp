@@ -14,6 +14,7 @@
 #include "varda/host/engine_host.h"
 #include "varda/model/model_file.h"
 #include "varda/model/start_evaluation.h"
+#include "varda/report/matrix_tables.h"
 #include "varda/report/output_folder.h"
 #include "varda/report/progress.h"
 #include "varda/report/reports.h"
@@ -82,10 +83,19 @@ std::unique_ptr<output_folder> open_folder(const std::string& path, const job& p
 void write_reports(const output_folder& folder, const population_model& model,
                    const fit_result& result, const std::string& records) {
   const bool fitted = result.what == task::fit;
-  folder.write(fitted ? "fit.json" : "evaluate.json", json_report(model, result));
+  const std::string stem = fitted ? "fit" : "evaluate";
+  folder.write(stem + ".json", json_report(model, result));
   folder.write("estimates.csv", estimates_csv(model, result));
   folder.write("iterations.csv", iterations_csv(model, result));
   folder.write("subjects.csv", subjects_csv(model, result));
+  folder.write("rows.csv", rows_csv(model, result));
+  folder.write("legend.csv", legend_csv(model));
+  folder.write(stem + ".ext", ext_table(model, result));
+  folder.write(stem + ".phi", phi_table(model, result));
+  if (!result.errors.chosen().empty()) {
+    folder.write(stem + ".cov", cov_table(model, result));
+    folder.write(stem + ".cor", cor_table(model, result));
+  }
   if (!records.empty()) folder.write("records.txt", records);
 }
 

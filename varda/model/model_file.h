@@ -122,6 +122,7 @@ struct estimation_settings {
   int map_assist = 0;    // proposals from mode and curvature again in every k-th iteration
   standard_error_kind standard_errors = standard_error_kind::information;
   int se_samples = 3000;       // points a subject for standard errors
+  int npde_samples = 1000;     // simulations behind the NPDE; 0 leaves them out
   int likelihood_samples = 0;  // points a subject for it; 0 means `samples`
   likelihood_kind likelihood = likelihood_kind::sampling;
   int agq_nodes = 11;  // per random effect

@@ -40,6 +40,7 @@ void read_estimation(section from, model_file& file) {
   s.standard_errors = static_cast<standard_error_kind>(
       from.word_or("standard_errors", 0, {"information", "score", "sandwich", "none"}));
   s.se_samples = from.whole_number_or("se_samples", s.se_samples, least_samples, most_samples);
+  s.npde_samples = from.whole_number_or("npde_samples", s.npde_samples, 0, 100000);
   s.replicates = from.whole_number_or("replicates", s.replicates, 2, 1000);
   if (from.has("likelihood_samples"))
     s.likelihood_samples =

@@ -204,6 +204,7 @@ ordered_json settings(const population_model& model) {
   entry["map_assist"] = s.map_assist;
   entry["standard_errors"] = name_of(s.standard_errors);
   entry["se_samples"] = s.se_samples;
+  entry["npde_samples"] = s.npde_samples;
   entry["replicates"] = s.replicates;
   entry["likelihood_samples"] = s.likelihood_samples;
   entry["likelihood"] = s.likelihood == likelihood_kind::sampling ? "sampling" : "agq";
@@ -280,6 +281,7 @@ std::string json_report(const population_model& model, const fit_result& result)
                     {"excluded", model.data().excluded}};
   report["converged"] = result.converged;
   report["reason"] = result.reason;
+  report["singular"] = result.singular;
   report["iterations"] = result.iterations.size();
   // A run that was stopped before its likelihood was known says null.
   const bool known = result.likelihood.complete;

@@ -21,6 +21,11 @@ std::string json_report(const population_model& model, const fit_result& result)
 std::string estimates_csv(const population_model& model, const fit_result& result);
 std::string iterations_csv(const population_model& model, const fit_result& result);
 std::string subjects_csv(const population_model& model, const fit_result& result);
+// One row per observation: predictions, residuals, NPDE and the individual parameters in force.
+std::string rows_csv(const population_model& model, const fit_result& result);
+
+// A field of a table; one that holds a separator or a quote is quoted, its quotes doubled.
+std::string csv_field(const std::string& text);
 
 // Page one, for people.
 std::string summary(const population_model& model, const fit_result& result);

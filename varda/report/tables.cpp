@@ -8,17 +8,12 @@
 
 namespace varda {
 
-namespace {
-
-// A field that holds a separator or a quote is quoted, its quotes doubled.
-std::string field(const std::string& text) {
+std::string csv_field(const std::string& text) {
   if (text.find_first_of(",\"\n") == std::string::npos) return text;
   std::string quoted = "\"";
   for (const char c : text) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
   return quoted + "\"";
 }
-
-}  // namespace
 
 double without_constant(double minus2ll, int observations) {
   return minus2ll - observations * std::log(2.0 * std::numbers::pi);
@@ -36,7 +31,7 @@ std::string estimates_csv(const population_model& model, const fit_result& resul
   const standard_errors& errors = result.errors;
   std::string table = "parameter,estimate,fixed,se,rse,ci95_lower,ci95_upper\n";
   const auto add = [&](const std::string& name, double estimate, bool fixed, int k) {
-    table += fmt::format("{},{},{}", field(name), estimate, fixed ? 1 : 0);
+    table += fmt::format("{},{},{}", csv_field(name), estimate, fixed ? 1 : 0);
     if (k >= 0 && !errors.chosen().empty()) {
       const estimate_error& e = errors.chosen()[static_cast<std::size_t>(k)];
       table += fmt::format(",{},{},{},{}\n", e.se, e.rse_percent, e.ci_lower, e.ci_upper);
@@ -57,8 +52,8 @@ std::string estimates_csv(const population_model& model, const fit_result& resul
 
 std::string iterations_csv(const population_model& model, const fit_result& result) {
   std::string table = "iteration,minus2ll,minus2ll_without_constant";
-  for (const fixed_effect& t : model.thetas()) table += "," + field(t.name);
-  for (const omega_element& e : model.omega_elements()) table += "," + field(e.name);
+  for (const fixed_effect& t : model.thetas()) table += "," + csv_field(t.name);
+  for (const omega_element& e : model.omega_elements()) table += "," + csv_field(e.name);
   table += "\n";
   for (const iteration_record& record : result.iterations) {
     table += fmt::format("{},{},{}", record.iteration, record.minus2ll,
@@ -76,18 +71,18 @@ std::string iterations_csv(const population_model& model, const fit_result& resu
 std::string subjects_csv(const population_model& model, const fit_result& result) {
   const int effects = model.random_effects();
   std::string table = "id,observations,minus2ll_without_constant,ess,largest_weight";
-  for (const random_effect& e : model.effects()) table += "," + field("eta(" + e.name + ")");
+  for (const random_effect& e : model.effects()) table += "," + csv_field("eta(" + e.name + ")");
   for (std::size_t i = 0; i < model.effects().size(); ++i)
     for (std::size_t j = 0; j <= i; ++j)
-      table +=
-          "," + field(fmt::format("var({},{})", model.effects()[i].name, model.effects()[j].name));
+      table += "," + csv_field(fmt::format("var({},{})", model.effects()[i].name,
+                                           model.effects()[j].name));
   if (result.quadrature.complete) table += ",agq_minus2ll_without_constant";
   table += "\n";
   if (!result.likelihood.complete) return table;
   for (int i = 0; i < model.subjects(); ++i) {
     const subject_integral& s = result.likelihood.subjects[static_cast<std::size_t>(i)];
     table += fmt::format(
-        "{},{},{},{},{}", field(model.data().subjects[static_cast<std::size_t>(i)].id),
+        "{},{},{},{},{}", csv_field(model.data().subjects[static_cast<std::size_t>(i)].id),
         model.observations(i), without_constant(-2.0 * s.log_likelihood, model.observations(i)),
         s.effective_samples, s.largest_weight);
     for (int e = 0; e < effects; ++e) table += fmt::format(",{}", s.mean(e));

@@ -1,0 +1,237 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "varda/report/matrix_tables.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+
+#include "varda/report/reports.h"
+
+namespace varda {
+
+namespace {
+
+// Stands for the standard error of what has none.
+constexpr double no_error = 1e10;
+
+// Numbers of the rows of the .ext that are no iterations.
+enum special_row : long {
+  estimates_row = -1000000000,
+  errors_row = -1000000001,
+  eigenvalues_row = -1000000002,
+  condition_row = -1000000003,
+  deviations_row = -1000000004,
+  fixed_row = -1000000006
+};
+
+// A column of the .ext, or a row of the .cov: an entry of theta, of sigma or of omega.
+struct quantity {
+  std::string label;  // "THETA1"
+  std::string name;   // as in the other reports
+  int theta = -1;     // position in theta, or -1
+  int row = -1;       // of omega, or -1
+  int column = -1;
+  bool fixed = true;
+  std::pair<int, int> first_place{-1, -1};  // in omega, for effects per occasion
+
+  double value(const population_model& model, const Eigen::VectorXd& at_theta,
+               const Eigen::MatrixXd& omega) const {
+    if (theta >= 0) return model.thetas()[static_cast<std::size_t>(theta)].natural(at_theta(theta));
+    return row < 0 ? 1.0 : omega(row, column);
+  }
+  // Among the estimated quantities of the standard errors, or -1.
+  int place(const standard_errors& errors) const {
+    if (fixed) return -1;
+    return theta >= 0 ? errors.place_of_theta(theta)
+                      : errors.place_of_omega(first_place.first, first_place.second);
+  }
+};
+
+std::vector<quantity> quantities(const population_model& model) {
+  std::vector<quantity> all;
+  for (std::size_t k = 0; k < model.thetas().size(); ++k) {
+    const fixed_effect& t = model.thetas()[k];
+    all.push_back({.label = fmt::format("THETA{}", k + 1),
+                   .name = t.name,
+                   .theta = static_cast<int>(k),
+                   .fixed = t.fixed});
+  }
+  all.push_back({.label = "SIGMA(1,1)", .name = "unit variance"});
+  const std::size_t first_omega = all.size();
+  for (int i = 0; i < model.random_effects(); ++i)
+    for (int j = 0; j <= i; ++j)
+      all.push_back(
+          {.label = fmt::format("OMEGA({},{})", i + 1, j + 1), .name = "zero by structure", .row = i, .column = j});
+  for (const omega_element& e : model.omega_elements())
+    for (const auto& [i, j] : e.places) {
+      quantity& q = all[first_omega + static_cast<std::size_t>(i * (i + 1) / 2 + j)];
+      q.name = e.name;
+      q.fixed = e.fixed;
+      q.first_place = {e.row(), e.column()};
+    }
+  return all;
+}
+
+const char* method_of(const fit_result& result) {
+  return result.what == task::fit ? "Quasi-Random Parametric EM" : "Quasi-Random Evaluation";
+}
+
+std::string title(const fit_result& result) {
+  return fmt::format(
+      "TABLE NO.     1: {}: Goal Function=EXPECTED VALUE OF OBJECTIVE FUNCTION: Problem=1 "
+      "Subproblem=0 Superproblem1=0 Iteration1=0 Superproblem2=0 Iteration2=0\n",
+      method_of(result));
+}
+
+std::string heading(const std::string& label) {
+  return fmt::format(" {:<12}", label);
+}
+
+std::string field(double value) {
+  return fmt::format(" {:>12.5E}", value);
+}
+
+// The last column of a row, without padding.
+std::string objective(double value) {
+  return fmt::format(" {:.17g}\n", value);
+}
+
+// On the scale of the tables, over the estimated quantities. The ratio of the two errors of a
+// quantity is the slope of one scale against the other.
+Eigen::MatrixXd covariance(const standard_errors& errors) {
+  const Eigen::MatrixXd& known = errors.chosen_covariance().covariance;
+  Eigen::VectorXd slope(known.rows());
+  for (Eigen::Index k = 0; k < slope.size(); ++k)
+    slope(k) = errors.chosen()[static_cast<std::size_t>(k)].se / std::sqrt(known(k, k));
+  return slope.asDiagonal() * known * slope.asDiagonal();
+}
+
+std::string matrix_table(const population_model& model, const fit_result& result,
+                         const Eigen::MatrixXd& matrix) {
+  const std::vector<quantity> all = quantities(model);
+  std::string table = title(result) + heading("NAME");
+  for (const quantity& q : all) table += heading(q.label);
+  table += "\n";
+  for (const quantity& one : all) {
+    table += heading(one.label);
+    const int i = one.place(result.errors);
+    for (const quantity& other : all) {
+      const int j = other.place(result.errors);
+      table += field(i < 0 || j < 0 ? 0.0 : matrix(i, j));
+    }
+    table += "\n";
+  }
+  return table;
+}
+
+// Identifiers are any text, fields of these tables hold no blanks.
+std::string without_blanks(std::string text) {
+  std::replace(text.begin(), text.end(), ' ', '_');
+  return text;
+}
+
+}  // namespace
+
+std::string ext_table(const population_model& model, const fit_result& result) {
+  const std::vector<quantity> all = quantities(model);
+  const int observations = model.data().observations();
+  std::string table = title(result) + heading("ITERATION");
+  for (const quantity& q : all) table += heading(q.label);
+  table += " OBJ\n";
+  const auto add = [&](long number, const std::function<double(const quantity&)>& of, double last) {
+    table += fmt::format(" {:>12}", number);
+    for (const quantity& q : all) table += field(of(q));
+    table += objective(last);
+  };
+  // Figures of no quantity in particular, from the first column on.
+  const auto add_figures = [&](long number, const Eigen::VectorXd& figures) {
+    table += fmt::format(" {:>12}", number);
+    for (std::size_t k = 0; k < all.size(); ++k) {
+      const auto at = static_cast<Eigen::Index>(k);
+      table += field(at < figures.size() ? figures(at) : 0.0);
+    }
+    table += objective(0.0);
+  };
+
+  for (const iteration_record& r : result.iterations)
+    add(
+        r.iteration, [&](const quantity& q) { return q.value(model, r.theta, r.omega); },
+        without_constant(r.minus2ll, observations));
+  const auto estimate = [&](const quantity& q) {
+    return q.value(model, result.theta, result.omega);
+  };
+  const double minus2ll = without_constant(result.likelihood.minus2ll, observations);
+  add(estimates_row, estimate, minus2ll);
+  const standard_errors& errors = result.errors;
+  if (!errors.chosen().empty()) {
+    add(
+        errors_row,
+        [&](const quantity& q) {
+          const int k = q.place(errors);
+          return k < 0 ? no_error : errors.chosen()[static_cast<std::size_t>(k)].se;
+        },
+        0.0);
+    add_figures(eigenvalues_row, errors.eigenvalues);
+    add_figures(condition_row, Eigen::Vector3d(errors.condition_number, errors.eigenvalues(0),
+                                               errors.eigenvalues(errors.eigenvalues.size() - 1)));
+  }
+  add(
+      deviations_row,
+      [&](const quantity& q) {
+        const double value = estimate(q);
+        if (q.row < 0) return value;
+        if (q.row == q.column) return std::sqrt(value);
+        return value / std::sqrt(result.omega(q.row, q.row) * result.omega(q.column, q.column));
+      },
+      0.0);
+  add(
+      fixed_row, [](const quantity& q) { return q.fixed ? 1.0 : 0.0; }, 0.0);
+  return table;
+}
+
+std::string phi_table(const population_model& model, const fit_result& result) {
+  const int effects = model.random_effects();
+  std::string table = title(result) + heading("SUBJECT_NO") + heading("ID");
+  for (int i = 1; i <= effects; ++i) table += heading(fmt::format("PHI({})", i));
+  for (int i = 1; i <= effects; ++i)
+    for (int j = 1; j <= i; ++j) table += heading(fmt::format("PHC({},{})", i, j));
+  table += " OBJ\n";
+  if (!result.likelihood.complete) return table;
+  Eigen::VectorXd mu(effects);
+  for (int i = 0; i < model.subjects(); ++i) {
+    const subject_integral& s = result.likelihood.subjects[static_cast<std::size_t>(i)];
+    const std::string& id = model.data().subjects[static_cast<std::size_t>(i)].id;
+    model.means(i, result.theta.data(), mu.data());
+    table += fmt::format(" {:>12} {:>12}", i + 1, without_blanks(id));
+    for (int e = 0; e < effects; ++e) table += field(mu(e) + s.mean(e));
+    for (int r = 0; r < effects; ++r)
+      for (int c = 0; c <= r; ++c) table += field(s.covariance(r, c));
+    table += objective(without_constant(-2.0 * s.log_likelihood, model.observations(i)));
+  }
+  return table;
+}
+
+std::string cov_table(const population_model& model, const fit_result& result) {
+  return matrix_table(model, result, covariance(result.errors));
+}
+
+std::string cor_table(const population_model& model, const fit_result& result) {
+  Eigen::MatrixXd matrix = result.errors.correlation;
+  for (Eigen::Index k = 0; k < matrix.rows(); ++k)
+    matrix(k, k) = result.errors.chosen()[static_cast<std::size_t>(k)].se;
+  return matrix_table(model, result, matrix);
+}
+
+std::string legend_csv(const population_model& model) {
+  std::string table = "column,name,fixed\n";
+  for (const quantity& q : quantities(model))
+    table += fmt::format("{},{},{}\n", csv_field(q.label), csv_field(q.name), q.fixed ? 1 : 0);
+  for (std::size_t e = 0; e < model.effects().size(); ++e)
+    table +=
+        fmt::format("PHI({}),{},0\n", e + 1, csv_field("phi(" + model.effects()[e].name + ")"));
+  return table;
+}
+
+}  // namespace varda
