@@ -3,7 +3,8 @@
 #
 # Holds docs/callables to the host interface: callables.sh SOURCE_DIR. Every callable of
 # statsubs/state/host.h has a page with all sections, its signatures in C++ and C are those of the
-# headers, and there are no other pages. Prints what is wrong and fails.
+# headers, docs/host.md and mkdocs.yml lead to it, and there are no other pages. Prints what is wrong
+# and fails.
 set -eu
 
 cd "$1"
@@ -36,6 +37,9 @@ while read -r name signature; do
   in_c=$(code "$page" c)
   case $in_c in "${signature%%"$name"*}(*$name)("*) ;; *) in_c='' ;; esac
   test -n "$in_c" && grep -qF "$in_c" "$work/c" || echo "$page: not the signature in C"
+  for list in docs/host.md mkdocs.yml; do
+    grep -qF "callables/$name.md" "$list" || echo "$page: not in $list"
+  done
 done < "$work/callables" > "$work/faults"
 for page in "$pages"/*.md; do
   name=$(basename "$page" .md)

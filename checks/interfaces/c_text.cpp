@@ -121,7 +121,7 @@ std::string c_host_table(const std::vector<routine>& callables) {
   std::string text = opening(
       "The host table: what the library asks of the engine that uses it. Arguments go by "
       "reference. "
-      "docs/host.md has a section per callable.");
+      "docs/callables has a page per callable.");
   text +=
       "#ifndef STATSUBS_C_HOST_TABLE_H\n#define STATSUBS_C_HOST_TABLE_H\n\n"
       "#define STATSUBS_HOST_VERSION 1\n\n"

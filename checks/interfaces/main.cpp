@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Holds the C and Fortran interfaces to the C++ headers: interfaces SOURCE_DIR [--write]. Names
-// each file that is not what the headers make of it and fails; with --write it brings them up to
-// date.
+// Holds the C and Fortran interfaces and the page of the shared state to the C++ headers:
+// interfaces SOURCE_DIR [--write]. Names each file that is not what the headers make of it and
+// fails; with --write it brings them up to date.
 #include <cstdio>
 #include <exception>
 #include <fstream>
@@ -40,14 +40,15 @@ std::vector<std::pair<std::string, std::string>> files(const std::string& source
   const auto routines = public_routines(source);
   const auto callables = host_callables(source);
   const auto variables = shared_variables();
-  return {{"c/routines.h", c_routines_header(routines)},
-          {"c/routines.cpp", c_routines_source(routines)},
-          {"c/host_table.h", c_host_table(callables)},
-          {"c/shared_variables.h", c_shared_variables(variables)},
-          {"fortran/routines.inc", fortran_routines(routines)},
-          {"fortran/host_table.inc", fortran_host_table(callables)},
-          {"fortran/shared_variables.inc", fortran_shared_variables(variables)},
-          {"fortran/by_reference.cpp", by_reference_source(routines)}};
+  return {{"statsubs/c/routines.h", c_routines_header(routines)},
+          {"statsubs/c/routines.cpp", c_routines_source(routines)},
+          {"statsubs/c/host_table.h", c_host_table(callables)},
+          {"statsubs/c/shared_variables.h", c_shared_variables(variables)},
+          {"statsubs/fortran/routines.inc", fortran_routines(routines)},
+          {"statsubs/fortran/host_table.inc", fortran_host_table(callables)},
+          {"statsubs/fortran/shared_variables.inc", fortran_shared_variables(variables)},
+          {"statsubs/fortran/by_reference.cpp", by_reference_source(routines)},
+          {"docs/shared-state.md", shared_state_page(variables)}};
 }
 
 bool up_to_date(const std::string& path, const std::string& text, bool write) {
@@ -71,7 +72,7 @@ int main(int argc, char** argv) {
     const bool write = argc > 2 && std::string(argv[2]) == "--write";
     bool all = true;
     for (const auto& [name, text] : files(source))
-      all = up_to_date(source + "/statsubs/" + name, text, write) && all;
+      all = up_to_date(source + "/" + name, text, write) && all;
     return all ? 0 : 1;
   } catch (const std::exception& error) {
     std::printf("%s\n", error.what());

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The files of the C and Fortran interfaces, as text.
+// The files of the C and Fortran interfaces and the page of the shared state, as text.
 #pragma once
 
 #include <string>
@@ -33,5 +33,7 @@ std::string fortran_routines(const std::vector<routine>& routines);
 std::string fortran_host_table(const std::vector<routine>& callables);
 std::string fortran_shared_variables(const std::vector<shared_variable>& variables);
 std::string by_reference_source(const std::vector<routine>& routines);
+
+std::string shared_state_page(const std::vector<shared_variable>& variables);
 
 }  // namespace interfaces

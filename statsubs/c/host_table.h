@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0
  *
  * The host table: what the library asks of the engine that uses it. Arguments go by reference.
- * docs/host.md has a section per callable.
+ * docs/callables has a page per callable.
  * Made by checks/interfaces from the C++ headers; see CONTRIBUTING.md.
  */
 /* clang-format off */

@@ -6,7 +6,7 @@
 //
 // Arguments go by reference; `in` and `out` below are the library's view. Vectors are contiguous,
 // matrices column-major with the leading dimension equal to their order unless a line says
-// otherwise; counts and subscripts start at 1 except in getsaemcmatrix. docs/host.md has a section
+// otherwise; counts and subscripts start at 1 except in getsaemcmatrix. docs/callables has a page
 // per callable: when it is called, what it may change, what happens when it fails.
 #pragma once
 
