@@ -79,7 +79,10 @@ void em_iterations::run() {
   while (iteration_ < settings_.max_iterations && !stopped_) {
     iterate();
     if (gv::irunall != 0) continue;
-    if (monitor_.converged() || !singular().empty()) break;
+    if (!singular().empty()) break;
+    if (!monitor_.converged()) continue;
+    watched_.examine_at_rest(host_, found_, adaptive_, points_);
+    break;
   }
 }
 
@@ -104,13 +107,14 @@ void em_iterations::iterate() {
     const Eigen::VectorXd before = scale_.values(host_.theta(), host_.omega());
     maximisation_.update(found_, adaptive_, burning_in() && gv::ifreezeomegaburn != 0);
     const Eigen::VectorXd after = scale_.values(host_.theta(), host_.omega());
-    if (!fresh_) accelerate(before, after);
-    if (!burning_in() && (fresh_ || stage_ == stage::settled)) {
-      monitor_.add(before, after, minus2ll, acceleration_.rate());
-      if (gv::irunall == 0 && !monitor_.converged())
-        watched_.examine(host_, found_, adaptive_, points_);
+    const bool counts = !burning_in() && (fresh_ || stage_ == stage::settled);
+    // At the EM step itself: an accelerated one may yet be taken back.
+    if (counts && gv::irunall == 0) watched_.examine(host_, found_, adaptive_, points_);
+    if (singular().empty()) {
+      if (!fresh_) accelerate(before, after);
+      if (counts) monitor_.add(before, after, minus2ll, acceleration_.rate());
+      judge_stage(after - before);
     }
-    judge_stage(after - before);
   }
   records_.push_back({iteration_, minus2ll, host_.theta(), host_.omega()});
   progress_(records_.back(), settings_.max_iterations);

@@ -150,7 +150,7 @@ fit_result fit(engine_host& host, const progress_listener& progress,
   stopwatch watch;
 
   point_source points(host,
-                      std::max({singularity_watch::trial_passes * gv::nsampset, gv::npresample,
+                      std::max({singularity_watch::trial_passes * singularity_watch::trial_samples(), gv::npresample,
                                 likelihood_samples(host, task::fit), settings.se_samples}));
   bool started = gv::ngetmapnp <= 0 || map_np_start(host);
   proposals adaptive(host);

@@ -21,7 +21,7 @@ namespace {
 // Trials wait for so many iterations, and for a direction that has lost this share over the last
 // of them.
 constexpr std::size_t window = 10;
-constexpr double least_loss = 0.02;
+constexpr double least_loss = 0.002;
 // A direction is suspicious when the data explain less than half of it.
 constexpr double most_unexplained = 0.5;
 // While creeping the steps of -2 log-likelihood shrink like 1/n^2, so that the sum of those to come
@@ -30,10 +30,10 @@ constexpr double most_ahead = 0.25;
 // A size in the trial, relative to where the iterations stand. An interior maximum between two of
 // them makes -2 log-likelihood rise again at the next.
 constexpr double trial_factors[] = {0.1, 0.01, 0.001};
-// In standard errors of a difference that few passes estimate.
-constexpr double clear_difference = 3.0;
+// Passes that let the proposals follow the subjects to another omega.
+constexpr int pilot_passes = 2;
 // Differences known no better than this decide nothing.
-constexpr double largest_error = 0.05;
+constexpr double largest_error = 0.02;
 
 // Least eigenvalue and its eigenvector of the correlation matrix of some effects.
 struct eigenpair {
@@ -88,20 +88,22 @@ struct trial {
 std::optional<trial> try_out(engine_host& host, const proposals& frozen, point_source& points) {
   trial result{Eigen::VectorXd(singularity_watch::trial_passes), {}};
   for (int pass = 1; pass <= singularity_watch::trial_passes; ++pass) {
-    points.begin_trial_pass(pass, gv::nsampset);
-    integrate(host, frozen, gv::nsampset, result.found);
+    points.begin_trial_pass(pass, singularity_watch::trial_samples());
+    integrate(host, frozen, singularity_watch::trial_samples(), result.found);
     if (!result.found.complete) return std::nullopt;
     result.minus2ll(pass - 1) = -2.0 * result.found.log_likelihood;
   }
   return result;
 }
 
-// Whether `later` has not risen above `earlier` beyond the error of their difference.
+// Whether `later` has not risen above `earlier` beyond the error of their difference. One standard
+// error is little: a sound omega close to a singular one rises by little more, and an omega that is
+// becoming singular is tried again later.
 bool no_worse(const Eigen::VectorXd& earlier, const Eigen::VectorXd& later) {
   const Eigen::ArrayXd rise = later - earlier;
   const auto n = static_cast<double>(rise.size());
   const double error = std::sqrt((rise - rise.mean()).square().sum() / (n - 1.0) / n);
-  return error < largest_error && rise.mean() < clear_difference * error;
+  return error < largest_error && rise.mean() < error;
 }
 
 }  // namespace
@@ -205,6 +207,11 @@ std::vector<vanishing_direction> vanishing_directions(const population_model& mo
   return result;
 }
 
+int singularity_watch::trial_samples() {
+  constexpr int enough = 4096;
+  return std::max(gv::nsampset, std::min(4 * gv::nsampset, enough));
+}
+
 singularity_watch::singularity_watch(const engine_host& host)
     : directions_(vanishing_directions(host.model())), next_trial_(window + 1) {}
 
@@ -217,13 +224,10 @@ bool singularity_watch::creeping() const {
   return step * static_cast<double>(n) < most_ahead;
 }
 
-bool singularity_watch::suspicious(const engine_host& host, const e_step& found,
-                                   std::size_t direction) const {
+bool singularity_watch::falling(std::size_t direction) const {
   const std::size_t n = history_.size();
-  const double now = history_[n - 1].sizes[direction];
-  const double before = history_[n - 1 - window].sizes[direction];
-  return now < (1.0 - least_loss) * before &&
-         directions_[direction].unexplained(host.model(), host.omega(), found) > most_unexplained;
+  return history_[n - 1].sizes[direction] <
+         (1.0 - least_loss) * history_[n - 1 - window].sizes[direction];
 }
 
 void singularity_watch::examine(engine_host& host, const e_step& found, proposals& adaptive,
@@ -233,14 +237,27 @@ void singularity_watch::examine(engine_host& host, const e_step& found, proposal
   history_.push_back(std::move(now));
   if (!creeping()) return;
   bool tried = false;
-  for (std::size_t k = 0; k < directions_.size(); ++k) {
-    if (!suspicious(host, found, k)) continue;
-    tried = true;
-    if (!vanishes(host, directions_[k], adaptive, points)) continue;
-    names_.push_back(directions_[k].name(host.model(), host.omega()));
-    tendencies_.push_back(directions_[k].tendency(host.model(), host.omega()));
-  }
+  for (std::size_t k = 0; k < directions_.size(); ++k)
+    if (falling(k)) tried = try_direction(k, host, found, adaptive, points) || tried;
   if (tried) next_trial_ = 2 * history_.size();
+}
+
+void singularity_watch::examine_at_rest(engine_host& host, const e_step& found, proposals& adaptive,
+                                        point_source& points) {
+  for (std::size_t k = 0; k < directions_.size(); ++k)
+    try_direction(k, host, found, adaptive, points);
+}
+
+// Whether the data say so little of a direction that it was tried.
+bool singularity_watch::try_direction(std::size_t k, engine_host& host, const e_step& found,
+                                      proposals& adaptive, point_source& points) {
+  const vanishing_direction& direction = directions_[k];
+  if (direction.unexplained(host.model(), host.omega(), found) < most_unexplained) return false;
+  if (vanishes(host, direction, adaptive, points)) {
+    names_.push_back(direction.name(host.model(), host.omega()));
+    tendencies_.push_back(direction.tendency(host.model(), host.omega()));
+  }
+  return true;
 }
 
 bool singularity_watch::vanishes(engine_host& host, const vanishing_direction& direction,
@@ -254,18 +271,18 @@ bool singularity_watch::vanishes(engine_host& host, const vanishing_direction& d
   };
   std::optional<trial> last = try_out(host, adaptive, points);
   if (!last) return give_up();
-  // An accelerated step may have leapt too far, and the iterations will take it back.
-  if (last->minus2ll(0) > history_.back().minus2ll + largest_error) return give_up();
   Eigen::VectorXd least = last->minus2ll;
   e_step pilot;
   for (const double factor : trial_factors) {
     const Eigen::MatrixXd from = host.omega();
     if (!host.set_omega(direction.shrunk(start, factor))) return give_up();
     move_proposals(host, last->found, from, host.omega(), adaptive);
-    points.begin_trial_pass(1, gv::nsampset);
-    integrate(host, adaptive, gv::nsampset, pilot);
-    if (!pilot.complete) return give_up();
-    follow(host, pilot, adaptive);
+    for (int pass = 1; pass <= pilot_passes; ++pass) {
+      points.begin_trial_pass(pass, trial_samples());
+      integrate(host, adaptive, trial_samples(), pilot);
+      if (!pilot.complete) return give_up();
+      follow(host, pilot, adaptive);
+    }
     last = try_out(host, adaptive, points);
     if (!last || !no_worse(least, last->minus2ll)) return give_up();
     if (last->minus2ll.mean() < least.mean()) least = last->minus2ll;

@@ -56,11 +56,17 @@ class singularity_watch {
 
   // Passes over the subjects that one trial makes, for the room that the points need.
   static constexpr int trial_passes = 4;
+  // Points a subject in each of them: small differences decide.
+  static int trial_samples();
 
   // After an iteration's update: `found` was its E-step, at the parameters before. Where omega is
   // becoming singular it then stands, as good as singular, in the host, with proposals to match.
   // Otherwise nothing has changed. Collective.
   void examine(engine_host& host, const e_step& found, proposals& adaptive, point_source& points);
+  // The same once more where the iterations have come to rest, of all directions that the data say
+  // little of: a few points may have a maximum close to an omega that is becoming singular.
+  void examine_at_rest(engine_host& host, const e_step& found, proposals& adaptive,
+                       point_source& points);
 
   // The quantities that tend to a limit, by their names on the iteration scale, none unless omega
   // is becoming singular; and in words.
@@ -73,7 +79,9 @@ class singularity_watch {
     std::vector<double> sizes;
   };
   bool creeping() const;
-  bool suspicious(const engine_host& host, const e_step& found, std::size_t direction) const;
+  bool falling(std::size_t direction) const;
+  bool try_direction(std::size_t k, engine_host& host, const e_step& found, proposals& adaptive,
+                     point_source& points);
   bool vanishes(engine_host& host, const vanishing_direction& direction, proposals& adaptive,
                 point_source& points) const;
 
