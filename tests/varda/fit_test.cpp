@@ -397,7 +397,7 @@ TEST(Startup, EndsAtTheSameMaximum) {
 }
 
 // The count of evaluations leaves no room for a search of modes: with the samples, 64 or 300 an
-// iteration and 128 a replicate, one at every proposal's mean.
+// iteration and 256 a replicate, one at every proposal's mean.
 TEST(Startup, PresamplingAloneEndsAtTheSameMaximum) {
   for (const int presamples : {30, 300}) {
     const population_model model = test::theophylline([&](model_file& file) {
@@ -410,7 +410,7 @@ TEST(Startup, PresamplingAloneEndsAtTheSameMaximum) {
     EXPECT_TRUE(result.converged) << result.reason;
     EXPECT_LT(exact_at(model, result, 0, 1.0), exact_minimum + 0.01);
     const auto iterations = static_cast<long long>(result.iterations.size());
-    const long long beyond = result.evaluations - 12 * (presamples + 65 * iterations + 8 * 129);
+    const long long beyond = result.evaluations - 12 * (presamples + 65 * iterations + 8 * 257);
     EXPECT_EQ(beyond % (12 * (301 - 65)), 0);
     EXPECT_LT(beyond, iterations * 12 * (301 - 65));
   }

@@ -43,12 +43,12 @@ class stopwatch {
 };
 
 // Points a subject for the reported likelihood. A power of two of Sobol points integrates about as
-// well as half as many again, and the proposals of a fit have settled: it makes do with fewer.
+// well as half as many again.
 int likelihood_samples(const engine_host& host, task what) {
   const int asked = host.model().file().estimation.likelihood_samples;
   if (asked > 0) return asked;
   if (what == task::evaluate) return gv::nsampset;
-  return std::max(static_cast<int>(std::bit_floor(static_cast<unsigned>(gv::nsampset / 2))),
+  return std::max(static_cast<int>(std::bit_floor(static_cast<unsigned>(gv::nsampset))),
                   least_samples);
 }
 
@@ -149,9 +149,9 @@ fit_result fit(engine_host& host, const progress_listener& progress,
   result.what = task::fit;
   stopwatch watch;
 
-  point_source points(host,
-                      std::max({singularity_watch::trial_passes * singularity_watch::trial_samples(), gv::npresample,
-                                likelihood_samples(host, task::fit), settings.se_samples}));
+  point_source points(
+      host, std::max({singularity_watch::trial_passes * singularity_watch::trial_samples(),
+                      gv::npresample, likelihood_samples(host, task::fit), settings.se_samples}));
   bool started = gv::ngetmapnp <= 0 || map_np_start(host);
   proposals adaptive(host);
   started = started && first_proposals(adaptive, points);

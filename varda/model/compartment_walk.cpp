@@ -121,6 +121,7 @@ class walk {
     std::size_t count = 0;
     for (; count < most && events[count].kind == event_kind::observation; ++count)
       times[count] = events[count].time - now_;
+    if (count % 2 != 0) times[count] = 0.0;  // exponentials are taken in pairs
     system_.follow(state_, times, count, f);
     now_ = events[count - 1].time;
     return count;
