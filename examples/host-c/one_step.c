@@ -10,7 +10,6 @@
 #define SUBJECTS 4
 #define SAMPLES 3000
 #define OBSERVATIONS 11
-
 static const double y[OBSERVATIONS] = {4.1, 5.3, 4.6, 6.8, 7.4, 3.9, 3.1, 4.4, 2.7, 5.6, 5.1};
 /* Subject i has observations first(i) .. first(i+1) - 1. */
 static int first[SUBJECTS + 1] = {1, 4, 6, 10, 12};
