@@ -111,6 +111,16 @@ TEST(Quadrature, RefusesAGridThatCannotBeCounted) {
   EXPECT_NO_THROW(check_grid({whole.file(), data}));
   data.subjects[0].occasions = 28;
   EXPECT_THROW(check_grid({whole.file(), data}), bad_input);
+  EXPECT_THROW(check_fit({whole.file(), data}), bad_input);
+}
+
+TEST(Points, RunOutBeforeTheFitBegins) {
+  const population_model whole =
+      test::theophylline([](model_file& file) { file.estimation.se_samples = 1000000; });
+  dataset data = whole.data();
+  EXPECT_NO_THROW(check_fit(whole));
+  data.subjects.resize(2000, data.subjects.front());
+  EXPECT_THROW(check_fit({whole.file(), data}), bad_input);
 }
 
 TEST(Resampler, DrawsInProportionAndFollowsWhatItKept) {

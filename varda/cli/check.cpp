@@ -5,6 +5,7 @@
 
 #include <utility>
 
+#include "varda/fit/fit.h"
 #include "varda/model/model_file.h"
 #include "varda/model/population_model.h"
 #include "varda/report/check_report.h"
@@ -29,7 +30,9 @@ check_result inspect(const std::string& model_path) {
     dataset data = inspect_dataset(result.model->data, result.warnings, result.errors);
     if (!result.errors.empty()) return result;
     result.data = data;
-    evaluate_all(population_model(*result.model, std::move(data)), result);
+    const population_model model(*result.model, std::move(data));
+    evaluate_all(model, result);
+    check_fit(model);
   } catch (const bad_input& error) {
     result.errors.push_back(error.what_found());
   }

@@ -44,12 +44,18 @@ class stopwatch {
 
 // Points a subject for the reported likelihood. A power of two of Sobol points integrates about as
 // well as half as many again.
-int likelihood_samples(const engine_host& host, task what) {
-  const int asked = host.model().file().estimation.likelihood_samples;
-  if (asked > 0) return asked;
-  if (what == task::evaluate) return gv::nsampset;
-  return std::max(static_cast<int>(std::bit_floor(static_cast<unsigned>(gv::nsampset))),
+int likelihood_samples(const estimation_settings& settings, task what) {
+  if (settings.likelihood_samples > 0) return settings.likelihood_samples;
+  if (what == task::evaluate) return settings.samples;
+  return std::max(static_cast<int>(std::bit_floor(static_cast<unsigned>(settings.samples))),
                   least_samples);
+}
+
+// The most that any pass of a fit takes.
+int points_of_a_fit(const estimation_settings& s) {
+  return std::max({singularity_watch::trial_passes * singularity_watch::trial_samples(s.samples),
+                   s.start == start_kind::presample ? s.presamples : 0,
+                   likelihood_samples(s, task::fit), s.se_samples});
 }
 
 // Over the subjects that have the effect; effects per occasion count together.
@@ -126,7 +132,7 @@ void conclude(engine_host& host, const proposals& frozen, point_source& points,
   result.omega = host.omega();
   result.kept_factors = frozen.kept_factors();
   result.processes = host.peers().size();
-  result.likelihood_samples = likelihood_samples(host, result.what);
+  result.likelihood_samples = likelihood_samples(host.model().file().estimation, result.what);
   result.likelihood = estimate_likelihood(host, frozen, points, result.likelihood_samples,
                                           host.model().file().estimation.replicates);
   if (!result.likelihood.complete) {
@@ -142,6 +148,11 @@ void conclude(engine_host& host, const proposals& frozen, point_source& points,
 
 }  // namespace
 
+void check_fit(const population_model& model) {
+  check_grid(model);
+  check_points(model, points_of_a_fit(model.file().estimation));
+}
+
 fit_result fit(engine_host& host, const progress_listener& progress,
                const progress_listener& quadrature_progress) {
   const estimation_settings& settings = host.model().file().estimation;
@@ -149,9 +160,7 @@ fit_result fit(engine_host& host, const progress_listener& progress,
   result.what = task::fit;
   stopwatch watch;
 
-  point_source points(
-      host, std::max({singularity_watch::trial_passes * singularity_watch::trial_samples(),
-                      gv::npresample, likelihood_samples(host, task::fit), settings.se_samples}));
+  point_source points(host, points_of_a_fit(settings));
   bool started = gv::ngetmapnp <= 0 || map_np_start(host);
   proposals adaptive(host);
   started = started && first_proposals(adaptive, points);
@@ -186,7 +195,7 @@ fit_result evaluate(engine_host& host, const progress_listener& progress,
   result.what = task::evaluate;
   stopwatch watch;
 
-  const int samples = likelihood_samples(host, task::evaluate);
+  const int samples = likelihood_samples(host.model().file().estimation, task::evaluate);
   point_source points(host, std::max(samples, gv::npresample));
   proposals adaptive(host);
   bool complete = first_proposals(adaptive, points);

@@ -18,6 +18,10 @@ inline void no_progress(const iteration_record&, int) {}
 // The reason of a run that was stopped.
 inline constexpr const char* stop_reason = "stopped on request";
 
+// Throws bad_input where a fit could not begin although the model can be evaluated: the grid of its
+// quadrature or the points of its passes are too many.
+void check_fit(const population_model& model);
+
 // Maximum likelihood estimates from the start values in the host. The host holds the estimates
 // afterwards. A stop request ends the iterations: the result then holds the last complete iteration
 // and is not converged.

@@ -30,16 +30,12 @@ constexpr std::uint64_t first_replicate_stream = std::uint64_t{1} << 31;
 
 }  // namespace
 
-point_source::point_source(engine_host& host, int samples)
-    : host_(host),
-      fresh_(host.model().file().estimation.fresh_points),
-      type_(host.model().file().estimation.scramble) {
-  const population_model& model = host.model();
-  if (model.random_effects() > dimensions_)
+void check_points(const population_model& model, int samples) {
+  if (model.random_effects() > most_dimensions)
     throw bad_input({.code = "E-RUN-DIMENSIONS",
                      .message = fmt::format("{} random effects are more than the {} dimensions of "
                                             "the Sobol sequence",
-                                            model.random_effects(), dimensions_),
+                                            model.random_effects(), most_dimensions),
                      .remedy = "use fewer random effects",
                      .file = model.file().path});
   if (static_cast<std::int64_t>(samples) * (model.subjects() + 1) > sequence_length)
@@ -50,14 +46,21 @@ point_source::point_source(engine_host& host, int samples)
                      .remedy = "lower estimation.samples",
                      .file = model.file().path,
                      .column = "estimation.samples"});
+}
+
+point_source::point_source(engine_host& host, int samples)
+    : host_(host),
+      fresh_(host.model().file().estimation.fresh_points),
+      type_(host.model().file().estimation.scramble) {
+  check_points(host.model(), samples);
   statsubs::poly_vinit_define();
-  const int seed = model.file().estimation.seed;
+  const int seed = host.model().file().estimation.seed;
   for (int k = 0; k <= seed; ++k) scramble(type_);
 }
 
 void point_source::scramble(int type) {
   std::array<bool, 2> ok{};
-  std::array<double, dimensions_> point{};
+  std::array<double, most_dimensions> point{};
   int quality = 0;
   statsubs::insobl(ok.data(), host_.model().random_effects(), sequence_length, quality,
                    point.data(), sequence_digits, type);
@@ -79,7 +82,7 @@ void point_source::rewind() {
 // many points that start elsewhere. The first subject therefore starts at such a multiple.
 void point_source::align(int samples) {
   if (!std::has_single_bit(static_cast<unsigned>(samples))) return;
-  std::array<double, dimensions_> unused{};
+  std::array<double, most_dimensions> unused{};
   for (int k = 1; k < samples; ++k) statsubs::gosobl(unused.data());
 }
 

@@ -8,6 +8,12 @@
 
 namespace varda {
 
+inline constexpr int most_dimensions = 40;  // the Sobol tables end there
+
+// Throws bad_input when samples x subjects points could run past the end of the sequence, or when
+// the model has more random effects than the sequence has dimensions.
+void check_points(const population_model& model, int samples);
+
 // Where the E-step's points come from: the library's Sobol generator and, for pseudo-random points
 // and the t family, the host's streams.
 //
@@ -16,8 +22,7 @@ namespace varda {
 // k burns k scramblings before the first one that is used.
 class point_source {
  public:
-  // Starts the generator. Throws bad_input when samples x subjects points could run past the end of
-  // the sequence, or when the model has more random effects than the sequence has dimensions.
+  // Starts the generator for at most so many samples a subject, which check_points takes.
   point_source(engine_host& host, int samples);
 
   // Before the first subject of an iteration, counted from 1, that takes `samples` a subject.
@@ -34,15 +39,13 @@ class point_source {
   void begin_replicate(int replicate, int samples);
 
  private:
-  static constexpr int dimensions_ = 40;  // the Sobol tables end there
-
   void scramble(int type);
   void align(int samples);
   void rewind();
   std::uint64_t stream(std::uint64_t purpose) const;
 
   engine_host& host_;
-  std::array<int, dimensions_> first_point_{};  // digits of the point that starts the sequence
+  std::array<int, most_dimensions> first_point_{};  // digits of the point that starts the sequence
   bool fresh_;
   int type_;
 };

@@ -88,8 +88,9 @@ struct trial {
 std::optional<trial> try_out(engine_host& host, const proposals& frozen, point_source& points) {
   trial result{Eigen::VectorXd(singularity_watch::trial_passes), {}};
   for (int pass = 1; pass <= singularity_watch::trial_passes; ++pass) {
-    points.begin_trial_pass(pass, singularity_watch::trial_samples());
-    integrate(host, frozen, singularity_watch::trial_samples(), result.found);
+    const int samples = singularity_watch::trial_samples(gv::nsampset);
+    points.begin_trial_pass(pass, samples);
+    integrate(host, frozen, samples, result.found);
     if (!result.found.complete) return std::nullopt;
     result.minus2ll(pass - 1) = -2.0 * result.found.log_likelihood;
   }
@@ -207,9 +208,9 @@ std::vector<vanishing_direction> vanishing_directions(const population_model& mo
   return result;
 }
 
-int singularity_watch::trial_samples() {
+int singularity_watch::trial_samples(int samples) {
   constexpr int enough = 4096;
-  return std::max(gv::nsampset, std::min(4 * gv::nsampset, enough));
+  return std::max(samples, std::min(4 * samples, enough));
 }
 
 singularity_watch::singularity_watch(const engine_host& host)
@@ -278,8 +279,8 @@ bool singularity_watch::vanishes(engine_host& host, const vanishing_direction& d
     if (!host.set_omega(direction.shrunk(start, factor))) return give_up();
     move_proposals(host, last->found, from, host.omega(), adaptive);
     for (int pass = 1; pass <= pilot_passes; ++pass) {
-      points.begin_trial_pass(pass, trial_samples());
-      integrate(host, adaptive, trial_samples(), pilot);
+      points.begin_trial_pass(pass, trial_samples(gv::nsampset));
+      integrate(host, adaptive, trial_samples(gv::nsampset), pilot);
       if (!pilot.complete) return give_up();
       follow(host, pilot, adaptive);
     }

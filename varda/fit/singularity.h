@@ -57,7 +57,7 @@ class singularity_watch {
   // Passes over the subjects that one trial makes, for the room that the points need.
   static constexpr int trial_passes = 4;
   // Points a subject in each of them: small differences decide.
-  static int trial_samples();
+  static int trial_samples(int samples);
 
   // After an iteration's update: `found` was its E-step, at the parameters before. Where omega is
   // becoming singular it then stands, as good as singular, in the host, with proposals to match.
