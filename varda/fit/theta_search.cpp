@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "varda/fit/theta_search.h"
 
+#include <Eigen/Cholesky>
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 #include <utility>
 
 namespace varda {
@@ -51,12 +53,48 @@ Eigen::VectorXd theta_search::theta_at(const Eigen::VectorXd& x) const {
   return theta;
 }
 
-minimum theta_search::minimise(const objective_function& f, double step, double precision) const {
-  Eigen::VectorXd steps(start_.size());
-  for (Eigen::Index k = 0; k < steps.size(); ++k)
-    steps(k) =
+// `step` of a logarithm, and relative to the start where that is larger than 1.
+Eigen::VectorXd theta_search::steps(double step) const {
+  Eigen::VectorXd result(start_.size());
+  for (Eigen::Index k = 0; k < result.size(); ++k)
+    result(k) =
         logarithm_[static_cast<std::size_t>(k)] ? step : step * std::max(std::fabs(start_(k)), 1.0);
-  return varda::minimise(f, start_, steps, lower_, upper_, precision);
+  return result;
+}
+
+minimum theta_search::minimise(const objective_function& f, double step, double precision) const {
+  return varda::minimise(f, start_, steps(step), lower_, upper_, precision);
+}
+
+std::optional<minimum> theta_search::newton_step(const objective_function& f, double step,
+                                                 double reach) const {
+  const difference_stencil stencil(start_, steps(step));
+  const Eigen::MatrixXd& points = stencil.points();
+  std::vector<Eigen::Index> order(static_cast<std::size_t>(points.cols()));
+  std::iota(order.begin(), order.end(), 0);
+  std::sort(order.begin(), order.end(), [&](Eigen::Index a, Eigen::Index b) {
+    return std::lexicographical_compare(points.col(a).begin(), points.col(a).end(),
+                                        points.col(b).begin(), points.col(b).end());
+  });
+  Eigen::VectorXd values(points.cols());
+  for (const Eigen::Index k : order) {
+    if ((points.col(k).array() < lower_.array()).any() ||
+        (points.col(k).array() > upper_.array()).any())
+      return std::nullopt;
+    values(k) = f(points.col(k));
+  }
+  if (!values.allFinite()) return std::nullopt;
+  const Eigen::LLT<Eigen::MatrixXd> factor(stencil.hessian(values));
+  if (factor.info() != Eigen::Success) return std::nullopt;
+  minimum result;
+  result.x = start_ - factor.solve(stencil.gradient(values));
+  const bool near = ((result.x - start_).array().abs() <= steps(reach).array()).all();
+  const bool inside =
+      (result.x.array() > lower_.array()).all() && (result.x.array() < upper_.array()).all();
+  if (!near || !inside) return std::nullopt;
+  result.value = f(result.x);
+  result.found = result.value <= values(0);
+  return result.found ? std::optional(result) : std::nullopt;
 }
 
 std::vector<int> theta_search::at_bounds(const Eigen::VectorXd& x) const {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <Eigen/Core>
+#include <optional>
 #include <vector>
 
 #include "varda/fit/minimise.h"
@@ -22,10 +23,18 @@ class theta_search {
   // The minimum from the entries as given, inside their bounds.
   minimum minimise(const objective_function& f, double step, double precision) const;
 
+  // One Newton step towards the minimum by central differences with `step`. Nothing where f is not
+  // convex, the step is longer than `reach` or leaves the bounds, or f does not fall: the start is
+  // then too far away. Points that differ in the last entries only are evaluated one after the
+  // other.
+  std::optional<minimum> newton_step(const objective_function& f, double step, double reach) const;
+
   // Positions whose coordinate lies at a bound.
   std::vector<int> at_bounds(const Eigen::VectorXd& x) const;
 
  private:
+  Eigen::VectorXd steps(double step) const;
+
   Eigen::VectorXd theta_;
   std::vector<int> positions_;
   std::vector<bool> logarithm_;
