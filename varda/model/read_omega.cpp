@@ -20,15 +20,8 @@ bool positive_definite(const std::vector<double>& matrix, std::size_t order) {
 omega_block read_variance(section& from, const std::string& name) {
   omega_block block;
   block.names = {name};
-  double variance = 0.0;
-  if (from.is_number(name)) {
-    variance = *from.number(name);
-  } else {
-    section entry = from.needed_table(name, "the variance of a random effect");
-    variance = entry.needed_number("variance", "the variance of the random effect");
-    block.fixed = entry.flag_or("fixed", false);
-    entry.refuse_leftovers();
-  }
+  const double variance =
+      from.fixable_number(name, "variance", "the variance of a random effect", block.fixed);
   if (!(variance > 0.0))
     throw from.error("E-MODEL-OMEGA", name, fmt::format("the variance {} is not above 0", variance),
                      "give a positive variance, or distribution = \"none\" for no random effect");

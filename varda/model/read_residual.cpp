@@ -12,15 +12,8 @@ namespace varda {
 namespace {
 
 double read_deviation(section& from, const std::string& key, bool& fixed) {
-  double value = 0.0;
-  if (from.is_number(key)) {
-    value = *from.number(key);
-  } else {
-    section entry = from.needed_table(key, "a start value of the residual error");
-    value = entry.needed_number("start", "a start value of the residual error");
-    fixed = entry.flag_or("fixed", false);
-    entry.refuse_leftovers();
-  }
+  const double value =
+      from.fixable_number(key, "start", "a start value of the residual error", fixed);
   if (!(value > 0.0))
     throw from.error("E-MODEL-RANGE", key, fmt::format("the deviation {} is not above 0", value),
                      "standard deviations are positive");

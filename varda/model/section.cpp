@@ -238,6 +238,16 @@ section section::needed_table(const std::string& key, const std::string& what) {
   return *found;
 }
 
+double section::fixable_number(const std::string& key, const std::string& inner,
+                               const std::string& what, bool& fixed) {
+  if (is_number(key)) return *number(key);
+  section entry = needed_table(key, what);
+  const double value = entry.needed_number(inner, what);
+  fixed = entry.flag_or("fixed", false);
+  entry.refuse_leftovers();
+  return value;
+}
+
 std::vector<std::string> section::texts(const std::string& key) {
   const toml::array* array = has(key) ? source_->get(key)->as_array() : nullptr;
   if (array == nullptr || array->empty())

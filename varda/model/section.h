@@ -56,6 +56,9 @@ class section {
   double needed_number(const std::string& key, const std::string& what);
   std::string needed_text(const std::string& key, const std::string& what);
   section needed_table(const std::string& key, const std::string& what);
+  // A number, or a table that gives it under `inner` and may say fixed = true.
+  double fixable_number(const std::string& key, const std::string& inner, const std::string& what,
+                        bool& fixed);
   std::vector<std::string> texts(const std::string& key);
   std::vector<std::vector<double>> rows(const std::string& key);
 
