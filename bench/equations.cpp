@@ -11,9 +11,10 @@
 #include <functional>
 #include <vector>
 
-#include "varda/model/model_file.h"
-#include "varda/model/ode_solver.h"
-#include "varda/model/population_model.h"
+#include "varda/input/model_file.h"
+#include "varda//model/specification.h"
+#include "varda/model/equations/ode_solver.h"
+#include "varda/model/population.h"
 
 namespace {
 
@@ -21,7 +22,7 @@ using varda::population_model;
 
 population_model theophylline(const char* name, bool stiff = false) {
   varda::findings warnings;
-  varda::model_file file = varda::read_model_file(
+  varda::model_specification file = varda::read_model_file(
       std::string(SOURCE_FOLDER "/examples/theophylline/") + name + ".toml", warnings);
   file.structure.equations.solver.stiff = stiff;
   varda::dataset data = varda::read_dataset(file.data, warnings);

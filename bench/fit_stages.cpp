@@ -17,7 +17,8 @@
 
 #include "statsubs/state/host.h"
 #include "statsubs/state/output_units.h"
-#include "varda/fit/fit.h"
+#include "varda/input/model_file.h"
+#include "varda//run/fit.h"
 #include "varda/host/engine_host.h"
 
 namespace {
@@ -89,7 +90,7 @@ void print(const varda::population_model& model, const varda::job& peers, const 
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
   std::printf("%s, %d subjects, %d observations, %d processes: %s after %d iterations\n",
-              model.file().path.c_str(), model.subjects(), model.data().observations(),
+              model.specification().path.c_str(), model.subjects(), model.data().observations(),
               peers.size(), t.converged ? "converged" : "not converged", t.iterations);
   std::printf("  start               %9.4f s\n", t.stages.start);
   std::printf(
@@ -114,7 +115,7 @@ int main(int argc, char** argv) {
       statsubs::standard_output_unit, [](void*, const char*, int) {}, nullptr);
   try {
     varda::findings warnings;
-    varda::model_file file = varda::read_model_file(argv[1], warnings);
+    varda::model_specification file = varda::read_model_file(argv[1], warnings);
     varda::dataset data = varda::read_dataset(file.data, warnings);
     const varda::population_model model(std::move(file), std::move(data));
     run_times best;

@@ -14,8 +14,9 @@
 
 #include "statsubs/estep/fgintegrate.h"
 #include "statsubs/state/global_variables.h"
-#include "varda/fit/points.h"
-#include "varda/fit/proposals.h"
+#include "varda/input/model_file.h"
+#include "varda//host/points.h"
+#include "varda/host/proposals.h"
 #include "varda/host/engine_host.h"
 
 namespace {
@@ -35,7 +36,7 @@ double fastest(int runs, Work work) {
 
 void measure_integration(const varda::job& peers) {
   varda::findings warnings;
-  varda::model_file file =
+  varda::model_specification file =
       varda::read_model_file(SOURCE_FOLDER "/examples/theophylline/theophylline.toml", warnings);
   varda::dataset data = varda::read_dataset(file.data, warnings);
   const varda::population_model model(std::move(file), std::move(data));

@@ -64,7 +64,7 @@ trap 'rm -r "$trial"' EXIT
 plant statsubs/estep/good.cpp statsubs/distributions/b.h
 plant statsubs/c/good.cpp statsubs/mstep/b.h
 plant statsubs/stats/good.h statsubs/export.h
-plant varda/fit/good.cpp statsubs/estep/b.h
+plant varda/host/good.cpp statsubs/estep/b.h
 test -z "$(breaches "$trial")" || { echo "a sound tree is refused"; exit 1; }
 
 plant statsubs/support/a.cpp statsubs/state/b.h
@@ -74,7 +74,7 @@ plant statsubs/state/a.cpp statsubs/estep/b.h
 plant statsubs/mstep/a.cpp statsubs/estep/b.h
 plant statsubs/stderr/a.cpp varda/b.h
 plant statsubs/c/a.cpp varda/b.h
-plant varda/fit/a.cpp statsubs/support/b.h
+plant varda/host/a.cpp statsubs/support/b.h
 found=$(breaches "$trial" | wc -l)
 test "$found" -eq 8 || { echo "$found of 8 planted breaches are found"; exit 1; }
 

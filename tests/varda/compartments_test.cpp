@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "tests/varda/compartment_reference.h"
-#include "varda/model/compartment_model.h"
-#include "varda/model/decays.h"
+#include "varda/model/closed/compartment_model.h"
+#include "varda/model/closed/decays.h"
 #include "varda/model/structural_model.h"
 
 namespace varda {

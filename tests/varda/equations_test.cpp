@@ -9,8 +9,9 @@
 #include <sstream>
 
 #include "tests/varda/theophylline.h"
-#include "varda/model/expression.h"
-#include "varda/model/exponentials.h"
+#include "varda/input/model_file.h"
+#include "varda//model/equations/expression.h"
+#include "varda/model/closed/exponentials.h"
 #include "varda/model/structural_model.h"
 
 namespace varda {
@@ -153,7 +154,7 @@ TEST(Equations, RefusesWhatIsNoFormula) {
 // The closed form, the formula and both methods for the equations.
 TEST(Equations, GiveTheObjectiveOfTheClosedForm) {
   const auto objectives = [](const char* structure, const equation_text& text) {
-    const population_model model = test::theophylline([&](model_file& file) {
+    const population_model model = test::theophylline([&](model_specification& file) {
       file.structure = {.name = structure, .equations = text};
     });
     std::vector<double> sums;

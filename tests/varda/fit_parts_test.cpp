@@ -6,14 +6,14 @@
 
 #include "statsubs/sequences/sobol.h"
 #include "tests/varda/theophylline.h"
-#include "varda/fit/anderson.h"
-#include "varda/fit/convergence.h"
-#include "varda/fit/iteration_scale.h"
-#include "varda/fit/minimise.h"
-#include "varda/fit/modes.h"
-#include "varda/fit/points.h"
-#include "varda/fit/quadrature.h"
-#include "varda/fit/resampler.h"
+#include "varda/method/em/anderson.h"
+#include "varda/method/em/convergence.h"
+#include "varda/method/em/iteration_scale.h"
+#include "varda/inference/minimise.h"
+#include "varda/inference/modes.h"
+#include "varda/host/points.h"
+#include "varda/inference/quadrature.h"
+#include "varda/method/em/resampler.h"
 #include "varda/host/engine_host.h"
 
 namespace varda {
@@ -101,26 +101,26 @@ TEST(PointSource, RefusesARunThatCouldExhaustTheSequence) {
 // 2^31 points are one too many: 2 nodes for 3 random effects per subject and 28 per occasion.
 TEST(Quadrature, RefusesAGridThatCannotBeCounted) {
   EXPECT_EQ(most_agq_nodes(6), 35);
-  const population_model whole = test::theophylline([](model_file& file) {
+  const population_model whole = test::theophylline([](model_specification& file) {
     file.occasion_omega = {{{"V"}, {0.05}, false}};
     file.estimation.likelihood = likelihood_kind::agq;
     file.estimation.agq_nodes = 2;
   });
   dataset data = whole.data();
   data.subjects[0].occasions = 27;
-  EXPECT_NO_THROW(check_grid({whole.file(), data}));
+  EXPECT_NO_THROW(check_grid({whole.specification(), data}));
   data.subjects[0].occasions = 28;
-  EXPECT_THROW(check_grid({whole.file(), data}), bad_input);
-  EXPECT_THROW(check_fit({whole.file(), data}), bad_input);
+  EXPECT_THROW(check_grid({whole.specification(), data}), bad_input);
+  EXPECT_THROW(check_fit({whole.specification(), data}), bad_input);
 }
 
 TEST(Points, RunOutBeforeTheFitBegins) {
   const population_model whole =
-      test::theophylline([](model_file& file) { file.estimation.se_samples = 1000000; });
+      test::theophylline([](model_specification& file) { file.estimation.se_samples = 1000000; });
   dataset data = whole.data();
   EXPECT_NO_THROW(check_fit(whole));
   data.subjects.resize(2000, data.subjects.front());
-  EXPECT_THROW(check_fit({whole.file(), data}), bad_input);
+  EXPECT_THROW(check_fit({whole.specification(), data}), bad_input);
 }
 
 TEST(Resampler, DrawsInProportionAndFollowsWhatItKept) {
@@ -174,7 +174,7 @@ TEST(ConvergenceMonitor, TellsNoiseFromATrend) {
 }
 
 TEST(IterationScale, PutIsTheInverseOfValues) {
-  const population_model model = test::theophylline([](model_file& file) {
+  const population_model model = test::theophylline([](model_specification& file) {
     file.parameters[1].law = distribution::normal;
     file.parameters[2].upper = 36.0;
     file.omega = {{{"ka", "CL"}, {0.3, 0.02, 0.02, 0.1}, false}, {{"V"}, {0.02}, true}};

@@ -2,7 +2,7 @@
 //
 // The engine against exact results (tests/varda/reference) and, where there are none, against its
 // own exact likelihood: estimates must be a maximum of it in every direction.
-#include "varda/fit/fit.h"
+#include "varda/run/fit.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,13 +16,13 @@
 namespace {
 
 using test::minus2ll;
-using varda::model_file;
+using varda::model_specification;
 using varda::population_model;
 
 constexpr double exact_minimum = 118.1009;     // additive error, without the constant
 constexpr double combined_minimum = 104.5026;  // combined error: 347.10238 - 132 log(2 pi)
 
-void set_round_parameters(model_file& file) {
+void set_round_parameters(model_specification& file) {
   test::set_parameters(file, {1.58, 2.75, 31.6}, {0.40, 0.07, 0.0185}, 0.70);
 }
 
@@ -31,8 +31,8 @@ double exact_at(const population_model& model, const varda::fit_result& result, 
                 double factor) {
   varda::fit_result moved = result;
   moved.theta(k) *= factor;
-  const population_model at = test::theophylline([&](model_file& file) {
-    file = model.file();
+  const population_model at = test::theophylline([&](model_specification& file) {
+    file = model.specification();
     test::start_at(file, model, moved);
     file.estimation.likelihood_samples = 1200;
     file.estimation.replicates = 2;
@@ -58,7 +58,7 @@ void expect_maximum(const population_model& model, const varda::fit_result& resu
 TEST(Evaluate, MatchesQuadratureForEverySubject) {
   const auto exact = test::reference("theophylline-round.csv");
   for (const int seed : {1, 2, 3}) {
-    const population_model model = test::theophylline([&](model_file& file) {
+    const population_model model = test::theophylline([&](model_specification& file) {
       set_round_parameters(file);
       file.estimation.samples = 3000;
       file.estimation.seed = seed;
@@ -79,7 +79,7 @@ TEST(Evaluate, MatchesQuadratureForEverySubject) {
 TEST(Evaluate, QuadratureMatchesTheReferencesForEverySubject) {
   const auto reference = test::reference("theophylline-round.csv");
   for (const int nodes : {1, 31}) {
-    const population_model model = test::theophylline([&](model_file& file) {
+    const population_model model = test::theophylline([&](model_specification& file) {
       set_round_parameters(file);
       file.estimation.likelihood = varda::likelihood_kind::agq;
       file.estimation.agq_nodes = nodes;
@@ -103,7 +103,7 @@ TEST(Evaluate, QuadratureMatchesTheReferencesForEverySubject) {
 TEST(Evaluate, FindsTheConditionalMoments) {
   const auto maximum = test::reference("theophylline-additive.csv");
   const auto exact = test::reference("theophylline-additive-subjects.csv");
-  const population_model model = test::theophylline([&](model_file& file) {
+  const population_model model = test::theophylline([&](model_specification& file) {
     test::set_parameters(
         file,
         {std::exp(maximum.at("lka")[0]), std::exp(maximum.at("lCL")[0]),
@@ -131,7 +131,7 @@ TEST(Fit, ReachesTheMaximumOfTheLikelihood) {
                                          std::exp(exact.at("lV")[0]), exact.at("sd_add")[0]};
   for (const int seed : {1, 4, 9}) {
     const population_model model =
-        test::theophylline([&](model_file& file) { file.estimation.seed = seed; });
+        test::theophylline([&](model_specification& file) { file.estimation.seed = seed; });
     const varda::fit_result result = test::fit(model);
     EXPECT_TRUE(result.converged) << result.reason;
     for (std::size_t k = 0; k < estimates.size(); ++k)
@@ -146,7 +146,7 @@ TEST(Fit, ReachesTheMaximumOfTheLikelihood) {
 
 struct variant {
   const char* name;
-  std::function<void(model_file&)> change;
+  std::function<void(model_specification&)> change;
 };
 
 std::string name_of(const testing::TestParamInfo<variant>& info) {
@@ -165,23 +165,23 @@ TEST_P(FitBySampling, EndsNearTheMaximum) {
 INSTANTIATE_TEST_SUITE_P(
     EveryKind, FitBySampling,
     testing::Values(
-        variant{"t", [](model_file& f) { f.estimation.proposal = varda::proposal_family::t; }},
+        variant{"t", [](model_specification& f) { f.estimation.proposal = varda::proposal_family::t; }},
         variant{"laplace",
-                [](model_file& f) { f.estimation.proposal = varda::proposal_family::laplace; }},
+                [](model_specification& f) { f.estimation.proposal = varda::proposal_family::laplace; }},
         variant{"mixture2",
-                [](model_file& f) { f.estimation.proposal = varda::proposal_family::mixture2; }},
+                [](model_specification& f) { f.estimation.proposal = varda::proposal_family::mixture2; }},
         variant{"mixture3",
-                [](model_file& f) { f.estimation.proposal = varda::proposal_family::mixture3; }},
+                [](model_specification& f) { f.estimation.proposal = varda::proposal_family::mixture3; }},
         variant{"population",
-                [](model_file& f) { f.estimation.proposal = varda::proposal_family::population; }},
-        variant{"random", [](model_file& f) { f.estimation.points = varda::point_kind::random; }},
-        variant{"fresh", [](model_file& f) { f.estimation.fresh_points = true; }},
-        variant{"scrambled_twice", [](model_file& f) { f.estimation.scramble = 3; }}),
+                [](model_specification& f) { f.estimation.proposal = varda::proposal_family::population; }},
+        variant{"random", [](model_specification& f) { f.estimation.points = varda::point_kind::random; }},
+        variant{"fresh", [](model_specification& f) { f.estimation.fresh_points = true; }},
+        variant{"scrambled_twice", [](model_specification& f) { f.estimation.scramble = 3; }}),
     name_of);
 
 TEST(Fit, CombinedErrorReachesItsMaximum) {
   const auto exact = test::reference("theophylline-combined.csv");
-  const population_model model = test::theophylline([](model_file& file) {
+  const population_model model = test::theophylline([](model_specification& file) {
     file.endpoints.front().residual = {varda::error_kind::combined, 0.5, 0.2, false, false};
   });
   const varda::fit_result result = test::fit(model);
@@ -195,11 +195,11 @@ TEST(Fit, CombinedErrorReachesItsMaximum) {
 }
 
 TEST(Fit, ABoundHoldsItsParameterAndTheRestFollows) {
-  const population_model bounded = test::theophylline([](model_file& file) {
+  const population_model bounded = test::theophylline([](model_specification& file) {
     file.parameters[2].start = 29.0;
     file.parameters[2].upper = 30.0;
   });
-  const population_model fixed = test::theophylline([](model_file& file) {
+  const population_model fixed = test::theophylline([](model_specification& file) {
     file.parameters[2].start = 30.0;
     file.parameters[2].fixed = true;
   });
@@ -227,14 +227,14 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         // A parameter without a random effect.
         variant{"flat_parameter",
-                [](model_file& f) {
+                [](model_specification& f) {
                   f.parameters[0].law = varda::distribution::none;
                   f.omega.erase(f.omega.begin());
                 }},
         // Weight on clearance and volume, one coefficient given.
         variant{
             "covariates",
-            [](model_file& f) {
+            [](model_specification& f) {
               f.data.covariates = {"WT"};
               f.parameters[1].effects.push_back(
                   {.name = "CL_WT", .covariate = "WT", .center = 70.0});
@@ -243,7 +243,7 @@ INSTANTIATE_TEST_SUITE_P(
             }},
         // A normal and a logit-normal parameter, the latter with an effect on the logit.
         variant{"other_distributions",
-                [](model_file& f) {
+                [](model_specification& f) {
                   f.data.covariates = {"WT"};
                   f.parameters[2].law = varda::distribution::normal;
                   f.omega[2].matrix = {30.0};
@@ -256,18 +256,18 @@ INSTANTIATE_TEST_SUITE_P(
                 }},
         // Correlated random effects beside a fixed variance.
         variant{"block_of_omega",
-                [](model_file& f) {
+                [](model_specification& f) {
                   f.omega = {{{"ka", "CL"}, {0.3, 0.02, 0.02, 0.1}, false}, {{"V"}, {0.02}, true}};
                 }},
         // A combined error whose additive part is given.
         variant{
             "given_additive_part",
-            [](model_file& f) {
+            [](model_specification& f) {
               f.endpoints.front().residual = {varda::error_kind::combined, 0.25, 0.2, true, false};
             }}),
     name_of);
 
-void correlate(model_file& f, double ka_CL, double ka_V, double CL_V) {
+void correlate(model_specification& f, double ka_CL, double ka_V, double CL_V) {
   f.omega = {{{"ka", "CL", "V"}, {0.4, ka_CL, ka_V, ka_CL, 0.07, CL_V, ka_V, CL_V, 0.0185}, false}};
 }
 
@@ -275,7 +275,7 @@ void correlate(model_file& f, double ka_CL, double ka_V, double CL_V) {
 // from Newton steps on adaptive quadrature along that edge.
 TEST(Singularity, AFullOmegaThatTheDataDoNotSupportIsNamed) {
   const population_model model =
-      test::theophylline([](model_file& f) { correlate(f, 0.0, 0.0, 0.0); });
+      test::theophylline([](model_specification& f) { correlate(f, 0.0, 0.0, 0.0); });
   const varda::fit_result result = test::fit(model);
   EXPECT_FALSE(result.converged);
   EXPECT_THAT(result.singular, testing::ElementsAre("corr(CL,V)"));
@@ -292,14 +292,14 @@ TEST(Singularity, SubjectsThatAreAllAlikeHaveNoVariance) {
     who = alike.subjects.front();
     who.id = id;
   }
-  const varda::fit_result result = test::fit({whole.file(), alike});
+  const varda::fit_result result = test::fit({whole.specification(), alike});
   EXPECT_FALSE(result.converged);
   EXPECT_THAT(result.singular, testing::IsSupersetOf({"omega(ka)", "omega(CL)"}));
 }
 
 // 0.9 between CL and V.
 TEST(Singularity, AStrongCorrelationThatTheDataSupportIsNone) {
-  const population_model truth = test::theophylline([](model_file& f) {
+  const population_model truth = test::theophylline([](model_specification& f) {
     correlate(f, 0.0, 0.0, 0.0324);
     f.endpoints.front().residual.additive = 0.3;
   });
@@ -339,7 +339,7 @@ TEST(StandardErrors, TooFewSubjectsForScores) {
   population_model whole = test::theophylline();
   varda::dataset few = whole.data();
   few.subjects.resize(7);
-  const population_model model(whole.file(), few);
+  const population_model model(whole.specification(), few);
   const varda::fit_result result = test::fit(model);
   EXPECT_FALSE(result.errors.score.known);
   EXPECT_TRUE(result.errors.by_score.empty());
@@ -349,7 +349,7 @@ TEST(StandardErrors, TooFewSubjectsForScores) {
 
 TEST(StandardErrors, NoneForAParameterAtItsBound) {
   test::captured_unit output;
-  const population_model model = test::theophylline([](model_file& file) {
+  const population_model model = test::theophylline([](model_specification& file) {
     file.parameters[2].start = 29.0;
     file.parameters[2].upper = 30.0;
   });
@@ -371,7 +371,7 @@ TEST(StandardErrors, NameADirectionThatIsNotIdentified) {
   data.covariate_varies = {false};
   for (std::size_t i = 0; i < data.subjects.size(); ++i)
     data.subjects[i].segments.front().covariates = {1.0 + 1e-3 * static_cast<double>(i % 3)};
-  varda::model_file file = whole.file();
+  varda::model_specification file = whole.specification();
   file.data.covariates = {"WT"};
   file.parameters[1].effects.push_back(
       {.name = "CL_WT", .covariate = "WT", .form = varda::effect_form::exponential, .center = 0.0});
@@ -386,13 +386,13 @@ TEST(StandardErrors, NameADirectionThatIsNotIdentified) {
 TEST(Startup, EndsAtTheSameMaximum) {
   for (const int rounds : {1, 3}) {
     const population_model model =
-        test::theophylline([&](model_file& file) { file.estimation.map_np = rounds; });
+        test::theophylline([&](model_specification& file) { file.estimation.map_np = rounds; });
     const varda::fit_result result = test::fit(model);
     EXPECT_TRUE(result.converged);
     EXPECT_LT(exact_at(model, result, 0, 1.0), exact_minimum + 0.03);
   }
   const population_model assisted =
-      test::theophylline([](model_file& file) { file.estimation.map_assist = 4; });
+      test::theophylline([](model_specification& file) { file.estimation.map_assist = 4; });
   EXPECT_LT(exact_at(assisted, test::fit(assisted), 0, 1.0), exact_minimum + 0.03);
 }
 
@@ -400,7 +400,7 @@ TEST(Startup, EndsAtTheSameMaximum) {
 // iteration and 256 a replicate, one at every proposal's mean.
 TEST(Startup, PresamplingAloneEndsAtTheSameMaximum) {
   for (const int presamples : {30, 300}) {
-    const population_model model = test::theophylline([&](model_file& file) {
+    const population_model model = test::theophylline([&](model_specification& file) {
       file.estimation.start = varda::start_kind::presample;
       file.estimation.presamples = presamples;
       file.estimation.standard_errors = varda::standard_error_kind::none;
@@ -417,7 +417,7 @@ TEST(Startup, PresamplingAloneEndsAtTheSameMaximum) {
 }
 
 TEST(Fit, FreezingOmegaLeavesItAloneDuringBurnIn) {
-  const population_model model = test::theophylline([](model_file& file) {
+  const population_model model = test::theophylline([](model_specification& file) {
     file.estimation.burn_in = 3;
     file.estimation.freeze_omega = true;
     file.estimation.max_iterations = 4;
@@ -430,7 +430,7 @@ TEST(Fit, FreezingOmegaLeavesItAloneDuringBurnIn) {
 }
 
 TEST(Fit, SaysWhatStillMovesWhenItRunsOutOfIterations) {
-  const population_model model = test::theophylline([](model_file& file) {
+  const population_model model = test::theophylline([](model_specification& file) {
     file.omega = {{{"ka", "CL", "V"}, {0.3, 0, 0, 0, 0.3, 0, 0, 0, 0.3}, false}};
     file.estimation.max_iterations = 30;
   });

@@ -9,9 +9,10 @@
 #include <utility>
 #include <vector>
 
-#include "varda/data/csv.h"
+#include "varda/input/model_file.h"
+#include "varda//data/csv.h"
 #include "varda/data/dataset.h"
-#include "varda/model/model_file.h"
+#include "varda/model/specification.h"
 #include "varda/support/finding.h"
 
 namespace varda {
@@ -300,7 +301,7 @@ std::string text_with(const std::vector<std::pair<int, std::string>>& changes) {
   return all;
 }
 
-model_file read_model(const std::vector<std::pair<int, std::string>>& changes) {
+model_specification read_model(const std::vector<std::pair<int, std::string>>& changes) {
   findings warnings;
   return read_model_file(file_with(text_with(changes), "model.toml"), warnings);
 }
@@ -341,7 +342,7 @@ TEST(ModelFile, RefusesAnOmegaThatIsNone) {
 }
 
 TEST(ModelFile, ReadsCovariateEffects) {
-  const model_file file =
+  const model_specification file =
       read_model({{7, "CL = { start = 3, covariates = [{ column = \"WT\", center = 70 }] }"},
                   {8,
                    "V = { start = 30, distribution = \"normal\", covariates "
@@ -356,7 +357,7 @@ TEST(ModelFile, ReadsCovariateEffects) {
 }
 
 TEST(ModelFile, ReadsOmegaInBlocks) {
-  const model_file file =
+  const model_specification file =
       read_model({{10,
                    "blocks = [{ parameters = [\"V\", \"ka\"], matrix = [[0.3, 0.1], [0.1, 0.2]], "
                    "fixed = true }]"},
@@ -380,7 +381,7 @@ TEST(ModelFile, WordsAndNumbersArriveWhereTheyBelong) {
         "samples = 301\nsampling = \"random\"\npoints = \"fresh\"\nscramble = \"both\"\n"
         "proposal = \"mixture3\"\nburn_in = 4\nfreeze_omega_in_burn_in = true\nrun_all = true\n"
         "likelihood_samples = 3001"}});
-  const model_file file = read_model_file(file_with(text, "model.toml"), warnings);
+  const model_specification file = read_model_file(file_with(text, "model.toml"), warnings);
   EXPECT_EQ(file.data.file, "/d.csv");
   EXPECT_EQ(file.data.columns.at("DV"), "conc");
   EXPECT_EQ(file.parameters[1].law, distribution::normal);

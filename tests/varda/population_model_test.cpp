@@ -2,7 +2,7 @@
 //
 // What enters a subject's likelihood beside the structural model. The constants are mpmath's, 20
 // digits.
-#include "varda/model/population_model.h"
+#include "varda/model/population.h"
 
 #include <gmock/gmock.h>
 
@@ -96,9 +96,9 @@ TEST(ResidualModel, EveryKindOfObservationAndError) {
 }
 
 // Theophylline with two occasions in the first subject, and weight that changes in the second.
-population_model changing_subjects(const std::function<void(model_file&)>& change) {
+population_model changing_subjects(const std::function<void(model_specification&)>& change) {
   const population_model whole = test::theophylline();
-  model_file file = whole.file();
+  model_specification file = whole.specification();
   dataset data = whole.data();
   data.subjects.resize(3);
   data.covariate_names = file.data.covariates = {"WT", "SEX"};
@@ -117,7 +117,7 @@ population_model changing_subjects(const std::function<void(model_file&)>& chang
 }
 
 TEST(PopulationModel, DirectEffectsAndOccasionsMakeSetsOfParameters) {
-  const population_model model = changing_subjects([](model_file& file) {
+  const population_model model = changing_subjects([](model_specification& file) {
     file.parameters[0].law = distribution::none;
     file.omega.erase(file.omega.begin());
     file.parameters[0].effects = {{.name = "ka_WT",
@@ -186,7 +186,7 @@ TEST(PopulationModel, DirectEffectsAndOccasionsMakeSetsOfParameters) {
 TEST(PopulationModel, RefusesCovariatesThatCannotBeUsed) {
   const auto refused = [](covariate_effect effect) {
     try {
-      changing_subjects([&](model_file& file) { file.parameters[1].effects = {effect}; });
+      changing_subjects([&](model_specification& file) { file.parameters[1].effects = {effect}; });
     } catch (const bad_input& error) {
       return error.what_found();
     }

@@ -14,7 +14,7 @@
 
 #include "tests/varda/theophylline.h"
 #include "varda/report/matrix_tables.h"
-#include "varda/report/npde.h"
+#include "varda/diagnostics/npde.h"
 
 namespace varda {
 namespace {
@@ -24,7 +24,7 @@ double normal_probability(double z) {
 }
 
 TEST(Npde, IsTheNormalScoreOfASingleObservation) {
-  const population_model whole = test::theophylline([](model_file& file) {
+  const population_model whole = test::theophylline([](model_specification& file) {
     for (const std::size_t k : {1U, 2U}) file.parameters[k].law = distribution::none;
     file.omega.resize(1);
   });
@@ -36,7 +36,7 @@ TEST(Npde, IsTheNormalScoreOfASingleObservation) {
     std::erase_if(who.timeline, [](const event& e) { return e.kind == event_kind::observation; });
     append(who, kept);
   }
-  const population_model model(whole.file(), data);
+  const population_model model(whole.specification(), data);
   const Eigen::VectorXd theta = model.start_theta();
   const Eigen::MatrixXd omega = model.start_omega();
   for (int i = 0; i < model.subjects(); ++i) {
@@ -98,7 +98,7 @@ table parsed(const std::string& text) {
 }
 
 TEST(MatrixTables, SayWhatTheResultSays) {
-  const population_model model = test::theophylline([](model_file& f) {
+  const population_model model = test::theophylline([](model_specification& f) {
     f.omega = {{{"ka", "CL"}, {0.3, 0.02, 0.02, 0.1}, false}, {{"V"}, {0.02}, true}};
   });
   const fit_result result = test::fit(model);

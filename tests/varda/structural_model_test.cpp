@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "varda/model/exponentials.h"
+#include "varda/model/closed/exponentials.h"
 
 namespace varda {
 namespace {

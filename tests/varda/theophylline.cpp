@@ -9,7 +9,8 @@
 #include <stdexcept>
 
 #include "tests/support/fake_host.h"
-#include "varda/host/engine_host.h"
+#include "varda/input/model_file.h"
+#include "varda//host/engine_host.h"
 #include "varda/report/reports.h"
 
 namespace test {
@@ -23,16 +24,16 @@ const varda::job& alone() {
 
 }  // namespace
 
-varda::population_model theophylline(const std::function<void(varda::model_file&)>& change) {
+varda::population_model theophylline(const std::function<void(varda::model_specification&)>& change) {
   varda::findings warnings;
-  varda::model_file file =
+  varda::model_specification file =
       varda::read_model_file(SOURCE_FOLDER "/examples/theophylline/theophylline.toml", warnings);
   change(file);
   varda::dataset data = varda::read_dataset(file.data, warnings);
   return {std::move(file), std::move(data)};
 }
 
-void set_parameters(varda::model_file& file, const std::vector<double>& typical,
+void set_parameters(varda::model_specification& file, const std::vector<double>& typical,
                     const std::vector<double>& variances, double additive) {
   for (std::size_t k = 0; k < typical.size(); ++k) {
     file.parameters[k].start = typical[k];
@@ -70,7 +71,7 @@ varda::population_model simulated(const varda::population_model& from, int copie
       }
       data.subjects.push_back(who);
     }
-  return {from.file(), data};
+  return {from.specification(), data};
 }
 
 varda::fit_result fit(const varda::population_model& model, bool quiet) {
@@ -90,7 +91,7 @@ double minus2ll(const varda::population_model& model, const varda::fit_result& r
   return varda::without_constant(result.likelihood.minus2ll, model.data().observations());
 }
 
-void start_at(varda::model_file& file, const varda::population_model& model,
+void start_at(varda::model_specification& file, const varda::population_model& model,
               const varda::fit_result& result) {
   Eigen::Index at = 0;
   for (varda::parameter& p : file.parameters) {

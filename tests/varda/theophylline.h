@@ -8,17 +8,17 @@
 #include <string>
 #include <vector>
 
-#include "varda/fit/fit.h"
-#include "varda/model/population_model.h"
+#include "varda/run/fit.h"
+#include "varda/model/population.h"
 
 namespace test {
 
 // The example's model file after `change` has had its say, with its data.
-varda::population_model theophylline(const std::function<void(varda::model_file&)>& change =
-                                         [](varda::model_file&) {});
+varda::population_model theophylline(const std::function<void(varda::model_specification&)>& change =
+                                         [](varda::model_specification&) {});
 
 // Sets start values (natural scale), variances and the additive deviation.
-void set_parameters(varda::model_file& file, const std::vector<double>& typical,
+void set_parameters(varda::model_specification& file, const std::vector<double>& typical,
                     const std::vector<double>& variances, double additive);
 
 // `copies` of every subject with observations as the start values make them; those below `limit`
@@ -34,7 +34,7 @@ varda::fit_result evaluate(const varda::population_model& model);
 double minus2ll(const varda::population_model& model, const varda::fit_result& result);
 
 // The same model file with a result's estimates as start values.
-void start_at(varda::model_file& file, const varda::population_model& model,
+void start_at(varda::model_specification& file, const varda::population_model& model,
               const varda::fit_result& result);
 
 // Columns of a table under tests/varda/reference, first column as key.

@@ -11,18 +11,19 @@
 #include <numbers>
 
 #include "tests/varda/theophylline.h"
-#include "varda/fit/quadrature.h"
+#include "varda/input/model_file.h"
+#include "varda//inference/quadrature.h"
 
 namespace {
 
 using varda::fit_result;
-using varda::model_file;
+using varda::model_specification;
 using varda::population_model;
 
 population_model model_of(
-    const std::string& path, const std::function<void(model_file&)>& change = [](model_file&) {}) {
+    const std::string& path, const std::function<void(model_specification&)>& change = [](model_specification&) {}) {
   varda::findings warnings;
-  model_file file = varda::read_model_file(SOURCE_FOLDER "/" + path, warnings);
+  model_specification file = varda::read_model_file(SOURCE_FOLDER "/" + path, warnings);
   change(file);
   varda::dataset data = varda::read_dataset(file.data, warnings);
   return {std::move(file), std::move(data)};
@@ -32,7 +33,7 @@ population_model model_of(
 double exact_at(const population_model& model, const fit_result& result, int nodes) {
   const population_model at(
       [&] {
-        model_file file = model.file();
+        model_specification file = model.specification();
         test::start_at(file, model, result);
         file.estimation.likelihood = varda::likelihood_kind::agq;
         file.estimation.agq_nodes = nodes;
@@ -68,7 +69,7 @@ TEST(Trial, IndomethacinReachesItsMaximum) {
 }
 
 TEST(Trial, CombinedErrorReachesItsMaximum) {
-  const population_model model = test::theophylline([](model_file& file) {
+  const population_model model = test::theophylline([](model_specification& file) {
     file.endpoints.front().residual = {varda::error_kind::combined, 0.5, 0.2, false, false};
     file.estimation.resamples = 300;
   });
@@ -84,7 +85,7 @@ TEST(Trial, CombinedErrorReachesItsMaximum) {
 TEST(Trial, WeightOnClearanceAndCensoredValuesEndAtAMaximum) {
   for (const std::string path :
        {"examples/theophylline/weight.toml", "tests/varda/trials/censored.toml"}) {
-    const population_model model = model_of(path, [](model_file& file) {
+    const population_model model = model_of(path, [](model_specification& file) {
       file.estimation.likelihood = varda::likelihood_kind::agq;
       file.estimation.agq_nodes = 15;
       file.estimation.resamples = 300;

@@ -8,7 +8,7 @@
 #include "varda/cli/check.h"
 #include "varda/cli/run.h"
 #include "varda/host/job.h"
-#include "varda/model/model_file.h"
+#include "varda/model/specification.h"
 #include "varda/support/finding.h"
 #include "varda/version.h"
 

@@ -9,15 +9,15 @@
 #include <memory>
 
 #include "statsubs/state/output_units.h"
-#include "varda/fit/fit.h"
-#include "varda/fit/quadrature.h"
 #include "varda/host/engine_host.h"
-#include "varda/model/model_file.h"
+#include "varda/inference/quadrature.h"
+#include "varda/input/model_file.h"
 #include "varda/model/start_evaluation.h"
 #include "varda/report/matrix_tables.h"
 #include "varda/report/output_folder.h"
 #include "varda/report/progress.h"
 #include "varda/report/reports.h"
+#include "varda/run/fit.h"
 
 namespace varda {
 
@@ -53,7 +53,7 @@ void on_interrupt(int signal) {
 }
 
 population_model prepare(const run_request& request, findings& warnings) {
-  model_file file = read_model_file(request.model_path, warnings, request.overrides);
+  model_specification file = read_model_file(request.model_path, warnings, request.overrides);
   dataset data = read_dataset(file.data, warnings);
   population_model model(std::move(file), std::move(data));
   check_start(model);

@@ -3,9 +3,9 @@
 
 #include <string>
 
-#include "varda/fit/fit_result.h"
 #include "varda/host/job.h"
-#include "varda/model/model_file.h"
+#include "varda/input/model_file.h"
+#include "varda/run/fit_result.h"
 
 namespace varda {
 

@@ -6,11 +6,10 @@
 #pragma once
 
 #include <cstddef>
-#include <limits>
-#include <map>
 #include <string>
 #include <vector>
 
+#include "varda/model/specification.h"
 #include "varda/support/finding.h"
 
 namespace varda {
@@ -97,21 +96,6 @@ struct dataset {
 
 // The names of the columns that have a meaning of their own.
 const std::vector<std::string>& data_roles();
-
-// What the model takes, and which column of the file plays which role. Names are matched without
-// regard to case.
-struct data_source {
-  std::string file;                            // as opened
-  std::map<std::string, std::string> columns;  // role ("ID", "TIME", ...) -> column name
-  std::vector<std::string> covariates;         // columns that the model names
-  std::vector<int> endpoints = {1};            // DVID of each endpoint; 0 also means the first
-  bool occasions = false;                      // the model has random effects per occasion (OCC)
-  bool doses_needed = true;                    // a subject without a dose cannot be predicted
-  int compartments = std::numeric_limits<int>::max();  // doses go into 1 to this one
-  // Compartments whose RATE -1 (or -2) finds a parameter for the rate (or the duration).
-  std::vector<int> modelled_rate;
-  std::vector<int> modelled_duration;
-};
 
 // Reads a data set, or throws bad_input. What is odd but legal is added to `warnings`.
 dataset read_dataset(const data_source& source, findings& warnings);

@@ -202,7 +202,7 @@ void engine_host::install() {
   table.getnobs1 = [](const int& isub) { return current().model_.observations(isub - 1); };
 
   static const auto settings = []() -> const estimation_settings& {
-    return current().model_.file().estimation;
+    return current().model_.specification().estimation;
   };
   table.getisample = [] { return settings().samples; };
   // 1 leaves presampling off.

@@ -15,7 +15,7 @@
 
 #include "statsubs/state/shared_types.h"
 #include "varda/host/job.h"
-#include "varda/model/population_model.h"
+#include "varda/model/population.h"
 
 namespace varda {
 

@@ -73,7 +73,7 @@ double covariate_coefficient::change(double beta, double x) const {
   return is_factor ? std::log1p(beta * x) : beta * x;
 }
 
-std::vector<covariate_coefficient> covariate_coefficients(const model_file& file,
+std::vector<covariate_coefficient> covariate_coefficients(const model_specification& file,
                                                           const dataset& data) {
   std::vector<covariate_coefficient> all;
   for (std::size_t k = 0; k < file.parameters.size(); ++k) {

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "varda/data/dataset.h"
-#include "varda/model/model_file.h"
+#include "varda/model/specification.h"
 
 namespace varda {
 
@@ -28,7 +28,7 @@ struct covariate_coefficient {
 
 // All coefficients of a model file, parameter by parameter. Throws bad_input where a subject's
 // covariate cannot be transformed, or where a categorical covariate has no or too many levels.
-std::vector<covariate_coefficient> covariate_coefficients(const model_file& file,
+std::vector<covariate_coefficient> covariate_coefficients(const model_specification& file,
                                                           const dataset& data);
 
 }  // namespace varda

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "varda/model/model_file.h"
+#include "varda/model/specification.h"
 
 namespace varda {
 

@@ -3,7 +3,7 @@
 
 #include <optional>
 
-#include "varda/model/population_model.h"
+#include "varda/model/population.h"
 #include "varda/support/finding.h"
 
 namespace varda {

@@ -3,10 +3,10 @@
 
 #include <utility>
 
-#include "varda/model/compartment_model.h"
-#include "varda/model/compartment_parameters.h"
-#include "varda/model/equation_model.h"
-#include "varda/model/formula_model.h"
+#include "varda/model/closed/compartment_model.h"
+#include "varda/model/closed/compartment_parameters.h"
+#include "varda/model/equations/equation_model.h"
+#include "varda/model/equations/formula_model.h"
 
 namespace varda {
 

@@ -18,7 +18,7 @@ void write_count(sink out, const std::string& what, int count, const std::string
   fmt::format_to(out, "  {:<26} {:>8}{}{}\n", what, count, remark.empty() ? "" : "   ", remark);
 }
 
-void write_endpoints(sink out, const model_file& model, const dataset& data) {
+void write_endpoints(sink out, const model_specification& model, const dataset& data) {
   const std::vector<int>& dvids = model.data.endpoints;
   for (std::size_t k = 0; k < dvids.size(); ++k) {
     const int censored = data.censored_of(static_cast<int>(k));
@@ -39,7 +39,7 @@ std::string range_of_observations(const dataset& data) {
                      most->observations.size());
 }
 
-void write_data(sink out, const model_file& model, const dataset& data) {
+void write_data(sink out, const model_specification& model, const dataset& data) {
   fmt::format_to(out, "Data {}\n", data.file);
   write_count(out, "records", data.records);
   write_count(out, "subjects", static_cast<int>(data.subjects.size()), range_of_observations(data));

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "varda/data/dataset.h"
-#include "varda/model/model_file.h"
+#include "varda/model/specification.h"
 #include "varda/model/start_evaluation.h"
 #include "varda/support/finding.h"
 
@@ -18,9 +18,9 @@ struct check_result {
   std::string model_path;
   findings errors;  // an input is sound when there are none
   findings warnings;
-  std::optional<model_file> model;      // where the model file can be read
-  std::optional<dataset> data;          // where the data set can be used
-  std::vector<start_evaluation> start;  // of every subject, where there is a model to evaluate
+  std::optional<model_specification> model;  // where the model file can be read
+  std::optional<dataset> data;               // where the data set can be used
+  std::vector<start_evaluation> start;       // of every subject, where there is a model to evaluate
 };
 
 // For people: the data in figures, the first evaluation, what is wrong, the verdict.

@@ -109,7 +109,7 @@ ordered_json parameters(const population_model& model, const fit_result& result)
     entry["name"] = t.name;
     entry["estimate"] = t.natural(result.theta(static_cast<Eigen::Index>(k)));
     entry["distribution"] =
-        k < model.file().parameters.size() ? name_of(t.law) : "covariate effect";
+        k < model.specification().parameters.size() ? name_of(t.law) : "covariate effect";
     entry["fixed"] = t.fixed;
     entry["at_bound"] = held(result, k);
     if (result.what == task::fit) add_errors_of_theta(entry, result, static_cast<int>(k));
@@ -181,7 +181,7 @@ ordered_json quadrature(const population_model& model, const fit_result& result)
 }
 
 ordered_json settings(const population_model& model) {
-  const estimation_settings& s = model.file().estimation;
+  const estimation_settings& s = model.specification().estimation;
   const char* scrambles[] = {"none", "owen", "faure-tezuka", "both"};
   ordered_json entry;
   entry["samples"] = s.samples;
@@ -230,7 +230,7 @@ ordered_json to_json(const findings& list) {
   return entries;
 }
 
-ordered_json data_summary(const model_file& model, const dataset& data) {
+ordered_json data_summary(const model_specification& model, const dataset& data) {
   ordered_json endpoints = ordered_json::array();
   for (std::size_t k = 0; k < model.data.endpoints.size(); ++k)
     endpoints.push_back({{"name", model.endpoints[k].name},
@@ -272,8 +272,8 @@ std::string json_report(const population_model& model, const fit_result& result)
   ordered_json report;
   report["schema_version"] = json_schema_version;
   report["task"] = result.what == task::fit ? "fit" : "evaluate";
-  report["title"] = model.file().title;
-  report["model"] = model.file().path;
+  report["title"] = model.specification().title;
+  report["model"] = model.specification().path;
   report["data"] = {{"file", model.data().file},
                     {"subjects", model.subjects()},
                     {"observations", observations},

@@ -62,8 +62,10 @@ std::vector<quantity> quantities(const population_model& model) {
   const std::size_t first_omega = all.size();
   for (int i = 0; i < model.random_effects(); ++i)
     for (int j = 0; j <= i; ++j)
-      all.push_back(
-          {.label = fmt::format("OMEGA({},{})", i + 1, j + 1), .name = "zero by structure", .row = i, .column = j});
+      all.push_back({.label = fmt::format("OMEGA({},{})", i + 1, j + 1),
+                     .name = "zero by structure",
+                     .row = i,
+                     .column = j});
   for (const omega_element& e : model.omega_elements())
     for (const auto& [i, j] : e.places) {
       quantity& q = all[first_omega + static_cast<std::size_t>(i * (i + 1) / 2 + j)];

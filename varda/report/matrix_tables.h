@@ -8,8 +8,8 @@
 
 #include <string>
 
-#include "varda/fit/fit_result.h"
-#include "varda/model/population_model.h"
+#include "varda/model/population.h"
+#include "varda/run/fit_result.h"
 
 namespace varda {
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "varda/fit/fit.h"
+#include "varda/run/fit.h"
 
 namespace varda {
 

@@ -3,7 +3,7 @@
 
 #include <cmath>
 
-#include "varda/report/npde.h"
+#include "varda/diagnostics/npde.h"
 #include "varda/report/reports.h"
 
 namespace varda {
@@ -34,7 +34,7 @@ struct prediction {
 
 std::string rows_of(const population_model& model, const fit_result& result, int subject) {
   const varda::subject& who = model.data().subjects[static_cast<std::size_t>(subject)];
-  const estimation_settings& settings = model.file().estimation;
+  const estimation_settings& settings = model.specification().estimation;
   Eigen::VectorXd mu(model.random_effects());
   model.means(subject, result.theta.data(), mu.data());
   const prediction typical(model, subject, result.theta, mu);
@@ -51,7 +51,7 @@ std::string rows_of(const population_model& model, const fit_result& result, int
     const double f = individual.values(j);
     const bool seen = at.censored == censoring::none;
     rows += fmt::format("{},{},{},{},{}", csv_field(who.id), at.time, at.value,
-                        model.file().data.endpoints[static_cast<std::size_t>(at.endpoint)],
+                        model.specification().data.endpoints[static_cast<std::size_t>(at.endpoint)],
                         censoring_flag(at.censored));
     rows += at.censored == censoring::interval ? cell(at.limit) : ",";
     rows += cell(typical.values(j)) + cell(f);
@@ -69,7 +69,7 @@ std::string rows_of(const population_model& model, const fit_result& result, int
 
 std::string rows_csv(const population_model& model, const fit_result& result) {
   std::string table = "ID,TIME,DV,DVID,CENS,LIMIT,PRED,IPRED,RES,IWRES,NPDE";
-  for (const parameter& p : model.file().parameters) table += "," + csv_field(p.name);
+  for (const parameter& p : model.specification().parameters) table += "," + csv_field(p.name);
   table += "\n";
   if (!result.likelihood.complete) return table;
   for (int i = 0; i < model.subjects(); ++i)

@@ -205,8 +205,9 @@ std::string summary(const population_model& model, const fit_result& result) {
   const sink out(text);
   const dataset& data = model.data();
   fmt::format_to(out, "varda {}  {} of {}\n", version,
-                 result.what == task::fit ? "fit" : "evaluation", model.file().path);
-  if (!model.file().title.empty()) fmt::format_to(out, "{}\n", model.file().title);
+                 result.what == task::fit ? "fit" : "evaluation", model.specification().path);
+  if (!model.specification().title.empty())
+    fmt::format_to(out, "{}\n", model.specification().title);
   fmt::format_to(out, "{} subjects, {} observations, {} doses ({})\n\n", model.subjects(),
                  data.observations(), data.doses(), data.file);
   write_verdict(out, result);

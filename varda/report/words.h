@@ -3,7 +3,7 @@
 // The words of the model file for its choices.
 #pragma once
 
-#include "varda/model/model_file.h"
+#include "varda/model/specification.h"
 
 namespace varda {
 

@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <Eigen/Core>
+
+#include "varda/model/population.h"
+
+namespace varda {
+
+// Normalised prediction distribution errors of a subject's observations at theta (its scale in
+// population_model) and omega: standard normal and independent when the model is true. Brendel,
+// Comets, Laffont, Laveille and Mentre (2006), Pharm. Res. 23, 2036-2049.
+//
+// The subject's observations are simulated `simulations` times. With their mean m and lower
+// Cholesky factor L of their covariance, observed and simulated vectors are decorrelated,
+// L^-1 (y - m). The error of an observation is the normal quantile of the share of simulated values
+// below it; a share of 0 or 1 counts as half a simulation. The share of a censored observation is
+// drawn uniformly from those that its limits leave given the observations before it (randomised as
+// in Dunn and Smyth, 1996, J. Comput. Graph. Stat. 5, 236-244), and those after it are decorrelated
+// with the value that has this share.
+//
+// Draws follow from `seed` and the subject's position alone. Simulations that the model cannot be
+// evaluated for are left out. NaN where too few are left for a covariance that is positive
+// definite.
+Eigen::VectorXd npde(const population_model& model, int subject, const Eigen::VectorXd& theta,
+                     const Eigen::MatrixXd& omega, int simulations, int seed);
+
+}  // namespace varda

@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <vector>
+
+#include "varda/host/integration.h"
+#include "varda/host/points.h"
+
+namespace varda {
+
+// The exact -2 log-likelihood at the parameters in force, with the error of its own.
+struct likelihood_estimate {
+  bool complete = false;
+  double minus2ll = 0.0;           // every constant included, of all replicates together
+  double mc_se = 0.0;              // standard deviation of the replicates / sqrt(their number)
+  std::vector<double> replicates;  // -2 log-likelihood of each
+  // Per subject the means over the replicates, of the likelihood itself and not of its logarithm;
+  // the largest weight is the largest of all.
+  std::vector<subject_integral> subjects;
+};
+
+// From replicates of fresh scrambles with the proposals frozen. The points that the proposals were
+// tuned on would give a value that is too good by several of its errors.
+likelihood_estimate estimate_likelihood(engine_host& host, const proposals& frozen,
+                                        point_source& points, int samples, int replicates);
+
+}  // namespace varda

@@ -1,0 +1,87 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "varda/inference/quadrature.h"
+
+#include <fmt/format.h>
+
+#include <Eigen/Core>
+#include <algorithm>
+#include <array>
+#include <stdexcept>
+
+#include "statsubs/quadrature/agqgrid.h"
+#include "statsubs/quadrature/agqintjoint.h"
+#include "statsubs/quadrature/getghnodes.h"
+#include "statsubs/quadrature/updatedecomp.h"
+#include "statsubs/state/global_variables.h"
+#include "varda/inference/modes.h"
+
+namespace varda {
+
+namespace gv = statsubs::global_variables;
+
+namespace {
+
+int grid_points(int nodes, int dimensions) {
+  int points = 1;
+  for (int i = 0; i < dimensions; ++i) points *= nodes;
+  return points;
+}
+
+}  // namespace
+
+int most_agq_nodes(int effects) {
+  std::array<double, statsubs::most_ghnodes> nodes{};
+  std::array<double, statsubs::most_ghnodes> weights{};
+  int points = 0;
+  int info = 1;
+  int most = statsubs::most_ghnodes + 1;
+  while (info == 1) statsubs::agqinit(--most, effects, nodes.data(), weights.data(), points, info);
+  return most;
+}
+
+void check_grid(const population_model& model) {
+  const estimation_settings& settings = model.specification().estimation;
+  const int most = most_agq_nodes(model.random_effects());
+  if (settings.likelihood != likelihood_kind::agq || settings.agq_nodes <= most) return;
+  throw bad_input(
+      {.code = "E-RUN-GRID",
+       .message = fmt::format("{} nodes for each of {} random effects make a grid of more points "
+                              "than can be counted",
+                              settings.agq_nodes, model.random_effects()),
+       .remedy = fmt::format("use at most {} nodes, or likelihood = \"sampling\"", most),
+       .file = model.specification().path,
+       .column = "estimation.agq_nodes"});
+}
+
+quadrature_estimate integrate_by_quadrature(engine_host& host, int nodes,
+                                            const quadrature_listener& progress) {
+  const population_model& model = host.model();
+  quadrature_estimate result;
+  result.nodes = nodes;
+  result.points = grid_points(nodes, model.random_effects());
+  result.log_likelihoods.assign(static_cast<std::size_t>(model.subjects()), 0.0);
+  const mode_search found = find_every_mode(host);
+  if (!found.complete) return result;
+
+  Eigen::Map<Eigen::VectorXd> centre(gv::xmusub.data(), model.random_effects());
+  for (int i = 0; i < model.subjects(); ++i) {
+    if (model.observations(i) > 0) {
+      int info = 0;
+      centre = found.modes.col(i);
+      statsubs::updatedecomp(i + 1, info);
+      const bool indefinite = std::count(found.indefinite.begin(), found.indefinite.end(), i) > 0;
+      if (info != 0 || indefinite) result.placed_by_omega.push_back(i);
+      double& log_likelihood = result.log_likelihoods[static_cast<std::size_t>(i)];
+      statsubs::agqintjoint(i + 1, nodes, log_likelihood, info);
+      // The model file was checked for the size of its grid.
+      if (info != 0) throw std::runtime_error("the nodes of the quadrature cannot be computed");
+      if (engine_host::stopped()) return result;
+      result.minus2ll -= 2.0 * log_likelihood;
+    }
+    progress(i + 1, result.minus2ll);
+  }
+  result.complete = true;
+  return result;
+}
+
+}  // namespace varda

@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "varda/input/model_file.h"
+
+#include <fmt/format.h>
+
+#include <filesystem>
+
+#include "varda/data/dataset.h"
+#include "varda/input/model_file_parts.h"
+
+namespace varda {
+
+namespace {
+
+void read_data(section from, model_specification& file) {
+  const std::filesystem::path given = from.needed_text("file", "the data set");
+  const std::filesystem::path folder = std::filesystem::path(file.path).parent_path();
+  file.data.file = (given.is_absolute() ? given : folder / given).string();
+  if (auto columns = from.table("columns")) {
+    for (const std::string& role : data_roles())
+      if (const auto name = columns->text(role)) file.data.columns[role] = *name;
+    columns->refuse_leftovers();
+  }
+  from.refuse_leftovers();
+}
+
+// The components of a mixture proposal get equal shares of a multiple of 6.
+void raise_samples(const std::string& key, int& samples, const std::string& path,
+                   findings& warnings) {
+  if (samples % 6 == 0) return;
+  warnings.push_back(
+      {.level = severity::warning,
+       .code = "W-MODEL-SAMPLES",
+       .message = fmt::format("{} samples are raised to the next multiple of 6", samples),
+       .file = path,
+       .column = "estimation." + key});
+  samples += 6 - samples % 6;
+}
+
+}  // namespace
+
+model_specification read_model_file(const std::string& path, findings& warnings,
+                                    const setting_overrides& overrides) {
+  model_specification file;
+  file.path = path;
+  section root = section::of_file(path);
+  file.title = root.text("title").value_or("");
+  read_data(root.needed_table("data", "the data set"), file);
+
+  section model = root.needed_table("model", "the structural model");
+  const section parameters = root.needed_table("parameters", "the parameters of the model");
+  file.structure.equations.parameters = parameters.keys();
+  read_structure(std::move(model), file);
+  read_parameters(parameters, file);
+  read_omega(root.needed_table("omega", "the variances of the random effects"), file);
+  read_residual(root.needed_table("residual", "the residual error"), file);
+  if (auto estimation = root.table("estimation")) read_estimation(*estimation, file);
+  root.refuse_leftovers();
+  estimation_settings& settings = file.estimation;
+  settings.seed = overrides.seed.value_or(settings.seed);
+  settings.samples = overrides.samples.value_or(settings.samples);
+  raise_samples("samples", settings.samples, path, warnings);
+  raise_samples("likelihood_samples", settings.likelihood_samples, path, warnings);
+  raise_samples("se_samples", settings.se_samples, path, warnings);
+  return file;
+}
+
+}  // namespace varda

@@ -1,0 +1,20 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The sections of a model file, each read and checked by a file of its own. They are read in the
+// order in which they stand here: a later one may ask what an earlier one found.
+#pragma once
+
+#include "varda/input/section.h"
+#include "varda/model/specification.h"
+
+namespace varda {
+
+void read_structure(section from, model_specification& file);
+// The formulas of a structure in equations; a part of read_structure.
+void read_equations(section& from, model_specification& file);
+void read_parameters(section from, model_specification& file);
+void read_omega(section from, model_specification& file);
+void read_residual(section from, model_specification& file);
+void read_estimation(section from, model_specification& file);
+
+}  // namespace varda

@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <Eigen/Core>
+#include <vector>
+
+#include "varda/host/integration.h"
+#include "varda/model/population.h"
+
+namespace varda {
+
+// The update of what has no closed form: the residual deviations of a combined error and the
+// parameters without a random effect. It maximises the weighted mean of log p(y_i | p) over the
+// individual parameters that the E-step resampled, summed over the subjects. Where predictions have
+// to be made anew it takes one Newton step instead, as soon as that is sound: the iterations have
+// the same limit (K. Lange, J. R. Stat. Soc. B 57 (1995) 425-437).
+class conditional_maximum {
+ public:
+  // `found` outlives this. `theta`: the parameters at which its points were drawn. `positions`: the
+  // entries to move.
+  conditional_maximum(const population_model& model, const e_step& found,
+                      const Eigen::VectorXd& theta, const std::vector<int>& positions);
+
+  // Moves the entries of theta; returns those that their bounds hold.
+  std::vector<int> move(Eigen::VectorXd& theta);
+
+ private:
+  double objective(const Eigen::VectorXd& theta);
+  void predict(const Eigen::VectorXd& theta);
+  bool predictions_hold(const Eigen::VectorXd& theta) const;
+
+  const population_model& model_;
+  std::vector<int> positions_;
+  std::vector<int> moving_;                   // those that predictions depend on
+  const e_step& found_;                       // whose points these are
+  std::vector<Eigen::MatrixXd> predictions_;  // per subject: observations x points
+  Eigen::VectorXd predicted_at_;              // theta of the predictions
+};
+
+}  // namespace varda

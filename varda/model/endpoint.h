@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// How observations scatter about their predictions. With prediction f and a standard normal e, by
+// the endpoint's kind of error:
+//
+//   additive       y = f + a e
+//   proportional   y = f + b f e
+//   combined       variance a^2 + b^2 f^2
+//   log-normal     log y = log f + a e; the density is that of y itself
+//
+// A censored observation counts with the probability of what is known of it: that y lies below or
+// above a limit, or between two.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "varda/data/dataset.h"
+#include "varda/model/fixed_effect.h"
+#include "varda/model/specification.h"
+
+namespace varda {
+
+class residual_model {
+ public:
+  // The deviations stand in theta from `first_theta` on, endpoint by endpoint, the proportional one
+  // before the additive one.
+  residual_model(const std::vector<endpoint>& endpoints, int first_theta, const dataset& data);
+
+  const std::vector<fixed_effect>& deviations() const { return deviations_; }
+
+  // One deviation scales all residuals, so that its update has a closed form.
+  bool has_one_scale() const { return plain_ && deviations_.size() == 1; }
+
+  // -log p(y | prediction f), every constant included, and the sum of squared scaled residuals of
+  // the observations that are not censored. A value that is not finite marks a prediction that the
+  // error model cannot take. `f` has one entry for each observation of `who`.
+  double objective(const subject& who, const double* f, const double* theta,
+                   double& scaled_squares) const;
+
+  // Standard deviation of an observation about the prediction f (of its logarithm for log-normal
+  // error), and its scaled residual; of a censored observation that of its limit.
+  double deviation(const observation& at, double f, const double* theta) const;
+  double scaled_residual(const observation& at, double f, const double* theta) const;
+
+  // The observation as it would have come out at the standard normal e.
+  double simulated(const observation& at, double f, double e, const double* theta) const;
+
+  // The first observation whose contribution is not finite, or -1.
+  int first_failure(const subject& who, const double* f, const double* theta) const;
+
+ private:
+  struct entry {
+    error_kind kind = error_kind::additive;
+    int additive = -1;  // positions in theta, -1 for none
+    int proportional = -1;
+  };
+  const entry& of(const observation& at) const {
+    return endpoints_[static_cast<std::size_t>(at.endpoint)];
+  }
+  double contribution(const observation& at, double f, const double* theta, double& square) const;
+
+  std::vector<entry> endpoints_;
+  std::vector<fixed_effect> deviations_;
+  bool plain_ = false;  // one endpoint, nothing censored, no logarithms: the hot path
+};
+
+// log of the standard normal distribution function, to 1e-14 in either tail.
+double log_normal_probability(double z);
+
+// log(Phi(upper) - Phi(lower)) for lower < upper.
+double log_normal_probability(double lower, double upper);
+
+}  // namespace varda

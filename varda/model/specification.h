@@ -1,0 +1,195 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What a model file says, as plain data that knows no file format. docs/model-file.md is its
+// reference for users.
+#pragma once
+
+#include <limits>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace varda {
+
+// What the model takes, and which column of the file plays which role. Names are matched without
+// regard to case.
+struct data_source {
+  std::string file;                            // as opened
+  std::map<std::string, std::string> columns;  // role ("ID", "TIME", ...) -> column name
+  std::vector<std::string> covariates;         // columns that the model names
+  std::vector<int> endpoints = {1};            // DVID of each endpoint; 0 also means the first
+  bool occasions = false;                      // the model has random effects per occasion (OCC)
+  bool doses_needed = true;                    // a subject without a dose cannot be predicted
+  int compartments = std::numeric_limits<int>::max();  // doses go into 1 to this one
+  // Compartments whose RATE -1 (or -2) finds a parameter for the rate (or the duration).
+  std::vector<int> modelled_rate;
+  std::vector<int> modelled_duration;
+};
+
+struct formula_line {
+  std::string name;
+  std::string text;
+};
+
+struct solver_settings {
+  bool stiff = false;
+  double relative = 1e-9;   // error allowed in a step, as a share of the state
+  double absolute = 1e-11;  // and near 0, as a share of the subject's largest dose
+  int max_steps = 100000;   // between two events
+};
+
+// The sections of [model], each in the order of the file. A model without derivatives has no
+// states, and its outputs are formulas of parameters, covariates, time and dose.
+struct equation_text {
+  std::vector<std::string> parameters;  // names that formulas may use for parameters
+  std::vector<formula_line> definitions;
+  std::vector<formula_line> derivatives;  // of the states
+  std::vector<formula_line> initial;      // by state, like the next four
+  std::vector<formula_line> lag;
+  std::vector<formula_line> bioavailability;
+  std::vector<formula_line> rate;
+  std::vector<formula_line> duration;
+  std::vector<formula_line> outputs;
+  solver_settings solver;
+};
+
+enum class parametrisation { clearance, rate_constant };
+
+// What a model file chooses: a model of the library by its name, or its own equations.
+// compartment_model.h says what the choices between the two mean.
+struct structure_choice {
+  std::string name;
+  parametrisation by = parametrisation::clearance;
+  bool lag_time = false;
+  bool bioavailability = false;
+  bool modelled_rate = false;
+  bool modelled_duration = false;
+  equation_text equations{};
+};
+
+// How an individual parameter p follows from phi = C beta + eta: exp(phi), phi itself, or
+// lower + (upper - lower) / (1 + exp(-phi)). `none`: no random effect, p is the fixed effect.
+enum class distribution { log_normal, normal, logit_normal, none };
+
+// Whether covariate effects multiply the parameter. Those on others are added to phi.
+inline bool acts_on_logarithm(distribution law) {
+  return law == distribution::log_normal || law == distribution::none;
+}
+
+// What a covariate x does with coefficient beta, to a parameter or (linear and categorical, on
+// normal and logit-normal parameters) to phi:
+//   power        times (x / center)^beta
+//   exponential  times exp(beta (x - center))
+//   linear       times 1 + beta (x - center); plus beta (x - center)
+//   categorical  times exp(beta) for each level but the reference; plus beta
+enum class effect_form { power, exponential, linear, categorical };
+
+struct covariate_effect {
+  // Of the coefficient, by default "<parameter>_<covariate>"; those of levels add "_<level>".
+  std::string name;
+  std::string covariate;
+  effect_form form = effect_form::power;
+  double center = 1.0;
+  double reference = 0.0;  // level of a categorical covariate that has no coefficient
+  double start = 0.0;
+  bool fixed = false;
+  double lower = -std::numeric_limits<double>::infinity();
+  double upper = std::numeric_limits<double>::infinity();
+};
+
+struct parameter {
+  std::string name;
+  distribution law = distribution::log_normal;
+  double start = 0.0;  // natural scale, like the bounds
+  bool fixed = false;
+  // Bounds of the typical value. For a logit-normal parameter `range_lower`/`range_upper` are the
+  // ends of the logit's interval instead.
+  double lower = -std::numeric_limits<double>::infinity();
+  double upper = std::numeric_limits<double>::infinity();
+  double range_lower = 0.0;
+  double range_upper = 1.0;
+  std::vector<covariate_effect> effects;
+};
+
+// A diagonal block of omega over the parameters named; a single variance is a block of order 1.
+struct omega_block {
+  std::vector<std::string> names;
+  std::vector<double> matrix;  // symmetric, order names.size(), column-major
+  bool fixed = false;
+};
+
+enum class error_kind { additive, proportional, combined, log_normal };
+
+// Residual deviations with their start values; see residual_model.h.
+struct residual_error {
+  error_kind kind = error_kind::additive;
+  double additive = 0.0;  // of the logarithm for the log-normal kind
+  double proportional = 0.0;
+  bool additive_fixed = false;
+  bool proportional_fixed = false;
+};
+
+// What is observed: an output of the structural model with its residual error. `name` is empty
+// where there is one endpoint only.
+struct endpoint {
+  std::string name;
+  residual_error residual;
+};
+
+enum class proposal_family { normal, population, t, laplace, mixture2, mixture3 };
+enum class point_kind { sobol, random };
+// Where a fit's first proposals come from: the subjects' modes, or samples of the population.
+enum class start_kind { map, presample };
+// How the likelihood at the estimates is computed: by sampling, or by adaptive Gauss-Hermite
+// quadrature besides.
+enum class likelihood_kind { sampling, agq };
+enum class standard_error_kind { information, score, sandwich, none };
+
+// Scramblings are drawn one after the other, so that a very large seed would take long to reach.
+inline constexpr int largest_seed = 10000;
+
+inline constexpr int least_samples = 6;
+inline constexpr int most_samples = 1000000;
+inline constexpr int least_presamples = 30;
+
+struct estimation_settings {
+  int samples = 300;  // per subject and iteration
+  int max_iterations = 500;
+  int seed = 1;  // scramblings drawn and thrown away before the run's own
+  point_kind points = point_kind::sobol;
+  bool fresh_points = false;  // new points in every iteration instead of common ones
+  int scramble = 1;           // 0 none, 1 Owen-type, 2 Faure-Tezuka, 3 both
+  proposal_family proposal = proposal_family::normal;
+  int t_df = 5;  // degrees of freedom of the t proposal, at least 3
+  double acceptance_ratio = 0.5;
+  int resamples = 100;        // points a subject for updates without closed form
+  int burn_in = 0;            // iterations before convergence is looked for
+  bool freeze_omega = false;  // during burn-in
+  bool run_all = false;       // do all iterations, converged or not
+  double tolerance = 5e-4;    // movement that still lies ahead, see docs/model-file.md
+  int replicates = 8;         // scramblings behind the reported likelihood
+  start_kind start = start_kind::map;
+  int presamples = 300;  // points a subject for a start by presampling
+  int map_np = 0;        // MAP-NP start-up iterations
+  int map_assist = 0;    // proposals from mode and curvature again in every k-th iteration
+  standard_error_kind standard_errors = standard_error_kind::information;
+  int se_samples = 3000;       // points a subject for standard errors
+  int npde_samples = 1000;     // simulations behind the NPDE; 0 leaves them out
+  int likelihood_samples = 0;  // points a subject for it; 0 means `samples`
+  likelihood_kind likelihood = likelihood_kind::sampling;
+  int agq_nodes = 11;  // per random effect
+};
+
+struct model_specification {
+  std::string path;
+  std::string title;
+  data_source data;
+  structure_choice structure;
+  std::vector<parameter> parameters;        // in the order of the structural model
+  std::vector<omega_block> omega;           // in the order of the parameters they cover
+  std::vector<omega_block> occasion_omega;  // of random effects per occasion, same order
+  std::vector<endpoint> endpoints;          // at least one
+  estimation_settings estimation;
+};
+
+}  // namespace varda

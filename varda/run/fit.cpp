@@ -1,0 +1,232 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "varda/run/fit.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <bit>
+#include <chrono>
+#include <cmath>
+
+#include "statsubs/state/global_variables.h"
+#include "statsubs/stderr/eigencor.h"
+#include "varda/host/integration.h"
+#include "varda/host/map_np.h"
+#include "varda/host/points.h"
+#include "varda/host/proposals.h"
+#include "varda/inference/likelihood.h"
+#include "varda/inference/singularity.h"
+#include "varda/method/em/em.h"
+
+namespace varda {
+
+namespace gv = statsubs::global_variables;
+
+namespace {
+
+// Pilot passes of an evaluation: the moments have settled when the objective has.
+constexpr int most_pilot_passes = 10;
+constexpr double pilot_tolerance = 0.01;
+
+class stopwatch {
+ public:
+  // Seconds since the last lap or the start.
+  double lap() {
+    const auto now = std::chrono::steady_clock::now();
+    const double seconds = std::chrono::duration<double>(now - last_).count();
+    last_ = now;
+    return seconds;
+  }
+
+ private:
+  std::chrono::steady_clock::time_point last_ = std::chrono::steady_clock::now();
+};
+
+// Points a subject for the reported likelihood. A power of two of Sobol points integrates about as
+// well as half as many again.
+int likelihood_samples(const estimation_settings& settings, task what) {
+  if (settings.likelihood_samples > 0) return settings.likelihood_samples;
+  if (what == task::evaluate) return settings.samples;
+  return std::max(static_cast<int>(std::bit_floor(static_cast<unsigned>(settings.samples))),
+                  least_samples);
+}
+
+// The most that any pass of a fit takes.
+int points_of_a_fit(const estimation_settings& s) {
+  return std::max({singularity_watch::trial_passes * singularity_watch::trial_samples(s.samples),
+                   s.start == start_kind::presample ? s.presamples : 0,
+                   likelihood_samples(s, task::fit), s.se_samples});
+}
+
+// Over the subjects that have the effect; effects per occasion count together.
+Eigen::VectorXd shrinkage(const engine_host& host, const likelihood_estimate& found) {
+  const population_model& model = host.model();
+  Eigen::VectorXd result(model.random_effects());
+  for (const omega_element& e : model.omega_elements()) {
+    if (!e.is_variance()) continue;
+    double squares = 0.0;
+    double count = 0.0;
+    for (const auto& [effect, same] : e.places)
+      for (int i = 0; i < static_cast<int>(found.subjects.size()); ++i) {
+        if (!model.has_effect(i, effect)) continue;
+        squares += std::pow(found.subjects[static_cast<std::size_t>(i)].mean(effect), 2);
+        count += 1.0;
+      }
+    const double share = std::sqrt(squares / count / host.omega()(e.row(), e.row()));
+    for (const auto& [effect, same] : e.places) result(effect) = 1.0 - share;
+  }
+  return result;
+}
+
+double condition_of(const Eigen::MatrixXd& covariance) {
+  double condition = 0.0;
+  const int n = static_cast<int>(covariance.rows());
+  statsubs::eigencor(covariance.data(), n, n, condition);
+  return condition;
+}
+
+// First proposals at the parameters in force. False when a stop was asked for.
+bool first_proposals(proposals& adaptive, point_source& points) {
+  if (gv::npresample <= 1) return adaptive.from_modes();
+  points.begin_presampling();
+  return adaptive.from_presamples();
+}
+
+finding odd_curvatures(const population_model& model, const std::vector<int>& subjects) {
+  std::vector<std::string> ids;
+  for (const int i : subjects) ids.push_back(model.data().subjects[static_cast<std::size_t>(i)].id);
+  return {.level = severity::warning,
+          .code = "W-RUN-CURVATURE",
+          .message = fmt::format("the curvature at the mode is not positive definite, or all but "
+                                 "flat, in {} {}; omega places the grid there",
+                                 ids.size() == 1 ? "subject" : "subjects", fmt::join(ids, ", ")),
+          .remedy = "raise estimation.agq_nodes until the value settles"};
+}
+
+// The quadrature beside the sampled likelihood. Nothing when it is not wanted or a stop came first.
+void integrate_besides(engine_host& host, const progress_listener& progress, fit_result& result) {
+  const estimation_settings& settings = host.model().specification().estimation;
+  if (settings.likelihood != likelihood_kind::agq || !result.likelihood.complete) return;
+  stopwatch watch;
+  iteration_record at;
+  result.quadrature =
+      integrate_by_quadrature(host, settings.agq_nodes, [&](int subjects, double minus2ll) {
+        at.iteration = subjects;
+        at.minus2ll = minus2ll;
+        progress(at, host.model().subjects());
+      });
+  result.times.quadrature = watch.lap();
+  if (!result.quadrature.placed_by_omega.empty())
+    result.warnings.push_back(odd_curvatures(host.model(), result.quadrature.placed_by_omega));
+  if (result.quadrature.complete) return;
+  result.converged = false;
+  result.reason = stop_reason;
+}
+
+// What fit and evaluate have in common: the likelihood at the parameters in force and all that
+// follows from it.
+void conclude(engine_host& host, const proposals& frozen, point_source& points,
+              const progress_listener& quadrature_progress, fit_result& result) {
+  stopwatch watch;
+  result.theta = host.theta();
+  result.omega = host.omega();
+  result.kept_factors = frozen.kept_factors();
+  result.processes = host.peers().size();
+  result.likelihood_samples =
+      likelihood_samples(host.model().specification().estimation, result.what);
+  result.likelihood = estimate_likelihood(host, frozen, points, result.likelihood_samples,
+                                          host.model().specification().estimation.replicates);
+  if (!result.likelihood.complete) {
+    result.converged = false;
+    result.reason = stop_reason;
+  }
+  result.shrinkage = shrinkage(host, result.likelihood);
+  result.omega_condition = condition_of(result.omega);
+  result.times.likelihood = watch.lap();
+  integrate_besides(host, quadrature_progress, result);
+  result.evaluations = host.evaluations();
+}
+
+}  // namespace
+
+void check_fit(const population_model& model) {
+  check_grid(model);
+  check_points(model, points_of_a_fit(model.specification().estimation));
+}
+
+fit_result fit(engine_host& host, const progress_listener& progress,
+               const progress_listener& quadrature_progress) {
+  const estimation_settings& settings = host.model().specification().estimation;
+  fit_result result;
+  result.what = task::fit;
+  stopwatch watch;
+
+  point_source points(host, points_of_a_fit(settings));
+  bool started = gv::ngetmapnp <= 0 || map_np_start(host);
+  proposals adaptive(host);
+  started = started && first_proposals(adaptive, points);
+  result.times.start = watch.lap();
+
+  em_iterations iterations(host, points, adaptive, progress);
+  if (started) iterations.run();
+  result.times.iterations = watch.lap();
+  result.iterations = std::move(iterations.records());
+  result.converged = started && iterations.converged();
+  result.reason = started ? iterations.reason() : stop_reason;
+  result.singular = iterations.singular();
+  result.held_by_bounds = iterations.held_by_bounds();
+  conclude(host, adaptive, points, quadrature_progress, result);
+  if (!result.singular.empty()) {
+    result.errors.shown = settings.standard_errors;
+    result.errors.reason = "omega is becoming singular";
+  } else if (settings.standard_errors != standard_error_kind::none && result.likelihood.complete) {
+    watch.lap();
+    result.errors = estimate_standard_errors(host, adaptive, points);
+    result.warnings.insert(result.warnings.end(), result.errors.warnings.begin(),
+                           result.errors.warnings.end());
+    result.times.standard_errors = watch.lap();
+  }
+  result.evaluations = host.evaluations();
+  return result;
+}
+
+fit_result evaluate(engine_host& host, const progress_listener& progress,
+                    const progress_listener& quadrature_progress) {
+  fit_result result;
+  result.what = task::evaluate;
+  stopwatch watch;
+
+  const int samples = likelihood_samples(host.model().specification().estimation, task::evaluate);
+  point_source points(host, std::max(samples, gv::npresample));
+  proposals adaptive(host);
+  bool complete = first_proposals(adaptive, points);
+  double last = 0.0;
+  bool settled = false;
+  e_step found;
+  for (int pass = 1; pass <= most_pilot_passes && complete && !settled; ++pass) {
+    points.begin_iteration(pass, samples);
+    integrate(host, adaptive, samples, found);
+    complete = found.complete;
+    if (!complete) break;
+    for (int i = 0; i < host.model().subjects(); ++i) {
+      const subject_integral& s = found.subjects[static_cast<std::size_t>(i)];
+      if (host.model().observations(i) > 0)
+        adaptive.follow(i, s.mean, s.covariance, s.effective_samples);
+    }
+    const double minus2ll = -2.0 * found.log_likelihood;
+    settled = pass > 1 && std::fabs(minus2ll - last) < pilot_tolerance;
+    last = minus2ll;
+    result.iterations.push_back({pass, minus2ll, host.theta(), host.omega()});
+    progress(result.iterations.back(), most_pilot_passes);
+  }
+  result.times.start = watch.lap();
+  result.converged = settled;
+  result.reason =
+      settled ? fmt::format("the proposals settled in {} pilot passes", result.iterations.size())
+              : fmt::format("the proposals did not settle in {} pilot passes", most_pilot_passes);
+  if (!complete) result.reason = stop_reason;
+  conclude(host, adaptive, points, quadrature_progress, result);
+  return result;
+}
+
+}  // namespace varda
