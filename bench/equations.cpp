@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "varda/input/model_file.h"
-#include "varda//model/specification.h"
+#include "varda/model/specification.h"
 #include "varda/model/equations/ode_solver.h"
 #include "varda/model/population.h"
 

@@ -10,7 +10,7 @@
 
 #include "tests/varda/theophylline.h"
 #include "varda/input/model_file.h"
-#include "varda//model/equations/expression.h"
+#include "varda/model/equations/expression.h"
 #include "varda/model/closed/exponentials.h"
 #include "varda/model/structural_model.h"
 

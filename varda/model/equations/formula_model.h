@@ -7,29 +7,29 @@
 #include <memory>
 
 #include "varda/model/equations/formula_error.h"
-#include "varda//model/equations/formula_program.h"
+#include "varda/model/equations/formula_program.h"
 #include "varda/model/structural_model.h"
 
-    namespace varda {
+namespace varda {
 
-  // One thread at a time, like its formulas.
-  class formula_model : public structural_model {
-   public:
-    // Throws formula_error.
-    explicit formula_model(const equation_text& text);
+// One thread at a time, like its formulas.
+class formula_model : public structural_model {
+ public:
+  // Throws formula_error.
+  explicit formula_model(const equation_text& text);
 
-    const std::vector<std::string>& parameter_names() const override {
-      return program_->parameters();
-    }
-    int dose_compartments() const override { return 1; }
-    int outputs() const override { return static_cast<int>(program_->outputs().size()); }
-    std::vector<std::string> covariates() const override { return program_->covariates(); }
-    void locate_covariates(const std::vector<int>& positions) override { positions_ = positions; }
-    void predict(const subject& who, const parameter_path& p, std::span<double> f) const override;
+  const std::vector<std::string>& parameter_names() const override {
+    return program_->parameters();
+  }
+  int dose_compartments() const override { return 1; }
+  int outputs() const override { return static_cast<int>(program_->outputs().size()); }
+  std::vector<std::string> covariates() const override { return program_->covariates(); }
+  void locate_covariates(const std::vector<int>& positions) override { positions_ = positions; }
+  void predict(const subject& who, const parameter_path& p, std::span<double> f) const override;
 
-   private:
-    std::unique_ptr<formula_program> program_;  // its values change in predict
-    std::vector<int> positions_;
-  };
+ private:
+  std::unique_ptr<formula_program> program_;  // its values change in predict
+  std::vector<int> positions_;
+};
 
 }  // namespace varda
