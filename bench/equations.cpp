@@ -12,9 +12,9 @@
 #include <vector>
 
 #include "varda/input/model_file.h"
-#include "varda/model/specification.h"
 #include "varda/model/equations/ode_solver.h"
 #include "varda/model/population.h"
+#include "varda/model/specification.h"
 
 namespace {
 
@@ -39,10 +39,13 @@ std::vector<double> parameters(int sample) {
 double predict_all(const population_model& model, int samples) {
   double sum = 0.0;
   std::vector<double> f(100);
+  const auto scratch = model.structure().make_workspace();
   for (int s = 0; s < samples; ++s) {
     const std::vector<double> p = parameters(s);
     for (int i = 0; i < model.subjects(); ++i) {
-      model.predict(i, p.data(), f.data());
+      const auto& who = model.data().subjects[static_cast<std::size_t>(i)];
+      model.structure().predict(who, {p.data(), p.size(), 1, 1, 1},
+                                {f.data(), who.observations.size(), 1}, *scratch);
       sum += f[1];
     }
   }

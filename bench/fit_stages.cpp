@@ -17,9 +17,9 @@
 
 #include "statsubs/state/host.h"
 #include "statsubs/state/output_units.h"
-#include "varda/input/model_file.h"
-#include "varda//run/fit.h"
 #include "varda/host/engine_host.h"
+#include "varda/input/model_file.h"
+#include "varda/run/fit.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 
 #include "tests/varda/theophylline.h"
 #include "varda/input/model_file.h"
-#include "varda/model/equations/expression.h"
 #include "varda/model/closed/exponentials.h"
+#include "varda/model/equations/expression.h"
 #include "varda/model/structural_model.h"
 
 namespace varda {
@@ -41,9 +41,7 @@ prediction predict(const equation_text& text, const subject& who, const std::vec
     positions.push_back(static_cast<int>(k));
   model->locate_covariates(positions);
   prediction made;
-  made.f.assign(who.observations.size(), -1.0);
-  model->predict(who, {p.data(), p.size() / sets, sets}, made.f);
-  made.why = model->last_failure();
+  made.f = test::predict(*model, who, p, sets, &made.why);
   return made;
 }
 
@@ -166,10 +164,13 @@ TEST(Equations, GiveTheObjectiveOfTheClosedForm) {
         for (std::size_t k = 0; k < p.size(); ++k)
           p[k] *=
               std::pow(3.0, std::sin(1.0 + 17.0 * draw + 5.0 * i + 2.0 * static_cast<double>(k)));
-        std::vector<double> f(static_cast<std::size_t>(model.observations(i)));
-        model.predict(i, p.data(), f.data());
+        const std::vector<double> f =
+            test::predict(model.structure(), model.data().subjects[static_cast<std::size_t>(i)], p);
+        double objective = 0.0;
         double squares = 0.0;
-        sum += model.residual_objective(i, f.data(), model.start_theta().data(), squares);
+        model.observed().objectives(model.data().subjects[static_cast<std::size_t>(i)], f.data(), 1,
+                                    1, model.start_theta().data(), &objective, &squares);
+        sum += objective;
       }
       sums.push_back(sum);
     }

@@ -165,16 +165,26 @@ TEST_P(FitBySampling, EndsNearTheMaximum) {
 INSTANTIATE_TEST_SUITE_P(
     EveryKind, FitBySampling,
     testing::Values(
-        variant{"t", [](model_specification& f) { f.estimation.proposal = varda::proposal_family::t; }},
+        variant{"t",
+                [](model_specification& f) { f.estimation.proposal = varda::proposal_family::t; }},
         variant{"laplace",
-                [](model_specification& f) { f.estimation.proposal = varda::proposal_family::laplace; }},
+                [](model_specification& f) {
+                  f.estimation.proposal = varda::proposal_family::laplace;
+                }},
         variant{"mixture2",
-                [](model_specification& f) { f.estimation.proposal = varda::proposal_family::mixture2; }},
+                [](model_specification& f) {
+                  f.estimation.proposal = varda::proposal_family::mixture2;
+                }},
         variant{"mixture3",
-                [](model_specification& f) { f.estimation.proposal = varda::proposal_family::mixture3; }},
+                [](model_specification& f) {
+                  f.estimation.proposal = varda::proposal_family::mixture3;
+                }},
         variant{"population",
-                [](model_specification& f) { f.estimation.proposal = varda::proposal_family::population; }},
-        variant{"random", [](model_specification& f) { f.estimation.points = varda::point_kind::random; }},
+                [](model_specification& f) {
+                  f.estimation.proposal = varda::proposal_family::population;
+                }},
+        variant{"random",
+                [](model_specification& f) { f.estimation.points = varda::point_kind::random; }},
         variant{"fresh", [](model_specification& f) { f.estimation.fresh_points = true; }},
         variant{"scrambled_twice", [](model_specification& f) { f.estimation.scramble = 3; }}),
     name_of);

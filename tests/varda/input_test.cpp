@@ -9,9 +9,9 @@
 #include <utility>
 #include <vector>
 
-#include "varda/input/model_file.h"
-#include "varda//data/csv.h"
+#include "varda/data/csv.h"
 #include "varda/data/dataset.h"
+#include "varda/input/model_file.h"
 #include "varda/model/specification.h"
 #include "varda/support/finding.h"
 

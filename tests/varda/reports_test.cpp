@@ -8,13 +8,13 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <map>
 #include <iterator>
+#include <map>
 #include <sstream>
 
 #include "tests/varda/theophylline.h"
-#include "varda/report/matrix_tables.h"
 #include "varda/diagnostics/npde.h"
+#include "varda/report/matrix_tables.h"
 
 namespace varda {
 namespace {
@@ -45,10 +45,7 @@ TEST(Npde, IsTheNormalScoreOfASingleObservation) {
     constexpr double step = 0.01;
     for (double z = -8.0; z < 8.0; z += step) {
       const double phi = std::log(theta(0)) + std::sqrt(omega(0, 0)) * z;
-      Eigen::Vector3d p;
-      double f = 0.0;
-      model.individual_parameters(i, theta.data(), &phi, p.data());
-      model.predict(i, p.data(), &f);
+      const double f = test::predict(model, i, theta, Eigen::VectorXd::Constant(1, phi))(0);
       below += step * std::exp(-0.5 * z * z) / std::sqrt(2.0 * M_PI) *
                normal_probability((y - f) / theta(3));
     }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "varda//cli/check.h"
+#include "varda/cli/check.h"
 #include "varda/input/model_file.h"
 
 #include <fmt/format.h>

@@ -37,17 +37,17 @@ Eigen::MatrixXd simulate(const population_model& model, int subject, const Eigen
   Eigen::VectorXd mu(model.random_effects());
   model.means(subject, theta.data(), mu.data());
   Eigen::VectorXd z(mu.size());
-  Eigen::VectorXd p(model.structural_parameters() * model.parameter_sets(subject));
-  Eigen::VectorXd f(model.observations(subject));
+  const density joint(model);
+  density_workspace scratch(model);
+  Eigen::MatrixXd f(1, model.observations(subject));
   Eigen::MatrixXd result(f.size(), simulations);
   Eigen::Index usable = 0;
   for (int k = 0; k < simulations; ++k) {
     for (double& value : z) value = draw.normal();
     const Eigen::VectorXd phi = mu + factor * z;
-    model.individual_parameters(subject, theta.data(), phi.data(), p.data());
-    model.predict(subject, p.data(), f.data());
+    joint.predict(subject, theta.data(), phi, f, scratch);
     for (Eigen::Index j = 0; j < f.size(); ++j)
-      result(j, usable) = model.residual().simulated(observed[static_cast<std::size_t>(j)], f(j),
+      result(j, usable) = model.observed().simulated(observed[static_cast<std::size_t>(j)], f(j),
                                                      draw.normal(), theta.data());
     if (result.col(usable).allFinite()) ++usable;
   }

@@ -3,7 +3,7 @@
 
 #include <Eigen/Core>
 
-#include "varda/model/population.h"
+#include "varda/model/density.h"
 
 namespace varda {
 

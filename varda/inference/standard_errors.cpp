@@ -10,12 +10,10 @@
 #include <limits>
 #include <optional>
 
-#include "statsubs/estep/fgintegrate.h"
-#include "statsubs/stderr/checktight.h"
 #include "statsubs/stderr/eigencor.h"
 #include "statsubs/stderr/geteigenvalues.h"
-#include "statsubs/stderr/scoretheta.h"
-#include "statsubs/stderr/stderromega.h"
+#include "varda/host/scores.h"
+#include "varda/inference/e_step.h"
 #include "varda/inference/minimise.h"
 #include "varda/inference/sampled_likelihood.h"
 
@@ -26,17 +24,6 @@ namespace {
 constexpr double normal_quantile_975 = 1.959963984540054;
 constexpr double unidentified_condition = 1e6;
 constexpr double disagreement_factor = 1.5;
-
-// Where the library packs a free element of omega: lower triangle row by row.
-Eigen::MatrixXi packed_positions(const population_model& model) {
-  const int effects = model.random_effects();
-  Eigen::MatrixXi packed = Eigen::MatrixXi::Constant(effects, effects, -1);
-  int next = 0;
-  for (int i = 0; i < effects; ++i)
-    for (int j = 0; j <= i; ++j)
-      if (model.omega_mask()(i, j) != 0.0) packed(i, j) = next++;
-  return packed;
-}
 
 // What one pass over the subjects gives: minus the log-likelihood at the stencil's points, and the
 // sum of outer products of the scores.
@@ -50,25 +37,19 @@ subject_pass pass_over_subjects(engine_host& host, const proposals& frozen,
                                 const sampled_likelihood& likelihood, Eigen::Index points,
                                 int samples) {
   const population_model& model = host.model();
-  const int thetas = static_cast<int>(model.thetas().size());
-  const int free_omega = packed_positions(model).maxCoeff() + 1;
-  Eigen::MatrixXd etas(model.random_effects(), samples);
-  Eigen::VectorXd weights(samples);
+  const int scored =
+      static_cast<int>(model.thetas().size()) + packed_positions(model).maxCoeff() + 1;
   Eigen::MatrixXd by_subject = Eigen::MatrixXd::Zero(points, model.subjects());
-
   subject_pass result;
-  result.scores.setZero(thetas + free_omega, thetas + free_omega);
-  for (int i = 0; i < model.subjects(); ++i) {
-    if (model.observations(i) == 0) continue;
-    double log_likelihood = 0.0;
-    frozen.offer(i);
-    statsubs::fgintegrate(i + 1, samples, etas.data(), weights.data(), log_likelihood);
-    if (engine_host::stopped()) return result;
-    statsubs::scoretheta(i + 1, samples, etas.data(), weights.data(), result.scores.data(),
-                         free_omega);
-    if ((i + 1) % host.peers().size() == host.peers().rank())
-      by_subject.col(i) = likelihood.changes(i, etas, weights);
-  }
+  result.scores.setZero(scored, scored);
+  e_step found;
+  integrate_all(host, frozen, {point_pass::purpose::standard_errors, 0}, samples, found,
+                [&](int i, weighted_samples& drawn) {
+                  add_score(host, i, drawn, result.scores);
+                  if ((i + 1) % host.peers().size() == host.peers().rank())
+                    by_subject.col(i) = likelihood.changes(i, drawn.etas, drawn.weights);
+                });
+  if (!found.complete) return result;
   // Each subject stands on one process; the sums run over the subjects in their order.
   host.peers().sum(by_subject.data(), static_cast<int>(by_subject.size()));
   result.values = -by_subject.rowwise().sum();
@@ -229,19 +210,15 @@ covariance_estimate sandwich_of(const covariance_estimate& information,
   return {true, "", information.covariance * scores * information.covariance};
 }
 
-// The library's layout of the variances of omega: through its packed vector.
-void pack_omega_variances(const population_model& model, const estimation_scale& scale,
-                          const Eigen::MatrixXd& covariance) {
-  const auto thetas = static_cast<Eigen::Index>(model.thetas().size());
+// To the library's shared state, in its layout.
+void keep_omega_errors(const population_model& model, const estimation_scale& scale,
+                       const Eigen::MatrixXd& covariance) {
   const Eigen::MatrixXi packed = packed_positions(model);
-  const Eigen::Index free_omega = packed.maxCoeff() + 1;
-  Eigen::MatrixXd variances = Eigen::MatrixXd::Zero(thetas + free_omega, thetas + free_omega);
+  Eigen::VectorXd variances = Eigen::VectorXd::Zero(packed.maxCoeff() + 1);
   for (int k = 0; k < scale.size(); ++k)
-    for (const auto& [row, column] : scale.entries()[static_cast<std::size_t>(k)].places) {
-      const Eigen::Index at = thetas + packed(row, column);
-      variances(at, at) = covariance(k, k);
-    }
-  statsubs::stderromega(variances.data(), static_cast<int>(free_omega));
+    for (const auto& [row, column] : scale.entries()[static_cast<std::size_t>(k)].places)
+      variances(packed(row, column)) = covariance(k, k);
+  keep_omega_variances(variances, static_cast<int>(model.thetas().size()));
 }
 
 void describe_correlation(standard_errors& result) {
@@ -322,8 +299,7 @@ const std::vector<estimate_error>& standard_errors::chosen() const {
   return by_information;
 }
 
-standard_errors estimate_standard_errors(engine_host& host, const proposals& frozen,
-                                         point_source& points) {
+standard_errors estimate_standard_errors(engine_host& host, const proposals& frozen) {
   const population_model& model = host.model();
   const estimation_settings& settings = model.specification().estimation;
   standard_errors result;
@@ -338,15 +314,11 @@ standard_errors estimate_standard_errors(engine_host& host, const proposals& fro
     result.reason = "every parameter is fixed";
     return result;
   }
-  int tight = 0;
-  statsubs::checktight(tight);
-  if (tight != 0) {
+  if (is_at_bound(host)) {
     result.reason = "a parameter lies at its bound";
     return result;
   }
 
-  host.select_every_column();
-  points.begin_standard_errors();
   const difference_stencil stencil(scale.estimates(), difference_steps(host, scale));
   const sampled_likelihood likelihood(host, scale, stencil.points());
   const subject_pass pass =
@@ -366,7 +338,7 @@ standard_errors estimate_standard_errors(engine_host& host, const proposals& fro
     result.reason = result.chosen_covariance().reason;
     return result;
   }
-  pack_omega_variances(model, scale, result.chosen_covariance().covariance);
+  keep_omega_errors(model, scale, result.chosen_covariance().covariance);
   describe_correlation(result);
   compare_kinds(result);
   return result;

@@ -6,9 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "varda/host/engine_host.h"
-#include "varda/host/points.h"
-#include "varda/host/proposals.h"
+#include "varda/inference/proposals.h"
 
 namespace varda {
 
@@ -67,7 +65,6 @@ struct standard_errors {
 // comes from central differences of the exact log-likelihood with the individual parameters
 // C beta + eta common to all evaluations: with eta common instead, the differences of two sampling
 // errors swamp it. Collective.
-standard_errors estimate_standard_errors(engine_host& host, const proposals& frozen,
-                                         point_source& points);
+standard_errors estimate_standard_errors(engine_host& host, const proposals& frozen);
 
 }  // namespace varda

@@ -5,7 +5,7 @@
 #include <array>
 #include <utility>
 
-#include "varda//data/csv.h"
+#include "varda/data/csv.h"
 #include "varda/input/model_file_parts.h"
 #include "varda/model/equations/expression.h"
 #include "varda/model/equations/formula_error.h"

@@ -36,8 +36,7 @@ double log_normal_probability(double lower, double upper) {
   return whole + std::log1p(-std::exp(log_normal_probability(lower) - whole));
 }
 
-residual_model::residual_model(const std::vector<endpoint>& endpoints, int first_theta,
-                               const dataset& data) {
+endpoints::endpoints(const std::vector<endpoint>& described, int first_theta, const dataset& data) {
   const auto add = [&](const endpoint& of, const char* name, double start, bool fixed) {
     fixed_effect t;
     t.name = of.name.empty() ? name : of.name + "." + name;
@@ -45,10 +44,10 @@ residual_model::residual_model(const std::vector<endpoint>& endpoints, int first
     t.start = start;
     t.fixed = fixed;
     t.upper = std::numeric_limits<double>::infinity();
-    deviations_.push_back(t);
-    return first_theta + static_cast<int>(deviations_.size()) - 1;
+    parameters_.push_back(t);
+    return first_theta + static_cast<int>(parameters_.size()) - 1;
   };
-  for (const endpoint& of : endpoints) {
+  for (const endpoint& of : described) {
     const residual_error& r = of.residual;
     entry e{.kind = r.kind};
     if (r.kind == error_kind::proportional || r.kind == error_kind::combined)
@@ -66,46 +65,59 @@ residual_model::residual_model(const std::vector<endpoint>& endpoints, int first
            std::all_of(data.subjects.begin(), data.subjects.end(), nothing_censored);
 }
 
-double residual_model::objective(const subject& who, const double* f, const double* theta,
-                                 double& scaled_squares) const {
-  const auto& observed = who.observations;
-  const double n = static_cast<double>(observed.size());
-  double squares = 0.0;
-  if (!plain_) {
-    double total = 0.0;
-    for (std::size_t k = 0; k < observed.size(); ++k) {
+void endpoints::objectives(const subject& who, const double* f, std::size_t stride, std::size_t n,
+                           const double* theta, double* objective, double* scaled_squares) const {
+  if (plain_) return plain_objectives(who, f, stride, n, theta, objective, scaled_squares);
+  std::fill_n(objective, n, 0.0);
+  std::fill_n(scaled_squares, n, 0.0);
+  for (const observation& at : who.observations) {
+    for (std::size_t j = 0; j < n; ++j) {
       double square = 0.0;
-      total += contribution(observed[k], f[k], theta, square);
-      squares += square;
+      objective[j] += contribution(at, f[j], theta, square);
+      scaled_squares[j] += square;
     }
-    scaled_squares = squares;
-    return total;
+    f += stride;
   }
-  const entry& e = endpoints_.front();
-  double log_variance = 0.0;
-  if (e.kind == error_kind::additive) {
-    for (std::size_t k = 0; k < observed.size(); ++k) {
-      const double r = observed[k].value - f[k];
-      squares += r * r;
-    }
-    const double variance = theta[e.additive] * theta[e.additive];
-    squares /= variance;
-    log_variance = n * std::log(variance);
-  } else {
-    const double a2 = e.additive < 0 ? 0.0 : theta[e.additive] * theta[e.additive];
-    const double b2 = theta[e.proportional] * theta[e.proportional];
-    for (std::size_t k = 0; k < observed.size(); ++k) {
-      const double r = observed[k].value - f[k];
-      const double variance = a2 + b2 * f[k] * f[k];
-      squares += r * r / variance;
-      log_variance += std::log(variance);
-    }
-  }
-  scaled_squares = squares;
-  return sum_of_contributions(squares, log_variance, n);
 }
 
-double residual_model::deviation(const observation& at, double f, const double* theta) const {
+void endpoints::plain_objectives(const subject& who, const double* f, std::size_t stride,
+                                 std::size_t n, const double* theta, double* objective,
+                                 double* scaled_squares) const {
+  const entry& e = endpoints_.front();
+  const double a2 = e.additive < 0 ? 0.0 : theta[e.additive] * theta[e.additive];
+  const double b2 = e.proportional < 0 ? 0.0 : theta[e.proportional] * theta[e.proportional];
+  const auto count = static_cast<double>(who.observations.size());
+  std::fill_n(scaled_squares, n, 0.0);
+  if (e.proportional < 0) {
+    for (const observation& at : who.observations) {
+      for (std::size_t j = 0; j < n; ++j) {
+        const double r = at.value - f[j];
+        scaled_squares[j] += r * r;
+      }
+      f += stride;
+    }
+    const double log_variance = count * std::log(a2);
+    for (std::size_t j = 0; j < n; ++j) {
+      scaled_squares[j] /= a2;
+      objective[j] = sum_of_contributions(scaled_squares[j], log_variance, count);
+    }
+    return;
+  }
+  std::fill_n(objective, n, 0.0);
+  for (const observation& at : who.observations) {
+    for (std::size_t j = 0; j < n; ++j) {
+      const double r = at.value - f[j];
+      const double variance = a2 + b2 * f[j] * f[j];
+      scaled_squares[j] += r * r / variance;
+      objective[j] += std::log(variance);
+    }
+    f += stride;
+  }
+  for (std::size_t j = 0; j < n; ++j)
+    objective[j] = sum_of_contributions(scaled_squares[j], objective[j], count);
+}
+
+double endpoints::deviation(const observation& at, double f, const double* theta) const {
   const entry& e = of(at);
   switch (e.kind) {
     case error_kind::additive:
@@ -119,19 +131,18 @@ double residual_model::deviation(const observation& at, double f, const double* 
   return std::hypot(theta[e.additive], theta[e.proportional] * f);
 }
 
-double residual_model::scaled_residual(const observation& at, double f, const double* theta) const {
+double endpoints::scaled_residual(const observation& at, double f, const double* theta) const {
   const double s = deviation(at, f, theta);
   return (of(at).kind == error_kind::log_normal ? std::log(at.value / f) : at.value - f) / s;
 }
 
-double residual_model::simulated(const observation& at, double f, double e,
-                                 const double* theta) const {
+double endpoints::simulated(const observation& at, double f, double e, const double* theta) const {
   const double s = deviation(at, f, theta);
   return of(at).kind == error_kind::log_normal ? f * std::exp(s * e) : f + s * e;
 }
 
-double residual_model::contribution(const observation& at, double f, const double* theta,
-                                    double& square) const {
+double endpoints::contribution(const observation& at, double f, const double* theta,
+                               double& square) const {
   const bool logarithmic = of(at).kind == error_kind::log_normal;
   const double s = deviation(at, f, theta);
   if (!(s > 0.0)) return std::numeric_limits<double>::quiet_NaN();
@@ -153,7 +164,7 @@ double residual_model::contribution(const observation& at, double f, const doubl
   return sum_of_contributions(square, 2.0 * std::log(s) + jacobian, 1.0);
 }
 
-int residual_model::first_failure(const subject& who, const double* f, const double* theta) const {
+int endpoints::first_failure(const subject& who, const double* f, const double* theta) const {
   for (std::size_t k = 0; k < who.observations.size(); ++k) {
     double square = 0.0;
     if (!std::isfinite(f[k]) ||

@@ -55,6 +55,20 @@ const models& all_models() {
 
 }  // namespace
 
+void individual_model::predict(const subject& who, const parameter_block& p,
+                               const prediction_block& f, workspace& scratch) const {
+  const std::size_t size = p.parameters * p.sets;
+  scratch.parameters.resize(size);
+  scratch.predictions.resize(f.observations);
+  for (std::size_t j = 0; j < p.individuals; ++j) {
+    for (std::size_t k = 0; k < size; ++k) scratch.parameters[k] = p.values[k * p.stride + j];
+    predict_individual(who, {scratch.parameters.data(), p.parameters, p.sets}, scratch.predictions,
+                       scratch);
+    for (std::size_t k = 0; k < f.observations; ++k)
+      f.values[k * f.stride + j] = scratch.predictions[k];
+  }
+}
+
 std::vector<std::string> structural_model_names() {
   std::vector<std::string> names;
   for (const auto& [name, make_it] : all_models()) names.push_back(name);

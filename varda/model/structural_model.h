@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "varda//data/dataset.h"
+#include "varda/data/dataset.h"
 #include "varda/model/equations/formula_error.h"
 #include "varda/model/specification.h"
 
@@ -33,9 +33,34 @@ class parameter_path {
   std::size_t sets_;
 };
 
-// A structural model: what is predicted for a subject's observations given its parameters.
+// Parameters of several individuals of one subject, the individuals contiguous: parameter k of set
+// s of individual j stands at values[(s * parameters + k) * stride + j].
+struct parameter_block {
+  const double* values = nullptr;
+  std::size_t parameters = 0;
+  std::size_t sets = 0;
+  std::size_t individuals = 0;
+  std::size_t stride = 0;
+};
+
+// Their predictions: observation k of individual j at values[k * stride + j].
+struct prediction_block {
+  double* values = nullptr;
+  std::size_t observations = 0;
+  std::size_t stride = 0;
+};
+
+// A structural model: what is predicted for a subject's observations given its parameters. Once it
+// is made and its covariates are located it does not change: any number of threads may predict with
+// it, each with a workspace of its own.
 class structural_model {
  public:
+  // Working storage of one caller.
+  struct workspace {
+    virtual ~workspace() = default;
+    std::vector<double> parameters, predictions;  // of one individual
+  };
+
   virtual ~structural_model() = default;
 
   // The parameters in the order of predict's argument.
@@ -47,8 +72,8 @@ class structural_model {
   virtual bool models_rate(int /*compartment*/) const { return false; }
   virtual bool models_duration(int /*compartment*/) const { return false; }
 
-  // What can be observed, at least one. Endpoint k is output k; a model with a single output
-  // gives it for every endpoint.
+  // What can be observed, at least one. Endpoint k is output k; a model with a single output gives
+  // it for every endpoint.
   virtual int outputs() const { return 1; }
 
   // Covariates that predictions use beyond the parameters, by the names of their columns, and
@@ -56,14 +81,31 @@ class structural_model {
   virtual std::vector<std::string> covariates() const { return {}; }
   virtual void locate_covariates(const std::vector<int>& /*positions*/) {}
 
-  // Writes the prediction of observation k of `who` into f[k]. Parameters outside the model's
-  // domain give NaN, which the engine treats as a failed evaluation. f has
-  // who.observations.size() entries.
-  virtual void predict(const subject& who, const parameter_path& p, std::span<double> f) const = 0;
+  virtual std::unique_ptr<workspace> make_workspace() const {
+    return std::make_unique<workspace>();
+  }
 
-  // Why the last predict gave NaN, as a sentence without its capital; empty where nothing is
-  // known.
-  virtual std::string last_failure() const { return {}; }
+  // Writes the predictions of the observations of `who`. Parameters outside the model's domain give
+  // NaN for their individual, which the engine treats as a failed evaluation. `scratch` comes from
+  // make_workspace of this model. An individual's predictions do not depend on the others.
+  virtual void predict(const subject& who, const parameter_block& p, const prediction_block& f,
+                       workspace& scratch) const = 0;
+
+  // Why the last predict with this workspace gave NaN, as a sentence without its capital; empty
+  // where nothing is known.
+  virtual std::string last_failure(const workspace& /*scratch*/) const { return {}; }
+};
+
+// A structural model that is written for one individual at a time.
+class individual_model : public structural_model {
+ public:
+  void predict(const subject& who, const parameter_block& p, const prediction_block& f,
+               workspace& scratch) const final;
+
+ protected:
+  // As predict, for one individual: f[k] of observation k of `who`.
+  virtual void predict_individual(const subject& who, const parameter_path& p, std::span<double> f,
+                                  workspace& scratch) const = 0;
 };
 
 // The names of the library, and those under which a file brings its own equations.

@@ -133,7 +133,8 @@ ordered_json omega(const population_model& model, const fit_result& result) {
 
 ordered_json residual(const population_model& model, const fit_result& result) {
   ordered_json list = ordered_json::array();
-  for (auto k = static_cast<std::size_t>(model.first_deviation()); k < model.thetas().size(); ++k) {
+  for (auto k = static_cast<std::size_t>(model.first_of_endpoints()); k < model.thetas().size();
+       ++k) {
     ordered_json entry;
     entry["name"] = model.thetas()[k].name;
     entry["estimate"] = result.theta(static_cast<Eigen::Index>(k));

@@ -22,14 +22,14 @@ int censoring_flag(censoring kind) {
 // Individual parameters (parameters x sets) and predictions at phi.
 struct prediction {
   prediction(const population_model& model, int subject, const Eigen::VectorXd& theta,
-             const Eigen::VectorXd& phi)
-      : parameters(model.structural_parameters(), model.parameter_sets(subject)),
-        values(model.observations(subject)) {
-    model.individual_parameters(subject, theta.data(), phi.data(), parameters.data());
-    model.predict(subject, parameters.data(), values.data());
+             const Eigen::VectorXd& phi) {
+    density_workspace scratch(model);
+    model.individual_parameters(subject, theta.data(), phi, parameters);
+    parameters.resize(model.structural_parameters(), model.parameter_sets(subject));
+    density(model).predict(subject, theta.data(), phi, values, scratch);
   }
   Eigen::MatrixXd parameters;
-  Eigen::VectorXd values;
+  Eigen::MatrixXd values;
 };
 
 std::string rows_of(const population_model& model, const fit_result& result, int subject) {
@@ -56,7 +56,7 @@ std::string rows_of(const population_model& model, const fit_result& result, int
     rows += at.censored == censoring::interval ? cell(at.limit) : ",";
     rows += cell(typical.values(j)) + cell(f);
     rows += seen ? cell(at.value - typical.values(j)) : ",";
-    rows += seen ? cell(model.residual().scaled_residual(at, f, result.theta.data())) : ",";
+    rows += seen ? cell(model.observed().scaled_residual(at, f, result.theta.data())) : ",";
     rows += cell(errors(j));
     const Eigen::Index set = individual.parameters.cols() == 1 ? 0 : at.segment;
     for (const double p : individual.parameters.col(set)) rows += cell(p);

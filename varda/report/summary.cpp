@@ -139,7 +139,7 @@ void write_omega(sink out, const population_model& model, const fit_result& resu
 void write_residual(sink out, const population_model& model, const fit_result& result) {
   fmt::format_to(out, "\n");
   write_header(out, "Residual error", "deviation", result, "");
-  for (int k = model.first_deviation(); k < static_cast<int>(model.thetas().size()); ++k)
+  for (int k = model.first_of_endpoints(); k < static_cast<int>(model.thetas().size()); ++k)
     write_theta(out, model, result, k);
 }
 

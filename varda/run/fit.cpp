@@ -8,19 +8,12 @@
 #include <chrono>
 #include <cmath>
 
-#include "statsubs/state/global_variables.h"
 #include "statsubs/stderr/eigencor.h"
-#include "varda/host/integration.h"
-#include "varda/host/map_np.h"
-#include "varda/host/points.h"
-#include "varda/host/proposals.h"
-#include "varda/inference/likelihood.h"
-#include "varda/inference/singularity.h"
+#include "varda/inference/e_step.h"
 #include "varda/method/em/em.h"
+#include "varda/method/em/map_np_steps.h"
 
 namespace varda {
-
-namespace gv = statsubs::global_variables;
 
 namespace {
 
@@ -51,13 +44,6 @@ int likelihood_samples(const estimation_settings& settings, task what) {
                   least_samples);
 }
 
-// The most that any pass of a fit takes.
-int points_of_a_fit(const estimation_settings& s) {
-  return std::max({singularity_watch::trial_passes * singularity_watch::trial_samples(s.samples),
-                   s.start == start_kind::presample ? s.presamples : 0,
-                   likelihood_samples(s, task::fit), s.se_samples});
-}
-
 // Over the subjects that have the effect; effects per occasion count together.
 Eigen::VectorXd shrinkage(const engine_host& host, const likelihood_estimate& found) {
   const population_model& model = host.model();
@@ -86,10 +72,14 @@ double condition_of(const Eigen::MatrixXd& covariance) {
 }
 
 // First proposals at the parameters in force. False when a stop was asked for.
-bool first_proposals(proposals& adaptive, point_source& points) {
-  if (gv::npresample <= 1) return adaptive.from_modes();
-  points.begin_presampling();
-  return adaptive.from_presamples();
+bool propose(engine_host& host, proposals& to) {
+  switch (host.model().specification().estimation.start) {
+    case start_kind::map:
+      return propose_from_modes(host, to);
+    case start_kind::presample:
+      break;
+  }
+  return propose_from_presamples(host, to);
 }
 
 finding odd_curvatures(const population_model& model, const std::vector<int>& subjects) {
@@ -125,7 +115,7 @@ void integrate_besides(engine_host& host, const progress_listener& progress, fit
 
 // What fit and evaluate have in common: the likelihood at the parameters in force and all that
 // follows from it.
-void conclude(engine_host& host, const proposals& frozen, point_source& points,
+void conclude(engine_host& host, const proposals& frozen,
               const progress_listener& quadrature_progress, fit_result& result) {
   stopwatch watch;
   result.theta = host.theta();
@@ -134,7 +124,7 @@ void conclude(engine_host& host, const proposals& frozen, point_source& points,
   result.processes = host.peers().size();
   result.likelihood_samples =
       likelihood_samples(host.model().specification().estimation, result.what);
-  result.likelihood = estimate_likelihood(host, frozen, points, result.likelihood_samples,
+  result.likelihood = estimate_likelihood(host, frozen, result.likelihood_samples,
                                           host.model().specification().estimation.replicates);
   if (!result.likelihood.complete) {
     result.converged = false;
@@ -151,7 +141,6 @@ void conclude(engine_host& host, const proposals& frozen, point_source& points,
 
 void check_fit(const population_model& model) {
   check_grid(model);
-  check_points(model, points_of_a_fit(model.specification().estimation));
 }
 
 fit_result fit(engine_host& host, const progress_listener& progress,
@@ -161,27 +150,32 @@ fit_result fit(engine_host& host, const progress_listener& progress,
   result.what = task::fit;
   stopwatch watch;
 
-  point_source points(host, points_of_a_fit(settings));
-  bool started = gv::ngetmapnp <= 0 || map_np_start(host);
-  proposals adaptive(host);
-  started = started && first_proposals(adaptive, points);
+  const em_method method(host);
+  run_state state;
+  bool going = settings.map_np <= 0 || start_by_map_np(host);
+  state.adaptive = proposals(host.model(), host.omega());
+  going = going && propose(host, state.adaptive);
+  method.begin(state);
   result.times.start = watch.lap();
 
-  em_iterations iterations(host, points, adaptive, progress);
-  if (started) iterations.run();
+  while (going && !state.ended) {
+    going = method.step(state);
+    if (going) progress(state.records.back(), settings.max_iterations);
+  }
   result.times.iterations = watch.lap();
-  result.iterations = std::move(iterations.records());
-  result.converged = started && iterations.converged();
-  result.reason = started ? iterations.reason() : stop_reason;
-  result.singular = iterations.singular();
-  result.held_by_bounds = iterations.held_by_bounds();
-  conclude(host, adaptive, points, quadrature_progress, result);
+  const method_conclusion end = method.conclude(state);
+  result.iterations = std::move(state.records);
+  result.converged = going && end.converged;
+  result.reason = going ? end.reason : stop_reason;
+  result.singular = end.singular;
+  result.held_by_bounds = end.held_by_bounds;
+  conclude(host, state.adaptive, quadrature_progress, result);
   if (!result.singular.empty()) {
     result.errors.shown = settings.standard_errors;
     result.errors.reason = "omega is becoming singular";
   } else if (settings.standard_errors != standard_error_kind::none && result.likelihood.complete) {
     watch.lap();
-    result.errors = estimate_standard_errors(host, adaptive, points);
+    result.errors = estimate_standard_errors(host, state.adaptive);
     result.warnings.insert(result.warnings.end(), result.errors.warnings.begin(),
                            result.errors.warnings.end());
     result.times.standard_errors = watch.lap();
@@ -197,15 +191,13 @@ fit_result evaluate(engine_host& host, const progress_listener& progress,
   stopwatch watch;
 
   const int samples = likelihood_samples(host.model().specification().estimation, task::evaluate);
-  point_source points(host, std::max(samples, gv::npresample));
-  proposals adaptive(host);
-  bool complete = first_proposals(adaptive, points);
+  proposals adaptive(host.model(), host.omega());
+  bool complete = propose(host, adaptive);
   double last = 0.0;
   bool settled = false;
   e_step found;
   for (int pass = 1; pass <= most_pilot_passes && complete && !settled; ++pass) {
-    points.begin_iteration(pass, samples);
-    integrate(host, adaptive, samples, found);
+    integrate_all(host, adaptive, {point_pass::purpose::iteration, 0}, samples, found);
     complete = found.complete;
     if (!complete) break;
     for (int i = 0; i < host.model().subjects(); ++i) {
@@ -225,7 +217,7 @@ fit_result evaluate(engine_host& host, const progress_listener& progress,
       settled ? fmt::format("the proposals settled in {} pilot passes", result.iterations.size())
               : fmt::format("the proposals did not settle in {} pilot passes", most_pilot_passes);
   if (!complete) result.reason = stop_reason;
-  conclude(host, adaptive, points, quadrature_progress, result);
+  conclude(host, adaptive, quadrature_progress, result);
   return result;
 }
 

@@ -10,19 +10,13 @@
 #include "varda/inference/likelihood.h"
 #include "varda/inference/quadrature.h"
 #include "varda/inference/standard_errors.h"
+#include "varda/method/run_state.h"
 #include "varda/model/population.h"
 #include "varda/support/finding.h"
 
 namespace varda {
 
 enum class task { fit, evaluate };
-
-struct iteration_record {
-  int iteration = 0;
-  double minus2ll = 0.0;  // at the parameters before the update, every constant included
-  Eigen::VectorXd theta;  // after the update
-  Eigen::MatrixXd omega;
-};
 
 // Seconds of wall-clock time.
 struct timings {

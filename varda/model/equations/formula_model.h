@@ -12,23 +12,24 @@
 
 namespace varda {
 
-// One thread at a time, like its formulas.
-class formula_model : public structural_model {
+class formula_model : public individual_model {
  public:
   // Throws formula_error.
   explicit formula_model(const equation_text& text);
 
-  const std::vector<std::string>& parameter_names() const override {
-    return program_->parameters();
-  }
+  const std::vector<std::string>& parameter_names() const override { return program_.parameters(); }
   int dose_compartments() const override { return 1; }
-  int outputs() const override { return static_cast<int>(program_->outputs().size()); }
-  std::vector<std::string> covariates() const override { return program_->covariates(); }
+  int outputs() const override { return static_cast<int>(program_.outputs().size()); }
+  std::vector<std::string> covariates() const override { return program_.covariates(); }
   void locate_covariates(const std::vector<int>& positions) override { positions_ = positions; }
-  void predict(const subject& who, const parameter_path& p, std::span<double> f) const override;
+  std::unique_ptr<workspace> make_workspace() const override;
 
  private:
-  std::unique_ptr<formula_program> program_;  // its values change in predict
+  void predict_individual(const subject& who, const parameter_path& p, std::span<double> f,
+                          workspace& scratch) const override;
+
+  equation_text text_;
+  formula_program program_;  // for what it tells; each workspace has one of its own to evaluate
   std::vector<int> positions_;
 };
 
