@@ -7,6 +7,7 @@
 
 #include "varda/data/dataset.h"
 #include "varda/input/model_file_parts.h"
+#include "varda/model/settings_table.h"
 
 namespace varda {
 
@@ -57,8 +58,7 @@ model_specification read_model_file(const std::string& path, findings& warnings,
   if (auto estimation = root.table("estimation")) read_estimation(*estimation, file);
   root.refuse_leftovers();
   estimation_settings& settings = file.estimation;
-  settings.seed = overrides.seed.value_or(settings.seed);
-  settings.samples = overrides.samples.value_or(settings.samples);
+  for (const auto& [name, value] : overrides) settings.*whole_number_called(name).member = value;
   raise_samples("samples", settings.samples, path, warnings);
   raise_samples("likelihood_samples", settings.likelihood_samples, path, warnings);
   raise_samples("se_samples", settings.se_samples, path, warnings);

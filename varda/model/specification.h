@@ -145,13 +145,9 @@ enum class start_kind { map, presample };
 enum class likelihood_kind { sampling, agq };
 enum class standard_error_kind { information, score, sandwich, none };
 
-// Scramblings are drawn one after the other, so that a very large seed would take long to reach.
-inline constexpr int largest_seed = 10000;
-
 inline constexpr int least_samples = 6;
-inline constexpr int most_samples = 1000000;
-inline constexpr int least_presamples = 30;
 
+// settings_table.h has their names, ranges and words.
 struct estimation_settings {
   int samples = 300;  // per subject and iteration
   int max_iterations = 500;
