@@ -16,6 +16,7 @@ namespace varda {
 
 namespace {
 
+static_assert(most_random_effects <= statsubs::bdsobl::max_dimensions);
 constexpr int sequence_length = 1073741823;  // 2^30 - 1
 constexpr int sequence_digits = 30;
 // Replicates are independent draws: without scrambling they would repeat one another.
@@ -31,13 +32,6 @@ constexpr std::uint64_t first_replicate_stream = std::uint64_t{1} << 31;
 }  // namespace
 
 void check_points(const population_model& model, int samples) {
-  if (model.random_effects() > most_dimensions)
-    throw bad_input({.code = "E-RUN-DIMENSIONS",
-                     .message = fmt::format("{} random effects are more than the {} dimensions of "
-                                            "the Sobol sequence",
-                                            model.random_effects(), most_dimensions),
-                     .remedy = "use fewer random effects",
-                     .file = model.specification().path});
   if (static_cast<std::int64_t>(samples) * (model.subjects() + 1) > sequence_length)
     throw bad_input({.code = "E-RUN-POINTS",
                      .message = fmt::format("{} samples for each of {} subjects are more than the "
@@ -60,7 +54,7 @@ point_source::point_source(engine_host& host, int samples)
 
 void point_source::scramble(int type) {
   std::array<bool, 2> ok{};
-  std::array<double, most_dimensions> point{};
+  std::array<double, most_random_effects> point{};
   int quality = 0;
   statsubs::insobl(ok.data(), host_.model().random_effects(), sequence_length, quality,
                    point.data(), sequence_digits, type);
@@ -82,7 +76,7 @@ void point_source::rewind() {
 // many points that start elsewhere. The first subject therefore starts at such a multiple.
 void point_source::align(int samples) {
   if (!std::has_single_bit(static_cast<unsigned>(samples))) return;
-  std::array<double, most_dimensions> unused{};
+  std::array<double, most_random_effects> unused{};
   for (int k = 1; k < samples; ++k) statsubs::gosobl(unused.data());
 }
 

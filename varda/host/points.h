@@ -8,10 +8,7 @@
 
 namespace varda {
 
-inline constexpr int most_dimensions = 40;  // the Sobol tables end there
-
-// Throws bad_input when samples x subjects points could run past the end of the sequence, or when
-// the model has more random effects than the sequence has dimensions.
+// Throws bad_input when samples x subjects points could run past the end of the sequence.
 void check_points(const population_model& model, int samples);
 
 // Where the E-step's points come from: the library's Sobol generator and, for pseudo-random points
@@ -45,7 +42,7 @@ class point_source {
   std::uint64_t stream(std::uint64_t purpose) const;
 
   engine_host& host_;
-  std::array<int, most_dimensions> first_point_{};  // digits of the point that starts the sequence
+  std::array<int, most_random_effects> first_point_{};  // of the point that starts the sequence
   bool fresh_;
   int type_;
 };

@@ -176,6 +176,10 @@ struct estimation_settings {
   int agq_nodes = 11;  // per random effect
 };
 
+// Those of all occasions counted: the Sobol sequence and the quadrature's grid have no more
+// dimensions.
+inline constexpr int most_random_effects = 40;
+
 struct model_specification {
   std::string path;
   std::string title;
