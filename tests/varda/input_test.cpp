@@ -432,18 +432,19 @@ TEST(ModelFile, TheCommandLineWins) {
   EXPECT_EQ(file.estimation.seed, 7);
 }
 
-TEST(ModelFile, RaisesSamplesToEqualShares) {
+TEST(ModelFile, RaisesSamplesToEqualSharesButForPowersOfTwo) {
   findings warnings;
-  const std::string text = text_with(
-      {{16,
-        "samples = 301\nlikelihood_samples = 3001\nse_samples = 600\nproposal = \"mixture3\""}});
+  const std::string text =
+      text_with({{16,
+                  "samples = 256\nlikelihood_samples = 3001\nse_samples = 1000\n"
+                  "proposal = \"mixture3\""}});
   const model_specification file = read_model_file(file_with(text, "model.toml"), warnings);
-  EXPECT_EQ(file.estimation.samples, 306);
+  EXPECT_EQ(file.estimation.samples, 256);
   EXPECT_EQ(file.estimation.likelihood_samples, 3006);
-  EXPECT_EQ(file.estimation.se_samples, 600);
+  EXPECT_EQ(file.estimation.se_samples, 1002);
   ASSERT_EQ(warnings.size(), 2U);
   EXPECT_EQ(warnings[1].code, "W-MODEL-SAMPLES");
-  EXPECT_EQ(warnings[1].column, "estimation.likelihood_samples");
+  EXPECT_EQ(warnings[1].column, "estimation.se_samples");
 }
 
 // Three effects of the subject and one in each occasion, 40 at the most.

@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <bit>
 #include <filesystem>
 
 #include "varda/data/dataset.h"
@@ -25,10 +26,11 @@ void read_data(section from, model_specification& file) {
   from.refuse_leftovers();
 }
 
-// The components of a mixture proposal get equal shares of a multiple of 6.
+// The components of a mixture proposal get equal shares of a multiple of 6. A power of two of Sobol
+// points is worth more than that.
 void raise_samples(const std::string& key, int& samples, const std::string& path,
                    findings& warnings) {
-  if (samples % 6 == 0) return;
+  if (samples % 6 == 0 || std::has_single_bit(static_cast<unsigned>(samples))) return;
   warnings.push_back(
       {.level = severity::warning,
        .code = "W-MODEL-SAMPLES",

@@ -56,7 +56,7 @@ em_iterations::em_iterations(engine_host& host, point_source& points, proposals&
       acceleration_(acceleration_memory),
       fresh_(settings_.fresh_points),
       burn_in_(gv::nqrburn),
-      samples_(gv::nsampset) {
+      samples_(settings_.samples) {
   if (!fresh_ && 2 * approach_samples(host) <= samples_)
     samples_ = approach_samples(host);
   else
@@ -202,7 +202,7 @@ void em_iterations::judge_stage(const Eigen::VectorXd& step) {
   const bool arrived = step.cwiseAbs().maxCoeff() < approach_tolerance;
   if (!arrived && iteration_ < std::max(burn_in_, 0) + longest_approach) return;
   stage_ = stage::first_of_all_points;
-  samples_ = gv::nsampset;
+  samples_ = settings_.samples;
   resampling_ = resampler(host_.model().subjects(), gv::nchain, true);
   change_points();
 }
