@@ -432,16 +432,21 @@ TEST(ModelFile, TheCommandLineWins) {
   EXPECT_EQ(file.estimation.seed, 7);
 }
 
-TEST(ModelFile, RaisesSamplesToEqualSharesButForPowersOfTwo) {
+TEST(ModelFile, RaisesSamplesToEqualSharesOfAMixture) {
   findings warnings;
-  const std::string text =
-      text_with({{16,
-                  "samples = 256\nlikelihood_samples = 3001\nse_samples = 1000\n"
-                  "proposal = \"mixture3\""}});
-  const model_specification file = read_model_file(file_with(text, "model.toml"), warnings);
-  EXPECT_EQ(file.estimation.samples, 256);
-  EXPECT_EQ(file.estimation.likelihood_samples, 3006);
-  EXPECT_EQ(file.estimation.se_samples, 1002);
+  const auto read_with = [&](const std::string& proposal) {
+    const std::string text = text_with({{16,
+                                         "samples = 256\nlikelihood_samples = 3001\nse_samples = "
+                                         "1000\nproposal = \"" +
+                                             proposal + "\""}});
+    return read_model_file(file_with(text, "model.toml"), warnings).estimation;
+  };
+  EXPECT_EQ(read_with("laplace").likelihood_samples, 3001);
+  EXPECT_TRUE(warnings.empty());
+  const estimation_settings raised = read_with("mixture3");
+  EXPECT_EQ(raised.samples, 256);  // a power of two
+  EXPECT_EQ(raised.likelihood_samples, 3006);
+  EXPECT_EQ(raised.se_samples, 1002);
   ASSERT_EQ(warnings.size(), 2U);
   EXPECT_EQ(warnings[1].code, "W-MODEL-SAMPLES");
   EXPECT_EQ(warnings[1].column, "estimation.se_samples");

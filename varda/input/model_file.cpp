@@ -26,6 +26,20 @@ void read_data(section from, model_specification& file) {
   from.refuse_leftovers();
 }
 
+bool is_mixture(proposal_family family) {
+  switch (family) {
+    case proposal_family::mixture2:
+    case proposal_family::mixture3:
+      return true;
+    case proposal_family::normal:
+    case proposal_family::population:
+    case proposal_family::t:
+    case proposal_family::laplace:
+      return false;
+  }
+  return false;
+}
+
 // The components of a mixture proposal get equal shares of a multiple of 6. A power of two of Sobol
 // points is worth more than that.
 void raise_samples(const std::string& key, int& samples, const std::string& path,
@@ -61,9 +75,11 @@ model_specification read_model_file(const std::string& path, findings& warnings,
   root.refuse_leftovers();
   estimation_settings& settings = file.estimation;
   for (const auto& [name, value] : overrides) settings.*whole_number_called(name).member = value;
-  raise_samples("samples", settings.samples, path, warnings);
-  raise_samples("likelihood_samples", settings.likelihood_samples, path, warnings);
-  raise_samples("se_samples", settings.se_samples, path, warnings);
+  if (is_mixture(settings.proposal)) {
+    raise_samples("samples", settings.samples, path, warnings);
+    raise_samples("likelihood_samples", settings.likelihood_samples, path, warnings);
+    raise_samples("se_samples", settings.se_samples, path, warnings);
+  }
   return file;
 }
 
