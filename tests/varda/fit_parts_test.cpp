@@ -263,6 +263,21 @@ TEST(AndersonAcceleration, SolvesALinearMapAndFindsItsRate) {
   EXPECT_EQ(acceleration.rate(), 1.0);
 }
 
+// An iteration evaluates every subject once at its centre and once at each of its points.
+TEST(Iterations, TakeThePointsThatAreGiven) {
+  const auto evaluations = [](int iterations) {
+    const population_model model = test::theophylline([&](model_specification& file) {
+      estimation_settings& s = file.estimation;
+      s.samples = 256;
+      s.fresh_points = s.run_all = true;
+      s.max_iterations = iterations;
+      s.standard_errors = standard_error_kind::none;
+    });
+    return test::fit(model).evaluations;
+  };
+  EXPECT_EQ(evaluations(2) - evaluations(1), 12 * (256 + 1));
+}
+
 // The mode against the derivative-free search, and its Hessian against differences of another step.
 TEST(FindMode, IsTheMinimumOfTheObjective) {
   const population_model model = test::theophylline();

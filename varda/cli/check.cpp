@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "varda/cli/check.h"
-#include "varda/input/model_file.h"
 
 #include <fmt/format.h>
 
 #include <utility>
 
+#include "varda/input/model_file.h"
 #include "varda/model/population.h"
 #include "varda/model/specification.h"
 #include "varda/report/check_report.h"

@@ -9,6 +9,7 @@
 
 #include "statsubs/sequences/bdsobl.h"
 #include "statsubs/sequences/sobol.h"
+#include "varda/model/specification.h"
 
 namespace varda {
 
@@ -16,6 +17,7 @@ namespace bd = statsubs::bdsobl;
 
 namespace {
 
+static_assert(most_random_effects <= bd::max_dimensions);
 constexpr int sequence_length = 1073741823;  // 2^30 - 1
 constexpr int sequence_digits = 30;
 constexpr std::uint64_t golden = 0x9e3779b97f4a7c15U;

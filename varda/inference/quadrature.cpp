@@ -24,6 +24,8 @@ int grid_points(int nodes, int dimensions) {
 
 }  // namespace
 
+static_assert(most_random_effects <= statsubs::most_agq_dimensions);
+
 int most_agq_nodes(int effects) {
   std::array<double, statsubs::most_ghnodes> nodes{};
   std::array<double, statsubs::most_ghnodes> weights{};

@@ -48,7 +48,7 @@ double above_zero(section& from, const std::string& key, double fallback) {
 
 solver_settings read_solver(section from) {
   solver_settings s;
-  s.stiff = from.word_or("method", 0, {"non-stiff", "stiff"}) == 1;
+  s.stiff = from.word("method", {"non-stiff", "stiff"}) == "stiff";
   s.relative = above_zero(from, "relative", s.relative);
   s.absolute = above_zero(from, "absolute", s.absolute);
   s.max_steps = from.whole_number_or("max_steps", s.max_steps, 1, 1000000000);

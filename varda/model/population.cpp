@@ -11,9 +11,6 @@ namespace varda {
 
 namespace {
 
-// The point sequence has no more dimensions.
-constexpr int most_effects = 40;
-
 int position(const std::vector<std::string>& names, const std::string& name) {
   return static_cast<int>(std::find(names.begin(), names.end(), name) - names.begin());
 }
@@ -100,10 +97,10 @@ void population_model::lay_out_effects() {
       }
     occasion_effect_.push_back(std::move(of_parameter));
   }
-  if (random_effects() > most_effects)
+  if (random_effects() > most_random_effects)
     throw bad_input({.code = "E-MODEL-OMEGA",
                      .message = fmt::format("{} random effects are more than {}", random_effects(),
-                                            most_effects),
+                                            most_random_effects),
                      .remedy = occasions > 0 ? "use fewer effects per occasion, or join occasions"
                                              : "use fewer random effects",
                      .file = file_.path});

@@ -145,13 +145,9 @@ enum class start_kind { map, presample };
 enum class likelihood_kind { sampling, agq };
 enum class standard_error_kind { information, score, sandwich, none };
 
-// Scramblings are drawn one after the other, so that a very large seed would take long to reach.
-inline constexpr int largest_seed = 10000;
-
 inline constexpr int least_samples = 6;
-inline constexpr int most_samples = 1000000;
-inline constexpr int least_presamples = 30;
 
+// settings_table.h has their names, ranges and words.
 struct estimation_settings {
   int samples = 300;  // per subject and iteration
   int max_iterations = 500;
@@ -179,6 +175,10 @@ struct estimation_settings {
   likelihood_kind likelihood = likelihood_kind::sampling;
   int agq_nodes = 11;  // per random effect
 };
+
+// Those of all occasions counted: the Sobol sequence and the quadrature's grid have no more
+// dimensions.
+inline constexpr int most_random_effects = 40;
 
 struct model_specification {
   std::string path;

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <nlohmann/json.hpp>
 
+#include "varda/model/settings_table.h"
+#include "varda/model/words.h"
 #include "varda/report/check_report.h"
 #include "varda/report/reports.h"
-#include "varda/report/words.h"
 #include "varda/version.h"
 
 namespace varda {
@@ -182,34 +183,10 @@ ordered_json quadrature(const population_model& model, const fit_result& result)
 }
 
 ordered_json settings(const population_model& model) {
-  const estimation_settings& s = model.specification().estimation;
-  const char* scrambles[] = {"none", "owen", "faure-tezuka", "both"};
   ordered_json entry;
-  entry["samples"] = s.samples;
-  entry["max_iterations"] = s.max_iterations;
-  entry["seed"] = s.seed;
-  entry["sampling"] = s.points == point_kind::sobol ? "sobol" : "random";
-  entry["points"] = s.fresh_points ? "fresh" : "common";
-  entry["scramble"] = scrambles[s.scramble];
-  entry["proposal"] = name_of(s.proposal);
-  entry["t_df"] = s.t_df;
-  entry["acceptance_ratio"] = s.acceptance_ratio;
-  entry["resamples"] = s.resamples;
-  entry["burn_in"] = s.burn_in;
-  entry["freeze_omega_in_burn_in"] = s.freeze_omega;
-  entry["run_all"] = s.run_all;
-  entry["tolerance"] = s.tolerance;
-  entry["start"] = s.start == start_kind::map ? "map" : "presample";
-  entry["presamples"] = s.presamples;
-  entry["map_np"] = s.map_np;
-  entry["map_assist"] = s.map_assist;
-  entry["standard_errors"] = name_of(s.standard_errors);
-  entry["se_samples"] = s.se_samples;
-  entry["npde_samples"] = s.npde_samples;
-  entry["replicates"] = s.replicates;
-  entry["likelihood_samples"] = s.likelihood_samples;
-  entry["likelihood"] = s.likelihood == likelihood_kind::sampling ? "sampling" : "agq";
-  entry["agq_nodes"] = s.agq_nodes;
+  for (const setting& row : every_setting())
+    entry[row.name] = std::visit([](const auto& value) { return ordered_json(value); },
+                                 value_of(row, model.specification().estimation));
   return entry;
 }
 

@@ -143,6 +143,20 @@ void write_residual(sink out, const population_model& model, const fit_result& r
     write_theta(out, model, result, k);
 }
 
+const char* source_of(standard_error_kind kind) {
+  switch (kind) {
+    case standard_error_kind::information:
+      return "the observed information";
+    case standard_error_kind::score:
+      return "the scores";
+    case standard_error_kind::sandwich:
+      return "the sandwich";
+    case standard_error_kind::none:
+      return "nothing";
+  }
+  return "";
+}
+
 void write_errors(sink out, const fit_result& result) {
   const standard_errors& errors = result.errors;
   if (errors.names.empty() && errors.reason.empty()) return;
@@ -150,9 +164,8 @@ void write_errors(sink out, const fit_result& result) {
     fmt::format_to(out, "\nNo standard errors: {}\n", errors.reason);
     return;
   }
-  const char* kinds[] = {"the observed information", "the scores", "the sandwich"};
   fmt::format_to(out, "\nStandard errors from {}; correlation of the estimates:\n",
-                 kinds[static_cast<int>(errors.shown)]);
+                 source_of(errors.shown));
   for (Eigen::Index i = 0; i < errors.correlation.rows(); ++i) {
     fmt::format_to(out, "  {:<14}", errors.names[static_cast<std::size_t>(i)]);
     for (Eigen::Index j = 0; j <= i; ++j)
