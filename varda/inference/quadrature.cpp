@@ -54,7 +54,7 @@ void check_grid(const population_model& model) {
 }
 
 quadrature_estimate integrate_by_quadrature(engine_host& host, int nodes,
-                                            const quadrature_listener& progress) {
+                                            const progress_listener& progress) {
   const population_model& model = host.model();
   quadrature_estimate result;
   result.nodes = nodes;
@@ -78,7 +78,10 @@ quadrature_estimate integrate_by_quadrature(engine_host& host, int nodes,
       if (engine_host::stopped()) return result;
       result.minus2ll -= 2.0 * log_likelihood;
     }
-    progress(i + 1, result.minus2ll);
+    progress({.stage = run_stage::quadrature,
+              .step = i + 1,
+              .of = model.subjects(),
+              .minus2ll = result.minus2ll});
   }
   result.complete = true;
   return result;

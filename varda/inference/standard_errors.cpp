@@ -48,7 +48,7 @@ struct subject_pass {
 
 subject_pass pass_over_subjects(engine_host& host, const proposals& frozen,
                                 const sampled_likelihood& likelihood, Eigen::Index points,
-                                int samples) {
+                                int samples, const progress_listener& progress) {
   const population_model& model = host.model();
   const int thetas = static_cast<int>(model.thetas().size());
   const int free_omega = packed_positions(model).maxCoeff() + 1;
@@ -68,6 +68,7 @@ subject_pass pass_over_subjects(engine_host& host, const proposals& frozen,
                          free_omega);
     if ((i + 1) % host.peers().size() == host.peers().rank())
       by_subject.col(i) = likelihood.changes(i, etas, weights);
+    progress({.stage = run_stage::standard_errors, .step = i + 1, .of = model.subjects()});
   }
   // Each subject stands on one process; the sums run over the subjects in their order.
   host.peers().sum(by_subject.data(), static_cast<int>(by_subject.size()));
@@ -323,7 +324,7 @@ const std::vector<estimate_error>& standard_errors::chosen() const {
 }
 
 standard_errors estimate_standard_errors(engine_host& host, const proposals& frozen,
-                                         point_source& points) {
+                                         point_source& points, const progress_listener& progress) {
   const population_model& model = host.model();
   const estimation_settings& settings = model.specification().estimation;
   standard_errors result;
@@ -349,8 +350,8 @@ standard_errors estimate_standard_errors(engine_host& host, const proposals& fro
   points.begin_standard_errors();
   const difference_stencil stencil(scale.estimates(), difference_steps(host, scale));
   const sampled_likelihood likelihood(host, scale, stencil.points());
-  const subject_pass pass =
-      pass_over_subjects(host, frozen, likelihood, stencil.points().cols(), settings.se_samples);
+  const subject_pass pass = pass_over_subjects(host, frozen, likelihood, stencil.points().cols(),
+                                               settings.se_samples, progress);
   if (!pass.complete) {
     result.reason = "stopped on request";
     return result;

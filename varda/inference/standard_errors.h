@@ -9,6 +9,7 @@
 #include "varda/host/engine_host.h"
 #include "varda/host/points.h"
 #include "varda/host/proposals.h"
+#include "varda/support/progress.h"
 
 namespace varda {
 
@@ -68,6 +69,6 @@ struct standard_errors {
 // C beta + eta common to all evaluations: with eta common instead, the differences of two sampling
 // errors swamp it. Collective.
 standard_errors estimate_standard_errors(engine_host& host, const proposals& frozen,
-                                         point_source& points);
+                                         point_source& points, const progress_listener& progress);
 
 }  // namespace varda

@@ -9,7 +9,8 @@
 #include <cmath>
 
 #include "statsubs/state/global_variables.h"
-#include "statsubs/stderr/eigencor.h"
+#include "varda/diagnostics/natural_scale.h"
+#include "varda/diagnostics/npde.h"
 #include "varda/host/integration.h"
 #include "varda/host/map_np.h"
 #include "varda/host/points.h"
@@ -58,33 +59,6 @@ int points_of_a_fit(const estimation_settings& s) {
                    likelihood_samples(s, task::fit), s.se_samples});
 }
 
-// Over the subjects that have the effect; effects per occasion count together.
-Eigen::VectorXd shrinkage(const engine_host& host, const likelihood_estimate& found) {
-  const population_model& model = host.model();
-  Eigen::VectorXd result(model.random_effects());
-  for (const omega_element& e : model.omega_elements()) {
-    if (!e.is_variance()) continue;
-    double squares = 0.0;
-    double count = 0.0;
-    for (const auto& [effect, same] : e.places)
-      for (int i = 0; i < static_cast<int>(found.subjects.size()); ++i) {
-        if (!model.has_effect(i, effect)) continue;
-        squares += std::pow(found.subjects[static_cast<std::size_t>(i)].mean(effect), 2);
-        count += 1.0;
-      }
-    const double share = std::sqrt(squares / count / host.omega()(e.row(), e.row()));
-    for (const auto& [effect, same] : e.places) result(effect) = 1.0 - share;
-  }
-  return result;
-}
-
-double condition_of(const Eigen::MatrixXd& covariance) {
-  double condition = 0.0;
-  const int n = static_cast<int>(covariance.rows());
-  statsubs::eigencor(covariance.data(), n, n, condition);
-  return condition;
-}
-
 // First proposals at the parameters in force. False when a stop was asked for.
 bool first_proposals(proposals& adaptive, point_source& points) {
   if (gv::npresample <= 1) return adaptive.from_modes();
@@ -108,13 +82,7 @@ void integrate_besides(engine_host& host, const progress_listener& progress, fit
   const estimation_settings& settings = host.model().specification().estimation;
   if (settings.likelihood != likelihood_kind::agq || !result.likelihood.complete) return;
   stopwatch watch;
-  iteration_record at;
-  result.quadrature =
-      integrate_by_quadrature(host, settings.agq_nodes, [&](int subjects, double minus2ll) {
-        at.iteration = subjects;
-        at.minus2ll = minus2ll;
-        progress(at, host.model().subjects());
-      });
+  result.quadrature = integrate_by_quadrature(host, settings.agq_nodes, progress);
   result.times.quadrature = watch.lap();
   if (!result.quadrature.placed_by_omega.empty())
     result.warnings.push_back(odd_curvatures(host.model(), result.quadrature.placed_by_omega));
@@ -126,7 +94,7 @@ void integrate_besides(engine_host& host, const progress_listener& progress, fit
 // What fit and evaluate have in common: the likelihood at the parameters in force and all that
 // follows from it.
 void conclude(engine_host& host, const proposals& frozen, point_source& points,
-              const progress_listener& quadrature_progress, fit_result& result) {
+              const progress_listener& progress, fit_result& result) {
   stopwatch watch;
   result.theta = host.theta();
   result.omega = host.omega();
@@ -140,11 +108,31 @@ void conclude(engine_host& host, const proposals& frozen, point_source& points,
     result.converged = false;
     result.reason = stop_reason;
   }
-  result.shrinkage = shrinkage(host, result.likelihood);
-  result.omega_condition = condition_of(result.omega);
+  // Here and not with the other diagnostics: the library records omega's eigenvalues.
+  result.effects = random_effect_figures_of(host.model(), result.omega, result.likelihood);
   result.times.likelihood = watch.lap();
-  integrate_besides(host, quadrature_progress, result);
+  integrate_besides(host, progress, result);
+}
+
+// What follows from the estimates, their likelihood and their errors.
+void diagnose(const engine_host& host, const progress_listener& progress, fit_result& result) {
+  stopwatch watch;
+  const population_model& model = host.model();
   result.evaluations = host.evaluations();
+  result.natural_theta = natural_theta(model, result.theta);
+  for (const iteration_record& r : result.iterations)
+    result.natural_iterations.push_back(
+        {without_constant(r.minus2ll, model.data().observations()), natural_theta(model, r.theta)});
+  result.natural_covariance = natural_covariance(result.errors);
+  result.objective = objective_figures_of(model, result.likelihood, result.quadrature);
+  result.sampler = sampler_health_of(model, result.likelihood);
+  if (result.likelihood.complete) {
+    for (int i = 0; i < model.subjects(); ++i)
+      result.predictions.push_back(predictions_of(
+          model, i, result.theta, result.likelihood.subjects[static_cast<std::size_t>(i)].mean));
+    result.npde = npde(model, result.theta, result.omega, host.peers(), progress);
+  }
+  result.times.diagnostics = watch.lap();
 }
 
 }  // namespace
@@ -154,8 +142,7 @@ void check_fit(const population_model& model) {
   check_points(model, points_of_a_fit(model.specification().estimation));
 }
 
-fit_result fit(engine_host& host, const progress_listener& progress,
-               const progress_listener& quadrature_progress) {
+fit_result fit(engine_host& host, const progress_listener& progress) {
   const estimation_settings& settings = host.model().specification().estimation;
   fit_result result;
   result.what = task::fit;
@@ -175,23 +162,22 @@ fit_result fit(engine_host& host, const progress_listener& progress,
   result.reason = started ? iterations.reason() : stop_reason;
   result.singular = iterations.singular();
   result.held_by_bounds = iterations.held_by_bounds();
-  conclude(host, adaptive, points, quadrature_progress, result);
+  conclude(host, adaptive, points, progress, result);
   if (!result.singular.empty()) {
     result.errors.shown = settings.standard_errors;
     result.errors.reason = "omega is becoming singular";
   } else if (settings.standard_errors != standard_error_kind::none && result.likelihood.complete) {
     watch.lap();
-    result.errors = estimate_standard_errors(host, adaptive, points);
+    result.errors = estimate_standard_errors(host, adaptive, points, progress);
     result.warnings.insert(result.warnings.end(), result.errors.warnings.begin(),
                            result.errors.warnings.end());
     result.times.standard_errors = watch.lap();
   }
-  result.evaluations = host.evaluations();
+  diagnose(host, progress, result);
   return result;
 }
 
-fit_result evaluate(engine_host& host, const progress_listener& progress,
-                    const progress_listener& quadrature_progress) {
+fit_result evaluate(engine_host& host, const progress_listener& progress) {
   fit_result result;
   result.what = task::evaluate;
   stopwatch watch;
@@ -217,7 +203,10 @@ fit_result evaluate(engine_host& host, const progress_listener& progress,
     settled = pass > 1 && std::fabs(minus2ll - last) < pilot_tolerance;
     last = minus2ll;
     result.iterations.push_back({pass, minus2ll, host.theta(), host.omega()});
-    progress(result.iterations.back(), most_pilot_passes);
+    progress({.stage = run_stage::pilot_passes,
+              .step = pass,
+              .of = most_pilot_passes,
+              .minus2ll = minus2ll});
   }
   result.times.start = watch.lap();
   result.converged = settled;
@@ -225,7 +214,8 @@ fit_result evaluate(engine_host& host, const progress_listener& progress,
       settled ? fmt::format("the proposals settled in {} pilot passes", result.iterations.size())
               : fmt::format("the proposals did not settle in {} pilot passes", most_pilot_passes);
   if (!complete) result.reason = stop_reason;
-  conclude(host, adaptive, points, quadrature_progress, result);
+  conclude(host, adaptive, points, progress, result);
+  diagnose(host, progress, result);
   return result;
 }
 

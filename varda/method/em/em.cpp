@@ -117,7 +117,10 @@ void em_iterations::iterate() {
     }
   }
   records_.push_back({iteration_, minus2ll, host_.theta(), host_.omega()});
-  progress_(records_.back(), settings_.max_iterations);
+  progress_({.stage = run_stage::iterations,
+             .step = iteration_,
+             .of = settings_.max_iterations,
+             .minus2ll = minus2ll});
 }
 
 bool em_iterations::is_assisted() const {

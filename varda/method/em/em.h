@@ -12,7 +12,8 @@
 #include "varda/method/em/iteration_scale.h"
 #include "varda/method/em/mstep.h"
 #include "varda/method/em/resampler.h"
-#include "varda/run/fit.h"
+#include "varda/run/fit_result.h"
+#include "varda/support/progress.h"
 
 namespace varda {
 
