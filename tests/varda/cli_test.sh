@@ -44,7 +44,9 @@ same_results() {
 expect_status 0 "a fit" "$varda" fit theophylline.toml --output one
 grep -q '^Converged' stdout || fail "the summary has no verdict"
 grep -Eq '^  ka +1\.5[78]' stdout || fail "the summary has no estimate of ka near 1.58"
-grep -q 'iteration' stderr || fail "no progress lines on the error stream"
+for stage in iteration "standard errors, subject" "NPDE, subject"; do
+  grep -q "^$stage  *1\b" stderr || fail "no progress of $stage on the error stream"
+done
 [ -z "$(find one -name '*.tmp*')" ] || fail "temporary files are left"
 expect_status 0 "the same fit" "$varda" fit theophylline.toml --output two --quiet
 [ -s stderr ] && fail "a quiet run writes on the error stream"
@@ -55,6 +57,14 @@ cmp -s one/estimates.csv three/estimates.csv && fail "the seed changes nothing"
 expect_status 0 "an evaluation" "$varda" evaluate theophylline.toml --output evaluated
 grep -q '^CL,3,0,' evaluated/estimates.csv || fail "evaluate moved the parameters"
 grep -q '"task": "evaluate"' evaluated/evaluate.json || fail "evaluate.json is wrong"
+
+# Points of the population know nothing of the subjects: equal replicates are the same points.
+sed 's/^samples = 300/samples = 30\nproposal = "population"\nnpde_samples = 0/' theophylline.toml >blind.toml
+for seed in 1 2 3 4; do
+  "$varda" evaluate blind.toml --output blind --quiet --seed $seed >/dev/null
+  sed -n '/"minus2ll_replicates"/,/]/s/^ *\([0-9.]*\),*$/\1/p' blind/evaluate.json
+done | grep . >replicates
+[ "$(sort -u replicates | wc -l)" -eq 32 ] || fail "replicates of different seeds are the same: $(cat replicates)"
 
 expect_status 0 "records on the terminal" "$varda" fit theophylline.toml --output four --records
 grep -q '^ atb from linear regression=' stdout || fail "the library's records are missing"

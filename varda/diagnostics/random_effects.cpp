@@ -62,9 +62,14 @@ random_effect_figures random_effect_figures_of(const population_model& model,
   result.shrinkage = shrinkage(model, omega, found);
   result.cv = coefficients_of_variation(model, omega);
   result.correlations = correlations(omega);
-  const int n = static_cast<int>(omega.rows());
-  statsubs::eigencor(omega.data(), n, n, result.condition);
   return result;
+}
+
+double condition_of_correlations(const Eigen::MatrixXd& omega) {
+  double condition = 0.0;
+  const int n = static_cast<int>(omega.rows());
+  statsubs::eigencor(omega.data(), n, n, condition);
+  return condition;
 }
 
 }  // namespace varda

@@ -17,11 +17,13 @@ struct random_effect_figures {
   // NaN for other parameters.
   Eigen::VectorXd cv;
   Eigen::MatrixXd correlations;  // of omega; the standard deviations in the diagonal
-  double condition = 0.0;        // of omega scaled to a correlation matrix
 };
 
 random_effect_figures random_effect_figures_of(const population_model& model,
                                                const Eigen::MatrixXd& omega,
                                                const likelihood_estimate& found);
+
+// Condition number of omega scaled to a correlation matrix. The library records its eigenvalues.
+double condition_of_correlations(const Eigen::MatrixXd& omega);
 
 }  // namespace varda

@@ -126,7 +126,7 @@ ordered_json omega(const population_model& model, const fit_result& result) {
   entry["matrix"] = to_json(result.omega);
   entry["estimated"] = to_json(model.omega_mask());
   entry["shrinkage"] = to_json(result.effects.shrinkage);
-  entry["condition_number"] = result.effects.condition;
+  entry["condition_number"] = result.omega_condition;
   if (result.what == task::fit) add_errors_of_omega(entry, result);
   return entry;
 }

@@ -177,7 +177,7 @@ void write_quality(sink out, const population_model& model, const fit_result& re
   if (result.kept_factors > 0)
     fmt::format_to(out, "; {} times a proposal could not follow its subject", result.kept_factors);
   fmt::format_to(out, ".\nCondition number of omega (as a correlation matrix): {:.4g}\n",
-                 result.effects.condition);
+                 result.omega_condition);
 }
 
 void write_times(sink out, const timings& t) {

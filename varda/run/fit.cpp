@@ -9,8 +9,7 @@
 #include <cmath>
 
 #include "statsubs/state/global_variables.h"
-#include "varda/diagnostics/natural_scale.h"
-#include "varda/diagnostics/npde.h"
+#include "varda/diagnostics/random_effects.h"
 #include "varda/host/integration.h"
 #include "varda/host/map_np.h"
 #include "varda/host/points.h"
@@ -18,6 +17,7 @@
 #include "varda/inference/likelihood.h"
 #include "varda/inference/singularity.h"
 #include "varda/method/em/em.h"
+#include "varda/run/diagnose.h"
 
 namespace varda {
 
@@ -108,30 +108,15 @@ void conclude(engine_host& host, const proposals& frozen, point_source& points,
     result.converged = false;
     result.reason = stop_reason;
   }
-  // Here and not with the other diagnostics: the library records omega's eigenvalues.
-  result.effects = random_effect_figures_of(host.model(), result.omega, result.likelihood);
+  result.omega_condition = condition_of_correlations(result.omega);
   result.times.likelihood = watch.lap();
   integrate_besides(host, progress, result);
 }
 
-// What follows from the estimates, their likelihood and their errors.
-void diagnose(const engine_host& host, const progress_listener& progress, fit_result& result) {
+void finish(const engine_host& host, const progress_listener& progress, fit_result& result) {
   stopwatch watch;
-  const population_model& model = host.model();
   result.evaluations = host.evaluations();
-  result.natural_theta = natural_theta(model, result.theta);
-  for (const iteration_record& r : result.iterations)
-    result.natural_iterations.push_back(
-        {without_constant(r.minus2ll, model.data().observations()), natural_theta(model, r.theta)});
-  result.natural_covariance = natural_covariance(result.errors);
-  result.objective = objective_figures_of(model, result.likelihood, result.quadrature);
-  result.sampler = sampler_health_of(model, result.likelihood);
-  if (result.likelihood.complete) {
-    for (int i = 0; i < model.subjects(); ++i)
-      result.predictions.push_back(predictions_of(
-          model, i, result.theta, result.likelihood.subjects[static_cast<std::size_t>(i)].mean));
-    result.npde = npde(model, result.theta, result.omega, host.peers(), progress);
-  }
+  diagnose(host.model(), host.peers(), progress, result);
   result.times.diagnostics = watch.lap();
 }
 
@@ -173,7 +158,7 @@ fit_result fit(engine_host& host, const progress_listener& progress) {
                            result.errors.warnings.end());
     result.times.standard_errors = watch.lap();
   }
-  diagnose(host, progress, result);
+  finish(host, progress, result);
   return result;
 }
 
@@ -215,7 +200,7 @@ fit_result evaluate(engine_host& host, const progress_listener& progress) {
               : fmt::format("the proposals did not settle in {} pilot passes", most_pilot_passes);
   if (!complete) result.reason = stop_reason;
   conclude(host, adaptive, points, progress, result);
-  diagnose(host, progress, result);
+  finish(host, progress, result);
   return result;
 }
 

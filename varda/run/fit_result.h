@@ -61,11 +61,12 @@ struct fit_result {
   likelihood_estimate likelihood;
   int likelihood_samples = 0;
   quadrature_estimate quadrature;
-  standard_errors errors;  // of a fit
-  int kept_factors = 0;    // proposals that could not follow their subject
+  double omega_condition = 0.0;  // of omega scaled to a correlation matrix
+  standard_errors errors;        // of a fit
+  int kept_factors = 0;          // proposals that could not follow their subject
   findings warnings;
 
-  // Diagnostics: what follows from the above.
+  // What follows from the above (diagnose.h).
   Eigen::VectorXd natural_theta;
   std::vector<natural_iteration> natural_iterations;
   Eigen::MatrixXd natural_covariance;  // of the estimates; empty without standard errors
