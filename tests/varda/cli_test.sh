@@ -58,14 +58,6 @@ expect_status 0 "an evaluation" "$varda" evaluate theophylline.toml --output eva
 grep -q '^CL,3,0,' evaluated/estimates.csv || fail "evaluate moved the parameters"
 grep -q '"task": "evaluate"' evaluated/evaluate.json || fail "evaluate.json is wrong"
 
-# Points of the population know nothing of the subjects: equal replicates are the same points.
-sed 's/^samples = 300/samples = 30\nproposal = "population"\nnpde_samples = 0/' theophylline.toml >blind.toml
-for seed in 1 2 3 4; do
-  "$varda" evaluate blind.toml --output blind --quiet --seed $seed >/dev/null
-  sed -n '/"minus2ll_replicates"/,/]/s/^ *\([0-9.]*\),*$/\1/p' blind/evaluate.json
-done | grep . >replicates
-[ "$(sort -u replicates | wc -l)" -eq 32 ] || fail "replicates of different seeds are the same: $(cat replicates)"
-
 expect_status 0 "records on the terminal" "$varda" fit theophylline.toml --output four --records
 grep -q '^ atb from linear regression=' stdout || fail "the library's records are missing"
 [ -e four/records.txt ] && fail "records are written although they were printed"

@@ -1,20 +1,25 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cmath>
+#include <set>
 
 #include "statsubs/sequences/sobol.h"
+#include "tests/support/fake_host.h"
 #include "tests/varda/theophylline.h"
+#include "varda/host/engine_host.h"
+#include "varda/host/points.h"
+#include "varda/inference/likelihood.h"
+#include "varda/inference/minimise.h"
+#include "varda/inference/modes.h"
+#include "varda/inference/quadrature.h"
 #include "varda/method/em/anderson.h"
 #include "varda/method/em/convergence.h"
 #include "varda/method/em/iteration_scale.h"
-#include "varda/inference/minimise.h"
-#include "varda/inference/modes.h"
-#include "varda/host/points.h"
-#include "varda/inference/quadrature.h"
 #include "varda/method/em/resampler.h"
-#include "varda/host/engine_host.h"
 
 namespace varda {
 namespace {
@@ -89,6 +94,42 @@ TEST(PointSource, CommonPointsComeBackAndReplicatesDoNot) {
   statsubs::gosobl(again.data());
   EXPECT_NE(first, replicate);
   EXPECT_NE(replicate, again);
+}
+
+// The replicates of a seed in a process of its own, as scramblings follow from those before them.
+// The proposals come from the modes, so that equal points give equal values.
+std::vector<double> replicates_of_seed(int seed) {
+  constexpr int count = 8;
+  std::array<int, 2> ends{};
+  if (pipe(ends.data()) != 0) return {};
+  const pid_t child = fork();
+  if (child == 0) {
+    const population_model model =
+        test::theophylline([&](model_specification& file) { file.estimation.seed = seed; });
+    const job alone(nullptr, nullptr);
+    const test::captured_unit swallowed;
+    engine_host host(model, alone);
+    point_source points(host, 30);
+    proposals from(host);
+    from.from_modes();
+    const auto found = estimate_likelihood(host, from, points, 30, count).replicates;
+    const auto bytes = static_cast<ssize_t>(found.size() * sizeof(double));
+    _exit(write(ends[1], found.data(), static_cast<std::size_t>(bytes)) == bytes ? 0 : 1);
+  }
+  std::vector<double> result(count);
+  close(ends[1]);
+  const ssize_t got = read(ends[0], result.data(), count * sizeof(double));
+  close(ends[0]);
+  waitpid(child, nullptr, 0);
+  EXPECT_EQ(got, static_cast<ssize_t>(count * sizeof(double)));
+  return result;
+}
+
+TEST(PointSource, ReplicatesOfDifferentSeedsDoNotOverlap) {
+  std::set<double> values;
+  for (const int seed : {1, 2, 3, 4})
+    for (const double value : replicates_of_seed(seed)) values.insert(value);
+  EXPECT_EQ(values.size(), 32U);
 }
 
 TEST(PointSource, RefusesARunThatCouldExhaustTheSequence) {
