@@ -44,7 +44,9 @@ same_results() {
 expect_status 0 "a fit" "$varda" fit theophylline.toml --output one
 grep -q '^Converged' stdout || fail "the summary has no verdict"
 grep -Eq '^  ka +1\.5[78]' stdout || fail "the summary has no estimate of ka near 1.58"
-grep -q 'iteration' stderr || fail "no progress lines on the error stream"
+for stage in iteration "standard errors, subject" "NPDE, subject"; do
+  grep -q "^$stage  *1\b" stderr || fail "no progress of $stage on the error stream"
+done
 [ -z "$(find one -name '*.tmp*')" ] || fail "temporary files are left"
 expect_status 0 "the same fit" "$varda" fit theophylline.toml --output two --quiet
 [ -s stderr ] && fail "a quiet run writes on the error stream"

@@ -91,7 +91,12 @@ TEST(PointSource, PointsHaveAnAddress) {
       third_point(points, {point_pass::purpose::replicate, 2}, 4, 256), first};
   EXPECT_EQ(others.size(), 4U);
   EXPECT_EQ(third_point(points, iteration, 4, 256), first);
-  EXPECT_NE(address_of(1, replicate, 4), address_of(2, replicate, 4));
+  // The replicates of different seeds do not overlap.
+  std::set<std::uint64_t> addresses;
+  for (int seed = 1; seed <= 20; ++seed)
+    for (int r = 1; r <= 20; ++r)
+      addresses.insert(address_of(seed, {point_pass::purpose::replicate, r}, 4));
+  EXPECT_EQ(addresses.size(), 400U);
 }
 
 // A shifted net has one point in each of 2^8 boxes of every elementary shape.

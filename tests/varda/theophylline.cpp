@@ -11,7 +11,6 @@
 #include "tests/support/fake_host.h"
 #include "varda/host/engine_host.h"
 #include "varda/input/model_file.h"
-#include "varda/report/reports.h"
 
 namespace test {
 
@@ -94,17 +93,17 @@ varda::fit_result fit(const varda::population_model& model, bool quiet) {
   std::optional<captured_unit> swallowed;
   if (quiet) swallowed.emplace();
   varda::engine_host host(model, alone());
-  return varda::fit(host, [](const varda::iteration_record&, int) {});
+  return varda::fit(host, varda::no_progress);
 }
 
 varda::fit_result evaluate(const varda::population_model& model) {
   const captured_unit swallowed;
   varda::engine_host host(model, alone());
-  return varda::evaluate(host, [](const varda::iteration_record&, int) {});
+  return varda::evaluate(host, varda::no_progress);
 }
 
-double minus2ll(const varda::population_model& model, const varda::fit_result& result) {
-  return varda::without_constant(result.likelihood.minus2ll, model.data().observations());
+double minus2ll(const varda::fit_result& result) {
+  return result.objective.minus2ll;
 }
 
 void start_at(varda::model_specification& file, const varda::population_model& model,

@@ -41,7 +41,7 @@ varda::fit_result fit(const varda::population_model& model, bool quiet = true);
 varda::fit_result evaluate(const varda::population_model& model);
 
 // -2 log-likelihood without N log(2 pi).
-double minus2ll(const varda::population_model& model, const varda::fit_result& result);
+double minus2ll(const varda::fit_result& result);
 
 // The same model file with a result's estimates as start values.
 void start_at(varda::model_specification& file, const varda::population_model& model,

@@ -18,6 +18,7 @@ namespace {
 void evaluate_all(const population_model& model, check_result& result) {
   for (int i = 0; i < model.subjects(); ++i) {
     result.start.push_back(evaluate_start(model, i));
+    result.minus2_log_density += result.start.back().minus2_log_density;
     const std::optional<finding>& failure = result.start.back().failure;
     if (failure && result.errors.size() < most_data_errors) result.errors.push_back(*failure);
   }

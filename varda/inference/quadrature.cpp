@@ -51,7 +51,7 @@ void check_grid(const population_model& model) {
 }
 
 quadrature_estimate integrate_by_quadrature(engine_host& host, int nodes,
-                                            const quadrature_listener& progress) {
+                                            const progress_listener& progress) {
   const population_model& model = host.model();
   quadrature_estimate result;
   result.nodes = nodes;
@@ -71,7 +71,10 @@ quadrature_estimate integrate_by_quadrature(engine_host& host, int nodes,
       if (!placed || indefinite) result.placed_by_omega.push_back(i);
       result.minus2ll -= 2.0 * result.log_likelihoods[at];
     }
-    progress(i + 1, result.minus2ll);
+    progress({.stage = run_stage::quadrature,
+              .step = i + 1,
+              .of = model.subjects(),
+              .minus2ll = result.minus2ll});
   }
   result.complete = true;
   return result;

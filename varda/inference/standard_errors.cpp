@@ -35,7 +35,7 @@ struct subject_pass {
 
 subject_pass pass_over_subjects(engine_host& host, const proposals& frozen,
                                 const sampled_likelihood& likelihood, Eigen::Index points,
-                                int samples) {
+                                int samples, const progress_listener& progress) {
   const population_model& model = host.model();
   const int scored =
       static_cast<int>(model.thetas().size()) + packed_positions(model).maxCoeff() + 1;
@@ -43,12 +43,14 @@ subject_pass pass_over_subjects(engine_host& host, const proposals& frozen,
   subject_pass result;
   result.scores.setZero(scored, scored);
   e_step found;
-  integrate_all(host, frozen, {point_pass::purpose::standard_errors, 0}, samples, found,
-                [&](int i, weighted_samples& drawn) {
-                  add_score(host, i, drawn, result.scores);
-                  if ((i + 1) % host.peers().size() == host.peers().rank())
-                    by_subject.col(i) = likelihood.changes(i, drawn.etas, drawn.weights);
-                });
+  integrate_all(
+      host, frozen, {point_pass::purpose::standard_errors, 0}, samples, found,
+      [&](int i, weighted_samples& drawn) {
+        add_score(host, i, drawn, result.scores);
+        if ((i + 1) % host.peers().size() == host.peers().rank())
+          by_subject.col(i) = likelihood.changes(i, drawn.etas, drawn.weights);
+        progress({.stage = run_stage::standard_errors, .step = i + 1, .of = model.subjects()});
+      });
   if (!found.complete) return result;
   // Each subject stands on one process; the sums run over the subjects in their order.
   host.peers().sum(by_subject.data(), static_cast<int>(by_subject.size()));
@@ -299,7 +301,8 @@ const std::vector<estimate_error>& standard_errors::chosen() const {
   return by_information;
 }
 
-standard_errors estimate_standard_errors(engine_host& host, const proposals& frozen) {
+standard_errors estimate_standard_errors(engine_host& host, const proposals& frozen,
+                                         const progress_listener& progress) {
   const population_model& model = host.model();
   const estimation_settings& settings = model.specification().estimation;
   standard_errors result;
@@ -321,8 +324,8 @@ standard_errors estimate_standard_errors(engine_host& host, const proposals& fro
 
   const difference_stencil stencil(scale.estimates(), difference_steps(host, scale));
   const sampled_likelihood likelihood(host, scale, stencil.points());
-  const subject_pass pass =
-      pass_over_subjects(host, frozen, likelihood, stencil.points().cols(), settings.se_samples);
+  const subject_pass pass = pass_over_subjects(host, frozen, likelihood, stencil.points().cols(),
+                                               settings.se_samples, progress);
   if (!pass.complete) {
     result.reason = "stopped on request";
     return result;

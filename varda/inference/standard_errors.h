@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "varda/inference/proposals.h"
+#include "varda/support/progress.h"
 
 namespace varda {
 
@@ -65,6 +66,7 @@ struct standard_errors {
 // comes from central differences of the exact log-likelihood with the individual parameters
 // C beta + eta common to all evaluations: with eta common instead, the differences of two sampling
 // errors swamp it. Collective.
-standard_errors estimate_standard_errors(engine_host& host, const proposals& frozen);
+standard_errors estimate_standard_errors(engine_host& host, const proposals& frozen,
+                                         const progress_listener& progress);
 
 }  // namespace varda

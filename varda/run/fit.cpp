@@ -8,10 +8,11 @@
 #include <chrono>
 #include <cmath>
 
-#include "statsubs/stderr/eigencor.h"
+#include "varda/diagnostics/random_effects.h"
 #include "varda/inference/e_step.h"
 #include "varda/method/em/em.h"
 #include "varda/method/em/map_np_steps.h"
+#include "varda/run/diagnose.h"
 
 namespace varda {
 
@@ -44,33 +45,6 @@ int likelihood_samples(const estimation_settings& settings, task what) {
                   least_samples);
 }
 
-// Over the subjects that have the effect; effects per occasion count together.
-Eigen::VectorXd shrinkage(const engine_host& host, const likelihood_estimate& found) {
-  const population_model& model = host.model();
-  Eigen::VectorXd result(model.random_effects());
-  for (const omega_element& e : model.omega_elements()) {
-    if (!e.is_variance()) continue;
-    double squares = 0.0;
-    double count = 0.0;
-    for (const auto& [effect, same] : e.places)
-      for (int i = 0; i < static_cast<int>(found.subjects.size()); ++i) {
-        if (!model.has_effect(i, effect)) continue;
-        squares += std::pow(found.subjects[static_cast<std::size_t>(i)].mean(effect), 2);
-        count += 1.0;
-      }
-    const double share = std::sqrt(squares / count / host.omega()(e.row(), e.row()));
-    for (const auto& [effect, same] : e.places) result(effect) = 1.0 - share;
-  }
-  return result;
-}
-
-double condition_of(const Eigen::MatrixXd& covariance) {
-  double condition = 0.0;
-  const int n = static_cast<int>(covariance.rows());
-  statsubs::eigencor(covariance.data(), n, n, condition);
-  return condition;
-}
-
 // First proposals at the parameters in force. False when a stop was asked for.
 bool propose(engine_host& host, proposals& to) {
   switch (host.model().specification().estimation.start) {
@@ -98,13 +72,7 @@ void integrate_besides(engine_host& host, const progress_listener& progress, fit
   const estimation_settings& settings = host.model().specification().estimation;
   if (settings.likelihood != likelihood_kind::agq || !result.likelihood.complete) return;
   stopwatch watch;
-  iteration_record at;
-  result.quadrature =
-      integrate_by_quadrature(host, settings.agq_nodes, [&](int subjects, double minus2ll) {
-        at.iteration = subjects;
-        at.minus2ll = minus2ll;
-        progress(at, host.model().subjects());
-      });
+  result.quadrature = integrate_by_quadrature(host, settings.agq_nodes, progress);
   result.times.quadrature = watch.lap();
   if (!result.quadrature.placed_by_omega.empty())
     result.warnings.push_back(odd_curvatures(host.model(), result.quadrature.placed_by_omega));
@@ -115,8 +83,8 @@ void integrate_besides(engine_host& host, const progress_listener& progress, fit
 
 // What fit and evaluate have in common: the likelihood at the parameters in force and all that
 // follows from it.
-void conclude(engine_host& host, const proposals& frozen,
-              const progress_listener& quadrature_progress, fit_result& result) {
+void conclude(engine_host& host, const proposals& frozen, const progress_listener& progress,
+              fit_result& result) {
   stopwatch watch;
   result.theta = host.theta();
   result.omega = host.omega();
@@ -130,11 +98,16 @@ void conclude(engine_host& host, const proposals& frozen,
     result.converged = false;
     result.reason = stop_reason;
   }
-  result.shrinkage = shrinkage(host, result.likelihood);
-  result.omega_condition = condition_of(result.omega);
+  result.omega_condition = condition_of_correlations(result.omega);
   result.times.likelihood = watch.lap();
-  integrate_besides(host, quadrature_progress, result);
+  integrate_besides(host, progress, result);
+}
+
+void finish(const engine_host& host, const progress_listener& progress, fit_result& result) {
+  stopwatch watch;
   result.evaluations = host.evaluations();
+  diagnose(host.model(), host.peers(), progress, result);
+  result.times.diagnostics = watch.lap();
 }
 
 }  // namespace
@@ -143,8 +116,7 @@ void check_fit(const population_model& model) {
   check_grid(model);
 }
 
-fit_result fit(engine_host& host, const progress_listener& progress,
-               const progress_listener& quadrature_progress) {
+fit_result fit(engine_host& host, const progress_listener& progress) {
   const estimation_settings& settings = host.model().specification().estimation;
   fit_result result;
   result.what = task::fit;
@@ -160,7 +132,12 @@ fit_result fit(engine_host& host, const progress_listener& progress,
 
   while (going && !state.ended) {
     going = method.step(state);
-    if (going) progress(state.records.back(), settings.max_iterations);
+    if (!going) break;
+    const iteration_record& last = state.records.back();
+    progress({.stage = run_stage::iterations,
+              .step = last.iteration,
+              .of = settings.max_iterations,
+              .minus2ll = last.minus2ll});
   }
   result.times.iterations = watch.lap();
   const method_conclusion end = method.conclude(state);
@@ -169,23 +146,22 @@ fit_result fit(engine_host& host, const progress_listener& progress,
   result.reason = going ? end.reason : stop_reason;
   result.singular = end.singular;
   result.held_by_bounds = end.held_by_bounds;
-  conclude(host, state.adaptive, quadrature_progress, result);
+  conclude(host, state.adaptive, progress, result);
   if (!result.singular.empty()) {
     result.errors.shown = settings.standard_errors;
     result.errors.reason = "omega is becoming singular";
   } else if (settings.standard_errors != standard_error_kind::none && result.likelihood.complete) {
     watch.lap();
-    result.errors = estimate_standard_errors(host, state.adaptive);
+    result.errors = estimate_standard_errors(host, state.adaptive, progress);
     result.warnings.insert(result.warnings.end(), result.errors.warnings.begin(),
                            result.errors.warnings.end());
     result.times.standard_errors = watch.lap();
   }
-  result.evaluations = host.evaluations();
+  finish(host, progress, result);
   return result;
 }
 
-fit_result evaluate(engine_host& host, const progress_listener& progress,
-                    const progress_listener& quadrature_progress) {
+fit_result evaluate(engine_host& host, const progress_listener& progress) {
   fit_result result;
   result.what = task::evaluate;
   stopwatch watch;
@@ -209,7 +185,10 @@ fit_result evaluate(engine_host& host, const progress_listener& progress,
     settled = pass > 1 && std::fabs(minus2ll - last) < pilot_tolerance;
     last = minus2ll;
     result.iterations.push_back({pass, minus2ll, host.theta(), host.omega()});
-    progress(result.iterations.back(), most_pilot_passes);
+    progress({.stage = run_stage::pilot_passes,
+              .step = pass,
+              .of = most_pilot_passes,
+              .minus2ll = minus2ll});
   }
   result.times.start = watch.lap();
   result.converged = settled;
@@ -217,7 +196,8 @@ fit_result evaluate(engine_host& host, const progress_listener& progress,
       settled ? fmt::format("the proposals settled in {} pilot passes", result.iterations.size())
               : fmt::format("the proposals did not settle in {} pilot passes", most_pilot_passes);
   if (!complete) result.reason = stop_reason;
-  conclude(host, adaptive, quadrature_progress, result);
+  conclude(host, adaptive, progress, result);
+  finish(host, progress, result);
   return result;
 }
 
