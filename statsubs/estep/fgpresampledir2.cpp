@@ -15,6 +15,7 @@
 #include "statsubs/state/saveearlyvars.h"
 #include "statsubs/support/array.h"
 #include "statsubs/support/lapack.h"
+#include "statsubs/support/lower_triangle.h"
 #include "statsubs/support/parallel.h"
 #include "statsubs/support/restored.h"
 
@@ -48,11 +49,6 @@ double effective_samples(vector_view<const double> weights) {
   return 1.0 / weighted_sum(weights, weights);
 }
 
-void copy_lower(matrix_view<const double> from, matrix_view<double> to) {
-  for (int j = 1; j <= from.columns(); ++j)
-    for (int i = j; i <= from.rows(); ++i) to(i, j) = from(i, j);
-}
-
 // covariance = share covariance + (1 - share) omega
 void blend(matrix_view<double> covariance, double share, matrix_view<const double> omega) {
   for (int j = 1; j <= covariance.columns(); ++j)
@@ -65,7 +61,7 @@ void blend(matrix_view<double> covariance, double share, matrix_view<const doubl
 // as it takes to get here do not fit into a millionth of its width.
 bool factorise(matrix_view<const double> covariance, matrix_view<const double> omega,
                matrix_view<double> factor) {
-  copy_lower(covariance, factor);
+  support::copy_lower(covariance, factor);
   if (support::dpotrf(factor.rows(), factor.data(), factor.leading()) != 0) return false;
   for (int i = 1; i <= factor.rows(); ++i)
     if (factor(i, i) <= least_width * std::sqrt(omega(i, i))) return false;
@@ -79,7 +75,7 @@ int settle(matrix_view<double> covariance, double effective, matrix_view<const d
   const bool enough = share >= 1.0;
   if (enough && factorise(covariance, omega, factor)) return 0;
   blend(covariance, enough ? share_of_a_singular_one : share, omega);
-  if (!factorise(covariance, omega, factor)) copy_lower(omega_factor, factor);
+  if (!factorise(covariance, omega, factor)) support::copy_lower(omega_factor, factor);
   return 1;
 }
 

@@ -38,6 +38,8 @@ void add_subjects(matrix_view<const double> eta_mean2, int nrowc, int ncolc,
   for (int isub = 1; isub <= gv::nsub; ++isub) {
     gv::nobs = gv::newsub(isub + 1) - gv::newsub(isub);
     if (gv::nobs == 0) continue;
+    // The last subject's whitened rows still stand there, and a host may write what is not zero.
+    std::fill_n(cmatrix.data(), support::count_of({nrowc, ncolc}), 0.0);
     host::getsaemcmatrix(isub - 1, cmatrix.data());
     ldmaxpy(gv::omegalcholinv.data(), leneta, leneta, cmatrix.data(), nrowc, nreg, muetamap.data());
     std::copy_n(eta_mean2.column(isub).begin(), leneta, mean.begin());

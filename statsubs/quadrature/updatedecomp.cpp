@@ -6,6 +6,7 @@
 #include "statsubs/state/global_variables.h"
 #include "statsubs/support/array.h"
 #include "statsubs/support/lapack.h"
+#include "statsubs/support/lower_triangle.h"
 
 namespace statsubs {
 
@@ -25,11 +26,6 @@ bool invert_curvature(matrix_view<double> factor, vector_view<const double> devi
   return support::dpotrf(n, factor.data(), factor.leading()) == 0;
 }
 
-void copy_lower(matrix_view<const double> from, matrix_view<double> to) {
-  for (int j = 1; j <= from.columns(); ++j)
-    for (int i = j; i <= from.rows(); ++i) to(i, j) = from(i, j);
-}
-
 }  // namespace
 
 void choltofull(const int& n, const double* packed, double* full, const int& ldf) {
@@ -47,10 +43,10 @@ void updatedecomp(const int& isub, int& info) {
   choltofull(n, gv::cholsub.column(isub).data(), factor.data(), n);
   info = 0;
   if (!invert_curvature(factor, gv::stddeveta)) {
-    copy_lower(gv::omega, factor);
+    support::copy_lower(gv::omega, factor);
     info = support::dpotrf(n, factor.data(), n) == 0 ? 1 : 2;
   }
-  if (info != 2) copy_lower(factor, gv::omegacholsub);
+  if (info != 2) support::copy_lower(factor, gv::omegacholsub);
 }
 
 }  // namespace statsubs

@@ -8,6 +8,7 @@
 #include "statsubs/state/qrpemlocalvariables.h"
 #include "statsubs/support/array.h"
 #include "statsubs/support/lapack.h"
+#include "statsubs/support/lower_triangle.h"
 #include "statsubs/support/parallel.h"
 
 namespace statsubs {
@@ -29,11 +30,6 @@ void unpack_lower(vector_view<const double> packed, matrix_view<double> lower) {
     for (int i = j; i <= lower.rows(); ++i) lower(i, j) = packed(++position);
 }
 
-void copy_lower(matrix_view<const double> from, matrix_view<double> to) {
-  for (int j = 1; j <= from.columns(); ++j)
-    for (int i = j; i <= from.rows(); ++i) to(i, j) = from(i, j);
-}
-
 }  // namespace
 
 void qncurv(const int& isub, int& info) {
@@ -49,7 +45,7 @@ void qncurv(const int& isub, int& info) {
   unpack_lower(packed, work);
   support::dpotri(gv::leneta, work.data(), work.leading());
   info = support::dpotrf(gv::leneta, work.data(), work.leading());
-  copy_lower(work, qv::choleskyfactor.slice(isub));
+  support::copy_lower(work, qv::choleskyfactor.slice(isub));
 }
 
 }  // namespace statsubs
