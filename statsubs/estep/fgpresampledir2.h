@@ -27,8 +27,8 @@ namespace statsubs {
 //
 // A collective call: every process draws all samples, evaluates those whose number is myid modulo
 // numprocs, and ends with the same results, equal to the last bit for any number of processes.
-// Points, the Sobol sequence, failed evaluations, stops and theta are as in fgintegrate, but there
-// is no evaluation before the samples: checkforstop is asked once, after them.
+// Points, the Sobol sequence, blocks, failed evaluations, stops and theta are as in fgintegrate,
+// but there is no evaluation before the samples: checkforstop is asked once, after them.
 //
 // Reads: leneta, npresample, theta, omega, omegalchol, iflagmcpem, myid, numprocs, newsub,
 // globalstop, zscoresub

@@ -9,6 +9,7 @@
 #include "statsubs/quadrature/agqgrid.h"
 #include "statsubs/quadrature/getghnodes.h"
 #include "statsubs/quadrature/grid_moments.h"
+#include "statsubs/state/evaluation_block.h"
 #include "statsubs/state/global_variables.h"
 #include "statsubs/state/host.h"
 #include "statsubs/state/saveearlyvars.h"
@@ -46,11 +47,28 @@ struct block {
   vector<double> terms;
 };
 
+double usable_log_likelihood(double f) {
+  return host::isgoodr8(f) == 1 ? -f : -failed_objective;
+}
+
 double log_likelihood_at(const double* eta) {
   double f = 0.0;
   host::seteta(eta);
   host::fcneta(gv::leneta, eta, f);
-  return host::isgoodr8(f) == 1 ? -f : -failed_objective;
+  return usable_log_likelihood(f);
+}
+
+// Adds the log-likelihoods at the points of a call to their terms. Returns the host's answer to the
+// question for a stop, after one that is not zero without having added anything.
+int evaluate_together(evaluation_block& points, vector_view<double> terms) {
+  if (points.size() == 0) return 0;
+  points.evaluate();
+  const int answer = host::stoprequested();
+  if (answer != 0) return answer;
+  for (int i = 1; i <= points.size(); ++i)
+    terms(points.number(i)) += usable_log_likelihood(points.objective(i));
+  points.clear();
+  return 0;
 }
 
 // All points of a block from point `first` on, and the terms of those that belong to this process;
@@ -59,6 +77,9 @@ double log_likelihood_at(const double* eta) {
 int evaluate_own_points(const grid& g, int first, matrix_view<double> z,
                         vector_view<double> terms) {
   const int n = z.rows();
+  const host_table& engine = installed_host();
+  const bool together = engine.fcnxetas != nullptr;
+  evaluation_block waiting(engine, n);
   vector<double> eta("a point of the grid", n);
   for (int j = 1; j <= terms.size(); ++j) {
     const int k = first + (j - 1);
@@ -68,11 +89,18 @@ int evaluate_own_points(const grid& g, int first, matrix_view<double> z,
                 log_weight);
     terms(j) = 0.0;
     if (k % gv::numprocs != gv::myid) continue;
-    terms(j) = log_weight + log_likelihood_at(eta.data());
-    const int answer = host::stoprequested();
+    terms(j) = log_weight;
+    int answer = 0;
+    if (together) {
+      waiting.add(j, eta.data());
+      if (waiting.full()) answer = evaluate_together(waiting, terms);
+    } else {
+      terms(j) += log_likelihood_at(eta.data());
+      answer = host::stoprequested();
+    }
     if (answer != 0) return answer;
   }
-  return 0;
+  return evaluate_together(waiting, terms);
 }
 
 // False when the run is stopped.

@@ -26,6 +26,8 @@ namespace statsubs {
 // points, each with one sum over the processes, so that a process holds 4,096 (leneta + 1) reals
 // whatever the number of points.
 //
+// A host that has fcnxetas gets up to 256 points in one call of it instead.
+//
 // An evaluation that fails isgoodr8 counts as log-likelihood -1e50, which is a weight of zero
 // unless all of them fail. A stop leaves the block at once; with globalstop set after checkforstop,
 // asked after every block, the routine returns and no result has been written. theta is as on entry

@@ -37,6 +37,8 @@ namespace statsubs {
 // are as on entry afterwards. Every sample is first evaluated at the parameters as they are; the
 // value is not used.
 //
+// A host that has fcnxetas gets up to 256 samples in one call of it instead of one of fcnxeta.
+//
 // A component that isgoodr8 rejects counts as 0. Collective: every process calls it for every
 // subject, evaluates the samples whose number is myid modulo numprocs, and ends with the same
 // results, equal to the last bit for any number of processes.
