@@ -40,8 +40,12 @@ namespace statsubs {
 // theta is as on entry after every return. wtsumzscore is not finite for a subject without
 // observations. A factor with a zero on the diagonal gives results that are not numbers.
 //
-// Reads: leneta, theta, xmusub, omegacholsub, omegalchol, accratio, impsampdof, iflagmcpem, myid,
-// numprocs, newsub, globalstop, zscoresub, izub
+// An argument or a shared array that cannot hold what is needed, a Sobol sequence of other
+// dimensions and a call from inside one of the routines that evaluate the model are refused
+// (refusal.h).
+//
+// Reads: leneta, ntheta, theta, xmusub, omegacholsub, omegalchol, accratio, impsampdof, iflagmcpem,
+// myid, numprocs, newsub, globalstop, zscoresub, izub
 // Writes: izub, zscoresub, wtsumzscore, xmusubnew, omegasubnew, theta
 STATSUBS_API void fgintegrate(const int& isub, const int& nsamp, double* dsample2, double* wtcond2,
                               double& loglik);

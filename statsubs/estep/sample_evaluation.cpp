@@ -38,7 +38,7 @@ void evaluate_one_by_one(const host_table& engine, matrix_view<const double> sam
                          vector_view<double> score, int& answer) {
   for (int j = first_own(own); j <= samples.columns(); j += own.numprocs) {
     const double* eta = samples.column(j).data();
-    double f = 0.0;
+    double f = not_evaluated;
     engine.seteta(eta);
     engine.settheta(theta.data());
     engine.fcnxeta(samples.rows(), eta, f);

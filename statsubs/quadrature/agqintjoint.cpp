@@ -2,13 +2,13 @@
 #include "statsubs/quadrature/agqintjoint.h"
 
 #include <algorithm>
-#include <cassert>
 #include <cmath>
 #include <cstdint>
 
 #include "statsubs/quadrature/agqgrid.h"
 #include "statsubs/quadrature/getghnodes.h"
 #include "statsubs/quadrature/grid_moments.h"
+#include "statsubs/state/entry_check.h"
 #include "statsubs/state/evaluation_block.h"
 #include "statsubs/state/global_variables.h"
 #include "statsubs/state/host.h"
@@ -26,6 +26,20 @@ namespace {
 
 constexpr double failed_objective = 1e50;
 constexpr int block_size = 4096;
+constexpr int stopped = 3;  // of the argument info, beside agqinit's
+
+// A function of its own in profiles: bench/entry_checks.py.
+[[gnu::noinline]] void check_entry(int isub) {
+  const entry_check check("agqintjoint");
+  const int n = gv::leneta;
+  check.subject(isub);
+  check.share();
+  check.holds("theta", gv::theta, gv::ntheta);
+  check.holds("xmusub", gv::xmusub, n);
+  check.holds("omegacholsub", gv::omegacholsub, n, n);
+  check.holds("xmusubnew", gv::xmusubnew, n);
+  check.holds("omegasubnew", gv::omegasubnew, n, n);
+}
 
 struct grid {
   grid(int nodes_per_dimension, int n, int& info)
@@ -52,7 +66,7 @@ double usable_log_likelihood(double f) {
 }
 
 double log_likelihood_at(const double* eta) {
-  double f = 0.0;
+  double f = not_evaluated;
   host::seteta(eta);
   host::fcneta(gv::leneta, eta, f);
   return usable_log_likelihood(f);
@@ -140,19 +154,25 @@ void square(matrix_view<const double> factor, matrix_view<double> to) {
 }  // namespace
 
 void agqintjoint(const int& isub, const int& nnodes, double& loglik, int& info) {
+  const sole_entry alone("agqintjoint");
   const grid g(nnodes, gv::leneta, info);
   if (info != 0) return;
-  assert(gv::numprocs >= 1);
+  check_entry(isub);
+  const int n = gv::leneta;
   host::setisub(isub);
   const support::restored keeper(gv::theta);
   gv::izub = isub;
   host::setmainstdev(gv::sigmalchol);
 
-  grid_moments moments(gv::leneta);
+  grid_moments moments(n);
+  info = stopped;
   if (!integrate(g, moments)) return;
-  loglik = log_determinant(gv::omegacholsub) + moments.log_sum();
-  moments.conditional(gv::xmusub, gv::omegacholsub, gv::xmusubnew, gv::omegasubnew);
-  if (g.points == 1) square(gv::omegacholsub, gv::omegasubnew);
+  const matrix_view<const double> factor = gv::omegacholsub.corner(n, n);
+  const matrix_view<double> covariance = gv::omegasubnew.corner(n, n);
+  loglik = log_determinant(factor) + moments.log_sum();
+  moments.conditional(gv::xmusub, factor, gv::xmusubnew, covariance);
+  if (g.points == 1) square(factor, covariance);
+  info = 0;
 }
 
 }  // namespace statsubs

@@ -13,8 +13,8 @@ namespace statsubs {
 //   isub    in: the subject, from 1
 //   nnodes  in: nodes per random effect
 //   loglik  out: log of the subject's marginal likelihood; Laplace's approximation with one node
-//   info    out: agqinit's status; unless it is 0 the host has not been called and nothing else has
-//           been written
+//   info    out: agqinit's status, with which the host has not been called, or 3 after a stop.
+//           Unless it is 0 nothing else has been written
 //
 // xmusubnew and omegasubnew become the conditional mean and covariance of the random effects; with
 // one node, which knows neither, the mode and the inverse curvature, the moments of Laplace's
@@ -35,7 +35,7 @@ namespace statsubs {
 // results that mean nothing. A factor with a zero on the diagonal gives results that are not
 // numbers.
 //
-// Reads: leneta, theta, sigmalchol, xmusub, omegacholsub, myid, numprocs, globalstop
+// Reads: leneta, ntheta, theta, sigmalchol, xmusub, omegacholsub, myid, numprocs, globalstop
 // Writes: izub, xmusubnew, omegasubnew, theta
 STATSUBS_API void agqintjoint(const int& isub, const int& nnodes, double& loglik, int& info);
 

@@ -3,14 +3,12 @@
 
 #include <algorithm>
 #include <cassert>
-#include <limits>
 
 namespace statsubs {
 
 namespace {
 
 constexpr int vectors_a_call = 256;
-constexpr double not_written = std::numeric_limits<double>::quiet_NaN();
 
 }  // namespace
 
@@ -30,8 +28,8 @@ void evaluation_block::add(int number, const double* eta) {
 }
 
 void evaluation_block::evaluate() {
-  std::fill_n(objectives_.begin(), size_, not_written);
-  std::fill_n(scores_.begin(), size_, not_written);
+  std::fill_n(objectives_.begin(), size_, not_evaluated);
+  std::fill_n(scores_.begin(), size_, not_evaluated);
   const int leneta = etas_.rows();
   if (engine_.fcnxetas != nullptr)
     engine_.fcnxetas(leneta, size_, etas_.data(), objectives_.data(), scores_.data());

@@ -1,10 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <limits>
+
 #include "statsubs/state/host.h"
 #include "statsubs/support/array.h"
 
 namespace statsubs {
+
+// What the outputs of an evaluation hold when the host is called: one that it does not write has
+// failed.
+inline constexpr double not_evaluated = std::numeric_limits<double>::quiet_NaN();
 
 // Random-effect vectors of the current subject that the host evaluates together: up to 256 with
 // one call of its fcnxetas, or one with fcnxeta where it has none.
@@ -26,7 +32,7 @@ class evaluation_block {
   int number(int i) const { return numbers_(i); }
   const double* eta(int i) const { return etas_.column(i).data(); }
 
-  // Has the host evaluate all vectors. What it does not write is not a number.
+  // Has the host evaluate all vectors.
   void evaluate();
   double objective(int i) const { return objectives_(i); }
   double score(int i) const { return scores_(i); }  // from fcnxetas alone

@@ -2,9 +2,9 @@
 #include "statsubs/stderr/scoretheta.h"
 
 #include <algorithm>
-#include <cassert>
 #include <cmath>
 
+#include "statsubs/state/entry_check.h"
 #include "statsubs/state/evaluation_block.h"
 #include "statsubs/state/global_variables.h"
 #include "statsubs/state/host.h"
@@ -194,7 +194,8 @@ class scored_block {
   void score_omega(int i) {
     const vector_view<double> scores = scores_.omega.column(block_.number(i));
     by_omega_.update(gv::omegainv, at(i).gradient);
-    for_each_free_omega(gv::omegamask, scores.size(), [&](int c, int row, int column) {
+    const matrix_view<const double> mask = gv::omegamask.corner(gv::leneta, gv::leneta);
+    for_each_free_omega(mask, scores.size(), [&](int c, int row, int column) {
       scores(c) = usable(by_omega_(row, column) * at(i).weight);
     });
   }
@@ -210,7 +211,6 @@ class scored_block {
 
 void score_own_samples(matrix_view<const double> samples, vector_view<const double> weights,
                        sample_scores& scores) {
-  assert(gv::numprocs >= 1);
   scored_block block(samples, weights, scores);
   const int first = gv::myid == 0 ? gv::numprocs : gv::myid;
   for (int k = first; k <= weights.size(); k += gv::numprocs) {
@@ -245,10 +245,59 @@ void add_outer_product(vector_view<const double> x, matrix_view<double> a) {
     for (int i = 1; i <= a.rows(); ++i) a(i, j) += x(i) * x(j);
 }
 
+// What the scores of the fixed effects take from the tables of the regression. A place in iseqtheta
+// is looked for here without the host, who is asked once he may be.
+void check_classes(const entry_check& check, int isub) {
+  const auto& places = qv::iseqtheta;
+  check.holds("itypetheta_etamap", qv::itypetheta_etamap, gv::ntheta);
+  for (int j = 1; j <= gv::ntheta; ++j) {
+    const int column =
+        static_cast<int>(std::find(places.begin(), places.end(), j) - places.begin()) + 1;
+    const bool placed = column <= places.size();
+    if (is_mean(j)) {
+      check.within("an entry of itypetheta_etamap", qv::itypetheta_etamap(j), 1, gv::leneta);
+      if (placed) check.holds("ibaccolislog", gv::ibaccolislog, column);
+      continue;
+    }
+    check.holds("itypetheta", qv::itypetheta, gv::ntheta);
+    if (!is_covariate(j) || !placed) continue;
+    check.holds("cmatrix_3d", qv::cmatrix_3d, gv::leneta, column, isub);
+    check.holds("muetamap", gv::muetamap, gv::leneta);
+    for (const int row : gv::muetamap.first(gv::leneta))
+      check.within("an entry of muetamap", row, 0, gv::leneta);
+  }
+}
+
+// A function of its own in profiles: bench/entry_checks.py.
+[[gnu::noinline]] void check_entry(int isub, int nsample, const double* dsample2,
+                                   const double* wtcond2, const double* scoremat_qrpem,
+                                   int nomegafree) {
+  const entry_check check("scoretheta");
+  const int n = gv::leneta;
+  check.at_least("nsample", nsample, 1);
+  check.at_least("leneta", n, 0);
+  check.at_least("ntheta", gv::ntheta, 0);
+  check.within("nomegafree", nomegafree, 0, n * (n + 1) / 2);
+  check.at_least("isub", isub, 1);
+  if (isub > qv::cmatrix_3d.slices()) check.subject(isub);
+  check.share();
+  check.given("dsample2", dsample2, n);
+  check.given("wtcond2", wtcond2, nsample);
+  check.given("scoremat_qrpem", scoremat_qrpem, gv::ntheta + nomegafree);
+  check.holds("theta", gv::theta, gv::ntheta);
+  check.holds("omegainv", gv::omegainv, n, n);
+  if (nomegafree > 0) check.holds("omegamask", gv::omegamask, n, n);
+  check.holds("scorevec", gv::scorevec, gv::ntheta);
+  check.holds("scorevec_expanded", gv::scorevec_expanded, gv::ntheta + nomegafree);
+  check_classes(check, isub);
+}
+
 }  // namespace
 
 void scoretheta(const int& isub, const int& nsample, const double* dsample2, const double* wtcond2,
                 double* scoremat_qrpem, const int& nomegafree) {
+  const sole_entry alone("scoretheta");
+  check_entry(isub, nsample, dsample2, wtcond2, scoremat_qrpem, nomegafree);
   gv::izub = isub;
   host::setisub(isub);
   sample_scores scores(nomegafree, nsample);

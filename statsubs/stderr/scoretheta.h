@@ -11,7 +11,7 @@ namespace statsubs {
 // over subjects, the outer products are the empirical information matrix.
 //
 //   isub       in: the subject, from 1
-//   nsample    in: samples of its random effects
+//   nsample    in: samples of its random effects, at least 1
 //   dsample2(leneta x nsample)  in: the samples, zero-mean deviations, one per column
 //   wtcond2(nsample)  in: their weights, which sum to one; a sample of weight <= 1e-10 is left out
 //   scoremat_qrpem(n x n), n = ntheta + nomegafree  in/out: the outer product of the score is added
