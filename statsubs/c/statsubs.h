@@ -33,6 +33,8 @@ enum statsubs_status {
   STATSUBS_HOST_EXCEPTION = 1,    /* a callable of a host in C++ threw; results are incomplete */
   STATSUBS_UNUSABLE_TABLE = 2,    /* the host table is not one that this library knows */
   STATSUBS_UNUSABLE_ARGUMENT = 3, /* no storage where extents ask for some, or storage with gaps */
+  STATSUBS_REFUSED = 4,           /* an argument or the shared state is not what the routine needs,
+                                   * or it is called from inside itself; nothing has been done */
 };
 
 /* What the last status other than STATSUBS_OK was about; "" before the first. Valid until the next

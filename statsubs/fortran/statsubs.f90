@@ -22,6 +22,7 @@ module statsubs
   integer(c_int), parameter :: statsubs_host_exception = 1
   integer(c_int), parameter :: statsubs_unusable_table = 2
   integer(c_int), parameter :: statsubs_unusable_argument = 3
+  integer(c_int), parameter :: statsubs_refused = 4
   integer(c_int), parameter :: host_version = 1
   integer, parameter :: name_length = 100
 

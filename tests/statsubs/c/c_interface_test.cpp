@@ -25,6 +25,10 @@ statsubs_host_table c_table() {
   table.fcnxeta = [](const int* n, const double* eta, double* f) { *f = *n + eta[0]; };
   table.isgoodr8 = [](const double* x) { return *x < 10.0 ? 1 : 0; };
   table.getaccratio = [] { return 0.25; };
+  table.fcnxetas = [](const int* leneta, const int* n, const double*, double* f, double* z) {
+    f[*n - 1] = *leneta;
+    z[0] = 7.0;
+  };
   return table;
 }
 
@@ -44,6 +48,9 @@ TEST_F(CHostDeathTest, ForwardsWhatTheTableNamesAndDefaultsTheRest) {
   EXPECT_EQ(f, 3.5);
   EXPECT_EQ(host::isgoodr8(11.0), 0);
   EXPECT_EQ(host::getaccratio(), 0.25);
+  double objectives[] = {0.0, 0.0}, scores[] = {0.0, 0.0};
+  host::fcnxetas(3, 2, eta, objectives, scores);
+  EXPECT_EQ(objectives[1] + scores[0], 10.0);
   EXPECT_EQ(host::pow(2.0, 3.0), 8.0);
   EXPECT_DEATH(host::getscramble(), "getscramble");
 
@@ -59,6 +66,7 @@ TEST_F(CHost, AcceptsAnOlderTableAndRefusesOneItDoesNotKnow) {
   host::fcnxeta(1, &f, f);
   EXPECT_EQ(f, 1.0);
   EXPECT_EQ(host::isgoodr8(11.0), 1);
+  EXPECT_EQ(installed_host().fcnxetas, nullptr);
 
   const int whole = sizeof table;
   const int word = sizeof(void*);
