@@ -143,15 +143,18 @@ enum class start_kind { map, presample };
 // How the likelihood at the estimates is computed: by sampling, or by adaptive Gauss-Hermite
 // quadrature besides.
 enum class likelihood_kind { sampling, agq };
+// How a fit maximises: by Newton steps on the sampled likelihood, or by the EM algorithm.
+enum class method_kind { newton, em };
 enum class standard_error_kind { information, score, sandwich, none };
 
 inline constexpr int least_samples = 6;
 
 // settings_table.h has their names, ranges and words.
 struct estimation_settings {
+  method_kind method = method_kind::newton;
   int samples = 300;  // per subject and iteration
   int max_iterations = 500;
-  int seed = 1;  // scramblings drawn and thrown away before the run's own
+  int seed = 1;
   point_kind points = point_kind::sobol;
   bool fresh_points = false;  // new points in every iteration instead of common ones
   int scramble = 1;           // 0 none, 1 Owen-type, 2 Faure-Tezuka, 3 both
