@@ -16,7 +16,7 @@ struct objective_figures {
   std::vector<double> subjects;
   double by_quadrature = 0.0;                  // 0 without a quadrature
   std::vector<double> subjects_by_quadrature;  // empty without a quadrature
-  // The quadrature's value less the sampled one, and in units of the latter's Monte-Carlo error.
+  // The quadrature's value less the sampled one, and in units of the latter's Monte Carlo error.
   double difference = 0.0;
   double difference_in_mc_se = 0.0;
 };

@@ -18,7 +18,7 @@ struct likelihood_estimate {
   std::vector<subject_integral> subjects;
 };
 
-// From replicates of fresh scrambles with the proposals frozen. The points that the proposals were
+// From replicates with fresh points and the proposals frozen. The points that the proposals were
 // tuned on would give a value that is too good by several of its errors.
 likelihood_estimate estimate_likelihood(engine_host& host, const proposals& frozen, int samples,
                                         int replicates);

@@ -5,7 +5,7 @@
 // that make it singular. The EM algorithm creeps towards such an omega, ever more slowly, and none
 // of its steps tells that nothing is to be reached. So an omega on its way there is tried out: the
 // least eigenvalue of a block's correlation matrix, or a variance, is sent towards zero at once. If
-// -2 log-likelihood never rises by more than its Monte-Carlo error, omega is becoming singular.
+// -2 log-likelihood never rises by more than its Monte Carlo error, omega is becoming singular.
 #pragma once
 
 #include <Eigen/Core>

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // A model file and its data set made ready for estimation: the order of the fixed effects and the
-// random effects, the columns of the C matrix, individual parameters, and the negative log density
-// of a subject.
+// random effects, the columns of the C matrix, and individual parameters.
 //
 // With phi_i = C_i beta + eta_i the individual parameters are p_i = h(phi_i + direct effects), h by
 // parameter. The vector theta holds, in this order, the typical values (and the parameters without

@@ -154,7 +154,7 @@ struct estimation_settings {
   method_kind method = method_kind::newton;
   int samples = 300;  // per subject and iteration
   int max_iterations = 500;
-  int seed = 1;
+  int seed = 1;  // hashed into the address of every subject's points
   point_kind points = point_kind::sobol;
   bool fresh_points = false;  // new points in every iteration instead of common ones
   int scramble = 1;           // 0 none, 1 Owen-type, 2 Faure-Tezuka, 3 both
@@ -166,7 +166,7 @@ struct estimation_settings {
   bool freeze_omega = false;  // during burn-in
   bool run_all = false;       // do all iterations, converged or not
   double tolerance = 5e-4;    // movement that still lies ahead, see docs/model-file.md
-  int replicates = 8;         // scramblings behind the reported likelihood
+  int replicates = 8;         // randomisations behind the reported likelihood
   start_kind start = start_kind::map;
   int presamples = 300;  // points a subject for a start by presampling
   int map_np = 0;        // MAP-NP start-up iterations
@@ -174,7 +174,7 @@ struct estimation_settings {
   standard_error_kind standard_errors = standard_error_kind::information;
   int se_samples = 3000;       // points a subject for standard errors
   int npde_samples = 1000;     // simulations behind the NPDE; 0 leaves them out
-  int likelihood_samples = 0;  // points a subject for it; 0 means `samples`
+  int likelihood_samples = 0;  // points a subject for it; 0: varda chooses
   likelihood_kind likelihood = likelihood_kind::sampling;
   int agq_nodes = 11;  // per random effect
 };
