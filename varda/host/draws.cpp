@@ -58,8 +58,8 @@ bool draw_subject(engine_host& host, int subject, const std::vector<draw_compone
       const int count = counts[c];
       Eigen::Map<Eigen::VectorXd>(gv::xmusub.data(), effects) = from[c].centre - mu;
       Eigen::Map<Eigen::MatrixXd>(gv::omegacholsub.data(), effects, effects) = from[c].factor;
-      const int address = (pass.index * groups + g) * static_cast<int>(from.size()) +
-                          static_cast<int>(c);
+      const int address =
+          (pass.index * groups + g) * static_cast<int>(from.size()) + static_cast<int>(c);
       host.place_points({pass.why, address}, subject, count);
       double unused = 0.0;
       host.keep_predictions(&drawn.predictions, at);

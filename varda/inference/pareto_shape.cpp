@@ -23,8 +23,7 @@ double fitted_shape(const std::vector<double>& x) {
   const double quartile = x[static_cast<std::size_t>(n / 4.0 + 0.5) - 1];
   std::vector<double> theta, profile, shape;
   for (int j = 1; j <= grid; ++j) {
-    const double t =
-        1.0 / x.back() + (1.0 - std::sqrt(grid / (j - 0.5))) / (3.0 * quartile);
+    const double t = 1.0 / x.back() + (1.0 - std::sqrt(grid / (j - 0.5))) / (3.0 * quartile);
     double k = 0.0;
     for (const double value : x) k += std::log1p(-t * value);
     k /= n;
@@ -54,13 +53,14 @@ double pareto_shape(const Eigen::VectorXd& weights) {
   const auto n = static_cast<double>(sorted.size());
   const auto tail = static_cast<std::size_t>(std::ceil(std::min(0.2 * n, 3.0 * std::sqrt(n))));
   if (tail < least_tail || tail >= sorted.size()) return unknown;
-  std::nth_element(sorted.begin(), sorted.begin() + static_cast<std::ptrdiff_t>(tail),
-                   sorted.end(), std::greater<>());
+  std::nth_element(sorted.begin(), sorted.begin() + static_cast<std::ptrdiff_t>(tail), sorted.end(),
+                   std::greater<>());
   const double threshold = sorted[tail];
   std::vector<double> exceedances;
   for (std::size_t j = 0; j < tail; ++j) exceedances.push_back(sorted[j] - threshold);
   std::sort(exceedances.begin(), exceedances.end());
-  const double quartile = exceedances[static_cast<std::size_t>(static_cast<double>(tail) / 4.0 + 0.5) - 1];
+  const double quartile =
+      exceedances[static_cast<std::size_t>(static_cast<double>(tail) / 4.0 + 0.5) - 1];
   if (!(quartile > 0.0)) return unknown;
   const auto m = static_cast<double>(tail);
   return (m * fitted_shape(exceedances) + prior_weight * prior_shape) / (m + prior_weight);

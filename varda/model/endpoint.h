@@ -40,8 +40,8 @@ class endpoints {
   void objectives(const subject& who, const double* f, std::size_t stride, std::size_t n,
                   const double* theta, double* objective, double* scaled_squares) const;
 
-  // The derivatives of log p(y | f) by the logarithms of the endpoints' parameters. f: individuals x
-  // observations. `gradient` becomes individuals x parameters(); `hessian` the sum of the
+  // The derivatives of log p(y | f) by the logarithms of the endpoints' parameters. f: individuals
+  // x observations. `gradient` becomes individuals x parameters(); `hessian` the sum of the
   // individuals' second derivatives, each times its weight.
   void derivatives(const subject& who, const Eigen::MatrixXd& f, const double* theta,
                    const Eigen::VectorXd& weights, Eigen::MatrixXd& gradient,

@@ -206,8 +206,10 @@ void fit_by_newton(engine_host& host, const progress_listener& progress, fit_res
   take_conclusion(method, state, going, result);
   take_estimates(host, result);
 
-  int samples = settings.likelihood_samples > 0 ? settings.likelihood_samples : first_report_samples;
-  const double goal = error_goal * std::sqrt(std::max(1.0, host.model().subjects() / subjects_of_goal));
+  int samples =
+      settings.likelihood_samples > 0 ? settings.likelihood_samples : first_report_samples;
+  const double goal =
+      error_goal * std::sqrt(std::max(1.0, host.model().subjects() / subjects_of_goal));
   newton_report report = report_at(host, method, state, settings.replicates, samples);
   while (report.likelihood.complete && settings.likelihood_samples == 0 &&
          report.likelihood.mc_se > goal && 2 * samples <= most_report_samples) {
@@ -231,8 +233,9 @@ void fit_by_newton(engine_host& host, const progress_listener& progress, fit_res
     result.warnings.push_back(
         {.level = severity::warning,
          .code = "W-RUN-LIKELIHOOD",
-         .message = fmt::format("the Monte Carlo error of -2 log-likelihood, {:.2g}, is above {:.2g}",
-                                result.likelihood.mc_se, goal),
+         .message =
+             fmt::format("the Monte Carlo error of -2 log-likelihood, {:.2g}, is above {:.2g}",
+                         result.likelihood.mc_se, goal),
          .remedy = fmt::format("set estimation.likelihood_samples to about {:.0f}",
                                samples * std::ceil(std::pow(result.likelihood.mc_se / goal, 2)))});
   integrate_besides(host, progress, result);

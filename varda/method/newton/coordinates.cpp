@@ -60,8 +60,8 @@ Eigen::VectorXd coordinates::of(const Eigen::VectorXd& theta, const Eigen::Matri
   for (int k = 0; k < size(); ++k) {
     const entry& e = entries_[static_cast<std::size_t>(k)];
     if (e.theta >= 0) {
-      psi(k) = psi_of(model_.thetas()[static_cast<std::size_t>(e.theta)], e.logarithm,
-                      theta(e.theta));
+      psi(k) =
+          psi_of(model_.thetas()[static_cast<std::size_t>(e.theta)], e.logarithm, theta(e.theta));
       continue;
     }
     const double value = factor(e.places.front().first, e.places.front().second);
@@ -76,8 +76,8 @@ void coordinates::put(const Eigen::VectorXd& psi, Eigen::VectorXd& theta,
   for (int k = 0; k < size(); ++k) {
     const entry& e = entries_[static_cast<std::size_t>(k)];
     if (e.theta >= 0)
-      theta(e.theta) = theta_of(model_.thetas()[static_cast<std::size_t>(e.theta)], e.logarithm,
-                                psi(k));
+      theta(e.theta) =
+          theta_of(model_.thetas()[static_cast<std::size_t>(e.theta)], e.logarithm, psi(k));
     for (const auto& [row, column] : e.places)
       factor(row, column) = e.diagonal ? std::exp(psi(k)) : psi(k);
   }

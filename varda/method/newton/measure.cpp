@@ -72,14 +72,15 @@ subject_measure subject_sampler::measure(int subject, const subject_draw& drawn,
   model.means(subject, at.theta.data(), mu.data());
   const Eigen::MatrixXd z =
       at.prior.whitener().triangularView<Eigen::Lower>() * (drawn.phi.colwise() - mu);
-  const double prior_constant = at.prior.whitener().diagonal().array().log().sum() -
-                                0.5 * static_cast<double>(effects) * std::log(2.0 * std::numbers::pi);
+  const double prior_constant =
+      at.prior.whitener().diagonal().array().log().sum() -
+      0.5 * static_cast<double>(effects) * std::log(2.0 * std::numbers::pi);
   Eigen::VectorXd log_weight(n);
   int failed = 0;
   for (Eigen::Index j = 0; j < n; ++j) {
     log_data(j) = std::isfinite(log_data(j)) ? -log_data(j) : minus_infinity;
-    log_weight(j) = log_data(j) + prior_constant - 0.5 * z.col(j).squaredNorm() -
-                    drawn.log_proposal(j);
+    log_weight(j) =
+        log_data(j) + prior_constant - 0.5 * z.col(j).squaredNorm() - drawn.log_proposal(j);
     failed += log_data(j) == minus_infinity ? 1 : 0;
     if (std::isnan(log_weight(j))) log_weight(j) = minus_infinity;
   }
@@ -110,8 +111,8 @@ subject_measure subject_sampler::measure(int subject, const subject_draw& drawn,
 
   result.gradient = scores * weights;
   const Eigen::MatrixXd weighted = scores * weights.cwiseSqrt().asDiagonal();
-  result.information = -(hessian + weighted * weighted.transpose() -
-                         result.gradient * result.gradient.transpose());
+  result.information =
+      -(hessian + weighted * weighted.transpose() - result.gradient * result.gradient.transpose());
   const Eigen::Index size = n / drawn.groups;
   result.group_log_likelihood.resize(drawn.groups);
   result.group_gradient.resize(scale_.size(), drawn.groups);
@@ -135,7 +136,8 @@ void subject_sampler::score_prior(int subject, const Eigen::MatrixXd& z, const E
     if (e.theta >= 0) {
       for (std::size_t c = 0; c < model.columns().size(); ++c)
         if (model.columns()[c].theta == e.theta)
-          scores.row(k) += model.design(subject, static_cast<int>(c)) * u.row(model.columns()[c].eta);
+          scores.row(k) +=
+              model.design(subject, static_cast<int>(c)) * u.row(model.columns()[c].eta);
       continue;
     }
     for (const auto& [a, b] : e.places) {
@@ -226,7 +228,7 @@ void subject_sampler::score_data(int subject, const subject_draw& drawn,
     return std::isfinite(value) ? value : otherwise;
   };
   struct side {
-    Eigen::VectorXd value;  // log p(y | f)
+    Eigen::VectorXd value;     // log p(y | f)
     Eigen::VectorXd residual;  // weighted gradient by the residual coordinates
   };
   const auto evaluate = [&](const std::vector<std::pair<int, double>>& moves) {
@@ -275,11 +277,11 @@ void subject_sampler::score_data(int subject, const subject_draw& drawn,
         scores(k, j) += (above[i].value(j) - below[i].value(j)) / (2.0 * step[i]);
     hessian(k, k) += expected([&](Eigen::Index j) {
                        return above[i].value(j) - 2.0 * log_data(j) + below[i].value(j);
-                     }) / (step[i] * step[i]);
+                     }) /
+                     (step[i] * step[i]);
     for (const int l : residual_) {
       const int own = position(l) - model.first_of_endpoints();
-      const double mixed =
-          (above[i].residual(own) - below[i].residual(own)) / (2.0 * step[i]);
+      const double mixed = (above[i].residual(own) - below[i].residual(own)) / (2.0 * step[i]);
       hessian(k, l) += mixed;
       hessian(l, k) += mixed;
     }
@@ -290,7 +292,8 @@ void subject_sampler::score_data(int subject, const subject_draw& drawn,
                              return up.value(j) + down.value(j) + 2.0 * log_data(j) -
                                     above[i].value(j) - below[i].value(j) - above[o].value(j) -
                                     below[o].value(j);
-                           }) / (2.0 * step[i] * step[o]);
+                           }) /
+                           (2.0 * step[i] * step[o]);
       hessian(k, moving_[o]) += mixed;
       hessian(moving_[o], k) += mixed;
     }

@@ -31,7 +31,7 @@ struct subject_measure {
   double scaled_squares = 0.0;
   double effective_share = 0.0;  // effective samples / samples
   double largest_weight = 0.0;
-  double shape = 0.0;  // of the weights' tail
+  double shape = 0.0;   // of the weights' tail
   double failed = 0.0;  // share of the samples whose density is not finite
 };
 
@@ -63,12 +63,11 @@ class subject_sampler {
   void score_prior(int subject, const Eigen::MatrixXd& z, const Eigen::MatrixXd& u,
                    const measure_point& at, Eigen::MatrixXd& scores) const;
   Eigen::MatrixXd curvature_of_prior(int subject, const Eigen::VectorXd& first,
-                                     const Eigen::MatrixXd& second,
-                                     const measure_point& at) const;
+                                     const Eigen::MatrixXd& second, const measure_point& at) const;
   void score_data(int subject, const subject_draw& drawn, const Eigen::MatrixXd& predictions,
                   const Eigen::VectorXd& log_data, const measure_point& at,
-                  const Eigen::VectorXd& weights, Eigen::MatrixXd& scores,
-                  Eigen::MatrixXd& hessian, std::int64_t& evaluations);
+                  const Eigen::VectorXd& weights, Eigen::MatrixXd& scores, Eigen::MatrixXd& hessian,
+                  std::int64_t& evaluations);
 
   const density& joint_;
   const coordinates& scale_;

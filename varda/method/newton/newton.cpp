@@ -59,9 +59,11 @@ constexpr double most_failures = 0.2;
 // Near a singular omega.
 constexpr double undetermined_error = 1.5;  // of log L_aa
 constexpr double small_share_of_row = 0.1;
-constexpr double removal = 2.0;       // log L_aa less
-constexpr double decisive = 0.02;     // in -2 log-likelihood
+constexpr double removal = 3.0;    // log L_aa less
+constexpr double decisive = 0.01;  // in -2 log-likelihood; the difference is known to about 0.003
+constexpr double least_inflated_deviation = 0.1;
 constexpr int trial_samples = 1024;
+constexpr int most_removals = 3;
 
 bool is_sick(const subject_measure& m) {
   return m.effective_share < sick_share ||
@@ -77,9 +79,7 @@ std::vector<draw_component> single(const Eigen::VectorXd& centre, const Eigen::M
 }  // namespace
 
 newton_method::newton_method(engine_host& host)
-    : host_(host),
-      settings_(host.model().specification().estimation),
-      scale_(host.model()) {}
+    : host_(host), settings_(host.model().specification().estimation), scale_(host.model()) {}
 
 Eigen::VectorXd newton_method::psi_in_force() const {
   return scale_.of(host_.theta(), host_.omega());
@@ -190,8 +190,8 @@ draw_measure newton_method::measure(const whole_draw& drawn, const Eigen::Vector
     }
     variance /= r * (r - 1.0);
     scatter /= r * (r - 1.0);
-    packed.col(i).segment(2, 7) << m.largest_weight, m.shape, m.failed, variance,
-        m.scaled_squares, 0.0, 0.0;
+    packed.col(i).segment(2, 7) << m.largest_weight, m.shape, m.failed, variance, m.scaled_squares,
+        0.0, 0.0;
     if (!std::isfinite(m.shape)) packed(3, i) = 0.0;
     packed.col(i).segment(9, p) = m.gradient;
     packed.col(i).segment(9 + p, p * p) = m.information.reshaped();
@@ -231,8 +231,8 @@ void newton_method::judge_information(draw_measure& of, const Eigen::VectorXd& p
   std::vector<Eigen::Index> free;
   for (Eigen::Index k = 0; k < p; ++k) {
     const coordinates::entry& e = scale_.entries()[static_cast<std::size_t>(k)];
-    const bool held = (psi(k) <= e.lower && of.gradient(k) < 0.0) ||
-                      (psi(k) >= e.upper && of.gradient(k) > 0.0);
+    const bool held =
+        (psi(k) <= e.lower && of.gradient(k) < 0.0) || (psi(k) >= e.upper && of.gradient(k) > 0.0);
     if (!held) free.push_back(k);
   }
   const Eigen::MatrixXd information = of.information(free, free);
@@ -335,8 +335,8 @@ void newton_method::follow(const draw_measure& found, newton_state& state) const
   for (int i = 0; i < model.subjects(); ++i) {
     if (packed(d + d * d, i) < 0.5) continue;
     std::vector<draw_component>& own = state.proposals[static_cast<std::size_t>(i)];
-    const auto moved = single(packed.col(i).head(d),
-                              packed.col(i).segment(d, d * d).reshaped(d, d), target_ratio);
+    const auto moved =
+        single(packed.col(i).head(d), packed.col(i).segment(d, d * d).reshaped(d, d), target_ratio);
     // A mixture keeps its defensive part.
     own.front().centre = moved.front().centre;
     own.front().factor = moved.front().factor;
@@ -374,9 +374,8 @@ bool newton_method::look_widely(run_state& state, const draw_measure& found, boo
     bool second = false;
     if (best >= 0 && !has_mixture) {
       other = finder.search(i, far.col(best), at);
-      const double distance = main.factor.triangularView<Eigen::Lower>()
-                                  .solve(other.phi - main.centre)
-                                  .squaredNorm();
+      const double distance =
+          main.factor.triangularView<Eigen::Lower>().solve(other.phi - main.centre).squaredNorm();
       second = other.usable && distance > 4.0 &&
                std::exp(other.log_mass - found.subjects[own].log_likelihood) > most_outside;
     }
@@ -415,18 +414,20 @@ std::vector<int> newton_method::poorly_determined(const draw_measure& found,
                                                   const Eigen::VectorXd& psi) const {
   const Eigen::MatrixXd factor = host_.omega().llt().matrixL();
   const Eigen::MatrixXd covariance =
-      found.definite ? Eigen::MatrixXd(found.information.completeOrthogonalDecomposition().pseudoInverse())
-                     : Eigen::MatrixXd();
+      found.definite
+          ? Eigen::MatrixXd(found.information.completeOrthogonalDecomposition().pseudoInverse())
+          : Eigen::MatrixXd();
   std::vector<int> result;
   for (Eigen::Index k = 0; k < psi.size(); ++k) {
     const coordinates::entry& e = scale_.entries()[static_cast<std::size_t>(k)];
     if (!e.diagonal) continue;
     const int a = e.places.front().first;
-    const bool small = factor.row(a).norm() > 0.0 &&
-                       factor(a, a) < small_share_of_row * factor.row(a).norm();
-    const bool loose = found.information(k, k) <= 0.0 ||
-                       (found.definite && covariance(k, k) > undetermined_error * undetermined_error) ||
-                       1.0 / found.information(k, k) > undetermined_error * undetermined_error;
+    const bool small =
+        factor.row(a).norm() > 0.0 && factor(a, a) < small_share_of_row * factor.row(a).norm();
+    const bool loose =
+        found.information(k, k) <= 0.0 ||
+        (found.definite && covariance(k, k) > undetermined_error * undetermined_error) ||
+        1.0 / found.information(k, k) > undetermined_error * undetermined_error;
     if (small || loose) result.push_back(static_cast<int>(k));
   }
   return result;
@@ -457,7 +458,8 @@ bool newton_method::maximise(run_state& state, const std::vector<bool>& free, in
       const Eigen::MatrixXd basis = unit.cwiseInverse().asDiagonal() * solver.eigenvectors();
       const Eigen::VectorXd along = basis.transpose() * here.gradient(open);
       Eigen::VectorXd step = Eigen::VectorXd::Zero(psi.size());
-      step(open) = basis * along.cwiseQuotient(solver.eigenvalues().cwiseAbs().cwiseMax(least_eigenvalue));
+      step(open) =
+          basis * along.cwiseQuotient(solver.eigenvalues().cwiseAbs().cwiseMax(least_eigenvalue));
       bool moved = false;
       for (int half = 0; half < 5 && !moved; ++half, step *= 0.4) {
         const Eigen::VectorXd to = limited(step, psi);
@@ -493,9 +495,44 @@ bool newton_method::examine_boundary(run_state& state, const draw_measure& found
   const run_state kept = state;
   const Eigen::VectorXd psi = psi_in_force();
   constexpr int removed_draws = 3;
+  constexpr int inflated_draws = 6;
+  // Where L_aa is tiny its gradient vanishes whether or not the likelihood rises with it: such a
+  // place is left once, upwards.
+  Eigen::VectorXd more = psi;
+  const Eigen::MatrixXd lower = state.omega.llt().matrixL();
+  for (const int k : doubtful) {
+    const int a = scale_.entries()[static_cast<std::size_t>(k)].places.front().first;
+    const double row = lower.row(a).norm();
+    const bool lone = row <= lower(a, a) * (1.0 + 1e-12);
+    const double target = lone ? least_inflated_deviation : 0.5 * row;
+    if (lower(a, a) < 0.5 * target) more(k) = std::log(target);
+  }
+  if (!n.inflated && more != psi) {
+    double inside = 0.0;
+    double inflated = std::numeric_limits<double>::infinity();
+    whole_draw drawn;
+    if (!draw(state, {point_pass::purpose::trial, inflated_draws - 1}, trial_samples,
+              groups_of_a_draw, drawn))
+      return false;
+    inside = -2.0 * measure(drawn, psi, detail::value).log_likelihood;
+    if (take_force(state, more) && !maximise(state, all_but(-1), inflated_draws, 0, inflated))
+      return false;
+    n.inflated = true;
+    if (inflated < inside - 0.3 * decisive) {
+      n.samples = trial_samples;
+      moved = true;
+      return true;
+    }
+    state = kept;
+    state.newton.inflated = true;
+    take_force(state, psi);
+  }
   for (const int k : doubtful) {
     const auto restore = [&] {
+      const std::vector<std::string> singular = state.newton.singular;
       state = kept;
+      state.newton.singular = singular;
+      state.newton.inflated = true;
       take_force(state, psi);
     };
     double inside = 0.0;
@@ -513,10 +550,10 @@ bool newton_method::examine_boundary(run_state& state, const draw_measure& found
       return false;
     const double difference = removed - inside;
     const Eigen::MatrixXd& omega = kept.omega;
-    if (difference < -decisive && !n.inflated) {
+    if (difference < -decisive && n.removals < most_removals) {
       // Better without: go on from there.
-      state.newton.samples = trial_samples;
-      state.newton.inflated = true;
+      ++n.removals;
+      n.samples = trial_samples;
       moved = true;
       return true;
     }
@@ -559,8 +596,8 @@ bool newton_method::step(run_state& state) const {
   if (!n.started) return start(state) || stopped();
 
   // Fresh points; what they say before any step on them is the test.
-  const int samples = std::max(n.samples, std::min(settings_.samples > 300 ? settings_.samples : 0,
-                                                   most_samples_of_a_draw));
+  const int samples = std::max(
+      n.samples, std::min(settings_.samples > 300 ? settings_.samples : 0, most_samples_of_a_draw));
   whole_draw drawn;
   ++n.draws;
   if (!draw(state, {point_pass::purpose::draw, n.draws}, samples, groups_of_a_draw, drawn))
@@ -585,8 +622,7 @@ bool newton_method::step(run_state& state) const {
     if (!find_modes(host_, parameter_values(state.theta, state.omega), true, modes, laplace))
       return stopped();
     for (std::size_t i = 0; i < modes.size(); ++i)
-      if (modes[i].usable)
-        n.proposals[i] = single(modes[i].phi, modes[i].covariance, target_ratio);
+      if (modes[i].usable) n.proposals[i] = single(modes[i].phi, modes[i].covariance, target_ratio);
     if (++n.vain >= most_draws_in_vain) {
       n.trouble = "the likelihood of a subject is not finite";
       state.ended = true;
@@ -665,26 +701,24 @@ method_conclusion newton_method::conclude(const run_state& state) const {
   std::vector<std::string> sick;
   for (const int i : n.sick)
     sick.push_back(host_.model().data().subjects[static_cast<std::size_t>(i)].id);
-  const std::string figures =
-      fmt::format("gain ahead {:.2g} +- {:.2g} in -2 log-likelihood on points that the fit has not "
-                  "used",
-                  n.gain_ahead, n.noise);
+  const std::string figures = fmt::format(
+      "gain ahead {:.2g} +- {:.2g} in -2 log-likelihood on points that the fit has not "
+      "used",
+      n.gain_ahead, n.noise);
   result.converged = n.arrived && n.singular.empty() && n.most_failed <= most_failures;
   if (!n.trouble.empty())
     result.reason = fmt::format("{}; {}", n.trouble, figures);
   else if (!n.arrived)
     result.reason = fmt::format("{}", figures);
   else if (!n.singular.empty())
-    result.reason = fmt::format(
-        "omega is singular, or cannot be told from a singular one: {}; {}",
-        fmt::join(n.singular, ", "), figures);
+    result.reason = fmt::format("omega is singular, or cannot be told from a singular one: {}; {}",
+                                fmt::join(n.singular, ", "), figures);
   else if (n.most_failed > most_failures)
     result.reason = fmt::format("the model cannot be evaluated at {:.0f} % of a subject's samples",
                                 100.0 * n.most_failed);
   else
     result.reason = figures;
-  if (!sick.empty())
-    result.reason += fmt::format("; poorly sampled: {}", fmt::join(sick, ", "));
+  if (!sick.empty()) result.reason += fmt::format("; poorly sampled: {}", fmt::join(sick, ", "));
   return result;
 }
 

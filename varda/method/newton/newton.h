@@ -14,7 +14,7 @@ struct draw_measure {
   double error = 0.0;  // standard error of -2 log-likelihood, pooled over subjects
   Eigen::VectorXd gradient;
   Eigen::MatrixXd information;
-  Eigen::MatrixXd scatter;  // covariance of the gradient's error
+  Eigen::MatrixXd scatter;                // covariance of the gradient's error
   std::vector<subject_measure> subjects;  // those of this process; the figures of all
   // What is still ahead in -2 log-likelihood and its noise, by this information.
   double gain = 0.0;
@@ -30,8 +30,8 @@ struct whole_draw {
 };
 
 // Maximum likelihood by Newton steps on the sampled log-likelihood, with fresh points for every
-// draw. What is still to be gained at a draw's points before any step on them, and the noise of that
-// figure, decide when the maximum is reached: docs/verdict.md.
+// draw. What is still to be gained at a draw's points before any step on them, and the noise of
+// that figure, decide when the maximum is reached: docs/verdict.md.
 class newton_method final : public estimation_method {
  public:
   explicit newton_method(engine_host& host);

@@ -17,7 +17,7 @@ namespace varda {
 namespace {
 
 constexpr int most_steps = 40;
-constexpr double difference = 1e-2;         // of the first steps, in prior deviations
+constexpr double difference = 1e-2;        // of the first steps, in prior deviations
 constexpr double finer_difference = 0.02;  // later, in conditional deviations
 constexpr double least_gain = 1e-6;
 constexpr double longest_step = 3.0;
@@ -59,10 +59,9 @@ local_model derivatives(const Eigen::VectorXd& f, const Eigen::VectorXd& step) {
   Eigen::Index at = 1 + 2 * n;
   for (Eigen::Index k = 0; k < n; ++k)
     for (Eigen::Index l = 0; l < k; ++l, at += 2)
-      result.hessian(k, l) = result.hessian(l, k) =
-          (f(at) + f(at + 1) + 2.0 * f(0) - f(1 + 2 * k) - f(2 + 2 * k) - f(1 + 2 * l) -
-           f(2 + 2 * l)) /
-          (2.0 * step(k) * step(l));
+      result.hessian(k, l) = result.hessian(l, k) = (f(at) + f(at + 1) + 2.0 * f(0) - f(1 + 2 * k) -
+                                                     f(2 + 2 * k) - f(1 + 2 * l) - f(2 + 2 * l)) /
+                                                    (2.0 * step(k) * step(l));
   return result;
 }
 
@@ -112,8 +111,8 @@ normal_posterior mode_finder::search(int subject, const Eigen::VectorXd& from,
     if (solver.info() != Eigen::Success) break;
     hessian = local.hessian;
     const Eigen::VectorXd curvature = solver.eigenvalues().cwiseAbs().cwiseMax(least_curvature);
-    const Eigen::VectorXd along = solver.eigenvectors().transpose() * unit.asDiagonal() *
-                                  local.gradient;
+    const Eigen::VectorXd along =
+        solver.eigenvectors().transpose() * unit.asDiagonal() * local.gradient;
     Eigen::VectorXd move = solver.eigenvectors() * along.cwiseQuotient(curvature);
     const double length = move.cwiseAbs().maxCoeff();
     if (length > longest_step) move *= longest_step / length;
@@ -151,10 +150,9 @@ normal_posterior mode_finder::search(int subject, const Eigen::VectorXd& from,
   const Eigen::VectorXd curvature = solver.eigenvalues().cwiseMax(1.0);
   const Eigen::MatrixXd root = l * solver.eigenvectors();
   result.covariance = root * curvature.cwiseInverse().asDiagonal() * root.transpose();
-  double log_determinant = -curvature.array().log().sum() +
-                           2.0 * l.diagonal().array().log().sum();
-  result.log_mass = result.log_density + 0.5 * static_cast<double>(n) *
-                                             std::log(2.0 * std::numbers::pi) +
+  double log_determinant = -curvature.array().log().sum() + 2.0 * l.diagonal().array().log().sum();
+  result.log_mass = result.log_density +
+                    0.5 * static_cast<double>(n) * std::log(2.0 * std::numbers::pi) +
                     0.5 * log_determinant;
   return result;
 }

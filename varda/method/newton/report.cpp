@@ -84,7 +84,8 @@ newton_report report_at(engine_host& host, const newton_method& method, const ru
     const Eigen::VectorXd gradient = packed.col(i).tail(p);
     opg += gradient * gradient.transpose();
   }
-  const Eigen::MatrixXd inverse = jacobian(model, method.scale(), host.theta(), host.omega()).inverse();
+  const Eigen::MatrixXd inverse =
+      jacobian(model, method.scale(), host.theta(), host.omega()).inverse();
   result.information = inverse.transpose() * found.information * inverse;
   result.scores = inverse.transpose() * opg * inverse;
   likelihood.complete = found.finite;

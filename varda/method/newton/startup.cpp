@@ -117,8 +117,8 @@ Eigen::VectorXd screen(engine_host& host, const Eigen::VectorXd& start) {
   const population_model& model = host.model();
   density_workspace scratch(model);
   std::int64_t evaluations = 0;
-  uniforms draw(address_of(model.specification().estimation.seed,
-                           {point_pass::purpose::screening, 0}, 0));
+  uniforms draw(
+      address_of(model.specification().estimation.seed, {point_pass::purpose::screening, 0}, 0));
   double scale = 1.0;
   Eigen::VectorXd best = start;
   double least = pooled_objective(host, best, &scale, evaluations, scratch);
@@ -270,8 +270,8 @@ class two_stage {
       model_.means(i, theta.data(), mu.data());
       const Eigen::MatrixXd whitened = prior.whitener() * design;
       normal += whitened.transpose() * whitened;
-      right += whitened.transpose() *
-               (prior.whitener() * (modes[static_cast<std::size_t>(i)].phi - mu));
+      right +=
+          whitened.transpose() * (prior.whitener() * (modes[static_cast<std::size_t>(i)].phi - mu));
     }
     const Eigen::VectorXd move = normal.completeOrthogonalDecomposition().solve(right);
     double change = 0.0;
