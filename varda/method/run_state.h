@@ -44,7 +44,8 @@ struct run_state {
 struct method_conclusion {
   bool converged = false;
   std::string reason;
-  std::vector<std::string> singular;  // what makes omega singular
+  std::vector<std::string> singular;    // what makes omega singular
+  std::vector<std::string> indistinct;  // variances that cannot be told from 0
   std::vector<int> held_by_bounds;    // positions in theta
 };
 

@@ -146,6 +146,13 @@ void take_conclusion(const estimation_method& method, const run_state& state, bo
   result.reason = went_through ? end.reason : stop_reason;
   result.singular = end.singular;
   result.held_by_bounds = end.held_by_bounds;
+  if (!end.indistinct.empty())
+    result.warnings.push_back(
+        {.level = severity::warning,
+         .code = "W-RUN-INDISTINCT",
+         .message = fmt::format("the data do not tell {} from 0", fmt::join(end.indistinct, ", ")),
+         .remedy = "read its estimate and standard error with care, or leave the random effect "
+                   "out"});
 }
 
 bool wants_errors(const fit_result& result, const estimation_settings& settings) {
@@ -241,7 +248,7 @@ void fit_by_newton(engine_host& host, const progress_listener& progress, fit_res
   integrate_besides(host, progress, result);
   if (!result.singular.empty()) {
     result.errors.shown = settings.standard_errors;
-    result.errors.reason = "omega is singular, or cannot be told from a singular one";
+    result.errors.reason = "omega is singular";
   } else if (wants_errors(result, settings)) {
     watch.lap();
     keep_errors(errors_from(host, report.information, report.scores), result);

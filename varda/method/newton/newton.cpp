@@ -59,11 +59,15 @@ constexpr double most_failures = 0.2;
 // Near a singular omega.
 constexpr double undetermined_error = 1.5;  // of log L_aa
 constexpr double small_share_of_row = 0.1;
-constexpr double removal = 3.0;    // log L_aa less
-constexpr double decisive = 0.01;  // in -2 log-likelihood; the difference is known to about 0.003
+constexpr double small_deviation = 0.02;  // of a random effect without correlations
+constexpr double removal = 2.0;           // log L_aa less
+constexpr double decisive = 0.02;         // in -2 log-likelihood
+constexpr double inflation_gain = 0.01;
 constexpr double least_inflated_deviation = 0.1;
 constexpr int trial_samples = 1024;
-constexpr int most_removals = 3;
+constexpr int trial_end_samples = 4096;  // where the ends of a trial are compared
+constexpr double trial_errors = 3.0;     // that a difference has to exceed
+constexpr int most_removals = 2;
 
 bool is_sick(const subject_measure& m) {
   return m.effective_share < sick_share ||
@@ -102,6 +106,36 @@ bool newton_method::take_force(run_state& state, const Eigen::VectorXd& psi) con
   host_.set_theta(theta);
   state.theta = theta;
   state.omega = omega;
+  return true;
+}
+
+// The same for an omega that is far away: the proposals follow it, each subject's likelihood taken
+// for normal, with the precision of the conditional distribution less that of the population.
+bool newton_method::leap_to(run_state& state, const Eigen::VectorXd& psi) const {
+  const Eigen::MatrixXd before = state.omega;
+  if (!take_force(state, psi)) return false;
+  const Eigen::MatrixXd identity = Eigen::MatrixXd::Identity(before.rows(), before.cols());
+  const Eigen::MatrixXd old_precision = before.llt().solve(identity);
+  const Eigen::MatrixXd precision = state.omega.llt().solve(identity);
+  const double widening = std::pow(target_ratio, -1.0 / static_cast<double>(before.rows()));
+  Eigen::VectorXd mu(before.rows());
+  for (std::size_t i = 0; i < state.newton.proposals.size(); ++i) {
+    draw_component& main = state.newton.proposals[i].front();
+    const Eigen::MatrixXd covariance =
+        main.factor * main.factor.transpose() / (widening * widening);
+    const Eigen::MatrixXd own = covariance.llt().solve(identity);
+    const Eigen::LLT<Eigen::MatrixXd> moved(own + precision - old_precision);
+    if (moved.info() != Eigen::Success) {
+      main.factor = widening * Eigen::MatrixXd(state.omega.llt().matrixL());
+      continue;
+    }
+    host_.model().means(static_cast<int>(i), state.theta.data(), mu.data());
+    const Eigen::MatrixXd next = moved.solve(identity);
+    const Eigen::LLT<Eigen::MatrixXd> factor(0.5 * (next + next.transpose()));
+    if (factor.info() != Eigen::Success) continue;
+    main.centre = mu + moved.solve(own * (main.centre - mu));
+    main.factor = widening * Eigen::MatrixXd(factor.matrixL());
+  }
   return true;
 }
 
@@ -433,17 +467,18 @@ std::vector<int> newton_method::poorly_determined(const draw_measure& found,
   return result;
 }
 
-// Newton steps over `draws` draws at fixed points, coordinates that are not free held.
+// Newton steps over `draws` draws at fixed points, coordinates that are not free held; the last
+// draw only measures.
 bool newton_method::maximise(run_state& state, const std::vector<bool>& free, int draws,
-                             int first_pass, double& minus2ll) const {
+                             trial_end& end) const {
   Eigen::VectorXd psi = psi_in_force();
   for (int d = 0; d < draws; ++d) {
     whole_draw drawn;
-    if (!draw(state, {point_pass::purpose::trial, first_pass + d}, trial_samples, groups_of_a_draw,
-              drawn))
+    if (!draw(state, {point_pass::purpose::trial, d},
+              d + 1 < draws ? trial_samples : trial_end_samples, groups_of_a_draw, drawn))
       return false;
     draw_measure here = measure(drawn, psi, detail::derivatives);
-    minus2ll = -2.0 * here.log_likelihood;
+    end = {-2.0 * here.log_likelihood, here.error};
     if (!here.finite) return true;
     for (int s = 0; s < 3 && d + 1 < draws; ++s) {
       // The step in the free coordinates alone.
@@ -477,111 +512,117 @@ bool newton_method::maximise(run_state& state, const std::vector<bool>& free, in
   return true;
 }
 
-// Decides on an omega that is nearly singular by the difference, with the same points, between the
-// maximum inside and the one with the direction all but removed. `moved`: the steps go on, from a
-// better place.
+// Decides on an omega that is nearly singular, or poorly determined, by differences of sampled
+// likelihoods with the same points. `moved`: the steps go on, from a better place.
 bool newton_method::examine_boundary(run_state& state, const draw_measure& found,
                                      bool& moved) const {
+  constexpr int draws_of_a_trial = 5;
   moved = false;
-  const std::vector<int> doubtful = poorly_determined(found, psi_in_force());
   newton_state& n = state.newton;
   n.singular.clear();
+  n.indistinct.clear();
+  const Eigen::VectorXd psi = psi_in_force();
+  const std::vector<int> doubtful = poorly_determined(found, psi);
   if (doubtful.empty()) return true;
-  const auto all_but = [&](int k) {
-    std::vector<bool> free(static_cast<std::size_t>(scale_.size()), true);
-    if (k >= 0) free[static_cast<std::size_t>(k)] = false;
-    return free;
+  const Eigen::MatrixXd factor = state.omega.llt().matrixL();
+  const auto effect_of = [&](int k) {
+    return scale_.entries()[static_cast<std::size_t>(k)].places.front().first;
+  };
+  const auto target_of = [&](int k) {
+    const int a = effect_of(k);
+    const double row = factor.row(a).norm();
+    return row <= factor(a, a) * (1.0 + 1e-12) ? least_inflated_deviation : 0.5 * row;
+  };
+  const auto is_small = [&](int k) {
+    const int a = effect_of(k);
+    const double row = factor.row(a).norm();
+    return row <= factor(a, a) * (1.0 + 1e-12) ? row < small_deviation
+                                               : factor(a, a) < small_share_of_row * row;
   };
   const run_state kept = state;
-  const Eigen::VectorXd psi = psi_in_force();
-  constexpr int removed_draws = 3;
-  constexpr int inflated_draws = 6;
+  // -2 log-likelihood here at the points on which a trial ends.
+  whole_draw drawn;
+  if (!draw(state, {point_pass::purpose::trial, draws_of_a_trial - 1}, trial_end_samples,
+            groups_of_a_draw, drawn))
+    return false;
+  const draw_measure now = measure(drawn, psi, detail::derivatives);
+  const trial_end inside{-2.0 * now.log_likelihood, now.error};
+  drawn = {};
+  // How far below the other end of a trial must lie to count.
+  const auto margin = [&](const trial_end& end) {
+    return trial_errors * std::hypot(inside.error, end.error);
+  };
+  const auto restore = [&] {
+    state.theta = kept.theta;
+    state.omega = kept.omega;
+    n.proposals = kept.newton.proposals;
+    take_force(state, psi);
+  };
+  // The maximum from elsewhere, coordinate `held` (or none) staying where it is.
+  const auto try_from = [&](const Eigen::VectorXd& there, int held, trial_end& end) {
+    std::vector<bool> free(static_cast<std::size_t>(scale_.size()), true);
+    if (held >= 0) free[static_cast<std::size_t>(held)] = false;
+    end = {std::numeric_limits<double>::infinity(), 0.0};
+    return !leap_to(state, there) || maximise(state, free, draws_of_a_trial, end);
+  };
+
   // Where L_aa is tiny its gradient vanishes whether or not the likelihood rises with it: such a
   // place is left once, upwards.
   Eigen::VectorXd more = psi;
-  const Eigen::MatrixXd lower = state.omega.llt().matrixL();
-  for (const int k : doubtful) {
-    const int a = scale_.entries()[static_cast<std::size_t>(k)].places.front().first;
-    const double row = lower.row(a).norm();
-    const bool lone = row <= lower(a, a) * (1.0 + 1e-12);
-    const double target = lone ? least_inflated_deviation : 0.5 * row;
-    if (lower(a, a) < 0.5 * target) more(k) = std::log(target);
-  }
-  if (!n.inflated && more != psi) {
-    double inside = 0.0;
-    double inflated = std::numeric_limits<double>::infinity();
-    whole_draw drawn;
-    if (!draw(state, {point_pass::purpose::trial, inflated_draws - 1}, trial_samples,
-              groups_of_a_draw, drawn))
-      return false;
-    inside = -2.0 * measure(drawn, psi, detail::value).log_likelihood;
-    if (take_force(state, more) && !maximise(state, all_but(-1), inflated_draws, 0, inflated))
-      return false;
+  for (const int k : doubtful)
+    if (is_small(k)) more(k) = std::log(target_of(k));
+  if (more != psi && !n.inflated) {
     n.inflated = true;
-    if (inflated < inside - 0.3 * decisive) {
+    trial_end inflated;
+    if (!try_from(more, -1, inflated)) return false;
+    if (inflated.minus2ll < inside.minus2ll - std::max(inflation_gain, margin(inflated))) {
       n.samples = trial_samples;
       moved = true;
       return true;
     }
-    state = kept;
-    state.newton.inflated = true;
-    take_force(state, psi);
+    restore();
   }
   for (const int k : doubtful) {
-    const auto restore = [&] {
-      const std::vector<std::string> singular = state.newton.singular;
-      state = kept;
-      state.newton.singular = singular;
-      state.newton.inflated = true;
-      take_force(state, psi);
-    };
-    double inside = 0.0;
-    whole_draw drawn;
-    if (!draw(state, {point_pass::purpose::trial, removed_draws - 1}, trial_samples,
-              groups_of_a_draw, drawn))
-      return false;
-    inside = -2.0 * measure(drawn, psi, detail::value).log_likelihood;
-    const coordinates::entry& e = scale_.entries()[static_cast<std::size_t>(k)];
-    const auto [row, column] = e.places.front();
+    if (is_small(k)) {
+      n.singular.push_back(name_of_singular(state.omega, effect_of(k)));
+      continue;
+    }
     Eigen::VectorXd less = psi;
     less(k) -= removal;
-    double removed = std::numeric_limits<double>::infinity();
-    if (take_force(state, less) && !maximise(state, all_but(k), removed_draws, 0, removed))
-      return false;
-    const double difference = removed - inside;
-    const Eigen::MatrixXd& omega = kept.omega;
-    if (difference < -decisive && n.removals < most_removals) {
-      // Better without: go on from there.
+    trial_end removed;
+    if (!try_from(less, k, removed)) return false;
+    if (removed.minus2ll < inside.minus2ll - std::max(decisive, margin(removed)) &&
+        n.removals < most_removals) {
       ++n.removals;
       n.samples = trial_samples;
       moved = true;
       return true;
     }
     restore();
-    if (difference > decisive) continue;
-    // The name that tells what vanishes: a variance of its own, or the closest correlation.
-    double closest = 0.0;
-    int with = -1;
-    for (int other = 0; other < omega.rows(); ++other) {
-      if (other == row || omega(row, other) == 0.0) continue;
-      const double r = omega(row, other) / std::sqrt(omega(row, row) * omega(other, other));
-      if (std::fabs(r) > std::fabs(closest)) {
-        closest = r;
-        with = other;
-      }
-    }
-    const auto name = [&](int i) {
-      return host_.model().effects()[static_cast<std::size_t>(i)].name;
-    };
-    const Eigen::MatrixXd factor = omega.llt().matrixL();
-    const bool by_correlation = with >= 0 && factor(row, row) < 0.5 * factor.row(row).norm();
-    state.newton.singular.push_back(
-        by_correlation
-            ? fmt::format("corr({},{})", name(std::min(row, with)), name(std::max(row, with)))
-            : fmt::format("omega({})", name(row)));
+    if (removed.minus2ll < inside.minus2ll + decisive)
+      n.indistinct.push_back(name_of_singular(state.omega, effect_of(k)));
   }
-  state.newton.boundary_known = true;
   return true;
+}
+
+// What vanishes in words: a variance of its own, or the closest correlation.
+std::string newton_method::name_of_singular(const Eigen::MatrixXd& omega, int effect) const {
+  const auto name = [&](int i) {
+    return host_.model().effects()[static_cast<std::size_t>(i)].name;
+  };
+  const Eigen::MatrixXd factor = omega.llt().matrixL();
+  int with = -1;
+  double closest = 0.0;
+  for (int other = 0; other < omega.rows(); ++other) {
+    const double r =
+        std::fabs(omega(effect, other)) / std::sqrt(omega(effect, effect) * omega(other, other));
+    if (other == effect || r <= closest) continue;
+    closest = r;
+    with = other;
+  }
+  if (with >= 0 && factor(effect, effect) < 0.5 * factor.row(effect).norm())
+    return fmt::format("corr({},{})", name(std::min(effect, with)), name(std::max(effect, with)));
+  return fmt::format("omega({})", name(effect));
 }
 
 bool newton_method::step(run_state& state) const {
@@ -645,7 +686,7 @@ bool newton_method::step(run_state& state) const {
   bool vain = false;
   if (enough && arrived && healthy) {
     bool moved = false;
-    if (!n.boundary_known && !examine_boundary(state, here, moved)) return stopped();
+    if (!examine_boundary(state, here, moved)) return stopped();
     if (moved) return true;
     const ascent last = climb(drawn, psi, here, 1);
     if (last.gained <= last_step_ratio * here.gain + last_step_slack && take_force(state, last.psi))
@@ -660,7 +701,6 @@ bool newton_method::step(run_state& state) const {
       return true;
     }
     follow(up.last, n);
-    n.boundary_known = false;
     const bool noise_is_left = here.gain <= std::max(noise_limit, 3.0 * here.noise);
     if ((noise_is_left || up.gained < 0.5) && (here.noise > noise_limit || !enough)) {
       vain = n.samples >= most_samples_of_a_draw;
@@ -668,7 +708,7 @@ bool newton_method::step(run_state& state) const {
                                    : std::min(2 * n.samples, most_samples_of_a_draw);
     }
   }
-  n.vain = vain ? n.vain + 1 : 0;
+  n.vain = vain ? n.vain + 1 : n.vain;
   if (!state.ended && n.vain >= most_draws_in_vain) {
     bool moved = false;
     if (!examine_boundary(state, here, moved)) return stopped();
@@ -711,8 +751,9 @@ method_conclusion newton_method::conclude(const run_state& state) const {
   else if (!n.arrived)
     result.reason = fmt::format("{}", figures);
   else if (!n.singular.empty())
-    result.reason = fmt::format("omega is singular, or cannot be told from a singular one: {}; {}",
-                                fmt::join(n.singular, ", "), figures);
+    result.reason =
+        fmt::format("omega is singular: {}; -2 log-likelihood is no better away from there; {}",
+                    fmt::join(n.singular, ", "), figures);
   else if (n.most_failed > most_failures)
     result.reason = fmt::format("the model cannot be evaluated at {:.0f} % of a subject's samples",
                                 100.0 * n.most_failed);

@@ -62,10 +62,15 @@ class newton_method final : public estimation_method {
   void follow(const draw_measure& found, newton_state& state) const;
   bool look_widely(run_state& state, const draw_measure& found, bool& changed) const;
   bool take_force(run_state& state, const Eigen::VectorXd& psi) const;
+  bool leap_to(run_state& state, const Eigen::VectorXd& psi) const;
   bool examine_boundary(run_state& state, const draw_measure& found, bool& moved) const;
-  bool maximise(run_state& state, const std::vector<bool>& free, int draws, int first_pass,
-                double& minus2ll) const;
+  struct trial_end {
+    double minus2ll = 0.0;
+    double error = 0.0;
+  };
+  bool maximise(run_state& state, const std::vector<bool>& free, int draws, trial_end& end) const;
   std::vector<int> poorly_determined(const draw_measure& found, const Eigen::VectorXd& psi) const;
+  std::string name_of_singular(const Eigen::MatrixXd& omega, int effect) const;
   Eigen::VectorXd psi_in_force() const;
 
   engine_host& host_;
