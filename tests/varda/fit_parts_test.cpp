@@ -273,6 +273,7 @@ TEST(Iterations, TakeThePointsThatAreGiven) {
   const auto evaluations = [](int iterations) {
     const population_model model = test::theophylline([&](model_specification& file) {
       estimation_settings& s = file.estimation;
+      s.method = method_kind::em;
       s.samples = 256;
       s.fresh_points = s.run_all = true;
       s.max_iterations = iterations;

@@ -2,6 +2,7 @@
 #include "varda/method/newton/coordinates.h"
 
 #include <Eigen/Cholesky>
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -75,9 +76,10 @@ void coordinates::put(const Eigen::VectorXd& psi, Eigen::VectorXd& theta,
   Eigen::MatrixXd factor = omega.llt().matrixL();
   for (int k = 0; k < size(); ++k) {
     const entry& e = entries_[static_cast<std::size_t>(k)];
-    if (e.theta >= 0)
-      theta(e.theta) =
-          theta_of(model_.thetas()[static_cast<std::size_t>(e.theta)], e.logarithm, psi(k));
+    if (e.theta >= 0) {
+      const fixed_effect& t = model_.thetas()[static_cast<std::size_t>(e.theta)];
+      theta(e.theta) = std::clamp(theta_of(t, e.logarithm, psi(k)), t.lower, t.upper);
+    }
     for (const auto& [row, column] : e.places)
       factor(row, column) = e.diagonal ? std::exp(psi(k)) : psi(k);
   }

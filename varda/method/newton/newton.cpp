@@ -164,7 +164,6 @@ bool newton_method::start(run_state& state) const {
     n.proposals[i] = single(mu, state.omega, target_ratio);
   }
   n.started = true;
-  state.records.push_back({0, found.laplace, state.theta, state.omega});
   return true;
 }
 
@@ -626,6 +625,16 @@ std::string newton_method::name_of_singular(const Eigen::MatrixXd& omega, int ef
 }
 
 bool newton_method::step(run_state& state) const {
+  const std::size_t known = state.records.size();
+  if (!advance(state)) return false;
+  if (state.records.size() > known) {
+    state.records.back().theta = state.theta;
+    state.records.back().omega = state.omega;
+  }
+  return true;
+}
+
+bool newton_method::advance(run_state& state) const {
   const run_state before = state;
   const auto stopped = [&] {
     state = before;

@@ -54,6 +54,7 @@ class newton_method final : public estimation_method {
     double gained = 0.0;  // in -2 log-likelihood
     draw_measure last;
   };
+  bool advance(run_state& state) const;
   bool start(run_state& state) const;
   ascent climb(const whole_draw& drawn, const Eigen::VectorXd& psi, const draw_measure& here,
                int most_steps) const;
