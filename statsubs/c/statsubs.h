@@ -55,6 +55,10 @@ typedef void (*statsubs_line_sink)(void* context, const char* line, int length);
  * or back to standard output with a null sink. */
 STATSUBS_API int statsubs_take_unit(int unit, statsubs_line_sink sink, void* context);
 
+/* Has the engine log stand at `path`, which is copied, instead of vardaengine.log in the working
+ * directory; a null pointer or an empty path brings that back. */
+STATSUBS_API int statsubs_place_engine_log(const char* path);
+
 /* Writes one line to an output unit. */
 STATSUBS_API int statsubs_write_line(int unit, const char* line, int length);
 

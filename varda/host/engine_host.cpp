@@ -131,6 +131,9 @@ void engine_host::install() {
     engine_host& me = current();
     me.evaluate(me.eta_.data(), f);
   };
+  table.fcnxetas = [](const int&, const int& n, const double* etas, double* f, double* z) {
+    current().evaluate_block(n, etas, f, z);
+  };
   table.setmainstdev = [](const double& sd) {
     engine_host& me = current();
     if (me.sigma_position() < 0) return;
@@ -154,11 +157,13 @@ void engine_host::install() {
   table.stoprequested = [] { return static_cast<int>(stop_signal); };
   table.checkforstop = [](int& flag) {
     double asked = flag != 0 ? 1.0 : 0.0;
-    current().peers_.sum(&asked, 1);
+    if (!current().alone_) current().peers_.sum(&asked, 1);
     sv::globalstop = asked > 0.0 ? 1 : 0;
   };
   table.dran3 = [](int& state) { return current().uniform(state); };
-  table.globalvec = [](double* vector, const int& length) { current().peers_.sum(vector, length); };
+  table.globalvec = [](double* vector, const int& length) {
+    if (!current().alone_) current().peers_.sum(vector, length);
+  };
 
   table.packparameters1 = [](const double* theta, const double* omega, const double& sigma,
                              double* x, const int& leneta, int& count) {
@@ -363,6 +368,34 @@ void engine_host::evaluate(const double* eta, double& f) {
   double score = 0.0;
   f = density_.of_data(subject_, theta_.data(), phi_, score, scratch_) + prior_.negative_log(eta);
   gv::zscoresub = score;
+}
+
+void engine_host::evaluate_block(int n, const double* etas, double* f, double* scores) {
+  evaluations_ += n;
+  refresh_means();
+  const Eigen::Map<const Eigen::MatrixXd> eta(etas, phi_.size(), n);
+  block_phi_ = eta.colwise() + means_;
+  density_.predict(subject_, theta_.data(), block_phi_, block_predictions_, scratch_);
+  density_.of_data(subject_, theta_.data(), block_predictions_, block_objective_, block_score_);
+  for (Eigen::Index j = 0; j < n; ++j) {
+    f[j] = block_objective_(j) + prior_.negative_log(eta.col(j).data());
+    scores[j] = block_score_(j);
+  }
+  if (kept_ == nullptr) return;
+  kept_->middleRows(next_kept_, n) = block_predictions_;
+  next_kept_ += n;
+}
+
+engine_host::solitude::solitude(engine_host& host) : host_(host) {
+  host_.alone_ = true;
+  gv::numprocs = 1;
+  gv::myid = 0;
+}
+
+engine_host::solitude::~solitude() {
+  host_.alone_ = false;
+  gv::numprocs = host_.peers_.size();
+  gv::myid = host_.peers_.rank();
 }
 
 void engine_host::place_points(const point_pass& pass, int subject, int samples) {

@@ -56,6 +56,28 @@ class engine_host {
   void place_points(const point_pass& pass, int subject, int samples);
 
   std::int64_t evaluations() const { return evaluations_; }
+  // Evaluations that were made of the joint density itself.
+  void count_evaluations(std::int64_t more) { evaluations_ += more; }
+
+  // Keeps the predictions of the evaluations that follow, of the subject in work, as rows of `to`
+  // from row `from` on; null ends that.
+  void keep_predictions(Eigen::MatrixXd* to, Eigen::Index from) {
+    kept_ = to;
+    next_kept_ = from;
+  }
+
+  // While this lives the library takes this process for the only one: each process then works on
+  // subjects of its own, and a stop is its own too until the processes agree on it.
+  class solitude {
+   public:
+    explicit solitude(engine_host& host);
+    ~solitude();
+    solitude(const solitude&) = delete;
+    solitude& operator=(const solitude&) = delete;
+
+   private:
+    engine_host& host_;
+  };
 
   // A stop was asked for (interrupt) and every process knows it.
   static bool stopped();
@@ -70,6 +92,7 @@ class engine_host {
   void install();
   void allocate(int hessian_dimension);
   void evaluate(const double* eta, double& f);
+  void evaluate_block(int n, const double* etas, double* f, double* scores);
   void refresh_means();
   int sigma_position() const;
   double uniform(int& state) const;
@@ -97,6 +120,12 @@ class engine_host {
   int means_subject_ = -1;
   Eigen::VectorXd means_theta_, means_;
   Eigen::VectorXd eta_, phi_;
+
+  Eigen::MatrixXd block_phi_, block_predictions_;
+  Eigen::VectorXd block_objective_, block_score_;
+  Eigen::MatrixXd* kept_ = nullptr;
+  Eigen::Index next_kept_ = 0;
+  bool alone_ = false;
 
   std::uint64_t stream_ = 0;
   std::int64_t evaluations_ = 0;

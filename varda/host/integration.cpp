@@ -90,9 +90,10 @@ bool integrate_on_grid(engine_host& host, int subject, const Eigen::VectorXd& mo
   statsubs::updatedecomp(subject + 1, info);
   placed = info == 0;
   statsubs::agqintjoint(subject + 1, nodes, log_likelihood, info);
+  if (engine_host::stopped()) return false;
   // The model was checked for the size of its grid.
   if (info != 0) throw std::runtime_error("the nodes of the quadrature cannot be computed");
-  return !engine_host::stopped();
+  return true;
 }
 
 }  // namespace varda

@@ -11,7 +11,16 @@ namespace varda {
 
 // A pass over the subjects. Passes of the same purpose and index see the same points.
 struct point_pass {
-  enum class purpose : std::uint8_t { iteration, presampling, trial, standard_errors, replicate };
+  enum class purpose : std::uint8_t {
+    iteration,
+    presampling,
+    trial,
+    standard_errors,
+    replicate,
+    screening,
+    draw,
+    report
+  };
   purpose why = purpose::iteration;
   int index = 0;
 };

@@ -301,37 +301,28 @@ const std::vector<estimate_error>& standard_errors::chosen() const {
   return by_information;
 }
 
-standard_errors estimate_standard_errors(engine_host& host, const proposals& frozen,
-                                         const progress_listener& progress) {
-  const population_model& model = host.model();
-  const estimation_settings& settings = model.specification().estimation;
+namespace {
+
+// What is estimated, and whether errors can be had at all.
+standard_errors nothing_yet(engine_host& host, const estimation_scale& scale) {
   standard_errors result;
-  result.shown = settings.standard_errors;
-  const estimation_scale scale(model, host.theta(), host.omega());
+  result.shown = host.model().specification().estimation.standard_errors;
   for (const auto& e : scale.entries()) {
     result.names.push_back(e.name);
     result.theta.push_back(e.theta);
     result.omega.emplace_back(e.row, e.column);
   }
-  if (scale.size() == 0) {
+  if (scale.size() == 0)
     result.reason = "every parameter is fixed";
-    return result;
-  }
-  if (is_at_bound(host)) {
+  else if (is_at_bound(host))
     result.reason = "a parameter lies at its bound";
-    return result;
-  }
+  return result;
+}
 
-  const difference_stencil stencil(scale.estimates(), difference_steps(host, scale));
-  const sampled_likelihood likelihood(host, scale, stencil.points());
-  const subject_pass pass = pass_over_subjects(host, frozen, likelihood, stencil.points().cols(),
-                                               settings.se_samples, progress);
-  if (!pass.complete) {
-    result.reason = "stopped on request";
-    return result;
-  }
-  const Eigen::MatrixXd scores = on_estimation_scale(model, scale, pass.scores);
-  result.information = invert_information(stencil.hessian(pass.values), result);
+void conclude(const population_model& model, const estimation_scale& scale,
+              const Eigen::MatrixXd& information, const Eigen::MatrixXd& scores,
+              standard_errors& result) {
+  result.information = invert_information(information, result);
   result.score = invert_scores(model, scores);
   result.sandwich = sandwich_of(result.information, scores);
   result.by_information = errors_of(model, scale, result.information);
@@ -339,11 +330,40 @@ standard_errors estimate_standard_errors(engine_host& host, const proposals& fro
   result.by_sandwich = errors_of(model, scale, result.sandwich);
   if (!result.chosen_covariance().known) {
     result.reason = result.chosen_covariance().reason;
-    return result;
+    return;
   }
   keep_omega_errors(model, scale, result.chosen_covariance().covariance);
   describe_correlation(result);
   compare_kinds(result);
+}
+
+}  // namespace
+
+standard_errors errors_from(engine_host& host, const Eigen::MatrixXd& information,
+                            const Eigen::MatrixXd& scores) {
+  const estimation_scale scale(host.model(), host.theta(), host.omega());
+  standard_errors result = nothing_yet(host, scale);
+  if (result.reason.empty()) conclude(host.model(), scale, information, scores, result);
+  return result;
+}
+
+standard_errors estimate_standard_errors(engine_host& host, const proposals& frozen,
+                                         const progress_listener& progress) {
+  const population_model& model = host.model();
+  const estimation_scale scale(model, host.theta(), host.omega());
+  standard_errors result = nothing_yet(host, scale);
+  if (!result.reason.empty()) return result;
+  const difference_stencil stencil(scale.estimates(), difference_steps(host, scale));
+  const sampled_likelihood likelihood(host, scale, stencil.points());
+  const subject_pass pass =
+      pass_over_subjects(host, frozen, likelihood, stencil.points().cols(),
+                         model.specification().estimation.se_samples, progress);
+  if (!pass.complete) {
+    result.reason = stop_reason;
+    return result;
+  }
+  conclude(model, scale, stencil.hessian(pass.values),
+           on_estimation_scale(model, scale, pass.scores), result);
   return result;
 }
 

@@ -62,6 +62,11 @@ struct standard_errors {
   findings warnings;
 };
 
+// Standard errors from the observed information and the sum of outer products of the subjects'
+// scores, both on the estimation scale at the parameters in force.
+standard_errors errors_from(engine_host& host, const Eigen::MatrixXd& information,
+                            const Eigen::MatrixXd& scores);
+
 // Standard errors at the parameters in force, with the proposals frozen. The observed information
 // comes from central differences of the exact log-likelihood with the individual parameters
 // C beta + eta common to all evaluations: with eta common instead, the differences of two sampling

@@ -7,6 +7,7 @@
 
 #include "varda/inference/proposals.h"
 #include "varda/method/em/em_state.h"
+#include "varda/method/newton/newton_state.h"
 
 namespace varda {
 
@@ -31,10 +32,11 @@ struct run_state {
   std::vector<iteration_record> records;
   bool ended = false;
   em_state em;
+  newton_state newton;
 
   template <class A>
   void visit(A& archive) {
-    archive(theta, omega, adaptive, records, ended, em);
+    archive(theta, omega, adaptive, records, ended, em, newton);
   }
 };
 

@@ -12,6 +12,7 @@
 // above a limit, or between two.
 #pragma once
 
+#include <Eigen/Core>
 #include <cstddef>
 #include <vector>
 
@@ -39,6 +40,13 @@ class endpoints {
   void objectives(const subject& who, const double* f, std::size_t stride, std::size_t n,
                   const double* theta, double* objective, double* scaled_squares) const;
 
+  // The derivatives of log p(y | f) by the logarithms of the endpoints' parameters. f: individuals
+  // x observations. `gradient` becomes individuals x parameters(); `hessian` the sum of the
+  // individuals' second derivatives, each times its weight.
+  void derivatives(const subject& who, const Eigen::MatrixXd& f, const double* theta,
+                   const Eigen::VectorXd& weights, Eigen::MatrixXd& gradient,
+                   Eigen::MatrixXd& hessian) const;
+
   // Standard deviation of an observation about the prediction f (of its logarithm for log-normal
   // error), and its scaled residual; of a censored observation that of its limit.
   double deviation(const observation& at, double f, const double* theta) const;
@@ -63,7 +71,11 @@ class endpoints {
   void plain_objectives(const subject& who, const double* f, std::size_t stride, std::size_t n,
                         const double* theta, double* objective, double* scaled_squares) const;
   double contribution(const observation& at, double f, const double* theta, double& square) const;
+  void add_differences(const observation& at, const double* f, const double* theta,
+                       const Eigen::VectorXd& weights, Eigen::MatrixXd& gradient,
+                       Eigen::MatrixXd& hessian) const;
 
+  int first_theta_ = 0;
   std::vector<entry> endpoints_;
   std::vector<fixed_effect> parameters_;
   bool plain_ = false;  // one endpoint, nothing censored, no logarithms: the hot path

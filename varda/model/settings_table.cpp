@@ -46,6 +46,8 @@ const std::vector<setting>& every_setting() {
   constexpr auto included = range_end::included;
   constexpr auto excluded = range_end::excluded;
   static const std::vector<setting> rows = {
+      {"method", "Newton steps on the sampled likelihood, or the EM algorithm",
+       word(&settings::method)},
       {"samples", "points per subject in each iteration",
        whole_number_setting{&settings::samples, least_samples, many}},
       {"max_iterations", "most iterations of a fit",

@@ -143,12 +143,15 @@ enum class start_kind { map, presample };
 // How the likelihood at the estimates is computed: by sampling, or by adaptive Gauss-Hermite
 // quadrature besides.
 enum class likelihood_kind { sampling, agq };
+// How a fit maximises: by Newton steps on the sampled likelihood, or by the EM algorithm.
+enum class method_kind { newton, em };
 enum class standard_error_kind { information, score, sandwich, none };
 
 inline constexpr int least_samples = 6;
 
 // settings_table.h has their names, ranges and words.
 struct estimation_settings {
+  method_kind method = method_kind::newton;
   int samples = 300;  // per subject and iteration
   int max_iterations = 500;
   int seed = 1;  // hashed into the address of every subject's points

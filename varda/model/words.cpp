@@ -95,6 +95,16 @@ const char* name_of(start_kind kind) {
   return nullptr;
 }
 
+const char* name_of(method_kind kind) {
+  switch (kind) {
+    case method_kind::newton:
+      return "newton";
+    case method_kind::em:
+      return "em";
+  }
+  return nullptr;
+}
+
 const char* name_of(likelihood_kind kind) {
   switch (kind) {
     case likelihood_kind::sampling:

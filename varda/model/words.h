@@ -19,6 +19,7 @@ const char* name_of(proposal_family family);
 const char* name_of(point_kind kind);
 const char* name_of(start_kind kind);
 const char* name_of(likelihood_kind kind);
+const char* name_of(method_kind kind);
 const char* name_of(standard_error_kind kind);
 
 template <class Value>

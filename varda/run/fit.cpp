@@ -12,6 +12,7 @@
 #include "varda/inference/e_step.h"
 #include "varda/method/em/em.h"
 #include "varda/method/em/map_np_steps.h"
+#include "varda/method/newton/report.h"
 #include "varda/run/diagnose.h"
 
 namespace varda {
@@ -81,24 +82,29 @@ void integrate_besides(engine_host& host, const progress_listener& progress, fit
   result.reason = stop_reason;
 }
 
-// What fit and evaluate have in common: the likelihood at the parameters in force and all that
-// follows from it.
+void take_estimates(const engine_host& host, fit_result& result) {
+  result.theta = host.theta();
+  result.omega = host.omega();
+  result.omega_condition = condition_of_correlations(result.omega);
+  result.processes = host.peers().size();
+}
+
+void note_stop(fit_result& result) {
+  result.converged = false;
+  result.reason = stop_reason;
+}
+
+// The likelihood at the parameters in force from proposals that rest, and the quadrature beside it.
 void conclude(engine_host& host, const proposals& frozen, const progress_listener& progress,
               fit_result& result) {
   stopwatch watch;
-  result.theta = host.theta();
-  result.omega = host.omega();
+  take_estimates(host, result);
   result.kept_factors = frozen.kept_factors();
-  result.processes = host.peers().size();
   result.likelihood_samples =
       likelihood_samples(host.model().specification().estimation, result.what);
   result.likelihood = estimate_likelihood(host, frozen, result.likelihood_samples,
                                           host.model().specification().estimation.replicates);
-  if (!result.likelihood.complete) {
-    result.converged = false;
-    result.reason = stop_reason;
-  }
-  result.omega_condition = condition_of_correlations(result.omega);
+  if (!result.likelihood.complete) note_stop(result);
   result.times.likelihood = watch.lap();
   integrate_besides(host, progress, result);
 }
@@ -116,12 +122,45 @@ void check_fit(const population_model& model) {
   check_grid(model);
 }
 
-fit_result fit(engine_host& host, const progress_listener& progress) {
-  const estimation_settings& settings = host.model().specification().estimation;
-  fit_result result;
-  result.what = task::fit;
-  stopwatch watch;
+namespace {
 
+// Steps until the method has ended. False when a stop was asked for.
+bool take_steps(const estimation_method& method, int most, const progress_listener& progress,
+                run_state& state) {
+  while (!state.ended) {
+    if (!method.step(state)) return false;
+    const iteration_record& last = state.records.back();
+    progress({.stage = run_stage::iterations,
+              .step = last.iteration,
+              .of = most,
+              .minus2ll = last.minus2ll});
+  }
+  return true;
+}
+
+void take_conclusion(const estimation_method& method, const run_state& state, bool went_through,
+                     fit_result& result) {
+  const method_conclusion end = method.conclude(state);
+  result.iterations = state.records;
+  result.converged = went_through && end.converged;
+  result.reason = went_through ? end.reason : stop_reason;
+  result.singular = end.singular;
+  result.held_by_bounds = end.held_by_bounds;
+}
+
+bool wants_errors(const fit_result& result, const estimation_settings& settings) {
+  return settings.standard_errors != standard_error_kind::none && result.likelihood.complete;
+}
+
+void keep_errors(standard_errors&& errors, fit_result& result) {
+  result.errors = std::move(errors);
+  result.warnings.insert(result.warnings.end(), result.errors.warnings.begin(),
+                         result.errors.warnings.end());
+}
+
+void fit_by_em(engine_host& host, const progress_listener& progress, fit_result& result) {
+  const estimation_settings& settings = host.model().specification().estimation;
+  stopwatch watch;
   const em_method method(host);
   run_state state;
   bool going = settings.map_np <= 0 || start_by_map_np(host);
@@ -129,33 +168,99 @@ fit_result fit(engine_host& host, const progress_listener& progress) {
   going = going && propose(host, state.adaptive);
   method.begin(state);
   result.times.start = watch.lap();
-
-  while (going && !state.ended) {
-    going = method.step(state);
-    if (!going) break;
-    const iteration_record& last = state.records.back();
-    progress({.stage = run_stage::iterations,
-              .step = last.iteration,
-              .of = settings.max_iterations,
-              .minus2ll = last.minus2ll});
-  }
+  going = going && take_steps(method, settings.max_iterations, progress, state);
   result.times.iterations = watch.lap();
-  const method_conclusion end = method.conclude(state);
-  result.iterations = std::move(state.records);
-  result.converged = going && end.converged;
-  result.reason = going ? end.reason : stop_reason;
-  result.singular = end.singular;
-  result.held_by_bounds = end.held_by_bounds;
+  take_conclusion(method, state, going, result);
   conclude(host, state.adaptive, progress, result);
   if (!result.singular.empty()) {
     result.errors.shown = settings.standard_errors;
     result.errors.reason = "omega is becoming singular";
-  } else if (settings.standard_errors != standard_error_kind::none && result.likelihood.complete) {
+  } else if (wants_errors(result, settings)) {
     watch.lap();
-    result.errors = estimate_standard_errors(host, state.adaptive, progress);
-    result.warnings.insert(result.warnings.end(), result.errors.warnings.begin(),
-                           result.errors.warnings.end());
+    keep_errors(estimate_standard_errors(host, state.adaptive, progress), result);
     result.times.standard_errors = watch.lap();
+  }
+}
+
+// Randomisations of the report take so many points a subject at first and at most, until the error
+// of -2 log-likelihood is as small as this for up to so many subjects, and in proportion to the
+// square root of their number beyond.
+constexpr int first_report_samples = 512;
+constexpr int most_report_samples = 4096;
+constexpr double error_goal = 0.1;
+constexpr double subjects_of_goal = 200.0;
+// The report's points, none of which the fit has used, must not promise more than this.
+constexpr double most_gain_at_report = 0.05;
+
+void fit_by_newton(engine_host& host, const progress_listener& progress, fit_result& result) {
+  const estimation_settings& settings = host.model().specification().estimation;
+  stopwatch watch;
+  const newton_method method(host);
+  run_state state;
+  bool going = settings.map_np <= 0 || start_by_map_np(host);
+  method.begin(state);
+  if (going && !state.ended) going = method.step(state);
+  result.times.start = watch.lap();
+  going = going && take_steps(method, settings.max_iterations, progress, state);
+  result.times.iterations = watch.lap();
+  take_conclusion(method, state, going, result);
+  take_estimates(host, result);
+
+  int samples =
+      settings.likelihood_samples > 0 ? settings.likelihood_samples : first_report_samples;
+  const double goal =
+      error_goal * std::sqrt(std::max(1.0, host.model().subjects() / subjects_of_goal));
+  newton_report report = report_at(host, method, state, settings.replicates, samples);
+  while (report.likelihood.complete && settings.likelihood_samples == 0 &&
+         report.likelihood.mc_se > goal && 2 * samples <= most_report_samples) {
+    samples *= 2;
+    report = report_at(host, method, state, settings.replicates, samples);
+  }
+  result.likelihood = report.likelihood;
+  result.likelihood_samples = samples;
+  result.times.likelihood = watch.lap();
+  if (!result.likelihood.complete) {
+    if (engine_host::stopped()) return note_stop(result);
+    result.converged = false;
+    result.reason += "; the likelihood of a subject is not finite at the estimates";
+  } else if (result.converged && report.gain - report.noise > most_gain_at_report) {
+    result.converged = false;
+    result.reason = fmt::format(
+        "the points of the reported likelihood see {:.2g} still ahead in -2 log-likelihood; {}",
+        report.gain - report.noise, result.reason);
+  }
+  if (result.likelihood.complete && result.likelihood.mc_se > goal)
+    result.warnings.push_back(
+        {.level = severity::warning,
+         .code = "W-RUN-LIKELIHOOD",
+         .message =
+             fmt::format("the Monte Carlo error of -2 log-likelihood, {:.2g}, is above {:.2g}",
+                         result.likelihood.mc_se, goal),
+         .remedy = fmt::format("set estimation.likelihood_samples to about {:.0f}",
+                               samples * std::ceil(std::pow(result.likelihood.mc_se / goal, 2)))});
+  integrate_besides(host, progress, result);
+  if (!result.singular.empty()) {
+    result.errors.shown = settings.standard_errors;
+    result.errors.reason = "omega is singular, or cannot be told from a singular one";
+  } else if (wants_errors(result, settings)) {
+    watch.lap();
+    keep_errors(errors_from(host, report.information, report.scores), result);
+    result.times.standard_errors = watch.lap();
+  }
+}
+
+}  // namespace
+
+fit_result fit(engine_host& host, const progress_listener& progress) {
+  fit_result result;
+  result.what = task::fit;
+  switch (host.model().specification().estimation.method) {
+    case method_kind::newton:
+      fit_by_newton(host, progress, result);
+      break;
+    case method_kind::em:
+      fit_by_em(host, progress, result);
+      break;
   }
   finish(host, progress, result);
   return result;

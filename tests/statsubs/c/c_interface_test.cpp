@@ -2,7 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <limits>
 #include <string>
 #include <vector>
@@ -11,6 +14,7 @@
 #include "statsubs/sequences/bdsobl.h"
 #include "statsubs/state/global_variables.h"
 #include "statsubs/state/host.h"
+#include "statsubs/support/engine_log.h"
 
 namespace statsubs {
 namespace {
@@ -117,6 +121,24 @@ TEST(CSharedVariables, BindTheHostsStorage) {
       << "C has no leading dimension";
   for (auto* array : {&gv::etatable, &gv::omega}) array->deallocate();
   gv::fixedeffectnames.deallocate();
+}
+
+TEST(CEngineLog, StandsWhereTheHostWantsIt) {
+  using support::engine_log;
+  std::remove("elsewhere.log");
+  std::remove("vardaengine.log");
+  ASSERT_EQ(statsubs_place_engine_log("elsewhere.log"), STATSUBS_OK);
+  EXPECT_TRUE(engine_log(engine_log::position::rewrite).write("one"));
+  EXPECT_TRUE(engine_log(engine_log::position::append).write("two"));
+  EXPECT_FALSE(std::filesystem::exists("vardaengine.log"));
+  std::ifstream log("elsewhere.log");
+  std::string first, second;
+  EXPECT_TRUE(log >> first >> second);
+  EXPECT_EQ(first + second, "onetwo");
+  statsubs_place_engine_log(nullptr);
+  EXPECT_TRUE(engine_log(engine_log::position::append).write("back"));
+  EXPECT_TRUE(std::filesystem::exists("vardaengine.log"));
+  std::remove("vardaengine.log");
 }
 
 TEST(CRoutines, ReturnWhatTheRoutinesReturnThroughTheLastArgument) {

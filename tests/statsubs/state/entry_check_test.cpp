@@ -7,13 +7,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstddef>
-#include <cstring>
+#include <algorithm>
 #include <fstream>
 #include <functional>
+#include <initializer_list>
 #include <regex>
 #include <set>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -25,7 +26,6 @@
 #include "statsubs/mstep/predetamu.h"
 #include "statsubs/quadrature/agqintjoint.h"
 #include "statsubs/quadrature/updatedecomp.h"
-#include "statsubs/sequences/bdsobl.h"
 #include "statsubs/state/global_variables.h"
 #include "statsubs/state/qrpemlocalvariables.h"
 #include "statsubs/state/standarderrorvariables.h"
@@ -117,8 +117,9 @@ shared_array sized(const char* name, Array& array, bool by_last = false) {
           [&array](const auto& body) { with(array, 2, 0, padding, body); }};
 }
 
-#define ARRAY(array) sized(#array + 4, array)
-#define BY_SUBJECT(array) sized(#array + 4, array, true)
+// Without the alias of the module.
+#define ARRAY(array) sized(&(#array)[4], array)
+#define BY_SUBJECT(array) sized(&(#array)[4], array, true)
 
 struct routine {
   std::string name;
