@@ -104,7 +104,7 @@ expect_status 2 "a check of it" "$varda" check prop.toml
 expect_status 2 "a model that cannot start" "$varda" fit prop.toml --output none
 grep -q 'row 3.*subject 1: error E-RUN-START' stderr || fail "the first row at fault is not named"
 expect_status 2 "no command" "$varda"
-expect_status 2 "a seed out of range" "$varda" fit theophylline.toml --output none --seed 10001
+expect_status 2 "a seed out of range" "$varda" fit theophylline.toml --output none --seed 2147483648
 expect_status 2 "an unknown option" "$varda" fit theophylline.toml --output none --frobnicate
 [ -e none ] && fail "a refused run wrote something"
 : >occupied
