@@ -19,10 +19,6 @@ namespace varda {
 
 namespace {
 
-// Pilot passes of an evaluation: the moments have settled when the objective has.
-constexpr int most_pilot_passes = 10;
-constexpr double pilot_tolerance = 0.01;
-
 class stopwatch {
  public:
   // Seconds since the last lap or the start.
@@ -165,6 +161,101 @@ void keep_errors(standard_errors&& errors, fit_result& result) {
                          result.errors.warnings.end());
 }
 
+// Randomisations of the report take so many points a subject at first and at most, until the error
+// of -2 log-likelihood is as small as this for up to so many subjects, and in proportion to the
+// square root of their number beyond.
+constexpr int first_report_samples = 512;
+constexpr int most_report_samples = 4096;
+constexpr double error_goal = 0.1;
+constexpr double subjects_of_goal = 200.0;
+// The report's points, none of which a fit has used, must not promise more than this.
+constexpr double most_gain_at_report = 0.05;
+
+double likelihood_goal(const population_model& model) {
+  return error_goal * std::sqrt(std::max(1.0, model.subjects() / subjects_of_goal));
+}
+
+// The likelihood from points that nothing was tuned on, as many as its error needs.
+newton_report report_likelihood(engine_host& host, const newton_method& method, run_state& state,
+                                fit_result& result) {
+  const estimation_settings& settings = host.model().specification().estimation;
+  const bool automatic = settings.likelihood_samples == 0;
+  int samples = automatic ? first_report_samples : settings.likelihood_samples;
+  if (automatic && result.what == task::evaluate) samples = std::max(samples, settings.samples);
+  const double goal = likelihood_goal(host.model());
+  newton_report report = report_at(host, method, state, settings.replicates, samples);
+  while (automatic && report.likelihood.complete && report.likelihood.mc_se > goal &&
+         2 * samples <= most_report_samples) {
+    samples *= 2;
+    report = report_at(host, method, state, settings.replicates, samples);
+  }
+  result.likelihood = report.likelihood;
+  result.likelihood_samples = samples;
+  if (report.likelihood.complete && report.likelihood.mc_se > goal)
+    result.warnings.push_back(
+        {.level = severity::warning,
+         .code = "W-RUN-LIKELIHOOD",
+         .message =
+             fmt::format("the Monte Carlo error of -2 log-likelihood, {:.2g}, is above {:.2g}",
+                         report.likelihood.mc_se, goal),
+         .remedy = fmt::format("set estimation.likelihood_samples to about {:.0f}",
+                               samples * std::ceil(std::pow(report.likelihood.mc_se / goal, 2)))});
+  return report;
+}
+
+std::vector<std::string> ids_of(const population_model& model, const std::vector<int>& subjects) {
+  std::vector<std::string> ids;
+  for (const int i : subjects) ids.push_back(model.data().subjects[static_cast<std::size_t>(i)].id);
+  return ids;
+}
+
+// No verdict stands on subjects that are badly sampled.
+void judge_health(const population_model& model, const newton_report& report, fit_result& result) {
+  if (!result.converged || report.sick.empty()) return;
+  result.converged = false;
+  result.reason = fmt::format("poorly sampled: {}; {}", fmt::join(ids_of(model, report.sick), ", "),
+                              result.reason);
+}
+
+void judge_gain(const newton_report& report, fit_result& result) {
+  if (!result.converged || report.gain - report.noise <= most_gain_at_report) return;
+  result.converged = false;
+  result.reason = fmt::format(
+      "points that the fit has not used see {:.2g} still ahead in -2 log-likelihood; {}",
+      report.gain - report.noise, result.reason);
+}
+
+// The verdict of another method is held to the same test.
+void judge_by_fresh_points(engine_host& host, fit_result& result) {
+  const newton_method method(host);
+  run_state state;
+  method.begin(state);
+  if (!method.settle(state)) return note_stop(result);
+  const newton_report report =
+      report_at(host, method, state, host.model().specification().estimation.replicates,
+                first_report_samples);
+  if (!report.likelihood.complete) return;
+  judge_health(host.model(), report, result);
+  judge_gain(report, result);
+}
+
+// An evaluation is sound where every subject is well sampled and the likelihood known well enough.
+void judge_evaluation(const population_model& model, const newton_report& report,
+                      fit_result& result) {
+  const std::vector<std::string> sick = ids_of(model, report.sick);
+  const double goal = likelihood_goal(model);
+  result.converged = result.likelihood.complete && sick.empty() && result.likelihood.mc_se <= goal;
+  if (!result.likelihood.complete)
+    result.reason =
+        engine_host::stopped() ? stop_reason : "the likelihood of a subject is not finite";
+  else if (!sick.empty())
+    result.reason = fmt::format("poorly sampled: {}", fmt::join(sick, ", "));
+  else
+    result.reason =
+        fmt::format("every subject is well sampled; Monte Carlo error {:.2g}, goal {:.2g}",
+                    result.likelihood.mc_se, goal);
+}
+
 void fit_by_em(engine_host& host, const progress_listener& progress, fit_result& result) {
   const estimation_settings& settings = host.model().specification().estimation;
   stopwatch watch;
@@ -179,6 +270,7 @@ void fit_by_em(engine_host& host, const progress_listener& progress, fit_result&
   result.times.iterations = watch.lap();
   take_conclusion(method, state, going, result);
   conclude(host, state.adaptive, progress, result);
+  if (result.converged) judge_by_fresh_points(host, result);
   if (!result.singular.empty()) {
     result.errors.shown = settings.standard_errors;
     result.errors.reason = "omega is becoming singular";
@@ -188,16 +280,6 @@ void fit_by_em(engine_host& host, const progress_listener& progress, fit_result&
     result.times.standard_errors = watch.lap();
   }
 }
-
-// Randomisations of the report take so many points a subject at first and at most, until the error
-// of -2 log-likelihood is as small as this for up to so many subjects, and in proportion to the
-// square root of their number beyond.
-constexpr int first_report_samples = 512;
-constexpr int most_report_samples = 4096;
-constexpr double error_goal = 0.1;
-constexpr double subjects_of_goal = 200.0;
-// The report's points, none of which the fit has used, must not promise more than this.
-constexpr double most_gain_at_report = 0.05;
 
 void fit_by_newton(engine_host& host, const progress_listener& progress, fit_result& result) {
   const estimation_settings& settings = host.model().specification().estimation;
@@ -213,38 +295,15 @@ void fit_by_newton(engine_host& host, const progress_listener& progress, fit_res
   take_conclusion(method, state, going, result);
   take_estimates(host, result);
 
-  int samples =
-      settings.likelihood_samples > 0 ? settings.likelihood_samples : first_report_samples;
-  const double goal =
-      error_goal * std::sqrt(std::max(1.0, host.model().subjects() / subjects_of_goal));
-  newton_report report = report_at(host, method, state, settings.replicates, samples);
-  while (report.likelihood.complete && settings.likelihood_samples == 0 &&
-         report.likelihood.mc_se > goal && 2 * samples <= most_report_samples) {
-    samples *= 2;
-    report = report_at(host, method, state, settings.replicates, samples);
-  }
-  result.likelihood = report.likelihood;
-  result.likelihood_samples = samples;
+  const newton_report report = report_likelihood(host, method, state, result);
   result.times.likelihood = watch.lap();
   if (!result.likelihood.complete) {
     if (engine_host::stopped()) return note_stop(result);
     result.converged = false;
     result.reason += "; the likelihood of a subject is not finite at the estimates";
-  } else if (result.converged && report.gain - report.noise > most_gain_at_report) {
-    result.converged = false;
-    result.reason = fmt::format(
-        "the points of the reported likelihood see {:.2g} still ahead in -2 log-likelihood; {}",
-        report.gain - report.noise, result.reason);
   }
-  if (result.likelihood.complete && result.likelihood.mc_se > goal)
-    result.warnings.push_back(
-        {.level = severity::warning,
-         .code = "W-RUN-LIKELIHOOD",
-         .message =
-             fmt::format("the Monte Carlo error of -2 log-likelihood, {:.2g}, is above {:.2g}",
-                         result.likelihood.mc_se, goal),
-         .remedy = fmt::format("set estimation.likelihood_samples to about {:.0f}",
-                               samples * std::ceil(std::pow(result.likelihood.mc_se / goal, 2)))});
+  judge_health(host.model(), report, result);
+  judge_gain(report, result);
   integrate_besides(host, progress, result);
   if (!result.singular.empty()) {
     result.errors.shown = settings.standard_errors;
@@ -277,38 +336,20 @@ fit_result evaluate(engine_host& host, const progress_listener& progress) {
   fit_result result;
   result.what = task::evaluate;
   stopwatch watch;
-
-  const int samples = likelihood_samples(host.model().specification().estimation, task::evaluate);
-  proposals adaptive(host.model(), host.omega());
-  bool complete = propose(host, adaptive);
-  double last = 0.0;
-  bool settled = false;
-  e_step found;
-  for (int pass = 1; pass <= most_pilot_passes && complete && !settled; ++pass) {
-    integrate_all(host, adaptive, {point_pass::purpose::iteration, 0}, samples, found);
-    complete = found.complete;
-    if (!complete) break;
-    for (int i = 0; i < host.model().subjects(); ++i) {
-      const subject_integral& s = found.subjects[static_cast<std::size_t>(i)];
-      if (host.model().observations(i) > 0)
-        adaptive.follow(i, s.mean, s.covariance, s.effective_samples);
-    }
-    const double minus2ll = -2.0 * found.log_likelihood;
-    settled = pass > 1 && std::fabs(minus2ll - last) < pilot_tolerance;
-    last = minus2ll;
-    result.iterations.push_back({pass, minus2ll, host.theta(), host.omega()});
-    progress({.stage = run_stage::pilot_passes,
-              .step = pass,
-              .of = most_pilot_passes,
-              .minus2ll = minus2ll});
-  }
+  const newton_method method(host);
+  run_state state;
+  method.begin(state);
+  const bool going = method.settle(state);
   result.times.start = watch.lap();
-  result.converged = settled;
-  result.reason =
-      settled ? fmt::format("the proposals settled in {} pilot passes", result.iterations.size())
-              : fmt::format("the proposals did not settle in {} pilot passes", most_pilot_passes);
-  if (!complete) result.reason = stop_reason;
-  conclude(host, adaptive, progress, result);
+  result.iterations = state.records;
+  take_estimates(host, result);
+  result.reason = stop_reason;
+  if (going) {
+    const newton_report report = report_likelihood(host, method, state, result);
+    result.times.likelihood = watch.lap();
+    judge_evaluation(host.model(), report, result);
+    integrate_besides(host, progress, result);
+  }
   finish(host, progress, result);
   return result;
 }

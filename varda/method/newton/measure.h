@@ -32,6 +32,7 @@ struct subject_measure {
   double effective_share = 0.0;  // effective samples / samples
   double largest_weight = 0.0;
   double shape = 0.0;   // of the weights' tail
+  double error = 0.0;   // of the subject's -2 log-likelihood, from the groups
   double failed = 0.0;  // share of the samples whose density is not finite
 };
 

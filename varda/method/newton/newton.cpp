@@ -69,10 +69,14 @@ constexpr int trial_end_samples = 4096;  // where the ends of a trial are compar
 constexpr double trial_errors = 3.0;     // that a difference has to exceed
 constexpr int most_removals = 2;
 
+}  // namespace
+
 bool is_sick(const subject_measure& m) {
   return m.effective_share < sick_share ||
          (m.shape > sick_shape && m.effective_share < sick_share_with_shape);
 }
+
+namespace {
 
 std::vector<draw_component> single(const Eigen::VectorXd& centre, const Eigen::MatrixXd& covariance,
                                    double ratio) {
@@ -150,21 +154,22 @@ bool newton_method::start(run_state& state) const {
   host_.set_theta(found.theta);
   state.theta = found.theta;
   state.omega = found.omega;
-  newton_state& n = state.newton;
-  n.proposals.resize(found.modes.size());
-  for (std::size_t i = 0; i < found.modes.size(); ++i)
-    if (found.modes[i].usable)
-      n.proposals[i] = single(found.modes[i].phi, found.modes[i].covariance, target_ratio);
-    else
-      n.proposals[i] = {};
-  Eigen::VectorXd mu(host_.model().random_effects());
-  for (std::size_t i = 0; i < n.proposals.size(); ++i) {
-    if (!n.proposals[i].empty()) continue;
-    host_.model().means(static_cast<int>(i), state.theta.data(), mu.data());
-    n.proposals[i] = single(mu, state.omega, target_ratio);
-  }
-  n.started = true;
+  propose_from(found.modes, state);
+  state.newton.started = true;
   return true;
+}
+
+// Where there is no mode to be had the population serves.
+void newton_method::propose_from(const std::vector<normal_posterior>& modes,
+                                 run_state& state) const {
+  Eigen::VectorXd mu(host_.model().random_effects());
+  state.newton.proposals.resize(modes.size());
+  for (std::size_t i = 0; i < modes.size(); ++i) {
+    host_.model().means(static_cast<int>(i), state.theta.data(), mu.data());
+    state.newton.proposals[i] = modes[i].usable
+                                    ? single(modes[i].phi, modes[i].covariance, target_ratio)
+                                    : single(mu, state.omega, target_ratio);
+  }
 }
 
 bool newton_method::draw(const run_state& state, const point_pass& pass, int samples, int groups,
@@ -246,6 +251,7 @@ draw_measure newton_method::measure(const whole_draw& drawn, const Eigen::Vector
     m.shape = packed(3, i);
     m.failed = packed(4, i);
     m.scaled_squares = packed(6, i);
+    m.error = 2.0 * std::sqrt(packed(5, i));
     variance += packed(5, i);
     result.gradient += packed.col(i).segment(9, p);
     result.information += packed.col(i).segment(9 + p, p * p).reshaped(p, p);
@@ -421,6 +427,16 @@ bool newton_method::look_widely(run_state& state, const draw_measure& found, boo
       packed.col(i) << 2.0, mode.usable && sick ? mode.phi : mu,
           (mode.usable && sick ? Eigen::MatrixXd(4.0 * mode.covariance) : state.omega).reshaped();
     }
+  }
+  // The mixture has found samples that its main component misses: a mode near them.
+  for (int i = 0; i < model.subjects() && !engine_host::stop_requested(); ++i) {
+    const auto own = static_cast<std::size_t>(i);
+    const subject_measure& m = found.subjects[own];
+    if (!owns(host_, i) || model.observations(i) == 0 || !is_sick(m) || packed(0, i) > 0.0 ||
+        m.mean.size() != d || !m.mean.allFinite())
+      continue;
+    const normal_posterior mode = finder.search(i, m.mean, at);
+    if (mode.usable) packed.col(i) << 1.0, mode.phi, mode.covariance.reshaped();
   }
   host_.count_evaluations(finder.evaluations());
   if (host_.agree_on_stop()) return false;
@@ -622,6 +638,32 @@ std::string newton_method::name_of_singular(const Eigen::MatrixXd& omega, int ef
   if (with >= 0 && factor(effect, effect) < 0.5 * factor.row(effect).norm())
     return fmt::format("corr({},{})", name(std::min(effect, with)), name(std::max(effect, with)));
   return fmt::format("omega({})", name(effect));
+}
+
+bool newton_method::settle(run_state& state) const {
+  constexpr int most_draws_to_settle = 6;
+  std::vector<normal_posterior> modes;
+  double laplace = 0.0;
+  if (!find_modes(host_, parameter_values(state.theta, state.omega), true, modes, laplace))
+    return false;
+  propose_from(modes, state);
+  newton_state& n = state.newton;
+  for (int d = 1; d <= most_draws_to_settle; ++d) {
+    whole_draw drawn;
+    if (!draw(state, {point_pass::purpose::draw, d}, verdict_samples, groups_of_a_draw, drawn))
+      return false;
+    const draw_measure here = measure(drawn, psi_in_force(), detail::derivatives);
+    state.records.push_back({d, -2.0 * here.log_likelihood, state.theta, state.omega});
+    n.sick.clear();
+    for (int i = 0; i < host_.model().subjects(); ++i)
+      if (host_.model().observations(i) > 0 && is_sick(here.subjects[static_cast<std::size_t>(i)]))
+        n.sick.push_back(i);
+    if (here.finite) follow(here, n);
+    bool changed = false;
+    if (d > 1 && here.finite && !look_widely(state, here, changed)) return false;
+    if (d > 1 && n.sick.empty() && !changed) break;
+  }
+  return true;
 }
 
 bool newton_method::step(run_state& state) const {

@@ -23,6 +23,10 @@ struct draw_measure {
   bool definite = false;
 };
 
+// Whether a subject's samples are not to be trusted: few effective ones, or a heavy tail with not
+// many.
+bool is_sick(const subject_measure& m);
+
 // All subjects' samples of one draw, those of this process.
 struct whole_draw {
   std::vector<subject_draw> subjects;
@@ -40,6 +44,11 @@ class newton_method final : public estimation_method {
   bool step(run_state& state) const override;
   method_conclusion conclude(const run_state& state) const override;
 
+  // Proposals for the parameters in force, which stay: modes, then draws that the proposals follow,
+  // and a look for likelihood where they have no points. Collective. False when a stop was asked
+  // for.
+  bool settle(run_state& state) const;
+
   // For what comes after the steps: a draw at the state's parameters and proposals, and what it
   // says. Collective. False when a stop was asked for.
   bool draw(const run_state& state, const point_pass& pass, int samples, int groups,
@@ -47,6 +56,10 @@ class newton_method final : public estimation_method {
   draw_measure measure(const whole_draw& drawn, const Eigen::VectorXd& psi, detail wanted) const;
 
   const coordinates& scale() const { return scale_; }
+
+  // Looks for likelihood where the proposals have no points, and repairs the proposals of subjects
+  // that are badly sampled. `changed` tells of any. Collective. False when a stop was asked for.
+  bool look_widely(run_state& state, const draw_measure& found, bool& changed) const;
 
  private:
   struct ascent {
@@ -56,12 +69,12 @@ class newton_method final : public estimation_method {
   };
   bool advance(run_state& state) const;
   bool start(run_state& state) const;
+  void propose_from(const std::vector<normal_posterior>& modes, run_state& state) const;
   ascent climb(const whole_draw& drawn, const Eigen::VectorXd& psi, const draw_measure& here,
                int most_steps) const;
   void judge_information(draw_measure& of, const Eigen::VectorXd& psi) const;
   Eigen::VectorXd limited(const Eigen::VectorXd& step, const Eigen::VectorXd& psi) const;
   void follow(const draw_measure& found, newton_state& state) const;
-  bool look_widely(run_state& state, const draw_measure& found, bool& changed) const;
   bool take_force(run_state& state, const Eigen::VectorXd& psi) const;
   bool leap_to(run_state& state, const Eigen::VectorXd& psi) const;
   bool examine_boundary(run_state& state, const draw_measure& found, bool& moved) const;

@@ -33,17 +33,34 @@ Eigen::MatrixXd jacobian(const population_model& model, const coordinates& scale
 
 }  // namespace
 
-newton_report report_at(engine_host& host, const newton_method& method, const run_state& state,
+newton_report report_at(engine_host& host, const newton_method& method, run_state& state,
                         int replicates, int samples) {
+  constexpr int most_repairs = 3;
+  // With so many points a subject's error is known: a tail that does not show in it is harmless.
+  constexpr double harmless_error = 0.03;
+  const auto is_bad = [](const subject_measure& m) {
+    return is_sick(m) && m.error > harmless_error;
+  };
   const population_model& model = host.model();
   const int effects = model.random_effects();
   newton_report result;
-  whole_draw drawn;
-  if (!method.draw(state, {point_pass::purpose::report, 0}, replicates * samples, replicates,
-                   drawn))
-    return result;
   const Eigen::VectorXd psi = method.scale().of(host.theta(), host.omega());
-  const draw_measure found = method.measure(drawn, psi, detail::derivatives);
+  draw_measure found;
+  for (int repair = 0; repair <= most_repairs; ++repair) {
+    whole_draw drawn;
+    if (!method.draw(state, {point_pass::purpose::report, repair}, replicates * samples, replicates,
+                     drawn))
+      return result;
+    found = method.measure(drawn, psi, detail::derivatives);
+    result.sick.clear();
+    for (int i = 0; i < model.subjects(); ++i)
+      if (model.observations(i) > 0 && is_bad(found.subjects[static_cast<std::size_t>(i)]))
+        result.sick.push_back(i);
+    if (result.sick.empty() || !found.finite || repair == most_repairs) break;
+    bool changed = false;
+    if (!method.look_widely(state, found, changed)) return result;
+    if (!changed) break;
+  }
   result.gain = found.gain;
   result.noise = found.noise;
 

@@ -12,6 +12,7 @@ struct newton_report {
   likelihood_estimate likelihood;
   Eigen::MatrixXd information;  // observed, on the scale of inference/estimation_scale.h
   Eigen::MatrixXd scores;       // sum of outer products of the subjects' scores, there
+  std::vector<int> sick;        // subjects (from 0) that are badly sampled
   double gain = 0.0;            // still ahead by these points, in -2 log-likelihood
   double noise = 0.0;
 };
@@ -19,7 +20,8 @@ struct newton_report {
 // One draw of `replicates` randomisations x `samples` points a subject, with the state's proposals:
 // the likelihood with its error, the information and the scores come from the same points, none of
 // which the fit has used. Collective. Not complete after a stop.
-newton_report report_at(engine_host& host, const newton_method& method, const run_state& state,
+// Subjects that turn out badly sampled get better proposals, a few times.
+newton_report report_at(engine_host& host, const newton_method& method, run_state& state,
                         int replicates, int samples);
 
 }  // namespace varda
