@@ -526,15 +526,15 @@ bool start_up(engine_host& host, start_result& found) {
     if (!iterate(host, most_iterations, other)) return false;
     if (other.laplace < found.laplace) found = other;
   }
-  std::vector<normal_posterior> wide = found.modes;
+  std::vector<normal_posterior> others = found.modes;
   double laplace = 0.0;
   const parameter_values at(found.theta, found.omega);
-  if (!find_modes(host, at, true, wide, laplace)) return false;
+  if (!find_modes(host, at, true, others, laplace)) return false;
   bool changed = false;
-  for (std::size_t i = 0; i < wide.size(); ++i)
-    if (wide[i].usable && wide[i].log_mass > found.modes[i].log_mass + 1e-3) changed = true;
+  for (std::size_t i = 0; i < others.size(); ++i)
+    if (others[i].usable && others[i].log_mass > found.modes[i].log_mass + 1e-3) changed = true;
   if (!changed) return true;
-  found.modes = wide;
+  found.modes = others;
   return iterate(host, iterations_after_new_modes, found);
 }
 
