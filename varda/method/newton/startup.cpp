@@ -16,8 +16,6 @@ namespace varda {
 
 namespace {
 
-constexpr double infinite = std::numeric_limits<double>::infinity();
-
 // Perturbed start values: so many about the start, as many again about the best of them.
 constexpr int candidates = 64;
 constexpr double wide = 1.0;  // standard deviation of logarithms
