@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "varda/host/draws.h"
 
+#include <cassert>
 #include <cmath>
 #include <numbers>
 
@@ -40,6 +41,7 @@ bool draw_subject(engine_host& host, int subject, const std::vector<draw_compone
                   const point_pass& pass, int samples, int groups, subject_draw& drawn) {
   const population_model& model = host.model();
   const int effects = model.random_effects();
+  assert(samples % groups == 0);
   const int group_size = samples / groups;
   Eigen::VectorXd mu(effects);
   model.means(subject, host.theta().data(), mu.data());

@@ -77,8 +77,10 @@ void point_source::place(const point_pass& pass, int subject, int samples) const
   // as any.
   const bool net = std::has_single_bit(static_cast<unsigned>(samples));
   bd::count = net ? samples - 1 : 0;
-  // Replicates of one another are what they would be without a shift.
-  const bool shifted = shifted_ || pass.why == point_pass::purpose::replicate;
+  // Randomisations of one another would be the same without a shift.
+  const bool shifted = shifted_ || (pass.why != point_pass::purpose::iteration &&
+                                    pass.why != point_pass::purpose::presampling &&
+                                    pass.why != point_pass::purpose::standard_errors);
   const std::uint64_t address = address_of(seed_, pass, subject);
   for (int i = 1; i <= dimensions_; ++i) {
     const std::uint64_t digits =

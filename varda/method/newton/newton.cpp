@@ -7,6 +7,7 @@
 #include <Eigen/Cholesky>
 #include <Eigen/Eigenvalues>
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <limits>
 
@@ -688,8 +689,13 @@ bool newton_method::advance(run_state& state) const {
   if (!n.started) return start(state) || stopped();
 
   // Fresh points; what they say before any step on them is the test.
-  const int samples = std::max(
-      n.samples, std::min(settings_.samples > 300 ? settings_.samples : 0, most_samples_of_a_draw));
+  // A setting above its default is a floor.
+  const int floor =
+      settings_.samples > 300
+          ? std::min(static_cast<int>(std::bit_ceil(static_cast<unsigned>(settings_.samples))),
+                     most_samples_of_a_draw)
+          : 0;
+  const int samples = std::max(n.samples, floor);
   whole_draw drawn;
   ++n.draws;
   if (!draw(state, {point_pass::purpose::draw, n.draws}, samples, groups_of_a_draw, drawn))
