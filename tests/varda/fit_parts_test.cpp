@@ -84,25 +84,25 @@ TEST(PointSource, PointsHaveAnAddress) {
     return x;
   };
   const point_pass iteration{point_pass::purpose::iteration, 0};
-  const point_pass replicate{point_pass::purpose::replicate, 1};
+  const point_pass replicate{point_pass::purpose::report, 1};
   const auto first = third_point(points, iteration, 4, 256);
   std::set<std::array<double, 3>> others = {
       third_point(points, iteration, 5, 256), third_point(points, replicate, 4, 256),
-      third_point(points, {point_pass::purpose::replicate, 2}, 4, 256), first};
+      third_point(points, {point_pass::purpose::report, 2}, 4, 256), first};
   EXPECT_EQ(others.size(), 4U);
   EXPECT_EQ(third_point(points, iteration, 4, 256), first);
   // The replicates of different seeds do not overlap.
   std::set<std::uint64_t> addresses;
   for (int seed = 1; seed <= 20; ++seed)
     for (int r = 1; r <= 20; ++r)
-      addresses.insert(address_of(seed, {point_pass::purpose::replicate, r}, 4));
+      addresses.insert(address_of(seed, {point_pass::purpose::report, r}, 4));
   EXPECT_EQ(addresses.size(), 400U);
 }
 
 // A shifted net has one point in each of 2^8 boxes of every elementary shape.
 TEST(PointSource, APowerOfTwoOfPointsIsANet) {
   const point_source points(2, 3, 1);
-  points.place({point_pass::purpose::replicate, 3}, 7, 256);
+  points.place({point_pass::purpose::report, 3}, 7, 256);
   std::vector<std::array<double, 2>> x(256);
   for (auto& point : x) statsubs::gosobl(point.data());
   for (int bits = 0; bits <= 8; ++bits) {
@@ -270,18 +270,23 @@ TEST(AndersonAcceleration, SolvesALinearMapAndFindsItsRate) {
 
 // An iteration evaluates every subject once at its centre and once at each of its points.
 TEST(Iterations, TakeThePointsThatAreGiven) {
-  const auto evaluations = [](int iterations) {
-    const population_model model = test::theophylline([&](model_specification& file) {
-      estimation_settings& s = file.estimation;
-      s.method = method_kind::em;
-      s.samples = 256;
-      s.fresh_points = s.run_all = true;
-      s.max_iterations = iterations;
-      s.standard_errors = standard_error_kind::none;
-    });
-    return test::fit(model).evaluations;
-  };
-  EXPECT_EQ(evaluations(2) - evaluations(1), 12 * (256 + 1));
+  const population_model model = test::theophylline([](model_specification& file) {
+    estimation_settings& s = file.estimation;
+    s.method = method_kind::em;
+    s.samples = 256;
+    s.fresh_points = s.run_all = true;
+  });
+  const job alone(nullptr, nullptr);
+  const test::captured_unit swallowed;
+  engine_host host(model, alone);
+  run_state state;
+  state.adaptive = proposals(model, host.omega());
+  const em_method method(host);
+  method.begin(state);
+  ASSERT_TRUE(method.step(state));
+  const std::int64_t before = host.evaluations();
+  ASSERT_TRUE(method.step(state));
+  EXPECT_EQ(host.evaluations() - before, 12 * (256 + 1));
 }
 
 // The mode against the derivative-free search, and its Hessian against differences of another step.

@@ -436,8 +436,8 @@ TEST(ModelFile, RaisesSamplesToEqualSharesOfAMixture) {
   findings warnings;
   const auto read_with = [&](const std::string& proposal) {
     const std::string text = text_with({{16,
-                                         "samples = 256\nlikelihood_samples = 3001\nse_samples = "
-                                         "1000\nproposal = \"" +
+                                         "samples = 256\nlikelihood_samples = 3001\n"
+                                         "proposal = \"" +
                                              proposal + "\""}});
     return read_model_file(file_with(text, "model.toml"), warnings).estimation;
   };
@@ -446,10 +446,9 @@ TEST(ModelFile, RaisesSamplesToEqualSharesOfAMixture) {
   const estimation_settings raised = read_with("mixture3");
   EXPECT_EQ(raised.samples, 256);  // a power of two
   EXPECT_EQ(raised.likelihood_samples, 3006);
-  EXPECT_EQ(raised.se_samples, 1002);
-  ASSERT_EQ(warnings.size(), 2U);
-  EXPECT_EQ(warnings[1].code, "W-MODEL-SAMPLES");
-  EXPECT_EQ(warnings[1].column, "estimation.se_samples");
+  ASSERT_EQ(warnings.size(), 1U);
+  EXPECT_EQ(warnings[0].code, "W-MODEL-SAMPLES");
+  EXPECT_EQ(warnings[0].column, "estimation.likelihood_samples");
 }
 
 // Three effects of the subject and one in each occasion, 40 at the most.

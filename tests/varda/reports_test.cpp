@@ -146,11 +146,21 @@ fit_result made_up_result(const population_model& model) {
   r.likelihood.subjects = {
       integral(-7.0, 0.3, -0.1, 120.0, 0.02), integral(-8.0, -0.1, 0.2, 80.0, 0.03),
       integral(0.0, 0.0, 0.0, 10.0, 0.9), integral(-10.0, 0.2, -0.4, 100.0, 0.05)};
+  r.health = {{0.5, 0.01, 0.25, 0.0, 0.1, false, {10.25, 10.5}},
+              {0.3, 0.02, 0.75, 0.125, 0.2, true, {12.25, 12.5}},
+              {},
+              {0.4, 0.04, -INFINITY, 0.0, 0.1, false, {16.25, 16.5}}};
+  // Start 2 ends where start 0 does.
+  r.starts = {{0, true, {}, "made up", 50.0, 0.25, r.theta, r.omega, true},
+              {1, false, {}, "lost", NAN, NAN, r.theta, r.omega, false},
+              {2, true, {}, "made up", 50.0625, 0.25, r.theta, r.omega, false},
+              {3, false, {"omega(CL)"}, "small", 49.5, 0.5, r.theta, r.omega, false}};
   r.quadrature = {true, 5, 25, 50.5, {-7.125, -8.0625, 0.0, -10.0625}, {}};
   r.errors.shown = standard_error_kind::sandwich;
   r.errors.names = {"ka", "CL", "proportional", "omega(ka)", "omega(CL,ka)", "omega(CL)"};
   r.errors.theta = {0, 1, 5, -1, -1, -1};
   r.errors.omega = {{-1, -1}, {-1, -1}, {-1, -1}, {0, 0}, {1, 0}, {1, 1}};
+  r.errors.known = {1, 1, 1, 1, 0, 1};
   r.errors.by_information = made_up_errors(1.0);
   r.errors.by_score = made_up_errors(2.0);
   r.errors.by_sandwich = made_up_errors(3.0);
@@ -159,6 +169,8 @@ fit_result made_up_result(const population_model& model) {
   r.errors.sandwich = made_up_covariance(4.0);
   r.errors.correlation = Eigen::MatrixXd::Constant(6, 6, -0.125);
   r.errors.correlation.diagonal().setOnes();
+  r.errors.correlation.row(4).setConstant(NAN);
+  r.errors.correlation.col(4).setConstant(NAN);
   r.errors.eigenvalues = Eigen::VectorXd::LinSpaced(6, 0.375, 1.625);
   r.errors.condition_number = 13.0 / 3.0;
   r.errors.unidentified = "+0.71 ka -0.70 CL";

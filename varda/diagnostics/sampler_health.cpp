@@ -2,11 +2,13 @@
 #include "varda/diagnostics/sampler_health.h"
 
 #include <algorithm>
+#include <cmath>
 #include <vector>
 
 namespace varda {
 
-sampler_health sampler_health_of(const population_model& model, const likelihood_estimate& found) {
+sampler_health sampler_health_of(const population_model& model, const likelihood_estimate& found,
+                                 const std::vector<subject_health>& health) {
   sampler_health result;
   if (!found.complete) return result;
   std::vector<double> effective;
@@ -22,6 +24,15 @@ sampler_health sampler_health_of(const population_model& model, const likelihood
       result.largest_weight_subject = i;
     }
     effective.push_back(s.effective_samples);
+  }
+  for (std::size_t i = 0; i < health.size(); ++i) {
+    if (health[i].sick) result.sick.push_back(static_cast<int>(i));
+    if (!std::isfinite(health[i].shape) || model.observations(static_cast<int>(i)) == 0) continue;
+    if (!result.shaped || health[i].shape > result.largest_shape) {
+      result.largest_shape = health[i].shape;
+      result.largest_shape_subject = static_cast<int>(i);
+    }
+    result.shaped = true;
   }
   if (effective.empty()) return result;
   const auto middle = effective.begin() + static_cast<std::ptrdiff_t>(effective.size() / 2);

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <vector>
+
 #include "varda/inference/likelihood.h"
 #include "varda/model/population.h"
 
@@ -14,9 +16,15 @@ struct sampler_health {
   int least_effective_subject = 0;  // from 0
   double largest_weight = 0.0;      // share of the subject's total
   int largest_weight_subject = 0;
+  // From the points of the verdict, where there were any.
+  bool shaped = false;         // whether any subject's weights have a tail to speak of
+  double largest_shape = 0.0;  // k-hat
+  int largest_shape_subject = 0;
+  std::vector<int> sick;  // subjects (from 0) that are badly sampled
 };
 
-// All zero where the likelihood is not known.
-sampler_health sampler_health_of(const population_model& model, const likelihood_estimate& found);
+// All zero where the likelihood is not known. `health`: of every subject, or empty.
+sampler_health sampler_health_of(const population_model& model, const likelihood_estimate& found,
+                                 const std::vector<subject_health>& health);
 
 }  // namespace varda

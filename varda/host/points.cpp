@@ -79,8 +79,7 @@ void point_source::place(const point_pass& pass, int subject, int samples) const
   bd::count = net ? samples - 1 : 0;
   // Randomisations of one another would be the same without a shift.
   const bool shifted = shifted_ || (pass.why != point_pass::purpose::iteration &&
-                                    pass.why != point_pass::purpose::presampling &&
-                                    pass.why != point_pass::purpose::standard_errors);
+                                    pass.why != point_pass::purpose::presampling);
   const std::uint64_t address = address_of(seed_, pass, subject);
   for (int i = 1; i <= dimensions_; ++i) {
     const std::uint64_t digits =

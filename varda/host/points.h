@@ -15,11 +15,10 @@ struct point_pass {
     iteration,
     presampling,
     trial,
-    standard_errors,
-    replicate,
     screening,
     draw,
-    report
+    report,
+    start
   };
   purpose why = purpose::iteration;
   int index = 0;

@@ -2,7 +2,6 @@
 #include "varda/host/scores.h"
 
 #include "statsubs/stderr/checktight.h"
-#include "statsubs/stderr/scoretheta.h"
 #include "statsubs/stderr/stderromega.h"
 
 namespace varda {
@@ -15,12 +14,6 @@ Eigen::MatrixXi packed_positions(const population_model& model) {
     for (int j = 0; j <= i; ++j)
       if (model.omega_mask()(i, j) != 0.0) packed(i, j) = next++;
   return packed;
-}
-
-void add_score(engine_host& host, int subject, weighted_samples& drawn, Eigen::MatrixXd& sums) {
-  const auto thetas = static_cast<Eigen::Index>(host.model().thetas().size());
-  statsubs::scoretheta(subject + 1, static_cast<int>(drawn.weights.size()), drawn.etas.data(),
-                       drawn.weights.data(), sums.data(), static_cast<int>(sums.rows() - thetas));
 }
 
 bool is_at_bound(engine_host&) {

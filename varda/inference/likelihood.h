@@ -1,11 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <limits>
 #include <vector>
 
-#include "varda/inference/e_step.h"
+#include "varda/host/integration.h"
 
 namespace varda {
+
+// How one subject's points stood at a verdict, all randomisations together.
+struct subject_health {
+  double effective_share = 0.0;  // effective samples / samples
+  double largest_weight = 0.0;   // share of the total
+  // Of the weights' tail (k-hat); not finite where too few samples weigh.
+  double shape = std::numeric_limits<double>::quiet_NaN();
+  double failed = 0.0;  // share of the samples in the bulk that cannot be evaluated
+  double error = 0.0;   // of the subject's -2 log-likelihood
+  bool sick = false;
+  std::vector<double> replicates;  // the subject's -2 log-likelihood by each randomisation
+};
 
 // The exact -2 log-likelihood at the parameters in force, with the error of its own.
 struct likelihood_estimate {
@@ -17,10 +30,5 @@ struct likelihood_estimate {
   // the largest weight is the largest of all.
   std::vector<subject_integral> subjects;
 };
-
-// From replicates with fresh points and the proposals frozen. The points that the proposals were
-// tuned on would give a value that is too good by several of its errors.
-likelihood_estimate estimate_likelihood(engine_host& host, const proposals& frozen, int samples,
-                                        int replicates);
 
 }  // namespace varda

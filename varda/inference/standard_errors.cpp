@@ -13,71 +13,16 @@
 #include "statsubs/stderr/eigencor.h"
 #include "statsubs/stderr/geteigenvalues.h"
 #include "varda/host/scores.h"
-#include "varda/inference/e_step.h"
-#include "varda/inference/minimise.h"
-#include "varda/inference/sampled_likelihood.h"
+#include "varda/inference/estimation_scale.h"
 
 namespace varda {
 
 namespace {
 
+constexpr double not_known = std::numeric_limits<double>::quiet_NaN();
 constexpr double normal_quantile_975 = 1.959963984540054;
 constexpr double unidentified_condition = 1e6;
 constexpr double disagreement_factor = 1.5;
-
-// What one pass over the subjects gives: minus the log-likelihood at the stencil's points, and the
-// sum of outer products of the scores.
-struct subject_pass {
-  bool complete = false;
-  Eigen::VectorXd values;
-  Eigen::MatrixXd scores;  // all of theta, then omega; the library's scale and signs
-};
-
-subject_pass pass_over_subjects(engine_host& host, const proposals& frozen,
-                                const sampled_likelihood& likelihood, Eigen::Index points,
-                                int samples, const progress_listener& progress) {
-  const population_model& model = host.model();
-  const int scored =
-      static_cast<int>(model.thetas().size()) + packed_positions(model).maxCoeff() + 1;
-  Eigen::MatrixXd by_subject = Eigen::MatrixXd::Zero(points, model.subjects());
-  subject_pass result;
-  result.scores.setZero(scored, scored);
-  e_step found;
-  integrate_all(
-      host, frozen, {point_pass::purpose::standard_errors, 0}, samples, found,
-      [&](int i, weighted_samples& drawn) {
-        add_score(host, i, drawn, result.scores);
-        if ((i + 1) % host.peers().size() == host.peers().rank())
-          by_subject.col(i) = likelihood.changes(i, drawn.etas, drawn.weights);
-        progress({.stage = run_stage::standard_errors, .step = i + 1, .of = model.subjects()});
-      });
-  if (!found.complete) return result;
-  // Each subject stands on one process; the sums run over the subjects in their order.
-  host.peers().sum(by_subject.data(), static_cast<int>(by_subject.size()));
-  result.values = -by_subject.rowwise().sum();
-  result.complete = true;
-  return result;
-}
-
-// The library's score matrix on the estimation scale, fixed parameters left out.
-Eigen::MatrixXd on_estimation_scale(const population_model& model, const estimation_scale& scale,
-                                    const Eigen::MatrixXd& scores) {
-  const int thetas = static_cast<int>(model.thetas().size());
-  Eigen::MatrixXd to_scale = Eigen::MatrixXd::Zero(scale.size(), scores.rows());
-  const Eigen::MatrixXi packed = packed_positions(model);
-  for (int k = 0; k < scale.size(); ++k) {
-    const auto& e = scale.entries()[static_cast<std::size_t>(k)];
-    for (const auto& [row, column] : e.places) to_scale(k, thetas + packed(row, column)) = 1.0;
-    if (e.theta < 0) continue;
-    // Differences are of the objective, a negative log density; the other scores are analytic.
-    const theta_role role = model.thetas()[static_cast<std::size_t>(e.theta)].role;
-    const bool by_difference =
-        role == theta_role::residual_deviation ||
-        model.thetas()[static_cast<std::size_t>(e.theta)].moves_predictions();
-    to_scale(k, e.theta) = (by_difference ? -1.0 : 1.0) * scale.slope(k);
-  }
-  return to_scale * scores * to_scale.transpose();
-}
 
 std::optional<Eigen::MatrixXd> inverse_of(const Eigen::MatrixXd& information) {
   if (!information.allFinite()) return std::nullopt;
@@ -127,37 +72,6 @@ std::vector<estimate_error> errors_of(const population_model& model, const estim
   return errors;
 }
 
-// Steps of the differences, a tenth of the standard errors that complete data would give. Since the
-// sampling error is common to all points, the differences have none: smaller steps do no harm.
-Eigen::VectorXd difference_steps(const engine_host& host, const estimation_scale& scale) {
-  constexpr double share = 0.1;
-  constexpr double flat_step = 0.002;  // of a parameter without a random effect, relative
-  const population_model& model = host.model();
-  const double subjects = model.subjects();
-  Eigen::VectorXd steps(scale.size());
-  for (int k = 0; k < scale.size(); ++k) {
-    const auto& e = scale.entries()[static_cast<std::size_t>(k)];
-    if (e.theta < 0) {
-      steps(k) = share * std::sqrt(host.omega()(e.row, e.row) * host.omega()(e.column, e.column) /
-                                   subjects);
-      continue;
-    }
-    if (model.thetas()[static_cast<std::size_t>(e.theta)].role == theta_role::residual_deviation)
-      steps(k) = share / std::sqrt(2.0 * model.data().observations());
-    else
-      steps(k) = flat_step * (e.logarithm ? 1.0 : std::max(std::fabs(scale.estimates()(k)), 1.0));
-    for (std::size_t c = 0; c < model.columns().size(); ++c) {
-      if (model.columns()[c].theta != e.theta) continue;
-      double squares = 0.0;
-      for (int i = 0; i < model.subjects(); ++i)
-        squares += std::pow(model.design(i, static_cast<int>(c)), 2);
-      const int eta = model.columns()[c].eta;
-      steps(k) = share * std::sqrt(host.omega()(eta, eta) / squares);
-    }
-  }
-  return steps;
-}
-
 // The quantities that make up a direction, with their shares.
 std::string in_words(const Eigen::VectorXd& direction, const std::vector<std::string>& names) {
   constexpr double noticeable = 0.3;
@@ -169,29 +83,12 @@ std::string in_words(const Eigen::VectorXd& direction, const std::vector<std::st
   return words;
 }
 
-// The direction that a matrix, scaled to a unit diagonal, has least of (or most, for `largest`).
-Eigen::VectorXd extreme_direction(const Eigen::MatrixXd& matrix, bool largest) {
+// The direction that a covariance, scaled to a unit diagonal, has most of.
+Eigen::VectorXd largest_direction(const Eigen::MatrixXd& matrix) {
   const Eigen::VectorXd scale = matrix.diagonal().cwiseAbs().cwiseSqrt().cwiseInverse();
   const Eigen::MatrixXd scaled = scale.asDiagonal() * matrix * scale.asDiagonal();
   const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(scaled);
-  return solver.eigenvectors().col(largest ? matrix.rows() - 1 : 0);
-}
-
-covariance_estimate invert_information(const Eigen::MatrixXd& information,
-                                       standard_errors& result) {
-  if (const auto covariance = inverse_of(information)) return {true, "", *covariance};
-  if (!information.allFinite())
-    return {false,
-            "the likelihood cannot be differenced at the estimates: omega is close to singular",
-            {}};
-  std::string reason =
-      "the observed information is not positive definite: the estimates are not at a maximum, or "
-      "the data do not identify every parameter";
-  if ((information.diagonal().array() != 0.0).all()) {
-    result.unidentified = in_words(extreme_direction(information, false), result.names);
-    reason += " (least known: " + result.unidentified + ")";
-  }
-  return {false, reason, {}};
+  return solver.eigenvectors().col(matrix.rows() - 1);
 }
 
 covariance_estimate invert_scores(const population_model& model, const Eigen::MatrixXd& scores) {
@@ -224,24 +121,36 @@ void keep_omega_errors(const population_model& model, const estimation_scale& sc
 }
 
 void describe_correlation(standard_errors& result) {
-  const Eigen::MatrixXd& covariance = result.chosen_covariance().covariance;
+  const Eigen::MatrixXd& whole = result.chosen_covariance().covariance;
+  std::vector<Eigen::Index> own;
+  std::vector<std::string> names;
+  for (std::size_t k = 0; k < result.known.size(); ++k) {
+    if (result.known[k] == 0) continue;
+    own.push_back(static_cast<Eigen::Index>(k));
+    names.push_back(result.names[k]);
+  }
+  result.correlation = Eigen::MatrixXd::Constant(whole.rows(), whole.cols(), not_known);
+  if (own.empty()) return;
+  const Eigen::MatrixXd covariance = whole(own, own);
   const int n = static_cast<int>(covariance.rows());
   const Eigen::VectorXd inverse_deviation = covariance.diagonal().cwiseSqrt().cwiseInverse();
-  result.correlation = inverse_deviation.asDiagonal() * covariance * inverse_deviation.asDiagonal();
+  Eigen::MatrixXd destroyed =
+      inverse_deviation.asDiagonal() * covariance * inverse_deviation.asDiagonal();
+  result.correlation(own, own) = destroyed;
   statsubs::eigencor(covariance.data(), n, n, result.condition_number);
-  Eigen::MatrixXd destroyed = result.correlation;
   Eigen::VectorXd work(66 * n);
   result.eigenvalues.resize(n);
   int info = 0;
   statsubs::geteigenvalues(n, destroyed.data(), result.eigenvalues.data(), work.data(), 66 * n,
                            info);
   if (result.condition_number > 0.0 && result.condition_number < unidentified_condition) return;
-  result.unidentified = in_words(extreme_direction(covariance, true), result.names);
+  result.unidentified = in_words(largest_direction(covariance), names);
 }
 
 void compare_kinds(standard_errors& result) {
   std::string apart;
   for (std::size_t k = 0; k < result.names.size(); ++k) {
+    if (result.known[k] == 0) continue;
     double least = std::numeric_limits<double>::infinity();
     double most = 0.0;
     for (const auto* errors : {&result.by_information, &result.by_score, &result.by_sandwich})
@@ -264,15 +173,37 @@ void compare_kinds(standard_errors& result) {
 
 }  // namespace
 
+namespace {
+
+// Where a value stands in a list, or -1.
+template <class Value>
+int place_in(const std::vector<Value>& list, const Value& value) {
+  const auto at = std::find(list.begin(), list.end(), value);
+  return at == list.end() ? -1 : static_cast<int>(at - list.begin());
+}
+
+std::pair<int, int> in_lower_triangle(int row, int column) {
+  return {std::max(row, column), std::min(row, column)};
+}
+
+}  // namespace
+
 int standard_errors::place_of_theta(int position) const {
-  const auto at = std::find(theta.begin(), theta.end(), position);
-  return at == theta.end() ? -1 : static_cast<int>(at - theta.begin());
+  return without_error_theta(position) ? -1 : place_in(theta, position);
 }
 
 int standard_errors::place_of_omega(int row, int column) const {
-  const std::pair lower(std::max(row, column), std::min(row, column));
-  const auto at = std::find(omega.begin(), omega.end(), lower);
-  return at == omega.end() ? -1 : static_cast<int>(at - omega.begin());
+  return without_error_omega(row, column) ? -1 : place_in(omega, in_lower_triangle(row, column));
+}
+
+bool standard_errors::without_error_theta(int position) const {
+  const int k = place_in(theta, position);
+  return k >= 0 && !known.empty() && known[static_cast<std::size_t>(k)] == 0;
+}
+
+bool standard_errors::without_error_omega(int row, int column) const {
+  const int k = place_in(omega, in_lower_triangle(row, column));
+  return k >= 0 && !known.empty() && known[static_cast<std::size_t>(k)] == 0;
 }
 
 const covariance_estimate& standard_errors::chosen_covariance() const {
@@ -311,6 +242,7 @@ standard_errors nothing_yet(engine_host& host, const estimation_scale& scale) {
     result.names.push_back(e.name);
     result.theta.push_back(e.theta);
     result.omega.emplace_back(e.row, e.column);
+    result.known.push_back(1);
   }
   if (scale.size() == 0)
     result.reason = "every parameter is fixed";
@@ -319,12 +251,17 @@ standard_errors nothing_yet(engine_host& host, const estimation_scale& scale) {
   return result;
 }
 
+// From the inverse of the information in `result`, and the scores.
 void conclude(const population_model& model, const estimation_scale& scale,
-              const Eigen::MatrixXd& information, const Eigen::MatrixXd& scores,
-              standard_errors& result) {
-  result.information = invert_information(information, result);
+              const Eigen::MatrixXd& scores, standard_errors& result) {
   result.score = invert_scores(model, scores);
   result.sandwich = sandwich_of(result.information, scores);
+  for (covariance_estimate* kind : {&result.information, &result.score, &result.sandwich})
+    for (std::size_t k = 0; k < result.known.size() && kind->known; ++k)
+      if (result.known[k] == 0) {
+        kind->covariance.row(static_cast<Eigen::Index>(k)).setConstant(not_known);
+        kind->covariance.col(static_cast<Eigen::Index>(k)).setConstant(not_known);
+      }
   result.by_information = errors_of(model, scale, result.information);
   result.by_score = errors_of(model, scale, result.score);
   result.by_sandwich = errors_of(model, scale, result.sandwich);
@@ -339,31 +276,13 @@ void conclude(const population_model& model, const estimation_scale& scale,
 
 }  // namespace
 
-standard_errors errors_from(engine_host& host, const Eigen::MatrixXd& information,
-                            const Eigen::MatrixXd& scores) {
+standard_errors errors_from(engine_host& host, const sampled_errors& found) {
   const estimation_scale scale(host.model(), host.theta(), host.omega());
   standard_errors result = nothing_yet(host, scale);
-  if (result.reason.empty()) conclude(host.model(), scale, information, scores, result);
-  return result;
-}
-
-standard_errors estimate_standard_errors(engine_host& host, const proposals& frozen,
-                                         const progress_listener& progress) {
-  const population_model& model = host.model();
-  const estimation_scale scale(model, host.theta(), host.omega());
-  standard_errors result = nothing_yet(host, scale);
   if (!result.reason.empty()) return result;
-  const difference_stencil stencil(scale.estimates(), difference_steps(host, scale));
-  const sampled_likelihood likelihood(host, scale, stencil.points());
-  const subject_pass pass =
-      pass_over_subjects(host, frozen, likelihood, stencil.points().cols(),
-                         model.specification().estimation.se_samples, progress);
-  if (!pass.complete) {
-    result.reason = stop_reason;
-    return result;
-  }
-  conclude(model, scale, stencil.hessian(pass.values),
-           on_estimation_scale(model, scale, pass.scores), result);
+  result.information = found.information;
+  result.known = found.known;
+  conclude(host.model(), scale, found.scores, result);
   return result;
 }
 

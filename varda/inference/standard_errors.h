@@ -6,8 +6,8 @@
 #include <utility>
 #include <vector>
 
-#include "varda/inference/proposals.h"
-#include "varda/support/progress.h"
+#include "varda/host/engine_host.h"
+#include "varda/support/finding.h"
 
 namespace varda {
 
@@ -39,9 +39,17 @@ struct standard_errors {
   std::vector<int> theta;          // position in theta, or -1 for an element of omega
   std::vector<std::pair<int, int>> omega;  // its row and column, or (-1, -1)
 
-  // Position of a fixed effect or of an element of omega among the estimated quantities, or -1.
+  // Whether a quantity has an error: the data may say nothing of one, while all others have theirs.
+  // Its rows and columns of covariances and correlations are NaN.
+  std::vector<char> known;
+
+  // Position of a fixed effect or of an element of omega among the estimated quantities, or -1
+  // where it has no error.
   int place_of_theta(int position) const;
   int place_of_omega(int row, int column) const;
+  // Whether it is estimated, and the data say nothing of it.
+  bool without_error_theta(int position) const;
+  bool without_error_omega(int row, int column) const;
 
   covariance_estimate information;  // inverse of the observed information
   covariance_estimate score;        // inverse of the sum of outer products of the scores
@@ -52,7 +60,7 @@ struct standard_errors {
   const std::vector<estimate_error>& chosen() const;
   const covariance_estimate& chosen_covariance() const;
 
-  // Of the correlation matrix of the shown estimates.
+  // Of the correlation matrix of the shown estimates, those that have errors.
   Eigen::MatrixXd correlation;
   Eigen::VectorXd eigenvalues;  // ascending
   double condition_number = 0.0;
@@ -62,16 +70,15 @@ struct standard_errors {
   findings warnings;
 };
 
-// Standard errors from the observed information and the sum of outer products of the subjects'
-// scores, both on the estimation scale at the parameters in force.
-standard_errors errors_from(engine_host& host, const Eigen::MatrixXd& information,
-                            const Eigen::MatrixXd& scores);
+// What weighted samples say of the errors of the estimates, on the estimation scale.
+struct sampled_errors {
+  // Inverse of the observed information, of the quantities that it knows anything of.
+  covariance_estimate information;
+  std::vector<char> known;  // by quantity
+  Eigen::MatrixXd scores;   // sum of outer products of the subjects' scores
+};
 
-// Standard errors at the parameters in force, with the proposals frozen. The observed information
-// comes from central differences of the exact log-likelihood with the individual parameters
-// C beta + eta common to all evaluations: with eta common instead, the differences of two sampling
-// errors swamp it. Collective.
-standard_errors estimate_standard_errors(engine_host& host, const proposals& frozen,
-                                         const progress_listener& progress);
+// Standard errors of all three kinds at the parameters in force.
+standard_errors errors_from(engine_host& host, const sampled_errors& found);
 
 }  // namespace varda

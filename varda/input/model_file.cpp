@@ -78,7 +78,6 @@ model_specification read_model_file(const std::string& path, findings& warnings,
   if (is_mixture(settings.proposal)) {
     raise_samples("samples", settings.samples, path, warnings);
     raise_samples("likelihood_samples", settings.likelihood_samples, path, warnings);
-    raise_samples("se_samples", settings.se_samples, path, warnings);
   }
   return file;
 }

@@ -46,7 +46,7 @@ struct method_conclusion {
   std::string reason;
   std::vector<std::string> singular;    // what makes omega singular
   std::vector<std::string> indistinct;  // variances that cannot be told from 0
-  std::vector<int> held_by_bounds;    // positions in theta
+  std::vector<int> held_by_bounds;      // positions in theta
 };
 
 // An estimation method: takes steps on a state until it has ended.

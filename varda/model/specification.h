@@ -166,13 +166,13 @@ struct estimation_settings {
   bool freeze_omega = false;  // during burn-in
   bool run_all = false;       // do all iterations, converged or not
   double tolerance = 5e-4;    // movement that still lies ahead, see docs/model-file.md
+  int starts = 1;             // fits from so many start values
   int replicates = 8;         // randomisations behind the reported likelihood
   start_kind start = start_kind::map;
   int presamples = 300;  // points a subject for a start by presampling
   int map_np = 0;        // MAP-NP start-up iterations
   int map_assist = 0;    // proposals from mode and curvature again in every k-th iteration
   standard_error_kind standard_errors = standard_error_kind::information;
-  int se_samples = 3000;       // points a subject for standard errors
   int npde_samples = 1000;     // simulations behind the NPDE; 0 leaves them out
   int likelihood_samples = 0;  // points a subject for it; 0: varda chooses
   likelihood_kind likelihood = likelihood_kind::sampling;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <nlohmann/json.hpp>
 
+#include "varda/diagnostics/natural_scale.h"
 #include "varda/model/settings_table.h"
 #include "varda/model/words.h"
 #include "varda/report/check_report.h"
@@ -160,9 +161,36 @@ ordered_json subjects(const population_model& model, const fit_result& result) {
     entry["eta_cov"] = to_json(s.covariance);
     entry["ess"] = s.effective_samples;
     entry["largest_weight"] = s.largest_weight;
+    if (!result.health.empty()) {
+      const subject_health& h = result.health[at];
+      entry["pareto_k"] = h.shape;  // null where it is not finite
+      entry["failed"] = h.failed;
+      entry["badly_sampled"] = h.sick;
+      entry["minus2ll_replicates"] = h.replicates;
+    }
     if (result.quadrature.complete)
       entry["agq_minus2ll_without_constant"] = result.objective.subjects_by_quadrature[at];
     list.push_back(entry);
+  }
+  return list;
+}
+
+ordered_json starts(const population_model& model, const fit_result& result) {
+  ordered_json list = ordered_json::array();
+  for (const start_record& s : result.starts) {
+    const Eigen::VectorXd natural = natural_theta(model, s.theta);
+    ordered_json estimates;
+    for (std::size_t k = 0; k < model.thetas().size(); ++k)
+      estimates[model.thetas()[k].name] = natural(static_cast<Eigen::Index>(k));
+    list.push_back({{"start", s.number},
+                    {"minus2ll", s.minus2ll},
+                    {"minus2ll_mc_se", s.mc_se},
+                    {"converged", s.converged},
+                    {"singular", s.singular},
+                    {"reason", s.reason},
+                    {"estimates", estimates},
+                    {"omega", to_json(s.omega)},
+                    {"kept", s.kept}});
   }
   return list;
 }
@@ -257,6 +285,7 @@ std::string json_report(const population_model& model, const fit_result& result)
   report["converged"] = result.converged;
   report["reason"] = result.reason;
   report["singular"] = result.singular;
+  report["unidentified"] = result.unidentified;
   report["iterations"] = result.iterations.size();
   // A run that was stopped before its likelihood was known says null.
   const bool known = result.likelihood.complete;
@@ -275,6 +304,7 @@ std::string json_report(const population_model& model, const fit_result& result)
   if (result.what == task::fit) report["standard_errors"] = standard_errors_report(result);
   report["kept_proposals"] = result.kept_factors;
   report["subjects"] = known ? subjects(model, result) : ordered_json::array();
+  if (!result.starts.empty()) report["starts"] = starts(model, result);
   report["warnings"] = to_json(result.warnings);
   report["settings"] = settings(model);
   report["versions"] = {{"varda", version}, {"compiler", compiler}};

@@ -26,8 +26,6 @@ const char* title_of(run_stage stage) {
       return "pilot pass";
     case run_stage::quadrature:
       return "quadrature, subject";
-    case run_stage::standard_errors:
-      return "standard errors, subject";
     case run_stage::npde:
       return "NPDE, subject";
   }

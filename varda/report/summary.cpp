@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
+#include <algorithm>
 #include <cmath>
 #include <iterator>
 
@@ -63,7 +65,8 @@ std::string remark(const fit_result& result, const fixed_effect& t, std::size_t 
 // Width of the columns that standard errors take.
 constexpr const char* error_header = "          SE   RSE %         95 % interval";
 
-std::string error_columns(const std::vector<estimate_error>& errors, int k) {
+std::string error_columns(const std::vector<estimate_error>& errors, int k, bool without) {
+  if (without && !errors.empty()) return "           -   the data say nothing of it";
   if (k < 0 || errors.empty()) return "";
   const estimate_error& e = errors[static_cast<std::size_t>(k)];
   return fmt::format("{:>12.4g} {:>7.1f} {:>10.4g} to {:<10.4g}", e.se, e.rse_percent, e.ci_lower,
@@ -90,7 +93,8 @@ void write_theta(sink out, const population_model& model, const fit_result& resu
   const auto k = static_cast<std::size_t>(theta);
   const fixed_effect& t = model.thetas()[k];
   write_row(out, t.name, result.natural_theta(theta),
-            error_columns(result.errors.chosen(), result.errors.place_of_theta(theta)),
+            error_columns(result.errors.chosen(), result.errors.place_of_theta(theta),
+                          result.errors.without_error_theta(theta)),
             remark(result, t, k));
 }
 
@@ -110,7 +114,8 @@ void write_omega(sink out, const population_model& model, const fit_result& resu
   fmt::format_to(out, "\n");
   write_header(out, "Random effect", "variance", result, "  CV %   shrinkage %");
   const auto errors = [&](int i, int j) {
-    return error_columns(result.errors.chosen(), result.errors.place_of_omega(i, j));
+    return error_columns(result.errors.chosen(), result.errors.place_of_omega(i, j),
+                         result.errors.without_error_omega(i, j));
   };
   const auto name_of = [&](const omega_element& e, int eta) {
     return model.parameter_behind(eta) +
@@ -163,9 +168,11 @@ void write_errors(sink out, const fit_result& result) {
   fmt::format_to(out, "\nStandard errors from {}; correlation of the estimates:\n",
                  source_of(errors.shown));
   for (Eigen::Index i = 0; i < errors.correlation.rows(); ++i) {
+    if (!std::isfinite(errors.correlation(i, i))) continue;
     fmt::format_to(out, "  {:<14}", errors.names[static_cast<std::size_t>(i)]);
     for (Eigen::Index j = 0; j <= i; ++j)
-      fmt::format_to(out, " {:>6.3f}", errors.correlation(i, j));
+      if (std::isfinite(errors.correlation(j, j)))
+        fmt::format_to(out, " {:>6.3f}", errors.correlation(i, j));
     fmt::format_to(out, "\n");
   }
   fmt::format_to(out, "  eigenvalues   ");
@@ -181,16 +188,64 @@ void write_quality(sink out, const population_model& model, const fit_result& re
   if (!result.likelihood.complete) return;
   const sampler_health& sampler = result.sampler;
   const auto id = [&](int i) { return model.data().subjects[static_cast<std::size_t>(i)].id; };
+  const auto ids = [&](const std::vector<int>& subjects) {
+    std::vector<std::string> list;
+    for (const int i : subjects) list.push_back(id(i));
+    return fmt::format("{}", fmt::join(list, ", "));
+  };
   fmt::format_to(out,
                  "\nSampling: of {} points a subject {:.0f} are effective (median), {:.0f} at the "
                  "least (subject {});\nthe largest weight is {:.2f} % of the total (subject {})",
                  result.likelihood_samples, sampler.median_effective, sampler.least_effective,
                  id(sampler.least_effective_subject), 100.0 * sampler.largest_weight,
                  id(sampler.largest_weight_subject));
+  if (sampler.shaped)
+    fmt::format_to(out, ";\nthe largest k-hat is {:.2f} (subject {})", sampler.largest_shape,
+                   id(sampler.largest_shape_subject));
   if (result.kept_factors > 0)
     fmt::format_to(out, "; {} times a proposal could not follow its subject", result.kept_factors);
+  if (!result.health.empty())
+    fmt::format_to(out, ".\nBadly sampled: {}",
+                   sampler.sick.empty() ? "no subject" : ids(sampler.sick));
   fmt::format_to(out, ".\nCondition number of omega (as a correlation matrix): {:.4g}\n",
                  result.omega_condition);
+}
+
+// The maxima that the fits from several start values found, each with the fits that ended there.
+void write_starts(sink out, const fit_result& result) {
+  if (result.starts.empty()) return;
+  constexpr double same = 0.1;  // in -2 log-likelihood
+  std::vector<const start_record*> ordered;
+  for (const start_record& s : result.starts) ordered.push_back(&s);
+  std::stable_sort(ordered.begin(), ordered.end(), [](const auto* a, const auto* b) {
+    return a->minus2ll < b->minus2ll || (std::isfinite(a->minus2ll) && !std::isfinite(b->minus2ll));
+  });
+  const auto verdict = [](const start_record& s) {
+    return s.converged ? "converged" : !s.singular.empty() ? "singular" : "not converged";
+  };
+  fmt::format_to(out, "\nMaxima from {} starts\n  {:>17}  {:<14} {:>6}   from start\n",
+                 result.starts.size(), "-2 log-likelihood", "verdict", "fits");
+  for (std::size_t k = 0; k < ordered.size();) {
+    const start_record& first = *ordered[k];
+    std::vector<int> numbers;
+    bool kept = false;
+    std::size_t next = k;
+    for (; next < ordered.size(); ++next) {
+      const start_record& s = *ordered[next];
+      const bool alike = std::isfinite(first.minus2ll) ? s.minus2ll - first.minus2ll <= same
+                                                       : !std::isfinite(s.minus2ll);
+      if (!alike || std::string(verdict(s)) != verdict(first)) break;
+      numbers.push_back(s.number);
+      kept = kept || s.kept;
+    }
+    std::sort(numbers.begin(), numbers.end());
+    const std::string value =
+        std::isfinite(first.minus2ll) ? fmt::format("{:.4f}", first.minus2ll) : "not computed";
+    fmt::format_to(out, "  {:>17}  {:<14} {:>6}   {}{}\n", value, verdict(first), numbers.size(),
+                   fmt::join(numbers, ", "), kept ? " (kept)" : "");
+    k = next;
+  }
+  fmt::format_to(out, "  Start 0 has the stated values.\n");
 }
 
 void write_times(sink out, const timings& t) {
@@ -220,6 +275,7 @@ std::string summary(const population_model& model, const fit_result& result) {
   write_residual(out, model, result);
   write_errors(out, result);
   write_quality(out, model, result);
+  write_starts(out, result);
   for (const finding& w : result.warnings) fmt::format_to(out, "\n{}\n", to_text(w));
   write_times(out, result.times);
   return text;

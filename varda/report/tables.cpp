@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <fmt/format.h>
 
+#include <cmath>
+
 #include "varda/report/reports.h"
 
 namespace varda {
@@ -54,7 +56,8 @@ std::string iterations_csv(const population_model& model, const fit_result& resu
 
 std::string subjects_csv(const population_model& model, const fit_result& result) {
   const int effects = model.random_effects();
-  std::string table = "id,observations,minus2ll_without_constant,ess,largest_weight";
+  std::string table =
+      "id,observations,minus2ll_without_constant,ess,largest_weight,pareto_k,failed,badly_sampled";
   for (const random_effect& e : model.effects()) table += "," + csv_field("eta(" + e.name + ")");
   for (std::size_t i = 0; i < model.effects().size(); ++i)
     for (std::size_t j = 0; j <= i; ++j)
@@ -69,6 +72,13 @@ std::string subjects_csv(const population_model& model, const fit_result& result
     table += fmt::format("{},{},{},{},{}", csv_field(model.data().subjects[at].id),
                          model.observations(i), result.objective.subjects[at], s.effective_samples,
                          s.largest_weight);
+    if (result.health.empty()) {
+      table += ",,,";
+    } else {
+      const subject_health& h = result.health[at];
+      table += std::isfinite(h.shape) ? fmt::format(",{}", h.shape) : ",";
+      table += fmt::format(",{},{}", h.failed, h.sick ? 1 : 0);
+    }
     for (int e = 0; e < effects; ++e) table += fmt::format(",{}", s.mean(e));
     for (int r = 0; r < effects; ++r)
       for (int c = 0; c <= r; ++c) table += fmt::format(",{}", s.covariance(r, c));

@@ -15,7 +15,7 @@ void diagnose(const population_model& model, const job& peers, const progress_li
   result.natural_covariance = natural_covariance(result.errors);
   result.objective = objective_figures_of(model, result.likelihood, result.quadrature);
   result.effects = random_effect_figures_of(model, result.omega, result.likelihood);
-  result.sampler = sampler_health_of(model, result.likelihood);
+  result.sampler = sampler_health_of(model, result.likelihood, result.health);
   if (!result.likelihood.complete) return;
   for (int i = 0; i < model.subjects(); ++i)
     result.predictions.push_back(predictions_of(

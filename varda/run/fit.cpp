@@ -4,11 +4,12 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <bit>
 #include <chrono>
 #include <cmath>
+#include <limits>
 
 #include "varda/diagnostics/random_effects.h"
+#include "varda/inference/dispersed_start.h"
 #include "varda/inference/e_step.h"
 #include "varda/method/em/em.h"
 #include "varda/method/em/map_np_steps.h"
@@ -32,15 +33,6 @@ class stopwatch {
  private:
   std::chrono::steady_clock::time_point last_ = std::chrono::steady_clock::now();
 };
-
-// Points a subject for the reported likelihood. A power of two of Sobol points integrates about as
-// well as half as many again.
-int likelihood_samples(const estimation_settings& settings, task what) {
-  if (settings.likelihood_samples > 0) return settings.likelihood_samples;
-  if (what == task::evaluate) return settings.samples;
-  return std::max(static_cast<int>(std::bit_floor(static_cast<unsigned>(settings.samples))),
-                  least_samples);
-}
 
 // First proposals at the parameters in force. False when a stop was asked for.
 bool propose(engine_host& host, proposals& to) {
@@ -90,21 +82,6 @@ void note_stop(fit_result& result) {
   result.reason = stop_reason;
 }
 
-// The likelihood at the parameters in force from proposals that rest, and the quadrature beside it.
-void conclude(engine_host& host, const proposals& frozen, const progress_listener& progress,
-              fit_result& result) {
-  stopwatch watch;
-  take_estimates(host, result);
-  result.kept_factors = frozen.kept_factors();
-  result.likelihood_samples =
-      likelihood_samples(host.model().specification().estimation, result.what);
-  result.likelihood = estimate_likelihood(host, frozen, result.likelihood_samples,
-                                          host.model().specification().estimation.replicates);
-  if (!result.likelihood.complete) note_stop(result);
-  result.times.likelihood = watch.lap();
-  integrate_besides(host, progress, result);
-}
-
 void finish(const engine_host& host, const progress_listener& progress, fit_result& result) {
   stopwatch watch;
   result.evaluations = host.evaluations();
@@ -151,25 +128,17 @@ void take_conclusion(const estimation_method& method, const run_state& state, bo
                    "out"});
 }
 
-bool wants_errors(const fit_result& result, const estimation_settings& settings) {
-  return settings.standard_errors != standard_error_kind::none && result.likelihood.complete;
-}
-
-void keep_errors(standard_errors&& errors, fit_result& result) {
-  result.errors = std::move(errors);
-  result.warnings.insert(result.warnings.end(), result.errors.warnings.begin(),
-                         result.errors.warnings.end());
-}
-
 // Randomisations of the report take so many points a subject at first and at most, until the error
 // of -2 log-likelihood is as small as this for up to so many subjects, and in proportion to the
 // square root of their number beyond.
-constexpr int first_report_samples = 512;
+constexpr int first_report_samples = 512;  // for up to four random effects
 constexpr int most_report_samples = 4096;
 constexpr double error_goal = 0.1;
 constexpr double subjects_of_goal = 200.0;
 // The report's points, none of which a fit has used, must not promise more than this.
 constexpr double most_gain_at_report = 0.05;
+// What is ahead of estimates that lie a standard error from the maximum.
+constexpr double most_gain_for_errors = 1.0;
 
 double likelihood_goal(const population_model& model) {
   return error_goal * std::sqrt(std::max(1.0, model.subjects() / subjects_of_goal));
@@ -180,17 +149,19 @@ newton_report report_likelihood(engine_host& host, const newton_method& method, 
                                 fit_result& result) {
   const estimation_settings& settings = host.model().specification().estimation;
   const bool automatic = settings.likelihood_samples == 0;
-  int samples = automatic ? first_report_samples : settings.likelihood_samples;
+  const int factor = points_factor(host.model().random_effects());
+  int samples = automatic ? factor * first_report_samples : settings.likelihood_samples;
   if (automatic && result.what == task::evaluate) samples = std::max(samples, settings.samples);
   const double goal = likelihood_goal(host.model());
   newton_report report = report_at(host, method, state, settings.replicates, samples);
   while (automatic && report.likelihood.complete && report.likelihood.mc_se > goal &&
-         2 * samples <= most_report_samples) {
+         2 * samples <= factor * most_report_samples) {
     samples *= 2;
     report = report_at(host, method, state, settings.replicates, samples);
   }
   result.likelihood = report.likelihood;
   result.likelihood_samples = samples;
+  result.health = report.health;
   if (report.likelihood.complete && report.likelihood.mc_se > goal)
     result.warnings.push_back(
         {.level = severity::warning,
@@ -209,12 +180,75 @@ std::vector<std::string> ids_of(const population_model& model, const std::vector
   return ids;
 }
 
-// No verdict stands on subjects that are badly sampled.
-void judge_health(const population_model& model, const newton_report& report, fit_result& result) {
-  if (!result.converged || report.sick.empty()) return;
+// Subjects that a figure of their health speaks of.
+template <class Test>
+std::vector<int> subjects_with(const newton_report& report, Test test) {
+  std::vector<int> result;
+  for (std::size_t i = 0; i < report.health.size(); ++i)
+    if (test(report.health[i])) result.push_back(static_cast<int>(i));
+  return result;
+}
+
+std::vector<int> sick_subjects(const newton_report& report) {
+  return subjects_with(report, [](const subject_health& h) { return h.sick; });
+}
+
+// The one that fails most, in words; empty where none fails too often.
+std::string too_many_failures(const population_model& model, const newton_report& report) {
+  const auto worst = std::max_element(
+      report.health.begin(), report.health.end(),
+      [](const subject_health& a, const subject_health& b) { return a.failed < b.failed; });
+  if (worst == report.health.end() || worst->failed <= most_failures) return "";
+  return fmt::format(
+      "the model cannot be evaluated at {:.0f} % of the samples that matter of subject {}",
+      100.0 * worst->failed,
+      model.data().subjects[static_cast<std::size_t>(worst - report.health.begin())].id);
+}
+
+void warn_of_failures(const population_model& model, const newton_report& report,
+                      fit_result& result) {
+  constexpr double mentioned = 0.001;
+  const std::vector<int> failing =
+      subjects_with(report, [](const subject_health& h) { return h.failed > mentioned; });
+  if (failing.empty()) return;
+  std::vector<std::string> list;
+  for (const int i : failing)
+    list.push_back(fmt::format("{} ({:.1f} %)",
+                               model.data().subjects[static_cast<std::size_t>(i)].id,
+                               100.0 * report.health[static_cast<std::size_t>(i)].failed));
+  result.warnings.push_back(
+      {.level = severity::warning,
+       .code = "W-RUN-FAILED",
+       .message = fmt::format("the model cannot be evaluated at samples in the bulk of the "
+                              "conditional distribution of {} {}; they count as impossible",
+                              list.size() == 1 ? "subject" : "subjects", fmt::join(list, ", ")),
+       .remedy = "look for a logarithm, a root or a division that fails there, or for a solver "
+                 "that gives up"});
+}
+
+void refuse(const std::string& why, fit_result& result) {
   result.converged = false;
-  result.reason = fmt::format("poorly sampled: {}; {}", fmt::join(ids_of(model, report.sick), ", "),
-                              result.reason);
+  result.reason = why + "; " + result.reason;
+}
+
+// No verdict stands on subjects that are badly sampled or cannot be evaluated.
+void judge_health(const population_model& model, const newton_report& report, fit_result& result) {
+  if (!result.converged) return;
+  const std::vector<int> sick = sick_subjects(report);
+  const std::string failures = too_many_failures(model, report);
+  if (!sick.empty())
+    refuse(fmt::format("poorly sampled: {}", fmt::join(ids_of(model, sick), ", ")), result);
+  if (!failures.empty()) refuse(failures, result);
+}
+
+// Nor on parameters that could be anything.
+void judge_identification(const newton_report& report, fit_result& result) {
+  result.unidentified = report.unidentified;
+  for (const std::string& names : report.unidentified)
+    refuse(names.find(',') == std::string::npos
+               ? fmt::format("the data say nothing of {}", names)
+               : fmt::format("the data do not tell {} apart", names),
+           result);
 }
 
 void judge_gain(const newton_report& report, fit_result& result) {
@@ -225,35 +259,92 @@ void judge_gain(const newton_report& report, fit_result& result) {
       report.gain - report.noise, result.reason);
 }
 
-// The verdict of another method is held to the same test.
-void judge_by_fresh_points(engine_host& host, fit_result& result) {
-  const newton_method method(host);
-  run_state state;
-  method.begin(state);
-  if (!method.settle(state)) return note_stop(result);
-  const newton_report report =
-      report_at(host, method, state, host.model().specification().estimation.replicates,
-                first_report_samples);
-  if (!report.likelihood.complete) return;
-  judge_health(host.model(), report, result);
-  judge_gain(report, result);
+void take_errors(engine_host& host, const newton_report& report, fit_result& result) {
+  const standard_error_kind wanted = host.model().specification().estimation.standard_errors;
+  if (wanted == standard_error_kind::none || !result.likelihood.complete) return;
+  result.errors.shown = wanted;
+  if (!result.singular.empty()) {
+    result.errors.reason = "omega is singular";
+    return;
+  }
+  if (report.gain - report.noise > most_gain_for_errors) {
+    result.errors.reason = "the estimates are not at a maximum";
+    return;
+  }
+  result.errors = errors_from(host, report.errors);
+  result.warnings.insert(result.warnings.end(), result.errors.warnings.begin(),
+                         result.errors.warnings.end());
+}
+
+// Absorption slower than elimination: the maximum may be one of two that exchange their names.
+void warn_of_flip_flop(const population_model& model, fit_result& result) {
+  const auto estimate = [&](const char* name) {
+    const std::vector<parameter>& list = model.specification().parameters;
+    const auto at =
+        std::find_if(list.begin(), list.end(), [&](const parameter& p) { return p.name == name; });
+    if (at == list.end()) return std::numeric_limits<double>::quiet_NaN();
+    const auto k = static_cast<std::size_t>(at - list.begin());
+    return model.thetas()[k].natural(result.theta(static_cast<Eigen::Index>(k)));
+  };
+  const auto first = [](double one, double other) { return std::isfinite(one) ? one : other; };
+  const double volume = first(estimate("V"), estimate("V1"));
+  const double elimination = first(estimate("CL") / volume, estimate("k"));
+  const double absorption = estimate("ka");
+  // False as well where the model has no such parameters.
+  if (!(absorption < elimination)) return;
+  result.warnings.push_back(
+      {.level = severity::warning,
+       .code = "W-RUN-FLIP-FLOP",
+       .message = fmt::format("ka, {:.3g}, is below the elimination rate, {:.3g}: absorption is "
+                              "slower than elimination",
+                              absorption, elimination),
+       .remedy = "if that is not what you expect, start from a larger ka, or set "
+                 "estimation.starts to 10 and compare the maxima"});
 }
 
 // An evaluation is sound where every subject is well sampled and the likelihood known well enough.
 void judge_evaluation(const population_model& model, const newton_report& report,
                       fit_result& result) {
-  const std::vector<std::string> sick = ids_of(model, report.sick);
+  const std::vector<std::string> sick = ids_of(model, sick_subjects(report));
+  const std::string failures = too_many_failures(model, report);
   const double goal = likelihood_goal(model);
-  result.converged = result.likelihood.complete && sick.empty() && result.likelihood.mc_se <= goal;
+  result.converged = result.likelihood.complete && sick.empty() && failures.empty() &&
+                     result.likelihood.mc_se <= goal;
   if (!result.likelihood.complete)
     result.reason =
         engine_host::stopped() ? stop_reason : "the likelihood of a subject is not finite";
   else if (!sick.empty())
     result.reason = fmt::format("poorly sampled: {}", fmt::join(sick, ", "));
+  else if (!failures.empty())
+    result.reason = failures;
+  else if (result.likelihood.mc_se > goal)
+    result.reason =
+        fmt::format("the Monte Carlo error of -2 log-likelihood, {:.2g}, is above {:.2g}",
+                    result.likelihood.mc_se, goal);
   else
     result.reason =
         fmt::format("every subject is well sampled; Monte Carlo error {:.2g}, goal {:.2g}",
                     result.likelihood.mc_se, goal);
+}
+
+// The likelihood from fresh points, and the verdict by what they say.
+newton_report conclude(engine_host& host, const newton_method& method, run_state& state,
+                       fit_result& result) {
+  take_estimates(host, result);
+  newton_report report = report_likelihood(host, method, state, result);
+  warn_of_failures(host.model(), report, result);
+  if (!result.likelihood.complete) {
+    result.converged = false;
+    result.reason =
+        engine_host::stopped()
+            ? stop_reason
+            : result.reason + "; the likelihood of a subject is not finite at the estimates";
+    return report;
+  }
+  judge_health(host.model(), report, result);
+  judge_gain(report, result);
+  judge_identification(report, result);
+  return report;
 }
 
 void fit_by_em(engine_host& host, const progress_listener& progress, fit_result& result) {
@@ -269,50 +360,118 @@ void fit_by_em(engine_host& host, const progress_listener& progress, fit_result&
   going = going && take_steps(method, settings.max_iterations, progress, state);
   result.times.iterations = watch.lap();
   take_conclusion(method, state, going, result);
-  conclude(host, state.adaptive, progress, result);
-  if (result.converged) judge_by_fresh_points(host, result);
-  if (!result.singular.empty()) {
-    result.errors.shown = settings.standard_errors;
-    result.errors.reason = "omega is becoming singular";
-  } else if (wants_errors(result, settings)) {
-    watch.lap();
-    keep_errors(estimate_standard_errors(host, state.adaptive, progress), result);
-    result.times.standard_errors = watch.lap();
+  result.kept_factors = state.adaptive.kept_factors();
+
+  // The points of the iterations have been fitted; the verdict is that of points of its own.
+  const newton_method judge(host);
+  run_state fresh;
+  judge.begin(fresh);
+  if (!judge.settle(fresh)) {
+    take_estimates(host, result);
+    return note_stop(result);
   }
+  const newton_report report = conclude(host, judge, fresh, result);
+  result.times.likelihood = watch.lap();
+  if (engine_host::stopped()) return note_stop(result);
+  integrate_besides(host, progress, result);
+  warn_of_flip_flop(host.model(), result);
+  watch.lap();
+  take_errors(host, report, result);
+  result.times.standard_errors = watch.lap();
 }
 
-void fit_by_newton(engine_host& host, const progress_listener& progress, fit_result& result) {
+// A fit from one set of start values, up to its verdict.
+struct newton_attempt {
+  fit_result result;
+  newton_report report;
+  bool stopped = false;
+};
+
+newton_attempt attempt_from(engine_host& host, const newton_method& method, int number,
+                            const progress_listener& progress) {
   const estimation_settings& settings = host.model().specification().estimation;
+  newton_attempt tried;
+  fit_result& result = tried.result;
+  result.what = task::fit;
   stopwatch watch;
-  const newton_method method(host);
   run_state state;
-  bool going = settings.map_np <= 0 || start_by_map_np(host);
+  const start_values start = dispersed_start(host.model(), number);
+  host.set_theta(start.theta);
+  bool going = host.set_omega(start.omega);
+  going = going && (settings.map_np <= 0 || start_by_map_np(host));
   method.begin(state);
   if (going && !state.ended) going = method.step(state);
   result.times.start = watch.lap();
   going = going && take_steps(method, settings.max_iterations, progress, state);
   result.times.iterations = watch.lap();
   take_conclusion(method, state, going, result);
-  take_estimates(host, result);
-
-  const newton_report report = report_likelihood(host, method, state, result);
+  tried.report = conclude(host, method, state, result);
   result.times.likelihood = watch.lap();
-  if (!result.likelihood.complete) {
-    if (engine_host::stopped()) return note_stop(result);
-    result.converged = false;
-    result.reason += "; the likelihood of a subject is not finite at the estimates";
+  tried.stopped = engine_host::stopped();
+  return tried;
+}
+
+start_record record_of(int number, const fit_result& result) {
+  constexpr double not_known = std::numeric_limits<double>::quiet_NaN();
+  const bool known = result.likelihood.complete;
+  return {.number = number,
+          .converged = result.converged,
+          .singular = result.singular,
+          .reason = result.reason,
+          .minus2ll = known ? result.likelihood.minus2ll : not_known,
+          .mc_se = known ? result.likelihood.mc_se : not_known,
+          .theta = result.theta,
+          .omega = result.omega};
+}
+
+// Whether a fit is to be kept rather than another: the lower -2 log-likelihood, and where the two
+// do not differ the one that has converged.
+bool is_better(const fit_result& one, const fit_result& other) {
+  constexpr double same = 0.05;
+  if (!one.likelihood.complete || !other.likelihood.complete) return one.likelihood.complete;
+  const double lower = other.likelihood.minus2ll - one.likelihood.minus2ll;
+  if (std::fabs(lower) <= same && one.converged != other.converged) return one.converged;
+  return lower > 0.0;
+}
+
+void add_times(const timings& of, timings& to) {
+  to.start += of.start;
+  to.iterations += of.iterations;
+  to.likelihood += of.likelihood;
+}
+
+void fit_by_newton(engine_host& host, const progress_listener& progress, fit_result& result) {
+  const estimation_settings& settings = host.model().specification().estimation;
+  const newton_method method(host);
+  newton_attempt best;
+  std::vector<start_record> starts;
+  timings spent;
+  std::size_t kept = 0;
+  for (int number = 0; number < settings.starts; ++number) {
+    newton_attempt tried = attempt_from(host, method, number, progress);
+    add_times(tried.result.times, spent);
+    starts.push_back(record_of(number, tried.result));
+    const bool stopped = tried.stopped;
+    if (number == 0 || is_better(tried.result, best.result)) {
+      best = std::move(tried);
+      kept = starts.size() - 1;
+    }
+    if (stopped) break;
   }
-  judge_health(host.model(), report, result);
-  judge_gain(report, result);
+  result = std::move(best.result);
+  result.times = spent;
+  if (settings.starts > 1) {
+    starts[kept].kept = true;
+    result.starts = std::move(starts);
+    host.set_theta(result.theta);
+    host.set_omega(result.omega);
+  }
+  if (engine_host::stopped()) return note_stop(result);
   integrate_besides(host, progress, result);
-  if (!result.singular.empty()) {
-    result.errors.shown = settings.standard_errors;
-    result.errors.reason = "omega is singular";
-  } else if (wants_errors(result, settings)) {
-    watch.lap();
-    keep_errors(errors_from(host, report.information, report.scores), result);
-    result.times.standard_errors = watch.lap();
-  }
+  warn_of_flip_flop(host.model(), result);
+  stopwatch watch;
+  take_errors(host, best.report, result);
+  result.times.standard_errors = watch.lap();
 }
 
 }  // namespace
@@ -348,6 +507,7 @@ fit_result evaluate(engine_host& host, const progress_listener& progress) {
     const newton_report report = report_likelihood(host, method, state, result);
     result.times.likelihood = watch.lap();
     judge_evaluation(host.model(), report, result);
+    warn_of_failures(host.model(), report, result);
     integrate_besides(host, progress, result);
   }
   finish(host, progress, result);

@@ -39,6 +39,19 @@ struct timings {
   double total = 0.0;        // of the run, reading included
 };
 
+// How the fit from one of several start values ended.
+struct start_record {
+  int number = 0;  // 0 for the stated values
+  bool converged = false;
+  std::vector<std::string> singular;
+  std::string reason;
+  double minus2ll = 0.0;  // NaN where it could not be computed, and so its error
+  double mc_se = 0.0;
+  Eigen::VectorXd theta;
+  Eigen::MatrixXd omega;
+  bool kept = false;
+};
+
 struct fit_result {
   task what = task::fit;
   bool converged = false;
@@ -46,7 +59,10 @@ struct fit_result {
   // What makes omega singular, by the names that the reason uses: "corr(CL,V)", "omega(V)". The
   // estimates are then where the trial of that ended, and there are no standard errors.
   std::vector<std::string> singular;
+  // Parameters that the data tell together and not apart, an entry for each direction: "V, S".
+  std::vector<std::string> unidentified;
   std::vector<iteration_record> iterations;
+  std::vector<start_record> starts;  // in their order, where a fit had several
 
   Eigen::VectorXd theta;
   Eigen::MatrixXd omega;
@@ -54,6 +70,8 @@ struct fit_result {
 
   likelihood_estimate likelihood;
   int likelihood_samples = 0;
+  // Of every subject at the points of the verdict; empty where there was none.
+  std::vector<subject_health> health;
   quadrature_estimate quadrature;
   double omega_condition = 0.0;  // of omega scaled to a correlation matrix
   standard_errors errors;        // of a fit

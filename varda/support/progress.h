@@ -8,7 +8,7 @@
 
 namespace varda {
 
-enum class run_stage { iterations, pilot_passes, quadrature, standard_errors, npde };
+enum class run_stage { iterations, pilot_passes, quadrature, npde };
 
 struct run_progress {
   run_stage stage = run_stage::iterations;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "varda/method/newton/measure.h"
 
+#include <Eigen/Cholesky>
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -20,6 +21,25 @@ double log_sum(const Eigen::Ref<const Eigen::VectorXd>& x) {
   const double largest = x.maxCoeff();
   if (!std::isfinite(largest)) return minus_infinity;
   return largest + std::log((x.array() - largest).exp().sum());
+}
+
+// Share of the samples that failed, among those as near to the conditional mean as all but a few
+// per cent of a normal distribution are: a failure far away costs nothing.
+double failures_in_bulk(const Eigen::MatrixXd& centred, const Eigen::MatrixXd& covariance,
+                        const Eigen::VectorXd& log_data) {
+  const Eigen::LLT<Eigen::MatrixXd> factor(covariance);
+  const auto d = static_cast<double>(covariance.rows());
+  const double reach = d + 2.0 * std::sqrt(2.0 * d);
+  int all = 0;
+  int failed = 0;
+  for (Eigen::Index j = 0; j < centred.cols(); ++j) {
+    if (factor.info() == Eigen::Success &&
+        factor.matrixL().solve(centred.col(j)).squaredNorm() > reach)
+      continue;
+    ++all;
+    failed += log_data(j) == minus_infinity ? 1 : 0;
+  }
+  return all > 0 ? static_cast<double>(failed) / all : 1.0;
 }
 
 double step_of(const coordinates::entry& e, double psi) {
@@ -100,6 +120,7 @@ subject_measure subject_sampler::measure(int subject, const subject_draw& drawn,
   result.mean = drawn.phi * weights;
   const Eigen::MatrixXd centred = drawn.phi.colwise() - result.mean;
   result.covariance = centred * weights.asDiagonal() * centred.transpose();
+  if (failed > 0) result.failed = failures_in_bulk(centred, result.covariance, log_data);
 
   const Eigen::MatrixXd u = at.prior.whitener().transpose().triangularView<Eigen::Upper>() * z;
   Eigen::MatrixXd scores = Eigen::MatrixXd::Zero(scale_.size(), n);

@@ -31,9 +31,10 @@ struct subject_measure {
   double scaled_squares = 0.0;
   double effective_share = 0.0;  // effective samples / samples
   double largest_weight = 0.0;
-  double shape = 0.0;   // of the weights' tail
-  double error = 0.0;   // of the subject's -2 log-likelihood, from the groups
-  double failed = 0.0;  // share of the samples whose density is not finite
+  double shape = 0.0;  // of the weights' tail
+  double error = 0.0;  // of the subject's -2 log-likelihood, from the groups
+  // Share of the samples in the bulk of the conditional distribution whose density is not finite.
+  double failed = 0.0;
 };
 
 // What a measurement needs of the parameters, made once for all subjects.

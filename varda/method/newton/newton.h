@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "varda/inference/standard_errors.h"
 #include "varda/method/newton/measure.h"
 #include "varda/method/newton/startup.h"
 #include "varda/method/run_state.h"
@@ -16,6 +17,8 @@ struct draw_measure {
   Eigen::MatrixXd information;
   Eigen::MatrixXd scatter;                // covariance of the gradient's error
   std::vector<subject_measure> subjects;  // those of this process; the figures of all
+  // Of every group of samples alone, groups x subjects.
+  Eigen::MatrixXd group_log_likelihood;
   // What is still ahead in -2 log-likelihood and its noise, by this information.
   double gain = 0.0;
   double noise = 0.0;
@@ -27,10 +30,21 @@ struct draw_measure {
 // many.
 bool is_sick(const subject_measure& m);
 
+// The greatest share of a subject's samples in the bulk of its conditional distribution that may
+// fail before a verdict falls.
+inline constexpr double most_failures = 0.2;
+
+// Points that an integral needs beside those of up to four random effects: twice as many up to
+// eight, four times up to sixteen, and so on.
+int points_factor(int random_effects);
+
 // All subjects' samples of one draw, those of this process.
 struct whole_draw {
   std::vector<subject_draw> subjects;
   Eigen::VectorXd theta;  // where the predictions were made
+  int groups = 1;
+  // Directions of psi that are left alone: no step is taken along them and no gain seen there.
+  std::vector<Eigen::VectorXd> left_alone;
 };
 
 // Maximum likelihood by Newton steps on the sampled log-likelihood, with fresh points for every
@@ -57,6 +71,19 @@ class newton_method final : public estimation_method {
 
   const coordinates& scale() const { return scale_; }
 
+  // Directions of psi along which the information that a draw found does not differ from zero by
+  // more than its error, each with a largest component of 1. Collective.
+  std::vector<Eigen::VectorXd> flat_directions(const whole_draw& drawn, const Eigen::VectorXd& psi,
+                                               const draw_measure& found) const;
+  // The inverse of an information, with nothing along the directions that it says nothing of: those
+  // that `flat` names, and coordinates of variances whose error would be absurd, which are added.
+  // Not known where there is no maximum in all other directions.
+  covariance_estimate invert(const draw_measure& found, std::vector<Eigen::VectorXd>& flat) const;
+  // Whether a direction moves fixed effects in the first place, and not the variances.
+  bool is_of_fixed_effects(const Eigen::VectorXd& direction) const;
+  // The names of the parameters that a direction moves: "V, S".
+  std::string names_along(const Eigen::VectorXd& direction) const;
+
   // Looks for likelihood where the proposals have no points, and repairs the proposals of subjects
   // that are badly sampled. `changed` tells of any. Collective. False when a stop was asked for.
   bool look_widely(run_state& state, const draw_measure& found, bool& changed) const;
@@ -72,17 +99,18 @@ class newton_method final : public estimation_method {
   void propose_from(const std::vector<normal_posterior>& modes, run_state& state) const;
   ascent climb(const whole_draw& drawn, const Eigen::VectorXd& psi, const draw_measure& here,
                int most_steps) const;
-  void judge_information(draw_measure& of, const Eigen::VectorXd& psi) const;
+  void judge_information(draw_measure& of, const Eigen::VectorXd& psi,
+                         const std::vector<Eigen::VectorXd>& left_alone) const;
+  void leave_flat_alone(whole_draw& drawn, const Eigen::VectorXd& psi, draw_measure& here) const;
   Eigen::VectorXd limited(const Eigen::VectorXd& step, const Eigen::VectorXd& psi) const;
   void follow(const draw_measure& found, newton_state& state) const;
   bool take_force(run_state& state, const Eigen::VectorXd& psi) const;
   bool leap_to(run_state& state, const Eigen::VectorXd& psi) const;
   bool examine_boundary(run_state& state, const draw_measure& found, bool& moved) const;
-  struct trial_end {
-    double minus2ll = 0.0;
-    double error = 0.0;
-  };
-  bool maximise(run_state& state, const std::vector<bool>& free, int draws, trial_end& end) const;
+  // Newton steps at the points of a trial until at rest, coordinate `held` (or none: -1) staying;
+  // the last draw, on the points of index 0, only measures. Ends early where the value cannot come
+  // below `hopeless`.
+  bool maximise(run_state& state, int held, double hopeless, draw_measure& end) const;
   std::vector<int> poorly_determined(const draw_measure& found, const Eigen::VectorXd& psi) const;
   std::string name_of_singular(const Eigen::MatrixXd& omega, int effect) const;
   Eigen::VectorXd psi_in_force() const;
@@ -90,6 +118,7 @@ class newton_method final : public estimation_method {
   engine_host& host_;
   const estimation_settings& settings_;
   coordinates scale_;
+  int points_factor_;
 };
 
 }  // namespace varda

@@ -33,6 +33,38 @@ Eigen::MatrixXd jacobian(const population_model& model, const coordinates& scale
 
 }  // namespace
 
+namespace {
+
+// What the derivatives of a draw say of the errors of the estimates.
+void find_errors(const newton_method& method, const whole_draw& drawn, const Eigen::VectorXd& psi,
+                 const draw_measure& found, const Eigen::MatrixXd& opg,
+                 const Eigen::MatrixXd& slopes, newton_report& result) {
+  // A move of 1 along a flat direction that changes a quantity by more than this share of its error
+  // leaves it without one.
+  constexpr double touched = 0.3;
+  sampled_errors& errors = result.errors;
+  std::vector<Eigen::VectorXd> flat = method.flat_directions(drawn, psi, found);
+  for (const Eigen::VectorXd& direction : flat)
+    if (method.is_of_fixed_effects(direction))
+      result.unidentified.push_back(method.names_along(direction));
+  errors.information = method.invert(found, flat);
+  errors.known.assign(static_cast<std::size_t>(psi.size()), 1);
+  if (errors.information.known) {
+    Eigen::MatrixXd& covariance = errors.information.covariance;
+    covariance = slopes * covariance * slopes.transpose();
+    for (const Eigen::VectorXd& direction : flat) {
+      const Eigen::VectorXd change = slopes * direction;
+      for (Eigen::Index k = 0; k < psi.size(); ++k)
+        if (std::fabs(change(k)) > touched * std::sqrt(std::max(covariance(k, k), 0.0)))
+          errors.known[static_cast<std::size_t>(k)] = 0;
+    }
+  }
+  const Eigen::MatrixXd inverse = slopes.inverse();
+  errors.scores = inverse.transpose() * opg * inverse;
+}
+
+}  // namespace
+
 newton_report report_at(engine_host& host, const newton_method& method, run_state& state,
                         int replicates, int samples) {
   constexpr int most_repairs = 3;
@@ -46,17 +78,14 @@ newton_report report_at(engine_host& host, const newton_method& method, run_stat
   newton_report result;
   const Eigen::VectorXd psi = method.scale().of(host.theta(), host.omega());
   draw_measure found;
+  whole_draw drawn;
   for (int repair = 0; repair <= most_repairs; ++repair) {
-    whole_draw drawn;
     if (!method.draw(state, {point_pass::purpose::report, repair}, replicates * samples, replicates,
                      drawn))
       return result;
     found = method.measure(drawn, psi, detail::derivatives);
-    result.sick.clear();
-    for (int i = 0; i < model.subjects(); ++i)
-      if (model.observations(i) > 0 && is_bad(found.subjects[static_cast<std::size_t>(i)]))
-        result.sick.push_back(i);
-    if (result.sick.empty() || !found.finite || repair == most_repairs) break;
+    const bool healthy = std::none_of(found.subjects.begin(), found.subjects.end(), is_bad);
+    if (healthy || !found.finite || repair == most_repairs) break;
     bool changed = false;
     if (!method.look_widely(state, found, changed)) return result;
     if (!changed) break;
@@ -64,14 +93,14 @@ newton_report report_at(engine_host& host, const newton_method& method, run_stat
   result.gain = found.gain;
   result.noise = found.noise;
 
-  // Moments and group values stand on the process that owns the subject.
-  const Eigen::Index figures = effects + effects * effects + replicates;
+  // Moments and gradients stand on the process that owns the subject.
+  const Eigen::Index figures = effects + effects * effects;
   const Eigen::Index p = psi.size();
   Eigen::MatrixXd packed = Eigen::MatrixXd::Zero(figures + p, model.subjects());
   for (int i = 0; i < model.subjects(); ++i) {
     const subject_measure& m = found.subjects[static_cast<std::size_t>(i)];
     if (m.mean.size() != effects) continue;
-    packed.col(i) << m.mean, m.covariance.reshaped(), m.group_log_likelihood, m.gradient;
+    packed.col(i) << m.mean, m.covariance.reshaped(), m.gradient;
   }
   host.peers().sum(packed.data(), static_cast<int>(packed.size()));
 
@@ -85,6 +114,7 @@ newton_report report_at(engine_host& host, const newton_method& method, run_stat
     subject_integral& s = likelihood.subjects.emplace_back();
     s.mean = Eigen::VectorXd::Zero(effects);
     s.covariance = host.omega();
+    subject_health& health = result.health.emplace_back();
     if (model.observations(i) == 0) continue;
     const subject_measure& m = found.subjects[static_cast<std::size_t>(i)];
     model.means(i, host.theta().data(), mu.data());
@@ -95,17 +125,18 @@ newton_report report_at(engine_host& host, const newton_method& method, run_stat
     s.effective_samples = m.effective_share * samples;
     // Of one randomisation's points, as the effective samples are.
     s.largest_weight = std::min(m.largest_weight * replicates, 1.0);
-    for (int r = 0; r < replicates; ++r)
-      likelihood.replicates[static_cast<std::size_t>(r)] -=
-          2.0 * packed(effects + effects * effects + r, i);
+    health = {m.effective_share, m.largest_weight, m.shape, m.failed, m.error, is_bad(m), {}};
+    for (int r = 0; r < replicates; ++r) {
+      health.replicates.push_back(-2.0 * found.group_log_likelihood(r, i));
+      likelihood.replicates[static_cast<std::size_t>(r)] += health.replicates.back();
+    }
     const Eigen::VectorXd gradient = packed.col(i).tail(p);
     opg += gradient * gradient.transpose();
   }
-  const Eigen::MatrixXd inverse =
-      jacobian(model, method.scale(), host.theta(), host.omega()).inverse();
-  result.information = inverse.transpose() * found.information * inverse;
-  result.scores = inverse.transpose() * opg * inverse;
   likelihood.complete = found.finite;
+  if (found.finite)
+    find_errors(method, drawn, psi, found, opg,
+                jacobian(model, method.scale(), host.theta(), host.omega()), result);
   return result;
 }
 

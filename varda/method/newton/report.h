@@ -10,10 +10,11 @@ namespace varda {
 // What fresh points say of the parameters in force at the end of a fit.
 struct newton_report {
   likelihood_estimate likelihood;
-  Eigen::MatrixXd information;  // observed, on the scale of inference/estimation_scale.h
-  Eigen::MatrixXd scores;       // sum of outer products of the subjects' scores, there
-  std::vector<int> sick;        // subjects (from 0) that are badly sampled
-  double gain = 0.0;            // still ahead by these points, in -2 log-likelihood
+  std::vector<subject_health> health;  // of every subject; of one without observations, nothing
+  sampled_errors errors;
+  // Fixed effects that the data tell together and not apart: "V, S", an entry for each direction.
+  std::vector<std::string> unidentified;
+  double gain = 0.0;  // still ahead by these points, in -2 log-likelihood
   double noise = 0.0;
 };
 

@@ -1,0 +1,219 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What a sampled information says of steps, of gains, and of directions that it knows nothing of.
+#include <fmt/format.h>
+
+#include <Eigen/Eigenvalues>
+#include <algorithm>
+#include <cmath>
+
+#include "varda/method/newton/limits.h"
+#include "varda/method/newton/newton.h"
+
+namespace varda {
+
+using namespace newton_limits;
+
+namespace {
+
+// Eigenvalues of the information with unit diagonal that are looked at, and the number of their
+// errors below which they count as nothing.
+constexpr double small_eigenvalue = 0.05;
+constexpr double errors_of_nothing = 3.0;
+// Eigenvalues below this are rounding.
+constexpr double rounding = 1e-9;
+// Of the logarithm of a deviation: an error of a variance that says nothing.
+constexpr double absurd_error = 3.0;
+constexpr double noticeable_share = 0.3;  // of a direction's largest component
+
+Eigen::VectorXd units_of(const Eigen::MatrixXd& information) {
+  return information.diagonal().cwiseAbs().cwiseMax(1e-12).cwiseSqrt();
+}
+
+Eigen::MatrixXd scaled_by(const Eigen::VectorXd& unit, const Eigen::MatrixXd& information) {
+  return unit.cwiseInverse().asDiagonal() * information * unit.cwiseInverse().asDiagonal();
+}
+
+// One group of a draw by itself.
+whole_draw group_of(const whole_draw& drawn, int group) {
+  whole_draw result;
+  result.theta = drawn.theta;
+  for (const subject_draw& s : drawn.subjects) {
+    subject_draw& part = result.subjects.emplace_back();
+    if (s.phi.size() == 0) continue;
+    const Eigen::Index size = s.phi.cols() / drawn.groups;
+    part.phi = s.phi.middleCols(group * size, size);
+    part.log_proposal = s.log_proposal.segment(group * size, size);
+    part.predictions = s.predictions.middleRows(group * size, size);
+  }
+  return result;
+}
+
+}  // namespace
+
+// The Newton step, the gain it promises and the noise of that. A coordinate that a bound holds, the
+// gradient pushing outwards, takes no part; a direction that is left alone is made stiff.
+void newton_method::judge_information(draw_measure& of, const Eigen::VectorXd& psi,
+                                      const std::vector<Eigen::VectorXd>& left_alone) const {
+  constexpr double stiff = 1e6;
+  const Eigen::Index p = psi.size();
+  std::vector<Eigen::Index> free;
+  for (Eigen::Index k = 0; k < p; ++k) {
+    const coordinates::entry& e = scale_.entries()[static_cast<std::size_t>(k)];
+    const bool held =
+        (psi(k) <= e.lower && of.gradient(k) < 0.0) || (psi(k) >= e.upper && of.gradient(k) > 0.0);
+    if (!held) free.push_back(k);
+  }
+  const Eigen::MatrixXd information = of.information(free, free);
+  const Eigen::VectorXd unit = units_of(information);
+  Eigen::MatrixXd scaled = scaled_by(unit, information);
+  for (const Eigen::VectorXd& direction : left_alone) {
+    const Eigen::VectorXd along = direction(free).cwiseProduct(unit).normalized();
+    scaled += stiff * along * along.transpose();
+  }
+  const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(scaled);
+  of.definite = solver.eigenvalues().size() == 0 || solver.eigenvalues()(0) > 0.0;
+  const Eigen::VectorXd curvature = solver.eigenvalues().cwiseAbs().cwiseMax(least_eigenvalue);
+  const Eigen::MatrixXd basis = unit.cwiseInverse().asDiagonal() * solver.eigenvectors();
+  const Eigen::VectorXd along = basis.transpose() * of.gradient(free);
+  const Eigen::VectorXd step = basis * along.cwiseQuotient(curvature);
+  of.step = Eigen::VectorXd::Zero(p);
+  of.step(free) = step;
+  of.gain = along.cwiseProduct(along.cwiseQuotient(curvature)).sum();
+  const Eigen::MatrixXd noise = basis.transpose() * of.scatter(free, free) * basis;
+  of.noise = noise.diagonal().cwiseQuotient(curvature).sum();
+}
+
+std::vector<Eigen::VectorXd> newton_method::flat_directions(const whole_draw& drawn,
+                                                            const Eigen::VectorXd& psi,
+                                                            const draw_measure& found) const {
+  std::vector<Eigen::VectorXd> result;
+  const Eigen::VectorXd unit = units_of(found.information);
+  const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(scaled_by(unit, found.information));
+  std::vector<Eigen::Index> small;
+  for (Eigen::Index k = 0; k < psi.size(); ++k)
+    if (solver.eigenvalues()(k) < small_eigenvalue) small.push_back(k);
+  if (small.empty() || drawn.groups < 2) return result;
+  // What every group of the samples says of these directions alone.
+  Eigen::MatrixXd of_groups(small.size(), drawn.groups);
+  for (int g = 0; g < drawn.groups; ++g) {
+    const draw_measure own = measure(group_of(drawn, g), psi, detail::derivatives);
+    const Eigen::MatrixXd scaled = scaled_by(unit, own.information);
+    for (std::size_t s = 0; s < small.size(); ++s) {
+      const auto direction = solver.eigenvectors().col(small[s]);
+      of_groups(static_cast<Eigen::Index>(s), g) = direction.dot(scaled * direction);
+    }
+  }
+  for (std::size_t s = 0; s < small.size(); ++s) {
+    const auto row = of_groups.row(static_cast<Eigen::Index>(s));
+    const double error =
+        std::sqrt((row.array() - row.mean()).square().sum() / (drawn.groups - 1.0) / drawn.groups);
+    const double eigenvalue = solver.eigenvalues()(small[s]);
+    if (eigenvalue > errors_of_nothing * error && eigenvalue > rounding) continue;
+    const Eigen::VectorXd direction = solver.eigenvectors().col(small[s]).cwiseQuotient(unit);
+    Eigen::Index largest = 0;
+    direction.cwiseAbs().maxCoeff(&largest);
+    result.push_back(direction / direction(largest));
+  }
+  return result;
+}
+
+covariance_estimate newton_method::invert(const draw_measure& found,
+                                          std::vector<Eigen::VectorXd>& flat) const {
+  const Eigen::Index p = found.information.rows();
+  std::vector<char> dropped(static_cast<std::size_t>(p), 0);
+  const auto is_variance = [&](Eigen::Index k) {
+    return scale_.entries()[static_cast<std::size_t>(k)].diagonal;
+  };
+  const auto drop = [&](Eigen::Index k) {
+    dropped[static_cast<std::size_t>(k)] = 1;
+    flat.push_back(Eigen::VectorXd::Unit(p, k));
+  };
+  constexpr double most = absurd_error * absurd_error;
+  const std::vector<Eigen::VectorXd> named = flat;
+  for (Eigen::Index k = 0; k < p; ++k)
+    if (is_variance(k) && found.information(k, k) * most <= 1.0) drop(k);
+  for (;;) {
+    std::vector<Eigen::Index> kept;
+    for (Eigen::Index k = 0; k < p; ++k)
+      if (dropped[static_cast<std::size_t>(k)] == 0) kept.push_back(k);
+    const Eigen::MatrixXd information = found.information(kept, kept);
+    const Eigen::VectorXd unit = units_of(information);
+    // Orthonormal directions with nothing in them.
+    Eigen::MatrixXd empty(kept.size(), 0);
+    for (const Eigen::VectorXd& direction : named) {
+      Eigen::VectorXd own = direction(kept).cwiseProduct(unit);
+      if (own.norm() == 0.0) continue;
+      own.normalize();
+      own -= empty * (empty.transpose() * own);
+      if (own.norm() < 1e-6) continue;
+      empty.conservativeResize(Eigen::NoChange, empty.cols() + 1);
+      empty.rightCols(1) = own.normalized();
+    }
+    const Eigen::MatrixXd none = empty * empty.transpose();
+    const Eigen::MatrixXd identity = Eigen::MatrixXd::Identity(none.rows(), none.cols());
+    const Eigen::LLT<Eigen::MatrixXd> factor(
+        (identity - none) * scaled_by(unit, information) * (identity - none) + none);
+    if (factor.info() != Eigen::Success) {
+      // A variance that stands near zero: its logarithm has no curvature there.
+      Eigen::Index worst = -1;
+      for (std::size_t k = 0; k < kept.size(); ++k)
+        if (is_variance(kept[k]) &&
+            (worst < 0 || information(static_cast<Eigen::Index>(k), static_cast<Eigen::Index>(k)) <
+                              found.information(worst, worst)))
+          worst = kept[k];
+      if (worst < 0 ||
+          found.information(worst, worst) * undetermined_error * undetermined_error > 1.0)
+        return {false,
+                "the observed information is not positive definite: the estimates are not at a "
+                "maximum",
+                {}};
+      drop(worst);
+      continue;
+    }
+    const Eigen::MatrixXd inverse = unit.cwiseInverse().asDiagonal() *
+                                    (factor.solve(identity) - none) *
+                                    unit.cwiseInverse().asDiagonal();
+    bool again = false;
+    for (std::size_t k = 0; k < kept.size(); ++k)
+      if (is_variance(kept[k]) &&
+          inverse(static_cast<Eigen::Index>(k), static_cast<Eigen::Index>(k)) > most) {
+        drop(kept[k]);
+        again = true;
+      }
+    if (again) continue;
+    covariance_estimate result{true, "", Eigen::MatrixXd::Zero(p, p)};
+    result.covariance(kept, kept) = inverse;
+    return result;
+  }
+}
+
+bool newton_method::is_of_fixed_effects(const Eigen::VectorXd& direction) const {
+  double own = 0.0;
+  for (Eigen::Index k = 0; k < direction.size(); ++k)
+    if (scale_.entries()[static_cast<std::size_t>(k)].theta >= 0)
+      own += direction(k) * direction(k);
+  return own > 0.5 * direction.squaredNorm();
+}
+
+std::string newton_method::names_along(const Eigen::VectorXd& direction) const {
+  std::string names;
+  for (Eigen::Index k = 0; k < direction.size(); ++k)
+    if (std::fabs(direction(k)) > noticeable_share)
+      names += (names.empty() ? "" : ", ") + scale_.entries()[static_cast<std::size_t>(k)].name;
+  return names;
+}
+
+// Fixed effects run away along a direction in which neither slope nor curvature is more than noise.
+void newton_method::leave_flat_alone(whole_draw& drawn, const Eigen::VectorXd& psi,
+                                     draw_measure& here) const {
+  for (const Eigen::VectorXd& direction : flat_directions(drawn, psi, here)) {
+    const double slope = direction.dot(here.gradient);
+    const double error = std::sqrt(direction.dot(here.scatter * direction));
+    if (is_of_fixed_effects(direction) && std::fabs(slope) <= errors_of_nothing * error)
+      drawn.left_alone.push_back(direction);
+  }
+  if (!drawn.left_alone.empty()) judge_information(here, psi, drawn.left_alone);
+}
+
+}  // namespace varda

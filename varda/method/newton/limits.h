@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <Eigen/Cholesky>
+#include <cmath>
+#include <vector>
+
+#include "varda/host/draws.h"
+
+namespace varda::newton_limits {
+
+// Points a subject, for up to four random effects: of the first draw, the least for a verdict, of a
+// trial, the most.
+inline constexpr int first_samples = 64;
+inline constexpr int verdict_samples = 256;
+inline constexpr int trial_samples = 1024;
+inline constexpr int most_samples_of_a_draw = 4096;
+inline constexpr int groups_of_a_draw = 4;
+
+// Of the information with unit diagonal.
+inline constexpr double least_eigenvalue = 1e-3;
+
+// Of log L_aa: a variance that is poorly determined.
+inline constexpr double undetermined_error = 1.5;
+
+// A proposal's volume to that of the conditional covariance, as in the settings' acceptance ratio.
+inline constexpr double target_ratio = 0.5;
+
+// A proposal of one normal density with this covariance, widened.
+inline std::vector<draw_component> single(const Eigen::VectorXd& centre,
+                                          const Eigen::MatrixXd& covariance, double ratio) {
+  const double widening = std::pow(ratio, -1.0 / static_cast<double>(centre.size()));
+  return {{1.0, centre, widening * Eigen::MatrixXd(covariance.llt().matrixL())}};
+}
+
+}  // namespace varda::newton_limits

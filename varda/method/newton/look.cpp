@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <cmath>
+
+#include "varda/host/map_np.h"
+#include "varda/method/newton/limits.h"
+#include "varda/method/newton/newton.h"
+
+namespace varda {
+
+using namespace newton_limits;
+
+namespace {
+
+// Population samples of a look, and the share of a likelihood outside its proposal that calls for a
+// mixture.
+constexpr int population_points = 128;
+constexpr double most_outside = 0.02;
+constexpr double defensive_share = 0.25;
+
+}  // namespace
+
+// Looks for likelihood where the proposals have no points. A subject in which much lies outside, or
+// that is sick, is given a mode and a defensive component. `changed` tells of any.
+bool newton_method::look_widely(run_state& state, const draw_measure& found, bool& changed) const {
+  const population_model& model = host_.model();
+  const parameter_values at(state.theta, state.omega);
+  const Eigen::Index d = model.random_effects();
+  Eigen::MatrixXd packed = Eigen::MatrixXd::Zero(1 + d + d * d, model.subjects());
+  mode_finder finder(host_.joint());
+  for (int i = 0; i < model.subjects() && !engine_host::stop_requested(); ++i) {
+    if (!owns(host_, i) || model.observations(i) == 0) continue;
+    const auto own = static_cast<std::size_t>(i);
+    const Eigen::MatrixXd far = population_samples(host_, i, population_points, at);
+    const Eigen::VectorXd data = finder.log_data(i, far, at);
+    const draw_component& main = state.newton.proposals[own].front();
+    double outside = 0.0;
+    Eigen::Index best = -1;
+    for (Eigen::Index j = 0; j < data.size(); ++j) {
+      if (!std::isfinite(data(j))) continue;
+      const double distance =
+          main.factor.triangularView<Eigen::Lower>().solve(far.col(j) - main.centre).squaredNorm();
+      if (distance <= 4.0 + 2.0 * static_cast<double>(d)) continue;
+      outside += std::exp(data(j) - found.subjects[own].log_likelihood);
+      if (best < 0 || data(j) > data(best)) best = j;
+    }
+    outside /= population_points;
+    const bool has_mixture = state.newton.proposals[own].size() > 1;
+    const bool sick = is_sick(found.subjects[own]);
+    normal_posterior other;
+    bool second = false;
+    if (best >= 0 && !has_mixture) {
+      other = finder.search(i, far.col(best), at);
+      const double distance =
+          main.factor.triangularView<Eigen::Lower>().solve(other.phi - main.centre).squaredNorm();
+      second = other.usable && distance > 4.0 &&
+               std::exp(other.log_mass - found.subjects[own].log_likelihood) > most_outside;
+    }
+    if (second) {
+      packed.col(i) << 1.0, other.phi, other.covariance.reshaped();
+    } else if ((outside > most_outside || sick) && !has_mixture) {
+      const normal_posterior mode = finder.search(i, main.centre, at);
+      Eigen::VectorXd mu(d);
+      model.means(i, state.theta.data(), mu.data());
+      packed.col(i) << 2.0, mode.usable && sick ? mode.phi : mu,
+          (mode.usable && sick ? Eigen::MatrixXd(4.0 * mode.covariance) : state.omega).reshaped();
+    }
+  }
+  // The mixture has found samples that its main component misses: a mode near them.
+  for (int i = 0; i < model.subjects() && !engine_host::stop_requested(); ++i) {
+    const auto own = static_cast<std::size_t>(i);
+    const subject_measure& m = found.subjects[own];
+    if (!owns(host_, i) || model.observations(i) == 0 || !is_sick(m) || packed(0, i) > 0.0 ||
+        m.mean.size() != d || !m.mean.allFinite())
+      continue;
+    const normal_posterior mode = finder.search(i, m.mean, at);
+    if (mode.usable) packed.col(i) << 1.0, mode.phi, mode.covariance.reshaped();
+  }
+  host_.count_evaluations(finder.evaluations());
+  if (host_.agree_on_stop()) return false;
+  host_.peers().sum(packed.data(), static_cast<int>(packed.size()));
+  changed = false;
+  for (int i = 0; i < model.subjects(); ++i) {
+    if (packed(0, i) < 0.5) continue;
+    changed = true;
+    std::vector<draw_component>& own = state.newton.proposals[static_cast<std::size_t>(i)];
+    const Eigen::VectorXd centre = packed.col(i).segment(1, d);
+    const Eigen::MatrixXd covariance = packed.col(i).segment(1 + d, d * d).reshaped(d, d);
+    Eigen::VectorXd mu(d);
+    model.means(i, state.theta.data(), mu.data());
+    own.resize(1);
+    own.front().share = 1.0 - 2.0 * defensive_share;
+    own.push_back(single(centre, covariance, target_ratio).front());
+    own.back().share = defensive_share;
+    own.push_back({defensive_share, mu, state.omega.llt().matrixL()});
+  }
+  return true;
+}
+
+}  // namespace varda
