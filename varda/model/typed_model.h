@@ -46,6 +46,7 @@ class typed_model : public structural_model {
  public:
   const std::vector<std::string>& parameter_names() const final { return names_; }
 
+  using structural_model::predict;
   void predict(const subject& who, const parameter_path& p, std::span<double> f) const final {
     predict_typed(who, {named_, p}, f);
   }

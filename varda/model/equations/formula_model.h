@@ -5,31 +5,33 @@
 #pragma once
 
 #include <memory>
+#include <string>
+#include <vector>
 
-#include "varda/model/equations/formula_error.h"
-#include "varda//model/equations/formula_program.h"
+#include "varda/model/equations/formula_program.h"
 #include "varda/model/structural_model.h"
 
-    namespace varda {
+namespace varda {
 
-  // One thread at a time, like its formulas.
-  class formula_model : public structural_model {
-   public:
-    // Throws formula_error.
-    explicit formula_model(const equation_text& text);
+class formula_model : public structural_model {
+ public:
+  // Throws formula_error.
+  explicit formula_model(const equation_text& text) : program_(text) {}
 
-    const std::vector<std::string>& parameter_names() const override {
-      return program_->parameters();
-    }
-    int dose_compartments() const override { return 1; }
-    int outputs() const override { return static_cast<int>(program_->outputs().size()); }
-    std::vector<std::string> covariates() const override { return program_->covariates(); }
-    void locate_covariates(const std::vector<int>& positions) override { positions_ = positions; }
-    void predict(const subject& who, const parameter_path& p, std::span<double> f) const override;
+  const std::vector<std::string>& parameter_names() const override { return program_.parameters(); }
+  int dose_compartments() const override { return 1; }
+  int outputs() const override { return static_cast<int>(program_.outputs().size()); }
+  std::vector<std::string> covariates() const override { return program_.covariates(); }
+  void locate_covariates(const std::vector<int>& positions) override { positions_ = positions; }
 
-   private:
-    std::unique_ptr<formula_program> program_;  // its values change in predict
-    std::vector<int> positions_;
-  };
+  using structural_model::predict;
+  std::unique_ptr<workspace> make_workspace() const override;
+  void predict(const subject& who, const parameter_block& p, const prediction_block& f,
+               workspace& scratch) const override;
+
+ private:
+  formula_program program_;
+  std::vector<int> positions_;
+};
 
 }  // namespace varda
