@@ -27,13 +27,13 @@ using compiled_rhs = std::function<void(const double* p, const state& x, state& 
 
 struct model {
   std::string name;
-  equation_text text;
+  equation_text text{};
   std::vector<double> typical;
   std::vector<double> times;
   double dose = 0.0;
-  std::vector<std::size_t> read;  // of the output: state over parameter
-  compiled_rhs rhs;
-  std::vector<std::pair<std::size_t, std::function<double(const double*)>>> initial;
+  std::vector<std::size_t> read{};  // of the output: state over parameter
+  compiled_rhs rhs{};
+  std::vector<std::pair<std::size_t, std::function<double(const double*)>>> initial{};
 };
 
 constexpr std::size_t individuals = 256;
@@ -220,9 +220,8 @@ double largest_error(const model& m, const std::vector<double>& f) {
 
 void report(benchmark::State& timing, const model& m, const std::vector<double>& f) {
   const double observations = static_cast<double>(individuals * m.times.size());
-  timing.counters["observation"] =
-      benchmark::Counter(observations, benchmark::Counter::kIsIterationInvariantRate |
-                                           benchmark::Counter::kInvert);
+  timing.counters["observation"] = benchmark::Counter(
+      observations, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
   timing.counters["error"] = largest_error(m, f);
 }
 

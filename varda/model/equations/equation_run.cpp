@@ -279,6 +279,7 @@ void equation_run::solve() {
   integrator_.run({.tasks = &tasks_,
                    .scripts = this,
                    .tables = &tables_,
+                   .common = common_times_ ? &common_ : nullptr,
                    .input = infusions,
                    .scale = scale_,
                    .observed = observed_.data(),

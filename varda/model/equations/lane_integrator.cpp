@@ -80,6 +80,7 @@ void lane_integrator::run(const lane_problem& problem) {
   tolerance_ = {settings_.relative, settings_.absolute * problem.scale};
   suspended_.clear();
   begun_.assign(problem.tasks->size(), false);
+  if (exact_ && problem.common != nullptr) solve_together();
   if (exact_) return solve(method::exact);
   if (settings_.method != solver_method::stiff) solve(method::explicit_pair);
   solve(method::rosenbrock);
@@ -128,7 +129,7 @@ bool lane_integrator::occupy(std::size_t lane, method by) {
 bool lane_integrator::next_task(std::size_t lane, method by) {
   std::vector<lane_task>& tasks = *problem_.tasks;
   const auto is_mine = [&](std::size_t task) {
-    if (by == method::exact) return true;
+    if (by == method::exact) return !begun_[task];
     const bool stiff = tasks[task].stiff || settings_.method == solver_method::stiff;
     return by == method::rosenbrock ? stiff && !begun_[task] : !stiff;
   };
@@ -332,6 +333,13 @@ void lane_integrator::prepare_exact() {
   const linear_system& system = *program_.linear();
   for (const std::optional<std::size_t>& entry : system.a)
     linear_.push_back(entry ? constants_.data() + *entry * block_ : nullptr);
+  // 0 times each state is added up.
+  not_finite_.fill(2 * block_, 0.0);
+  not_finite_registers_ = {not_finite_.data(), not_finite_.data() + block_};
+  for (std::uint32_t s = 0; s < states_; ++s) {
+    not_finite_registers_.push_back(x_.data() + s * block_);
+    note_not_finite_.push_back({lane_code::multiply_add, 0, s + 2, 1, 0});
+  }
   // Registers: the input of the doses, that of the equations, and their sum.
   linear_registers_.resize(3 * states_);
   for (std::uint32_t s = 0; s < states_; ++s) {
@@ -343,6 +351,88 @@ void lane_integrator::prepare_exact() {
     sum_linear_input_.push_back(
         {own ? lane_code::add : lane_code::copy, 2 * n + s, s, own ? n + s : s, s});
   }
+}
+
+// Exact solutions of one script need no clocks: the lanes go from stop to stop together. Those that
+// are not finite are left to the other way, which tells since when.
+void lane_integrator::solve_together() {
+  const std::vector<lane_task>& tasks = *problem_.tasks;
+  const std::size_t stride = problem_.tables->stride;
+  const script& plan = *problem_.common;
+  for (std::size_t first = 0; first < tasks.size(); first += block_) {
+    const std::size_t count = std::min(block_, tasks.size() - first);
+    shape_.lanes = whole_lanes(count);
+    // The rest of the last vector follows the last task.
+    const auto each_lane = [&](auto visit) {
+      for (std::size_t lane = 0; lane < shape_.lanes; ++lane)
+        visit(lane, first + std::min(lane, count - 1));
+    };
+    std::uint32_t constants = no_constants;
+    std::fill(time_.data(), time_.data() + shape_.lanes, plan.steps.front().time);
+    std::fill(not_finite_.data(), not_finite_.data() + shape_.lanes, 0.0);
+    std::fill(input_.data(), input_.data() + states_ * block_, 0.0);
+    std::fill(x_.data(), x_.data() + states_ * block_, 0.0);
+    for (const instruction& now : plan.steps) {
+      if (now.time > time_[0]) propagate_all(now.time);
+      switch (now.what) {
+        case instruction::kind::observe:
+          for (std::size_t s = 0; s < states_; ++s)
+            std::copy(
+                x_.data() + s * block_, x_.data() + s * block_ + count,
+                problem_.observed + (now.index * states_ + s) * problem_.observed_stride + first);
+          break;
+        case instruction::kind::add:
+          each_lane([&](std::size_t lane, std::size_t task) {
+            x_[now.index * block_ + lane] +=
+                now.share == nullptr ? now.value : now.value * now.share[tasks[task].individual];
+          });
+          break;
+        case instruction::kind::rates:
+          for (std::size_t s = 0; s < states_; ++s)
+            std::fill(input_.data() + s * block_, input_.data() + s * block_ + shape_.lanes,
+                      plan.rates[now.index * states_ + s]);
+          break;
+        case instruction::kind::constants:
+          if (constants == now.index) break;
+          constants = now.index;
+          for (std::size_t c = 0; c < program_.constants(); ++c)
+            each_lane([&](std::size_t lane, std::size_t task) {
+              constants_[c * block_ + lane] =
+                  problem_.tables->constants[constants][c * stride + tasks[task].individual];
+            });
+          break;
+        case instruction::kind::start:
+          for (std::size_t s = 0; s < states_; ++s)
+            each_lane([&](std::size_t lane, std::size_t task) {
+              x_[s * block_ + lane] = problem_.start[s * problem_.start_stride + task];
+            });
+          break;
+        case instruction::kind::reset:
+          for (std::size_t s = 0; s < states_; ++s)
+            each_lane([&](std::size_t lane, std::size_t task) {
+              x_[s * block_ + lane] =
+                  problem_.tables->initial[now.index][s * stride + tasks[task].individual];
+            });
+          break;
+        case instruction::kind::settle:
+          for (std::size_t s = 0; s < states_; ++s)
+            each_lane([&](std::size_t lane, std::size_t task) {
+              x_[s * block_ + lane] +=
+                  problem_.tables->settled[now.index][s * stride + tasks[task].individual];
+            });
+          break;
+      }
+    }
+    for (std::size_t lane = 0; lane < count; ++lane)
+      begun_[first + lane] = not_finite_[lane] == 0.0;
+  }
+}
+
+void lane_integrator::propagate_all(double to) {
+  std::fill(stop_.data(), stop_.data() + shape_.lanes, to);
+  take_exact_steps();
+  kernel_.run(note_not_finite_.data(), note_not_finite_.size(), not_finite_registers_.data(),
+              shape_.lanes);
 }
 
 void lane_integrator::take_exact_steps() {

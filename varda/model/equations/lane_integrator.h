@@ -53,9 +53,10 @@ struct lane_problem {
   std::vector<lane_task>* tasks = nullptr;
   script_source* scripts = nullptr;
   const lane_tables* tables = nullptr;
-  bool input = false;             // scripts may set rates
-  double scale = 1.0;             // the absolute tolerance is this times that of the settings
-  const double* start = nullptr;  // states of the tasks: row s, column task
+  const script* common = nullptr;  // the script where all individuals have the same
+  bool input = false;              // scripts may set rates
+  double scale = 1.0;              // the absolute tolerance is this times that of the settings
+  const double* start = nullptr;   // states of the tasks: row s, column task
   std::size_t start_stride = 0;
   double* observed = nullptr;  // row (observation x states + s), column task
   std::size_t observed_stride = 0;
@@ -107,6 +108,8 @@ class lane_integrator {
   void copy_lane(std::size_t from, std::size_t to);
   bool fail(std::size_t lane, ode_status why);
 
+  void solve_together();
+  void propagate_all(double to);
   void prepare_exact();
   void take_exact_steps();
   void take_explicit_steps();
@@ -158,6 +161,9 @@ class lane_integrator {
   std::vector<double*> input_registers_;
 
   std::vector<const double*> linear_;
+  std::vector<lane_operation> note_not_finite_;
+  std::vector<double*> not_finite_registers_;
+  lane_array not_finite_;
   lane_array linear_input_;
   std::vector<lane_operation> sum_linear_input_;
   std::vector<double*> linear_registers_;

@@ -122,6 +122,7 @@ void equation_run::follow_regimen() {
   integrator_.run({.tasks = &tasks_,
                    .scripts = this,
                    .tables = &tables_,
+                   .common = common_times_ ? &common_ : nullptr,
                    .input = regimen_.given->input != dose_input::bolus,
                    .scale = scale_,
                    .start = trial_.data(),
