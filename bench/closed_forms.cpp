@@ -96,6 +96,7 @@ double seconds_since(std::chrono::steady_clock::time_point begin) {
 
 void compare(benchmark::State& state, const problem& p, const history& h) {
   const auto model = varda::make_structural_model({p.structure});
+  const auto scratch = model->make_workspace();
   const std::vector<double> all = parameter_sets(p);
   std::vector<double> f(h.who.observations.size());
   std::vector<double> powers(h.intervals.size() * static_cast<std::size_t>(p.rates));
@@ -104,7 +105,8 @@ void compare(benchmark::State& state, const problem& p, const history& h) {
   for (auto _ : state) {
     auto begin = std::chrono::steady_clock::now();
     for (std::size_t s = 0; s < sets; ++s) {
-      model->predict(h.who, {&all[s * p.typical.size()], p.typical.size(), 1}, f);
+      model->predict(h.who, {&all[s * p.typical.size()], p.typical.size(), 1, 1, 1},
+                     {f.data(), f.size(), 1}, *scratch);
       benchmark::DoNotOptimize(f.data());
       benchmark::ClobberMemory();
     }

@@ -187,7 +187,7 @@ struct lanes {
         run(program, settings, kernel, block) {}
   void predict() {
     run.predict(who, {p.data(), program.parameters().size(), 1, individuals, individuals}, {},
-                {f.data(), who.observations.size(), individuals, individuals});
+                {f.data(), who.observations.size(), individuals});
   }
   formula_program program;
   subject who;

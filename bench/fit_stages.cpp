@@ -17,9 +17,9 @@
 
 #include "statsubs/state/host.h"
 #include "statsubs/state/output_units.h"
-#include "varda/input/model_file.h"
-#include "varda//run/fit.h"
 #include "varda/host/engine_host.h"
+#include "varda/input/model_file.h"
+#include "varda/run/fit.h"
 
 namespace {
 
@@ -75,8 +75,9 @@ run_times run_once(const varda::population_model& model, const varda::job& peers
   statsubs::installed_host().fcnxeta = slow_model;
   evaluations = 0;
   run_times result;
-  const varda::fit_result fitted = varda::fit(host, [&](const varda::iteration_record&, int) {
-    ++result.iterations;
+  const varda::fit_result fitted = varda::fit(host, [&](const varda::run_progress& at) {
+    if (at.stage != varda::run_stage::iterations) return;
+    result.iterations = at.step;
     result.loop_evaluations = evaluations;
   });
   result.stages = fitted.times;
@@ -98,6 +99,7 @@ void print(const varda::population_model& model, const varda::job& peers, const 
       t.stages.iterations, points, 1e9 * t.stages.iterations / points);
   std::printf("  likelihood          %9.4f s\n", t.stages.likelihood);
   std::printf("  standard errors     %9.4f s\n", t.stages.standard_errors);
+  std::printf("  diagnostics         %9.4f s\n", t.stages.diagnostics);
   std::printf("  a model evaluation  %9.1f ns, share of the iterations %.3f\n",
               1e9 * t.one_evaluation,
               t.one_evaluation * static_cast<double>(t.loop_evaluations) / t.stages.iterations);

@@ -12,12 +12,10 @@
 #include <cstdio>
 #include <vector>
 
-#include "statsubs/estep/fgintegrate.h"
 #include "statsubs/state/global_variables.h"
-#include "varda/input/model_file.h"
-#include "varda//host/points.h"
-#include "varda/host/proposals.h"
 #include "varda/host/engine_host.h"
+#include "varda/inference/proposals.h"
+#include "varda/input/model_file.h"
 
 namespace {
 
@@ -41,8 +39,7 @@ void measure_integration(const varda::job& peers) {
   varda::dataset data = varda::read_dataset(file.data, warnings);
   const varda::population_model model(std::move(file), std::move(data));
   varda::engine_host host(model, peers);
-  varda::point_source points(host, 3000);
-  varda::proposals proposals(host);
+  const varda::proposals proposals(model, host.omega());
 
   constexpr int samples = 3000;
   const double eta[] = {0.1, -0.1, 0.05};
@@ -51,18 +48,10 @@ void measure_integration(const varda::job& peers) {
                                       for (int j = 0; j < samples; ++j) host.objective(0, eta);
                                     }) /
                             samples;
-  std::vector<double> etas(3 * samples);
-  std::vector<double> weights(samples);
-  double log_likelihood = 0.0;
-  points.begin_iteration(1, samples);
+  varda::weighted_samples drawn{Eigen::MatrixXd(3, samples), Eigen::VectorXd(samples)};
+  varda::subject_integral found;
   const double whole =
-      fastest(200,
-              [&] {
-                points.begin_iteration(1, samples);
-                proposals.offer(0);
-                statsubs::fgintegrate(1, samples, etas.data(), weights.data(), log_likelihood);
-              }) /
-      samples;
+      fastest(200, [&] { varda::integrate(host, 0, proposals.of(0), {}, drawn, found); }) / samples;
   std::printf("model evaluation           %8.1f ns\n", 1e9 * evaluation);
   std::printf("repeated by every process  %8.1f ns a sample\n", 1e9 * (whole - evaluation));
 }

@@ -35,7 +35,7 @@ echo "|---|---|---|"
 while read -r name settings; do
   converged=0
   worst=-1
-  model "samples = 300\nstandard_errors = \"none\"\n$settings" >"$work/model.toml"
+  model "method = \"em\"\nsamples = 300\nstandard_errors = \"none\"\n$settings" >"$work/model.toml"
   for seed in $(seq 1 "${1:-20}"); do
     "$varda" fit "$work/model.toml" --output "$work/fit" --seed "$seed" --quiet >/dev/null &&
       converged=$((converged + 1))

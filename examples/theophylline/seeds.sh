@@ -4,7 +4,7 @@
 # Fits the example with the seeds 1 to 20 (or to $1), further arguments being settings of its model
 # file (seeds.sh 20 'start = "presample"'), and prints, for each, how far the estimates are
 # from the exact maximum likelihood estimates (in per cent) and the stated -2 log-likelihood from
-# the exact minimum (in units of the stated Monte-Carlo error). The exact values are from adaptive
+# the exact minimum (in units of the stated Monte Carlo error). The exact values are from adaptive
 # Gauss-Hermite quadrature with 25 nodes per random effect.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)

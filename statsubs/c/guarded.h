@@ -6,6 +6,7 @@
 #include <exception>
 
 #include "statsubs/c/statsubs.h"
+#include "statsubs/state/refusal.h"
 
 namespace statsubs::c {
 
@@ -17,6 +18,8 @@ int guarded(Body body) noexcept {
   try {
     body();
     return STATSUBS_OK;
+  } catch (const refusal& error) {
+    return failed(STATSUBS_REFUSED, error.what());
   } catch (const std::exception& error) {
     return failed(STATSUBS_HOST_EXCEPTION, error.what());
   } catch (...) {

@@ -92,6 +92,8 @@ typedef struct statsubs_host_table {
   /* may override settings in the shared state, for a run without a user interface */
   void (*getqrpemflags)(void);
   void (*readflags0)(void);
+  /* optional, null for none: n times seteta, settheta, fcnxeta; etas(leneta x n), f(n), z(n) out */
+  void (*fcnxetas)(const int* leneta, const int* n, const double* etas, double* f, double* z);
 } statsubs_host_table;
 
 #endif

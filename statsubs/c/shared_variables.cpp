@@ -18,6 +18,8 @@ template <class Array, class Item, class... Extents>
 int bound(Array& array, Item* storage, Extents... extents) {
   if (storage == nullptr && (... && (extents > 0)))
     return c::failed(STATSUBS_UNUSABLE_ARGUMENT, "an array was bound to a null pointer");
+  if ((... || (extents < 0)))
+    return c::failed(STATSUBS_UNUSABLE_ARGUMENT, "an array was bound with a negative extent");
   array.bind(storage, extents...);
   return STATSUBS_OK;
 }

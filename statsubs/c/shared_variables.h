@@ -203,7 +203,8 @@ STATSUBS_API int statsubs_get_modeljacob(double** storage, int* rows, int* colum
 STATSUBS_API int statsubs_get_myid(void);
 STATSUBS_API void statsubs_set_myid(int value);
 
-// numprocs: number of processes, at least 1. Written by: host
+// numprocs: number of processes that share the samples: 1 at load, else all of the job. Written by:
+// host
 STATSUBS_API int statsubs_get_numprocs(void);
 STATSUBS_API void statsubs_set_numprocs(int value);
 

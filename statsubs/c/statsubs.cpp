@@ -31,6 +31,10 @@ int statsubs_take_unit(int unit, statsubs_line_sink sink, void* context) {
   return statsubs::c::guarded([&] { statsubs::take_unit(unit, sink, context); });
 }
 
+int statsubs_place_engine_log(const char* path) {
+  return statsubs::c::guarded([&] { statsubs::place_engine_log(path != nullptr ? path : ""); });
+}
+
 int statsubs_write_line(int unit, const char* line, int length) {
   if (length < 0)
     return statsubs::c::failed(STATSUBS_UNUSABLE_ARGUMENT, "a line of negative length");

@@ -33,6 +33,8 @@ enum statsubs_status {
   STATSUBS_HOST_EXCEPTION = 1,    /* a callable of a host in C++ threw; results are incomplete */
   STATSUBS_UNUSABLE_TABLE = 2,    /* the host table is not one that this library knows */
   STATSUBS_UNUSABLE_ARGUMENT = 3, /* no storage where extents ask for some, or storage with gaps */
+  STATSUBS_REFUSED = 4,           /* an argument or the shared state is not what the routine needs,
+                                   * or it is called from inside itself; nothing has been done */
 };
 
 /* What the last status other than STATSUBS_OK was about; "" before the first. Valid until the next
@@ -52,6 +54,10 @@ typedef void (*statsubs_line_sink)(void* context, const char* line, int length);
 /* Hands the lines of an output unit (6 is standard output) to `sink` with `context` passed through,
  * or back to standard output with a null sink. */
 STATSUBS_API int statsubs_take_unit(int unit, statsubs_line_sink sink, void* context);
+
+/* Has the engine log stand at `path`, which is copied, instead of vardaengine.log in the working
+ * directory; a null pointer or an empty path brings that back. */
+STATSUBS_API int statsubs_place_engine_log(const char* path);
 
 /* Writes one line to an output unit. */
 STATSUBS_API int statsubs_write_line(int unit, const char* line, int length);

@@ -7,10 +7,11 @@
 #include "statsubs/estep/fgintegrate.h"
 
 #include "statsubs/estep/importance_weights.h"
-#include "statsubs/estep/proposal_family.h"
 #include "statsubs/estep/proposals.h"
 #include "statsubs/estep/sample_evaluation.h"
 #include "statsubs/estep/sample_points.h"
+#include "statsubs/state/entry_check.h"
+#include "statsubs/state/evaluation_block.h"
 #include "statsubs/state/global_variables.h"
 #include "statsubs/state/host.h"
 #include "statsubs/state/saveearlyvars.h"
@@ -30,40 +31,48 @@ bool run_is_stopped(int answer) {
   return se::globalstop != 0;
 }
 
+// A function of its own in profiles: bench/entry_checks.py.
+[[gnu::noinline]] void check_entry(int isub, int nsamp, const double* dsample2,
+                                   const double* wtcond2) {
+  const entry_check check("fgintegrate");
+  const int n = gv::leneta;
+  check.at_least("nsamp", nsamp, 1);
+  check.at_least("leneta", n, 0);
+  check.subject(isub);
+  check.share();
+  check.holds("theta", gv::theta, gv::ntheta);
+  check.holds("newsub", gv::newsub, isub + 1);
+  check.holds("xmusub", gv::xmusub, n);
+  if (gv::impsampdof == 2)
+    check.holds("omegalchol", gv::omegalchol, n, n);
+  else
+    check.holds("omegacholsub", gv::omegacholsub, n, n);
+  check.holds("xmusubnew", gv::xmusubnew, n);
+  check.holds("omegasubnew", gv::omegasubnew, n, n);
+  check.given("dsample2", dsample2, n);
+  check.given("wtcond2", wtcond2, nsamp);
+  check_sequence(check, {gv::impsampdof, gv::iflagmcpem, gv::accratio}, n);
+}
+
 // Returns the host's answer to the question for a stop.
 int evaluate_at_mean() {
-  double unused = 0.0;
+  double unused = not_evaluated;
   host::seteta(gv::xmusub.data());
   host::fcnxeta(gv::leneta, gv::xmusub.data(), unused);
   return host::stoprequested();
 }
 
 matrix_view<const double> proposal_factor() {
-  return gv::impsampdof == 2 ? gv::omegalchol : gv::omegacholsub;
-}
-
-mixture_scales current_scales() {
-  const double exponent = -1.0 / gv::leneta;
-  return {gv::accratio, host::pow(gv::accratio, exponent), host::pow(0.5, exponent)};
-}
-
-// All samples of the subject, and -2 ln of the proposal density at each.
-void draw_samples(matrix_view<double> samples, vector_view<double> minus_two_log_density) {
-  const int n = samples.rows();
-  const matrix_view<const double> factor = proposal_factor();
-  const proposal q(gv::impsampdof, factor, current_scales());
-  matrix<double> points("the sample points", q.uniforms_per_sample(), samples.columns());
-  draw_uniforms(q.family(), gv::iflagmcpem, points);
-  q.standardise(points, minus_two_log_density);
-  for (int j = 1; j <= samples.columns(); ++j)
-    simmn(n, gv::xmusub.data(), factor.data(), factor.leading(), points.column(j).data(),
-          samples.column(j).data());
+  const int n = gv::leneta;
+  return gv::impsampdof == 2 ? gv::omegalchol.corner(n, n) : gv::omegacholsub.corner(n, n);
 }
 
 }  // namespace
 
 void fgintegrate(const int& isub, const int& nsamp, double* dsample2, double* wtcond2,
                  double& loglik) {
+  const sole_entry alone("fgintegrate");
+  check_entry(isub, nsamp, dsample2, wtcond2);
   host::setisub(isub);
   const support::restored keeper(gv::theta);
   gv::izub = isub;
@@ -72,7 +81,8 @@ void fgintegrate(const int& isub, const int& nsamp, double* dsample2, double* wt
 
   const matrix_view<double> samples(dsample2, gv::leneta, nsamp);
   vector<double> minus_two_log_density("the proposal densities", nsamp);
-  draw_samples(samples, minus_two_log_density);
+  draw_samples({gv::impsampdof, gv::iflagmcpem, gv::accratio}, gv::xmusub, proposal_factor(),
+               samples, minus_two_log_density);
 
   vector<double> log_likelihood("the log-likelihoods of the samples", nsamp);
   vector<double> score("the scores of the samples", nsamp);

@@ -28,6 +28,10 @@ namespace statsubs {
 // A collective call: every process draws all samples, evaluates those whose number is myid modulo
 // numprocs, and ends with the same results, equal to the last bit for any number of processes.
 //
+// A host that has fcnxetas gets its samples in blocks of up to 256 instead of one at a time, with
+// the same results; one stop is then asked for after each block, which is not recorded where it is
+// seen.
+//
 // An evaluation that fails isgoodr8 counts as log-likelihood -1e50 with score 1. A stop leaves the
 // sampling loop at once; with globalstop set after checkforstop (asked after the evaluation at the
 // mean, of which nothing else is used, and after the sampling loop) the routine returns and no
@@ -36,8 +40,12 @@ namespace statsubs {
 // theta is as on entry after every return. wtsumzscore is not finite for a subject without
 // observations. A factor with a zero on the diagonal gives results that are not numbers.
 //
-// Reads: leneta, theta, xmusub, omegacholsub, omegalchol, accratio, impsampdof, iflagmcpem, myid,
-// numprocs, newsub, globalstop, zscoresub, izub
+// An argument or a shared array that cannot hold what is needed, a Sobol sequence of other
+// dimensions and a call from inside one of the routines that evaluate the model are refused
+// (refusal.h).
+//
+// Reads: leneta, ntheta, theta, xmusub, omegacholsub, omegalchol, accratio, impsampdof, iflagmcpem,
+// myid, numprocs, newsub, globalstop, zscoresub, izub
 // Writes: izub, zscoresub, wtsumzscore, xmusubnew, omegasubnew, theta
 STATSUBS_API void fgintegrate(const int& isub, const int& nsamp, double* dsample2, double* wtcond2,
                               double& loglik);

@@ -5,6 +5,7 @@
 #include <cassert>
 #include <cstddef>
 
+#include "statsubs/estep/proposals.h"
 #include "statsubs/sequences/bdsobl.h"
 #include "statsubs/sequences/sobol.h"
 #include "statsubs/state/host.h"
@@ -35,6 +36,15 @@ void draw_pseudo_random(matrix_view<double> uniforms) {
     for (double& u : uniforms.column(j)) u = clamped(host::dran3(state));
 }
 
+bool takes_sobol_points(proposal_family family, int iflagmcpem) {
+  return iflagmcpem != 1 && family != proposal_family::student_t;
+}
+
+mixture_scales scales_of(double accratio, int n) {
+  const double exponent = -1.0 / n;
+  return {accratio, host::pow(accratio, exponent), host::pow(0.5, exponent)};
+}
+
 void stratify_last_row(matrix_view<double> uniforms) {
   const int samples = uniforms.columns();
   for (int j = 1; j <= samples; ++j)
@@ -45,9 +55,27 @@ void stratify_last_row(matrix_view<double> uniforms) {
 
 void draw_uniforms(proposal_family family, int iflagmcpem, matrix_view<double> uniforms) {
   const bool is_t = family == proposal_family::student_t;
-  if (iflagmcpem != 1 && !is_t) return draw_sobol(uniforms);
+  if (takes_sobol_points(family, iflagmcpem)) return draw_sobol(uniforms);
   draw_pseudo_random(uniforms);
   if (is_t && iflagmcpem == 0) stratify_last_row(uniforms);
+}
+
+void check_sequence(const entry_check& check, const sampling& settings, int leneta) {
+  if (takes_sobol_points(family_of(settings.impsampdof), settings.iflagmcpem))
+    check.within("s, the dimensions of the Sobol sequence,", bd::s, leneta, leneta);
+}
+
+void draw_samples(const sampling& settings, vector_view<const double> centre,
+                  matrix_view<const double> factor, matrix_view<double> samples,
+                  vector_view<double> minus_two_log_density) {
+  const int n = samples.rows();
+  const proposal q(settings.impsampdof, factor, scales_of(settings.accratio, n));
+  matrix<double> points("the sample points", q.uniforms_per_sample(), samples.columns());
+  draw_uniforms(q.family(), settings.iflagmcpem, points);
+  q.standardise(points, minus_two_log_density);
+  for (int j = 1; j <= samples.columns(); ++j)
+    simmn(n, centre.data(), factor.data(), factor.leading(), points.column(j).data(),
+          samples.column(j).data());
 }
 
 }  // namespace statsubs

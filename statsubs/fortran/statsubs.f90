@@ -22,6 +22,7 @@ module statsubs
   integer(c_int), parameter :: statsubs_host_exception = 1
   integer(c_int), parameter :: statsubs_unusable_table = 2
   integer(c_int), parameter :: statsubs_unusable_argument = 3
+  integer(c_int), parameter :: statsubs_refused = 4
   integer(c_int), parameter :: host_version = 1
   integer, parameter :: name_length = 100
 
@@ -137,8 +138,13 @@ module statsubs
       type(c_ptr), value :: context
       integer(c_int) :: outcome
     end function
+    function c_place_engine_log(path) result(outcome) bind(c, name="statsubs_place_engine_log")
+      import
+      character(kind=c_char), intent(in) :: path(*)
+      integer(c_int) :: outcome
+    end function
   end interface
-  private :: c_install_host, c_last_error
+  private :: c_install_host, c_last_error, c_place_engine_log
 
 contains
 
@@ -148,6 +154,13 @@ contains
     host%size = int(c_sizeof(host), c_int)
     host%version = host_version
     outcome = c_install_host(host)
+  end function
+
+  ! Has the engine log stand at `path`, or at its default place when that is blank.
+  function place_engine_log(path) result(outcome)
+    character(*), intent(in) :: path
+    integer(c_int) :: outcome
+    outcome = c_place_engine_log(trim(path)//c_null_char)
   end function
 
   ! What the last status other than statsubs_ok was about.

@@ -2,10 +2,10 @@
 #include "statsubs/mstep/itmapnp.h"
 
 #include <algorithm>
-#include <cassert>
 #include <optional>
 #include <string_view>
 
+#include "statsubs/state/entry_check.h"
 #include "statsubs/state/global_variables.h"
 #include "statsubs/state/host.h"
 #include "statsubs/state/output_units.h"
@@ -112,7 +112,7 @@ void put_back_residual_deviation(double sigma) {
 
 // The columns of etatable that belong to subjects.
 matrix_view<double> subject_etas() {
-  assert(gv::etatable.columns() >= gv::nsub);
+  entry_check("itmapnp").holds("etatable", gv::etatable, gv::etatable.rows(), gv::nsub);
   return {gv::etatable.data(), gv::etatable.rows(), gv::nsub, gv::etatable.leading()};
 }
 
@@ -166,6 +166,18 @@ int reported_rounds(int neta) {
   return flathess;
 }
 
+void check_entry(int neta, const double* etaout) {
+  const entry_check check("itmapnp");
+  check.at_least("ngetmapnp", gv::ngetmapnp, 1);
+  check.at_least("nsub", gv::nsub, 1);
+  check.at_least("neta", neta, 0);
+  check.at_least("ntheta", gv::ntheta, gv::freesigmafound == 0 ? 0 : 1);
+  check.job();
+  check.holds("theta", gv::theta, gv::ntheta);
+  check.holds("etatable", gv::etatable, neta, gv::nsub);
+  check.given("etaout", etaout, neta);
+}
+
 void clear(matrix_view<double> table) {
   for (int j = 1; j <= table.columns(); ++j)
     std::fill(table.column(j).begin(), table.column(j).end(), 0.0);
@@ -174,7 +186,7 @@ void clear(matrix_view<double> table) {
 }  // namespace
 
 void itmapnp(const int& neta, double* etaout) {
-  assert(gv::ngetmapnp > 0 && neta <= gv::etatable.rows());
+  check_entry(neta, etaout);
   support::barrier(gv::numprocs);
   host::globalblups2();
 

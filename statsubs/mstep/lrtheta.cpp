@@ -2,11 +2,11 @@
 #include "statsubs/mstep/lrtheta.h"
 
 #include <algorithm>
-#include <cassert>
 #include <string>
 #include <string_view>
 
 #include "statsubs/mstep/normal_equations.h"
+#include "statsubs/state/entry_check.h"
 #include "statsubs/state/global_variables.h"
 #include "statsubs/state/host.h"
 #include "statsubs/state/output_units.h"
@@ -26,6 +26,40 @@ void write_as_root(const support::record& record) {
   if (gv::myid == 0) write_line(standard_output_unit, record.line());
 }
 
+// What the regression of `nreg` columns needs.
+void check_regression(const entry_check& check, int n, const double* eta_mean2, int nrowbase,
+                      int nextra, int ncolc, const int* muetamap) {
+  const int leneta = gv::leneta;
+  const int nreg = ncolc - nextra;
+  check.at_least("nrowbase", nrowbase, 0);
+  check.at_least("nextra", nextra, 0);
+  check.at_least("n", n, nreg);
+  check.at_least("ntheta", gv::ntheta, nreg);
+  check.at_least("nsub", gv::nsub, 0);
+  check.holds("newsub", gv::newsub, gv::nsub + 1);
+  check.given("eta_mean2", eta_mean2, gv::nsub > 0 ? leneta : 0);
+  check.given("muetamap", muetamap, leneta);
+  for (int k = 0; k < leneta; ++k)
+    check.within("an entry of muetamap", muetamap[k], 0, std::min(leneta, nrowbase + nextra));
+}
+
+void check_entry(const entry_check& check, const double* atb) {
+  const int leneta = gv::leneta;
+  check.at_least("leneta", leneta, 0);
+  check.holds("omegalchol", gv::omegalchol, leneta, leneta);
+  check.holds("omegalcholinv", gv::omegalcholinv, leneta, leneta);
+  check.given("atb", atb, gv::ntheta);
+}
+
+// Asked for when a column is left untouched, which a sound model has none of.
+void check_names(int k) {
+  const entry_check check("lrtheta");
+  check.holds("iseqtheta", qv::iseqtheta, k);
+  check.within("an entry of iseqtheta", qv::iseqtheta(k), 1, gv::ntheta);
+  check.holds("itypetheta", qv::itypetheta, gv::ntheta);
+  check.holds("fixedeffectnames", gv::fixedeffectnames, gv::ntheta);
+}
+
 // Sums the equations of all subjects that have observations.
 void add_subjects(matrix_view<const double> eta_mean2, int nrowc, int ncolc,
                   vector_view<const int> muetamap, matrix_view<double> ata,
@@ -38,10 +72,13 @@ void add_subjects(matrix_view<const double> eta_mean2, int nrowc, int ncolc,
   for (int isub = 1; isub <= gv::nsub; ++isub) {
     gv::nobs = gv::newsub(isub + 1) - gv::newsub(isub);
     if (gv::nobs == 0) continue;
+    // The last subject's whitened rows still stand there, and a host may write what is not zero.
+    std::fill_n(cmatrix.data(), support::count_of({nrowc, ncolc}), 0.0);
     host::getsaemcmatrix(isub - 1, cmatrix.data());
-    ldmaxpy(gv::omegalcholinv.data(), leneta, leneta, cmatrix.data(), nrowc, nreg, muetamap.data());
+    ldmaxpy(gv::omegalcholinv.data(), gv::omegalcholinv.leading(), leneta, cmatrix.data(), nrowc,
+            nreg, muetamap.data());
     std::copy_n(eta_mean2.column(isub).begin(), leneta, mean.begin());
-    ldmaxpv(gv::omegalcholinv.data(), leneta, leneta, mean.data());
+    ldmaxpv(gv::omegalcholinv.data(), gv::omegalcholinv.leading(), leneta, mean.data());
     add_equations(cmatrix, mean, used, ata, atb);
   }
 }
@@ -52,6 +89,7 @@ bool mark_untouched(matrix_view<const double> ata) {
   for (int k = 1; k <= ata.rows(); ++k) {
     if (ata(k, k) != 0.0) continue;
     found = true;
+    check_names(k);
     const int itheta = qv::iseqtheta(k);
     qv::itypetheta(itheta) = 4;
     const display_name& name = gv::fixedeffectnames(itheta);
@@ -94,10 +132,13 @@ void lrtheta(const int& n, double* atb, const double* eta_mean2, const double*, 
              const int& nrowbase, const int& nextra, const int& ncolc, const int* muetamap) {
   const int leneta = gv::leneta;
   const int nreg = ncolc - nextra;
-  invert_lower_factor(gv::omegalchol, gv::omegalcholinv);
+  const entry_check check("lrtheta");
+  check_entry(check, atb);
+  if (nreg > 0) check_regression(check, n, eta_mean2, nrowbase, nextra, ncolc, muetamap);
+  invert_lower_factor(gv::omegalchol.corner(leneta, leneta),
+                      gv::omegalcholinv.corner(leneta, leneta));
   std::fill_n(atb, support::extent_of(gv::ntheta), 0.0);
   if (nreg <= 0) return;
-  assert(n >= nreg && gv::ntheta >= nreg);
 
   matrix<double> work("the normal matrix", n, n);
   const matrix_view<double> ata(work.data(), nreg, nreg, n);

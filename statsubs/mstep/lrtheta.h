@@ -14,13 +14,18 @@ namespace statsubs {
 //   n          in: order that the work matrices are given, at least nreg = ncolc - nextra
 //   atb(ntheta)  out: entries 1..nreg the solution on the regression scale, entry k belonging to
 //              the fixed effect iseqtheta(k); the rest 0. All 0 when nreg <= 0
-//   eta_mean2(leneta x nsub)  in: conditional mean of the random effects, one column a subject
+//   eta_mean2(leneta x nsub)  in: what the regression explains by C beta, one column a subject: the
+//              conditional means of the individual parameters on the regression scale, which are
+//              C beta + eta at the fixed effects in force. Where the random effects of the E-step
+//              are zero-mean deviations, as in the objective of fcnxeta, that is xmusubnew plus the
+//              subject's C beta; deviations by themselves would be regressed to about zero
 //   (fourth and fifth)  not used
 //   nrowbase, nextra  in: the C matrix has nrowbase + nextra rows, and its last nextra columns are
 //              not regressed
 //   ncolc      in: columns of the C matrix
 //   muetamap(leneta)  in: the row of the C matrix that carries the mean of each random effect, 0
 //              for none, at most leneta. Equations are formed for the first ntheta random effects
+// The C matrix is zero when getsaemcmatrix is asked for it.
 // A column that no equation touches is reported and its fixed effect gets class 4 in itypetheta.
 // Then, and when the normal matrix is not positive definite, `atb` is what forward substitution
 // with the lower triangle of the normal matrix gives, which is no least-squares solution; the event

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "statsubs/state/entry_check.h"
 #include "statsubs/state/global_variables.h"
 #include "statsubs/state/output_units.h"
 #include "statsubs/support/array.h"
@@ -15,6 +16,7 @@ namespace gv = statsubs::global_variables;
 void printtheta(const double* thetasforprint, const int& iunit) {
   constexpr int per_record = 4;
   if (gv::myid != 0) return;
+  entry_check("printtheta").given("thetasforprint", thetasforprint, gv::ntheta);
   int printed = 0;
   do {
     const int count = std::clamp(gv::ntheta - printed, 0, per_record);

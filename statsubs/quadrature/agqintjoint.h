@@ -13,8 +13,8 @@ namespace statsubs {
 //   isub    in: the subject, from 1
 //   nnodes  in: nodes per random effect
 //   loglik  out: log of the subject's marginal likelihood; Laplace's approximation with one node
-//   info    out: agqinit's status; unless it is 0 the host has not been called and nothing else has
-//           been written
+//   info    out: agqinit's status, with which the host has not been called, or 3 after a stop.
+//           Unless it is 0 nothing else has been written
 //
 // xmusubnew and omegasubnew become the conditional mean and covariance of the random effects; with
 // one node, which knows neither, the mode and the inverse curvature, the moments of Laplace's
@@ -26,6 +26,8 @@ namespace statsubs {
 // points, each with one sum over the processes, so that a process holds 4,096 (leneta + 1) reals
 // whatever the number of points.
 //
+// A host that has fcnxetas gets up to 256 points in one call of it instead.
+//
 // An evaluation that fails isgoodr8 counts as log-likelihood -1e50, which is a weight of zero
 // unless all of them fail. A stop leaves the block at once; with globalstop set after checkforstop,
 // asked after every block, the routine returns and no result has been written. theta is as on entry
@@ -33,7 +35,7 @@ namespace statsubs {
 // results that mean nothing. A factor with a zero on the diagonal gives results that are not
 // numbers.
 //
-// Reads: leneta, theta, sigmalchol, xmusub, omegacholsub, myid, numprocs, globalstop
+// Reads: leneta, ntheta, theta, sigmalchol, xmusub, omegacholsub, myid, numprocs, globalstop
 // Writes: izub, xmusubnew, omegasubnew, theta
 STATSUBS_API void agqintjoint(const int& isub, const int& nnodes, double& loglik, int& info);
 

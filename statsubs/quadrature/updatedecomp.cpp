@@ -3,9 +3,11 @@
 
 #include <cmath>
 
+#include "statsubs/state/entry_check.h"
 #include "statsubs/state/global_variables.h"
 #include "statsubs/support/array.h"
 #include "statsubs/support/lapack.h"
+#include "statsubs/support/lower_triangle.h"
 
 namespace statsubs {
 
@@ -25,9 +27,15 @@ bool invert_curvature(matrix_view<double> factor, vector_view<const double> devi
   return support::dpotrf(n, factor.data(), factor.leading()) == 0;
 }
 
-void copy_lower(matrix_view<const double> from, matrix_view<double> to) {
-  for (int j = 1; j <= from.columns(); ++j)
-    for (int i = j; i <= from.rows(); ++i) to(i, j) = from(i, j);
+void check_entry(int isub) {
+  const entry_check check("updatedecomp");
+  const int n = gv::leneta;
+  check.at_least("leneta", n, 0);
+  check.subject(isub);
+  check.holds("cholsub", gv::cholsub, n * (n + 1) / 2, isub);
+  check.holds("stddeveta", gv::stddeveta, n);
+  check.holds("omega", gv::omega, n, n);
+  check.holds("omegacholsub", gv::omegacholsub, n, n);
 }
 
 }  // namespace
@@ -43,14 +51,15 @@ void choltofull(const int& n, const double* packed, double* full, const int& ldf
 
 void updatedecomp(const int& isub, int& info) {
   const int n = gv::leneta;
+  check_entry(isub);
   matrix<double> factor("the factor of a subject's grid", n, n);
   choltofull(n, gv::cholsub.column(isub).data(), factor.data(), n);
   info = 0;
   if (!invert_curvature(factor, gv::stddeveta)) {
-    copy_lower(gv::omega, factor);
+    support::copy_lower(gv::omega.corner(n, n), factor);
     info = support::dpotrf(n, factor.data(), n) == 0 ? 1 : 2;
   }
-  if (info != 2) copy_lower(factor, gv::omegacholsub);
+  if (info != 2) support::copy_lower(factor, gv::omegacholsub.corner(n, n));
 }
 
 }  // namespace statsubs

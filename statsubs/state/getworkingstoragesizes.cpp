@@ -133,7 +133,7 @@ void getworkingstoragesizes(const int& engine, const int& nranefnames, const int
   gv::leneta = nraneffects;
   fetch_tables(nranefnames);
   count_observations();
-  if (engine != naive_pooled && gv::leneta == 0) report_missing_random_effects();
+  if (engine != naive_pooled && gv::leneta == 0 && gv::myid == 0) report_missing_random_effects();
 
   gv::npackglobal = count_packed_parameters();
   gv::hessiandimension = std::max(gv::leneta, gv::npackglobal);

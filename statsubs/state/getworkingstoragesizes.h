@@ -19,8 +19,9 @@ namespace statsubs {
 //   packsize     out: 3 npack^2 for npack packed parameters
 // The sample count is rounded up to a multiple of 6; what readflags0 makes of it afterwards stays.
 // A model without random effects under a method that needs them is reported, in the engine log
-// (which starts afresh) and on the error stream, by every process; the host decides what follows.
-// Reads: sigmalchol
+// (which starts afresh) and on the error stream, by the process with myid = 0; the host decides
+// what follows.
+// Reads: sigmalchol, myid
 // Writes: nsub, nobs, ntheta, leneta, fixedeffectnames, randomeffectnames, fixeferrtothetamap,
 //   stddevnames, stddevnum, stddevobsnum, nobstotal, nobsmax, totalobsnumber, npackglobal,
 //   hessiandimension, nsampset, npresample, ngetmapnp, nchain, iqrpem, itestui, irunall,

@@ -50,7 +50,7 @@
   X(name_vector, randomeffectnames, "second argument of getworkingstoragesizes", "display names of the random effects", "getworkingstoragesizes (library's storage)") \
   X(real_matrix, modeljacob, "totalobsnumber x random effects", "working array for the model's Jacobian", "getworkingstoragesizes (library's storage)") \
   X(integer, myid, "", "rank of this process; 0 is the root", "host") \
-  X(integer, numprocs, "", "number of processes, at least 1", "host") \
+  X(integer, numprocs, "", "number of processes that share the samples: 1 at load, else all of the job", "host") \
   X(real, accratio, "", "acceptance ratio that widens proposals and sets the mixtures' scales", "getworkingstoragesizes") \
   X(integer, impsampdof, "", "proposal family: >= 3 t degrees of freedom, 1 Laplace, -2 and -3 mixtures, 2 normal with omega's factor, else normal", "getworkingstoragesizes") \
   X(integer, iflagmcpem, "", "1: pseudo-random instead of quasi-random points", "getworkingstoragesizes") \

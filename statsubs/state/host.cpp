@@ -98,6 +98,7 @@ host_table default_host() {
   table.diag_2d = helper::diag_2d;
   table.forward_substitution = helper::forward_substitution;
   table.findloc1ddim1_i32 = helper::findloc1ddim1_i32;
+  table.fcnxetas = nullptr;
   return table;
 }
 

@@ -95,7 +95,10 @@
   X(int, getscramble, (), ())                                                                               \
   /* may override settings in the shared state, for a run without a user interface */                       \
   X(void, getqrpemflags, (), ())                                                                            \
-  X(void, readflags0, (), ())
+  X(void, readflags0, (), ())                                                                               \
+  /* optional, null for none: n times seteta, settheta, fcnxeta; etas(leneta x n), f(n), z(n) out */        \
+  X(void, fcnxetas, (const int& leneta, const int& n, const double* etas, double* f, double* z),            \
+                    (leneta, n, etas, f, z))
 // clang-format on
 
 namespace statsubs {
@@ -113,7 +116,8 @@ struct host_table {
 
 // The table that the wrappers below call through; a caller may replace single entries. At load the
 // helpers (isgoodr8, dran3, pow, diag_2d, forward_substitution, findloc1ddim1_i32) have their
-// defaults, and every other entry ends the process with a message that names the callable.
+// defaults, fcnxetas, which is optional, is a null pointer, and every other entry ends the process
+// with a message that names the callable.
 STATSUBS_API host_table& installed_host();
 
 // The table as it stands at load.

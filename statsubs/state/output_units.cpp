@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <map>
 
+#include "statsubs/support/engine_log.h"
+
 namespace statsubs {
 
 namespace {
@@ -25,6 +27,10 @@ void take_unit(int unit, line_sink sink, void* context) {
     takers().erase(unit);
   else
     takers()[unit] = {sink, context};
+}
+
+void place_engine_log(std::string_view path) {
+  support::place_log(path);
 }
 
 void write_line(int unit, std::string_view line) {

@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "statsubs/state/entry_check.h"
 #include "statsubs/state/global_variables.h"
 #include "statsubs/state/host.h"
 #include "statsubs/state/output_units.h"
@@ -47,9 +48,19 @@ void warn(int i) {
   }
 }
 
+void check_entry() {
+  const entry_check check("checktight");
+  check.at_least("ntheta", gv::ntheta, 0);
+  check.holds("theta", gv::theta, gv::ntheta);
+  check.holds("thetalo", gv::thetalo, gv::ntheta);
+  check.holds("thetahi", gv::thetahi, gv::ntheta);
+  check.holds("ibtight", gv::ibtight, gv::ntheta);
+}
+
 }  // namespace
 
 void checktight(int& flag) {
+  check_entry();
   flag = 0;
   vector<double> work("work of boundmap", gv::ntheta);
   host::boundmap(gv::ntheta, gv::theta.data(), work.data());

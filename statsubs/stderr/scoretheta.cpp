@@ -2,9 +2,10 @@
 #include "statsubs/stderr/scoretheta.h"
 
 #include <algorithm>
-#include <cassert>
 #include <cmath>
 
+#include "statsubs/state/entry_check.h"
+#include "statsubs/state/evaluation_block.h"
 #include "statsubs/state/global_variables.h"
 #include "statsubs/state/host.h"
 #include "statsubs/state/qrpemlocalvariables.h"
@@ -25,9 +26,8 @@ constexpr double least_step = 1e-10;
 constexpr double stand_in_for_zero = 1e-15;
 constexpr int mean_of_none = -99;
 
-// A sample of the random effects.
+// What the analytic scores take of a sample.
 struct sample {
-  const double* eta;
   double weight;
   vector_view<const double> gradient;  // of ln N(eta; 0, omega) with respect to the mean
 };
@@ -58,21 +58,18 @@ class moved_theta {
   double theta_, sigmalchol_, sigmasq_;
 };
 
-double objective_at(const double* eta) {
-  double f = 0.0;
-  host::fcnxeta(gv::leneta, eta, f);
-  return f;
-}
-
-double central_difference(int j, const double* eta) {
+// The central differences of the objective by a fixed effect, at every sample of a block.
+void central_differences(int j, evaluation_block& block, vector_view<double> differences) {
   const double t0 = gv::theta(j);
   const double h = std::max(relative_step * std::fabs(t0), least_step);
   moved_theta theta(j);
   theta.move_to(t0 + h);
-  const double above = objective_at(eta);
+  block.evaluate();
+  for (int i = 1; i <= block.size(); ++i) differences(i) = block.objective(i);
   theta.move_to((t0 + h) - 2.0 * h);
-  const double below = objective_at(eta);
-  return (above - below) / (2.0 * h);
+  block.evaluate();
+  for (int i = 1; i <= block.size(); ++i)
+    differences(i) = (differences(i) - block.objective(i)) / (2.0 * h);
 }
 
 // The column of a fixed effect in the C matrix; 0 for none.
@@ -98,10 +95,12 @@ double covariate_score(int j, const sample& at) {
   return at.weight * sum;
 }
 
-double theta_score(int j, const sample& at) {
-  if (qv::itypetheta_etamap(j) != mean_of_none) return mean_score(j, at);
-  if (qv::itypetheta(j) == 0 && qv::cmatrix_3d.rows() == gv::leneta) return covariate_score(j, at);
-  return central_difference(j, at.eta) * at.weight;
+bool is_mean(int j) {
+  return qv::itypetheta_etamap(j) != mean_of_none;
+}
+
+bool is_covariate(int j) {
+  return qv::itypetheta(j) == 0 && qv::cmatrix_3d.rows() == gv::leneta;
 }
 
 double usable(double score) {
@@ -148,29 +147,78 @@ struct sample_scores {
   matrix<double> omega;
 };
 
-void score_sample(const sample& at, vector_view<double> theta, vector_view<double> omega,
-                  omega_scores& by_omega) {
-  objective_at(at.eta);  // shows the host the sample at the parameters as they are
-  for (int j = 1; j <= gv::ntheta; ++j) theta(j) = usable(theta_score(j, at));
-  if (omega.size() == 0) return;
-  by_omega.update(gv::omegainv, at.gradient);
-  for_each_free_omega(gv::omegamask, omega.size(),
-                      [&](int c, int i, int j) { omega(c) = usable(by_omega(i, j) * at.weight); });
-}
+// Samples of one call of the host, with what they share.
+class scored_block {
+ public:
+  scored_block(matrix_view<const double> samples, vector_view<const double> weights,
+               sample_scores& scores)
+      : block_(installed_host(), gv::leneta),
+        gradients_("the derivatives by the mean", gv::leneta, block_.capacity()),
+        differences_("differences of the objective", block_.capacity()),
+        by_omega_(gv::leneta),
+        samples_(samples),
+        weights_(weights),
+        scores_(scores) {}
+
+  bool full() const { return block_.full(); }
+
+  void add(int k) {
+    block_.add(k, samples_.column(k).data());
+    mean_gradient(gv::omegainv, samples_.column(k).data(), gradients_.column(block_.size()));
+  }
+
+  void score() {
+    if (block_.size() == 0) return;
+    block_.evaluate();  // shows the host the samples at the parameters as they are
+    for (int j = 1; j <= gv::ntheta; ++j) score_theta(j);
+    if (scores_.omega.rows() > 0)
+      for (int i = 1; i <= block_.size(); ++i) score_omega(i);
+    block_.clear();
+  }
+
+ private:
+  sample at(int i) const { return {weights_(block_.number(i)), gradients_.column(i)}; }
+
+  void score_theta(int j) {
+    const bool mean = is_mean(j);
+    const bool covariate = !mean && is_covariate(j);
+    if (!mean && !covariate) central_differences(j, block_, differences_);
+    for (int i = 1; i <= block_.size(); ++i) {
+      const double score = mean        ? mean_score(j, at(i))
+                           : covariate ? covariate_score(j, at(i))
+                                       : differences_(i) * at(i).weight;
+      scores_.theta(j, block_.number(i)) = usable(score);
+    }
+  }
+
+  void score_omega(int i) {
+    const vector_view<double> scores = scores_.omega.column(block_.number(i));
+    by_omega_.update(gv::omegainv, at(i).gradient);
+    const matrix_view<const double> mask = gv::omegamask.corner(gv::leneta, gv::leneta);
+    for_each_free_omega(mask, scores.size(), [&](int c, int row, int column) {
+      scores(c) = usable(by_omega_(row, column) * at(i).weight);
+    });
+  }
+
+  evaluation_block block_;
+  matrix<double> gradients_;
+  vector<double> differences_;
+  omega_scores by_omega_;
+  matrix_view<const double> samples_;
+  vector_view<const double> weights_;
+  sample_scores& scores_;
+};
 
 void score_own_samples(matrix_view<const double> samples, vector_view<const double> weights,
                        sample_scores& scores) {
-  assert(gv::numprocs >= 1);
-  vector<double> gradient("the derivative by the mean", gv::leneta);
-  omega_scores by_omega(gv::leneta);
+  scored_block block(samples, weights, scores);
   const int first = gv::myid == 0 ? gv::numprocs : gv::myid;
   for (int k = first; k <= weights.size(); k += gv::numprocs) {
     if (weights(k) <= least_weight) continue;
-    const double* eta = samples.column(k).data();
-    mean_gradient(gv::omegainv, eta, gradient);
-    score_sample({eta, weights(k), gradient}, scores.theta.column(k), scores.omega.column(k),
-                 by_omega);
+    block.add(k);
+    if (block.full()) block.score();
   }
+  block.score();
 }
 
 // Adds what the processes found; entries have one contributor, so the order does not matter.
@@ -197,10 +245,59 @@ void add_outer_product(vector_view<const double> x, matrix_view<double> a) {
     for (int i = 1; i <= a.rows(); ++i) a(i, j) += x(i) * x(j);
 }
 
+// What the scores of the fixed effects take from the tables of the regression. A place in iseqtheta
+// is looked for here without the host, who is asked once he may be.
+void check_classes(const entry_check& check, int isub) {
+  const auto& places = qv::iseqtheta;
+  check.holds("itypetheta_etamap", qv::itypetheta_etamap, gv::ntheta);
+  for (int j = 1; j <= gv::ntheta; ++j) {
+    const int column =
+        static_cast<int>(std::find(places.begin(), places.end(), j) - places.begin()) + 1;
+    const bool placed = column <= places.size();
+    if (is_mean(j)) {
+      check.within("an entry of itypetheta_etamap", qv::itypetheta_etamap(j), 1, gv::leneta);
+      if (placed) check.holds("ibaccolislog", gv::ibaccolislog, column);
+      continue;
+    }
+    check.holds("itypetheta", qv::itypetheta, gv::ntheta);
+    if (!is_covariate(j) || !placed) continue;
+    check.holds("cmatrix_3d", qv::cmatrix_3d, gv::leneta, column, isub);
+    check.holds("muetamap", gv::muetamap, gv::leneta);
+    for (const int row : gv::muetamap.first(gv::leneta))
+      check.within("an entry of muetamap", row, 0, gv::leneta);
+  }
+}
+
+// A function of its own in profiles: bench/entry_checks.py.
+[[gnu::noinline]] void check_entry(int isub, int nsample, const double* dsample2,
+                                   const double* wtcond2, const double* scoremat_qrpem,
+                                   int nomegafree) {
+  const entry_check check("scoretheta");
+  const int n = gv::leneta;
+  check.at_least("nsample", nsample, 1);
+  check.at_least("leneta", n, 0);
+  check.at_least("ntheta", gv::ntheta, 0);
+  check.within("nomegafree", nomegafree, 0, n * (n + 1) / 2);
+  check.at_least("isub", isub, 1);
+  if (isub > qv::cmatrix_3d.slices()) check.subject(isub);
+  check.share();
+  check.given("dsample2", dsample2, n);
+  check.given("wtcond2", wtcond2, nsample);
+  check.given("scoremat_qrpem", scoremat_qrpem, gv::ntheta + nomegafree);
+  check.holds("theta", gv::theta, gv::ntheta);
+  check.holds("omegainv", gv::omegainv, n, n);
+  if (nomegafree > 0) check.holds("omegamask", gv::omegamask, n, n);
+  check.holds("scorevec", gv::scorevec, gv::ntheta);
+  check.holds("scorevec_expanded", gv::scorevec_expanded, gv::ntheta + nomegafree);
+  check_classes(check, isub);
+}
+
 }  // namespace
 
 void scoretheta(const int& isub, const int& nsample, const double* dsample2, const double* wtcond2,
                 double* scoremat_qrpem, const int& nomegafree) {
+  const sole_entry alone("scoretheta");
+  check_entry(isub, nsample, dsample2, wtcond2, scoremat_qrpem, nomegafree);
   gv::izub = isub;
   host::setisub(isub);
   sample_scores scores(nomegafree, nsample);

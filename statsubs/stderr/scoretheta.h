@@ -11,7 +11,7 @@ namespace statsubs {
 // over subjects, the outer products are the empirical information matrix.
 //
 //   isub       in: the subject, from 1
-//   nsample    in: samples of its random effects
+//   nsample    in: samples of its random effects, at least 1
 //   dsample2(leneta x nsample)  in: the samples, zero-mean deviations, one per column
 //   wtcond2(nsample)  in: their weights, which sum to one; a sample of weight <= 1e-10 is left out
 //   scoremat_qrpem(n x n), n = ntheta + nomegafree  in/out: the outer product of the score is added
@@ -36,6 +36,8 @@ namespace statsubs {
 // the residual deviation, and sigmalchol and sigmasq follow it through its difference. All three
 // are as on entry afterwards. Every sample is first evaluated at the parameters as they are; the
 // value is not used.
+//
+// A host that has fcnxetas gets up to 256 samples in one call of it instead of one of fcnxeta.
 //
 // A component that isgoodr8 rejects counts as 0. Collective: every process calls it for every
 // subject, evaluates the samples whose number is myid modulo numprocs, and ends with the same

@@ -11,7 +11,7 @@ namespace statsubs {
 //   sesq(n x n), n = ntheta + nomegafree  in: covariance of the estimates, theta first, then the
 //               free elements of omega in the order of free_omega.h; only their diagonal is read
 //   nomegafree  in: free elements of omega in sesq
-// Reads: leneta, ntheta, theta, omegamask, sigmalchol
+// Reads: leneta, ntheta, theta, omegamask, sigmalchol, npackglobal
 // Writes: xbase
 STATSUBS_API void stderromega(const double* sesq, const int& nomegafree);
 

@@ -69,6 +69,11 @@ class vector_view {
   // A view that may be written converts to one that may only be read.
   operator vector_view<const T>() const requires(!std::is_const_v<T>) { return {data_, size_}; }
 
+  // Its first n entries.
+  vector_view first(int n) const {
+    assert(n <= size_);
+    return {data_, n};
+  }
   T* data() const { return data_; }
   int size() const { return size_; }
   T* begin() const { return data_; }
@@ -104,6 +109,11 @@ class matrix_view {
                         int line = __builtin_LINE()) const {
     support::check(2, j, columns_, file, line);
     return {data_ + (j - 1) * static_cast<std::ptrdiff_t>(leading_), rows_};
+  }
+  // Its first rows and columns.
+  matrix_view corner(int rows, int columns) const {
+    assert(rows <= rows_ && columns <= columns_);
+    return {data_, rows, columns, leading_};
   }
   operator matrix_view<const T>() const requires(!std::is_const_v<T>) {
     return {data_, rows_, columns_, leading_};

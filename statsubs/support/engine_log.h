@@ -6,8 +6,12 @@
 
 namespace statsubs::support {
 
-// The engine log, "vardaengine.log" in the working directory: messages that must survive the run.
-// A writer opens it, writes its lines and closes it at once; the destructor closes it.
+// Where the engine log stands from now on; an empty path is its default place.
+void place_log(std::string_view path);
+
+// The engine log, "vardaengine.log" in the working directory unless place_log named another file:
+// messages that must survive the run. A writer opens it, writes its lines and closes it at once;
+// the destructor closes it.
 class engine_log {
  public:
   enum class position { rewrite, append };

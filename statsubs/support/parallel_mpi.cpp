@@ -21,6 +21,16 @@ bool mpi_is_running() {
 
 }  // namespace
 
+int job_size() {
+  int size = 1;
+  if (mpi_is_running()) MPI_Comm_size(MPI_COMM_WORLD, &size);
+  return size;
+}
+
+const char* job_kind() {
+  return mpi_is_running() ? "the processes of the job" : "MPI is not running";
+}
+
 void allreduce_sum(vector_view<double> partial, int numprocs) {
   if (numprocs == 1) return;
   vector<double> total("the all-reduce", partial.size());
@@ -41,7 +51,8 @@ void abort_job(int status) {
 void stop_process(const char* message) {
   std::fprintf(stderr, "STOP%s\n", message);
   std::fflush(nullptr);
-  // Every process draws the same points and so arrives here together: the job ends in order.
+  // MPI_Finalize would wait for processes that may never arrive.
+  if (job_size() > 1) MPI_Abort(MPI_COMM_WORLD, EXIT_SUCCESS);
   if (mpi_is_running()) MPI_Finalize();
   std::exit(EXIT_SUCCESS);
 }

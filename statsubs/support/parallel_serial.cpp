@@ -7,6 +7,14 @@
 
 namespace statsubs::support {
 
+int job_size() {
+  return 1;
+}
+
+const char* job_kind() {
+  return "the library is built without MPI";
+}
+
 void allreduce_sum(vector_view<double> /*partial*/, [[maybe_unused]] int numprocs) {
   assert(numprocs == 1);
 }

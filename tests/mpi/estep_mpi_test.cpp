@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cmath>
 #include <limits>
+#include <numeric>
 #include <thread>
 #include <utility>
 
@@ -55,7 +56,7 @@ INSTANTIATE_TEST_SUITE_P(, EstepInAJob, testing::Values(0, 2, 1, -2, -3, 4));
 // Fewer samples than processes among the cases; every fifth evaluation or so fails.
 TEST_P(EstepInAJob, EqualsThatOfOneProcess) {
   for (const int pseudo_random : {0, 1})
-    for (const int samples : {1, 2, 3, 5, 60, 301}) {
+    for (const int samples : {1, 2, 3, 5, 60, 301, 1030}) {
       estep_problem problem(3);
       gv::impsampdof = GetParam();
       gv::iflagmcpem = pseudo_random;
@@ -66,11 +67,20 @@ TEST_P(EstepInAJob, EqualsThatOfOneProcess) {
         return std::fmod(std::abs(eta[1]) * 1000.0, 5.0) < 1.0 ? not_a_number
                                                                : problem.objective(eta);
       };
+      const bd::dimension_vector lastq = bd::lastq;
+      const int count = bd::count;
       const estep_results expected = run_alone(samples);
       evaluations = 0;
       const estep_results shared = run_estep(samples);
       EXPECT_TRUE(shared == expected) << samples << " samples";
       EXPECT_EQ(evaluations, 1 + own_share(samples));
+
+      bd::lastq = lastq;
+      bd::count = count;
+      problem.host.evaluate_together();
+      EXPECT_TRUE(run_estep(samples) == expected) << samples << " samples in blocks";
+      const auto& sizes = problem.host.together;
+      EXPECT_EQ(std::accumulate(sizes.begin(), sizes.end(), 0), own_share(samples));
     }
 }
 

@@ -22,7 +22,7 @@ using test::estep_problem;
 
 // What either routine leaves, from a start of the shared state and of unscrambled points that is
 // always the same, and the number of evaluations. Every fifth evaluation or so fails.
-std::pair<std::vector<double>, int> run(bool quadrature, int count) {
+std::pair<std::vector<double>, int> run(bool quadrature, int count, bool together) {
   estep_problem problem(3);
   test::start_sobol(3, 0);
   gv::npresample = count;
@@ -38,6 +38,7 @@ std::pair<std::vector<double>, int> run(bool quadrature, int count) {
     gv::zscoresub = 1.0 + eta[0];
     return std::fmod(std::abs(eta[1]) * 1000.0, 5.0) < 1.0 ? std::nan("") : problem.objective(eta);
   };
+  if (together) problem.host.evaluate_together();
   double loglik = -1.0;
   int info = -1;
   if (quadrature)
@@ -53,13 +54,15 @@ std::pair<std::vector<double>, int> run(bool quadrature, int count) {
 void expect_equal(bool quadrature, int count, int points) {
   const int myid = std::exchange(gv::myid, 0);
   const int numprocs = std::exchange(gv::numprocs, 1);
-  const auto alone = run(quadrature, count);
+  const auto alone = run(quadrature, count, false);
   gv::myid = myid;
   gv::numprocs = numprocs;
-  const auto shared = run(quadrature, count);
-  EXPECT_EQ(shared.first, alone.first) << points << " points";
   EXPECT_EQ(alone.second, points);
-  EXPECT_EQ(shared.second, points / numprocs + (myid > 0 && myid <= points % numprocs ? 1 : 0));
+  for (const bool together : {false, true}) {
+    const auto shared = run(quadrature, count, together);
+    EXPECT_EQ(shared.first, alone.first) << points << " points";
+    EXPECT_EQ(shared.second, points / numprocs + (myid > 0 && myid <= points % numprocs ? 1 : 0));
+  }
 }
 
 // Fewer points than processes among the cases; grids of one block and of several.
@@ -68,7 +71,7 @@ TEST(QuadratureInAJob, EqualsThatOfOneProcess) {
 }
 
 TEST(PresamplingInAJob, EqualsThatOfOneProcess) {
-  for (const int points : {2, 3, 5, 60, 301}) expect_equal(false, points, points);
+  for (const int points : {2, 3, 5, 60, 301, 1030}) expect_equal(false, points, points);
 }
 
 }  // namespace

@@ -17,7 +17,7 @@ namespace gv = statsubs::global_variables;
 TEST(ScorethetaInAJob, EqualsThatOfOneProcess) {
   const int myid = gv::myid;
   const int numprocs = gv::numprocs;
-  for (const int samples : {1, 2, 5, 41}) {
+  for (const int samples : {1, 2, 5, 41, 1030}) {
     test::score_problem problem;
     problem.weights.clear();
     problem.samples.clear();
@@ -30,6 +30,9 @@ TEST(ScorethetaInAJob, EqualsThatOfOneProcess) {
     problem.score();
     EXPECT_EQ(problem.evaluations, 5 * own);
     const std::vector<double> shared = problem.information;
+    problem.host.evaluate_together();
+    problem.score();
+    EXPECT_EQ(problem.information, shared) << samples << " samples in blocks";
 
     gv::myid = 0;
     gv::numprocs = 1;

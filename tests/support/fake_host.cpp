@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tests/support/fake_host.h"
 
+#include <cstddef>
 #include <cstdio>
 #include <fstream>
 
+#include "statsubs/state/global_variables.h"
 #include "statsubs/state/output_units.h"
 #include "statsubs/state/saveearlyvars.h"
 
@@ -48,6 +50,16 @@ fake_host::~fake_host() {
   statsubs::installed_host() = statsubs::default_host();
   statsubs::saveearlyvars::globalstop = 0;
   current = nullptr;
+}
+
+void fake_host::evaluate_together() {
+  table().fcnxetas = [](const int& leneta, const int& n, const double* etas, double* f, double* z) {
+    current->together.push_back(n);
+    for (int i = 0; i < n; ++i) {
+      f[i] = current->objective(current->subject, etas + static_cast<std::ptrdiff_t>(i) * leneta);
+      z[i] = statsubs::global_variables::zscoresub;
+    }
+  };
 }
 
 statsubs::host_table& fake_host::table() {

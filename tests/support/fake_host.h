@@ -20,6 +20,9 @@ class fake_host {
   fake_host(const fake_host&) = delete;
   fake_host& operator=(const fake_host&) = delete;
 
+  // Gives the host fcnxetas: the same evaluations, one call for several.
+  void evaluate_together();
+
   // The table in force, to replace entries that the members below do not cover.
   statsubs::host_table& table();
 
@@ -27,6 +30,7 @@ class fake_host {
   std::function<void(int isub0, double* cmatrix)> cmatrix;       // behind getsaemcmatrix
   std::function<int()> stop = [] { return 0; };                  // behind stoprequested
   std::vector<std::string> calls;  // names of the model callables, in the order of the calls
+  std::vector<int> together;       // vectors in each call of fcnxetas
   int subject = 0;                 // set by setisub
 };
 

@@ -44,7 +44,9 @@ same_results() {
 expect_status 0 "a fit" "$varda" fit theophylline.toml --output one
 grep -q '^Converged' stdout || fail "the summary has no verdict"
 grep -Eq '^  ka +1\.5[78]' stdout || fail "the summary has no estimate of ka near 1.58"
-grep -q 'iteration' stderr || fail "no progress lines on the error stream"
+for stage in iteration "NPDE, subject"; do
+  grep -q "^$stage  *1\b" stderr || fail "no progress of $stage on the error stream"
+done
 [ -z "$(find one -name '*.tmp*')" ] || fail "temporary files are left"
 expect_status 0 "the same fit" "$varda" fit theophylline.toml --output two --quiet
 [ -s stderr ] && fail "a quiet run writes on the error stream"
@@ -56,11 +58,13 @@ expect_status 0 "an evaluation" "$varda" evaluate theophylline.toml --output eva
 grep -q '^CL,3,0,' evaluated/estimates.csv || fail "evaluate moved the parameters"
 grep -q '"task": "evaluate"' evaluated/evaluate.json || fail "evaluate.json is wrong"
 
-expect_status 0 "records on the terminal" "$varda" fit theophylline.toml --output four --records
+sed 's/^samples = 300/method = "em"/' theophylline.toml >em.toml
+expect_status 0 "records on the terminal" "$varda" fit em.toml --output four --records
+grep -q '^standard errors, subject  *1\b' stderr || fail "no progress of standard errors"
 grep -q '^ atb from linear regression=' stdout || fail "the library's records are missing"
 [ -e four/records.txt ] && fail "records are written although they were printed"
 
-sed 's/^samples = 300/samples = 300\nmax_iterations = 3/' theophylline.toml >short.toml
+sed 's/^samples = 300/samples = 300\nmax_iterations = 2/' theophylline.toml >short.toml
 expect_status 3 "too few iterations" "$varda" fit short.toml --output short
 grep -q '^NOT CONVERGED' stdout || fail "an unfinished fit does not say so"
 grep -q '"converged": false' short/fit.json || fail "fit.json of an unfinished fit"
@@ -100,6 +104,7 @@ expect_status 2 "a check of it" "$varda" check prop.toml
 expect_status 2 "a model that cannot start" "$varda" fit prop.toml --output none
 grep -q 'row 3.*subject 1: error E-RUN-START' stderr || fail "the first row at fault is not named"
 expect_status 2 "no command" "$varda"
+expect_status 2 "a seed out of range" "$varda" fit theophylline.toml --output none --seed 2147483648
 expect_status 2 "an unknown option" "$varda" fit theophylline.toml --output none --frobnicate
 [ -e none ] && fail "a refused run wrote something"
 : >occupied
@@ -125,11 +130,13 @@ if [ -n "$mpiexec" ]; then
     same_results sparse "sparse$count"
   done
   # A process that dies takes the job down.
-  sed 's/^samples = 300/samples = 30000\nrun_all = true/' theophylline.toml >long.toml
+  sed 's/^samples = 300/samples = 30000\nmethod = "em"\nrun_all = true/' theophylline.toml >long.toml
   timeout 120 "$mpiexec" -n 2 "$varda" fit long.toml --output long --quiet >/dev/null 2>stderr &
+  limited=$!
   sleep 2
-  pkill -KILL -n -f -- "fit long.toml" || fail "the long run has ended too early"
-  wait $!
+  worker=$(pgrep -n -P "$(pgrep -n -P "$limited")") && kill -KILL "$worker" ||
+    fail "the long run has ended too early"
+  wait "$limited"
   status=$?
   [ "$status" -ne 0 ] && [ "$status" -ne 124 ] || fail "a dead process leaves status $status"
   [ -s stderr ] || fail "a dead process leaves no message"

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tests/varda/compartment_reference.h"
+#include "tests/varda/theophylline.h"
 #include "varda/model/closed/compartment_model.h"
 #include "varda/model/closed/decays.h"
 #include "varda/model/structural_model.h"
@@ -110,8 +111,7 @@ TEST(Compartments, AgreeWithTheirDifferentialEquations) {
         std::vector<double> p = a.p;
         p.insert(p.end(), b.p.begin(), b.p.end());
         p.insert(p.end(), a.p.begin(), a.p.end());
-        std::vector<double> f(who.observations.size(), -1.0);
-        model->predict(who, {p.data(), a.p.size(), who.segments.size()}, f);
+        const std::vector<double> f = test::predict(*model, who, p, who.segments.size());
         const std::vector<double> expected =
             test::integrate(who, {a.reference, b.reference, a.reference});
         const double most = *std::max_element(expected.begin(), expected.end());
@@ -159,8 +159,7 @@ TEST(Compartments, KeepTheirDigitsWhereRatesAreClose) {
     }
     append(who, d);
     append(who, observation{.time = row[2]});
-    double f = 0.0;
-    model->predict(who, {p.data(), p.size(), 1}, {&f, 1});
+    const double f = test::predict(*model, who, p)[0];
     // What returns from a peripheral compartment is a difference of terms that are larger by up to
     // sqrt(k21 / k12) where eigenvalues are close.
     const double relative = peripheral > 0 && row[0] > (oral ? 2.0 : 1.0) ? 1e-10 : 2e-13;
@@ -201,11 +200,9 @@ TEST(CompartmentModel, TakesAStructOfParameters) {
   who.segments.resize(1);
   append(who, dose{.amount = 80.0});
   for (const double t : {0.0, 3.0, 6.0}) append(who, observation{.time = t});
-  std::vector<double> f(3);
   const compartment_model<half_life> one({.by = route::intravenous, .bioavailability = true});
   EXPECT_EQ(one.parameter_names(), (std::vector<std::string>{"thalf", "V", "F"}));
-  const double p[] = {3.0, 10.0, 0.5};
-  one.predict(who, {p, 3, 1}, f);
+  const std::vector<double> f = test::predict(one, who, {3.0, 10.0, 0.5});
   for (std::size_t k = 0; k < 3; ++k) EXPECT_DOUBLE_EQ(f[k], 4.0 / std::pow(2.0, k));
 }
 

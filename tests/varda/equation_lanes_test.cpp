@@ -45,8 +45,8 @@ outcome predict(const equation_model& model, const subject& who, const std::vect
   const std::size_t n = p.size() / parameters;
   outcome made;
   made.f.assign(who.observations.size() * n, -1.0);
-  model.predict(who, {p.data(), parameters, 1, n, n},
-                {made.f.data(), who.observations.size(), n, n}, scratch);
+  model.predict(who, {p.data(), parameters, 1, n, n}, {made.f.data(), who.observations.size(), n},
+                scratch);
   made.why = model.last_failure(scratch);
   return made;
 }
@@ -179,7 +179,7 @@ TEST(Lanes, FormulasTakeManyIndividuals) {
   constexpr std::size_t n = 300;
   const std::vector<double> p = spread({2.0, 0.3}, n, 0.4);
   std::vector<double> f(3 * n);
-  model.predict(who, {p.data(), 2, 1, n, n}, {f.data(), 3, n, n}, *model.make_workspace());
+  model.predict(who, {p.data(), 2, 1, n, n}, {f.data(), 3, n}, *model.make_workspace());
   for (std::size_t j = 0; j < n; ++j) {
     EXPECT_DOUBLE_EQ(f[j], 0.5 * p[j]);
     EXPECT_DOUBLE_EQ(f[n + j], 5.0 * std::exp(-p[n + j] * 3.0));

@@ -48,9 +48,7 @@ prediction predict(const equation_text& text, const subject& who, const std::vec
     positions.push_back(static_cast<int>(k));
   model->locate_covariates(positions);
   prediction made;
-  made.f.assign(who.observations.size(), -1.0);
-  model->predict(who, {p.data(), p.size() / sets, sets}, made.f);
-  made.why = model->last_failure();
+  made.f = test::predict(*model, who, p, sets, &made.why);
   return made;
 }
 
@@ -79,9 +77,7 @@ TEST(Formulas, FollowTheRulesOfArithmetic) {
     const std::map<std::string, double> values = {{"x", x}, {"y", y}};
     std::vector<double> p;
     for (const std::string& name : model->parameter_names()) p.push_back(values.at(name));
-    std::vector<double> f(1);
-    model->predict(observed({}, {0.0}), {p.data(), p.size(), 1}, f);
-    return f[0];
+    return test::predict(*model, observed({}, {0.0}), p)[0];
   };
   // The C++ library's functions are the yardstick for the others.
   const std::vector<std::pair<std::string, double>> cases = {
@@ -213,10 +209,13 @@ TEST(Equations, GiveTheObjectiveOfTheClosedForm) {
         for (std::size_t k = 0; k < p.size(); ++k)
           p[k] *=
               std::pow(3.0, std::sin(1.0 + 17.0 * draw + 5.0 * i + 2.0 * static_cast<double>(k)));
-        std::vector<double> f(static_cast<std::size_t>(model.observations(i)));
-        model.predict(i, p.data(), f.data());
+        const std::vector<double> f =
+            test::predict(model.structure(), model.data().subjects[static_cast<std::size_t>(i)], p);
+        double objective = 0.0;
         double squares = 0.0;
-        sum += model.residual_objective(i, f.data(), model.start_theta().data(), squares);
+        model.observed().objectives(model.data().subjects[static_cast<std::size_t>(i)], f.data(), 1,
+                                    1, model.start_theta().data(), &objective, &squares);
+        sum += objective;
       }
       sums.push_back(sum);
     }

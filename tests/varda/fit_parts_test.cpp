@@ -5,16 +5,19 @@
 #include <cmath>
 
 #include "statsubs/sequences/sobol.h"
+#include "tests/support/fake_host.h"
 #include "tests/varda/theophylline.h"
-#include "varda/method/em/anderson.h"
-#include "varda/method/em/convergence.h"
-#include "varda/method/em/iteration_scale.h"
+#include "varda/host/engine_host.h"
+#include "varda/host/points.h"
 #include "varda/inference/minimise.h"
 #include "varda/inference/modes.h"
-#include "varda/host/points.h"
 #include "varda/inference/quadrature.h"
+#include "varda/method/em/anderson.h"
+#include "varda/method/em/convergence.h"
+#include "varda/method/em/em.h"
+#include "varda/method/em/iteration_scale.h"
 #include "varda/method/em/resampler.h"
-#include "varda/host/engine_host.h"
+#include "varda/support/archive.h"
 
 namespace varda {
 namespace {
@@ -69,33 +72,90 @@ TEST(EngineHost, ObjectiveIsTheNegativeLogJointDensity) {
   EXPECT_NEAR(host.objective(4, eta.data()), expected, 1e-11);
 }
 
-TEST(PointSource, CommonPointsComeBackAndReplicatesDoNot) {
-  const population_model model = test::theophylline();
-  const job alone(nullptr, nullptr);
-  engine_host host(model, alone);
-  point_source points(host, 300);
-  std::array<double, 3> first{};
-  std::array<double, 3> again{};
-  std::array<double, 3> replicate{};
-  points.begin_iteration(1, 300);
-  statsubs::gosobl(first.data());
-  statsubs::gosobl(again.data());
-  points.begin_iteration(2, 300);
-  statsubs::gosobl(again.data());
-  EXPECT_EQ(first, again);
-  points.begin_replicate(1, 300);
-  statsubs::gosobl(replicate.data());
-  points.begin_replicate(2, 300);
-  statsubs::gosobl(again.data());
-  EXPECT_NE(first, replicate);
-  EXPECT_NE(replicate, again);
+// Where the points of a subject stand is known without those of any other, whatever was drawn
+// before; passes, seeds and subjects differ.
+TEST(PointSource, PointsHaveAnAddress) {
+  const point_source points(3, 1, 1);
+  const auto third_point = [&](const point_source& from, const point_pass& pass, int subject,
+                               int samples) {
+    std::array<double, 3> x{};
+    from.place(pass, subject, samples);
+    for (int k = 0; k < 3; ++k) statsubs::gosobl(x.data());
+    return x;
+  };
+  const point_pass iteration{point_pass::purpose::iteration, 0};
+  const point_pass replicate{point_pass::purpose::replicate, 1};
+  const auto first = third_point(points, iteration, 4, 256);
+  std::set<std::array<double, 3>> others = {
+      third_point(points, iteration, 5, 256), third_point(points, replicate, 4, 256),
+      third_point(points, {point_pass::purpose::replicate, 2}, 4, 256), first};
+  EXPECT_EQ(others.size(), 4U);
+  EXPECT_EQ(third_point(points, iteration, 4, 256), first);
+  // The replicates of different seeds do not overlap.
+  std::set<std::uint64_t> addresses;
+  for (int seed = 1; seed <= 20; ++seed)
+    for (int r = 1; r <= 20; ++r)
+      addresses.insert(address_of(seed, {point_pass::purpose::replicate, r}, 4));
+  EXPECT_EQ(addresses.size(), 400U);
 }
 
-TEST(PointSource, RefusesARunThatCouldExhaustTheSequence) {
-  const population_model model = test::theophylline();
+// A shifted net has one point in each of 2^8 boxes of every elementary shape.
+TEST(PointSource, APowerOfTwoOfPointsIsANet) {
+  const point_source points(2, 3, 1);
+  points.place({point_pass::purpose::replicate, 3}, 7, 256);
+  std::vector<std::array<double, 2>> x(256);
+  for (auto& point : x) statsubs::gosobl(point.data());
+  for (int bits = 0; bits <= 8; ++bits) {
+    std::set<int> boxes;
+    for (const auto& [u, v] : x)
+      boxes.insert(static_cast<int>(u * (1 << bits)) * (1 << (8 - bits)) +
+                   static_cast<int>(v * (1 << (8 - bits))));
+    EXPECT_EQ(boxes.size(), 256U) << bits;
+  }
+}
+
+// A run that is written in the middle, read back by another host and carried on ends as the one
+// that was not interrupted, to the last bit.
+TEST(RunState, IsTakenUpWhereItWasLeft) {
+  const population_model model = test::theophylline([](model_specification& file) {
+    file.endpoints.front().residual = {error_kind::combined, 0.5, 0.2, false, false};
+  });
   const job alone(nullptr, nullptr);
+  const test::captured_unit swallowed;
+  std::stringstream written;
+  const auto finish = [](const em_method& method, run_state& state) {
+    while (!state.ended) EXPECT_TRUE(method.step(state));
+    return state.records.back();
+  };
+  iteration_record whole;
+  {
+    engine_host host(model, alone);
+    const em_method method(host);
+    run_state state;
+    state.adaptive = proposals(model, host.omega());
+    ASSERT_TRUE(propose_from_modes(host, state.adaptive));
+    method.begin(state);
+    for (int k = 0; k < 9; ++k) ASSERT_TRUE(method.step(state));
+    archive_writer to(written);
+    to(state);
+    whole = finish(method, state);
+  }
   engine_host host(model, alone);
-  EXPECT_THROW(point_source(host, 1073741823 / 12 + 1), bad_input);
+  run_state state;
+  archive_reader from(written);
+  from(state);
+  host.set_theta(state.theta);
+  host.set_omega(state.omega);
+  const iteration_record resumed = finish(em_method(host), state);
+  EXPECT_GT(resumed.iteration, 9);
+  EXPECT_EQ(resumed.iteration, whole.iteration);
+  EXPECT_EQ(resumed.minus2ll, whole.minus2ll);
+  EXPECT_EQ(resumed.theta, whole.theta);
+  EXPECT_EQ(resumed.omega, whole.omega);
+
+  std::stringstream cut(written.str().substr(0, 100));
+  archive_reader broken(cut);
+  EXPECT_THROW(broken(state), std::runtime_error);
 }
 
 // 2^31 points are one too many: 2 nodes for 3 random effects per subject and 28 per occasion.
@@ -111,15 +171,6 @@ TEST(Quadrature, RefusesAGridThatCannotBeCounted) {
   EXPECT_NO_THROW(check_grid({whole.specification(), data}));
   data.subjects[0].occasions = 28;
   EXPECT_THROW(check_grid({whole.specification(), data}), bad_input);
-  EXPECT_THROW(check_fit({whole.specification(), data}), bad_input);
-}
-
-TEST(Points, RunOutBeforeTheFitBegins) {
-  const population_model whole =
-      test::theophylline([](model_specification& file) { file.estimation.se_samples = 1000000; });
-  dataset data = whole.data();
-  EXPECT_NO_THROW(check_fit(whole));
-  data.subjects.resize(2000, data.subjects.front());
   EXPECT_THROW(check_fit({whole.specification(), data}), bad_input);
 }
 
@@ -141,7 +192,7 @@ TEST(Resampler, DrawsInProportionAndFollowsWhatItKept) {
 template <class Step>
 convergence_monitor watch(const iteration_scale& scale, const population_model& model, bool noisy,
                           int iterations, Step step) {
-  convergence_monitor monitor(scale, 5e-4, noisy);
+  convergence_monitor monitor(scale.names(), 5e-4, noisy);
   const auto at = [&](int t) {
     Eigen::VectorXd theta = model.start_theta();
     theta(1) = 2.75 * std::exp(step(t));
@@ -215,6 +266,22 @@ TEST(AndersonAcceleration, SolvesALinearMapAndFindsItsRate) {
   x = acceleration.advance(x, moved_limit + derivative * (x - moved_limit));
   EXPECT_LT((x - moved_limit).norm(), 1e-10);
   EXPECT_EQ(acceleration.rate(), 1.0);
+}
+
+// An iteration evaluates every subject once at its centre and once at each of its points.
+TEST(Iterations, TakeThePointsThatAreGiven) {
+  const auto evaluations = [](int iterations) {
+    const population_model model = test::theophylline([&](model_specification& file) {
+      estimation_settings& s = file.estimation;
+      s.method = method_kind::em;
+      s.samples = 256;
+      s.fresh_points = s.run_all = true;
+      s.max_iterations = iterations;
+      s.standard_errors = standard_error_kind::none;
+    });
+    return test::fit(model).evaluations;
+  };
+  EXPECT_EQ(evaluations(2) - evaluations(1), 12 * (256 + 1));
 }
 
 // The mode against the derivative-free search, and its Hessian against differences of another step.

@@ -3,16 +3,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <functional>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "varda/input/model_file.h"
-#include "varda//data/csv.h"
+#include "varda/data/csv.h"
 #include "varda/data/dataset.h"
-#include "varda/model/specification.h"
+#include "varda/input/model_file.h"
+#include "varda/model/population.h"
+#include "varda/model/settings_table.h"
 #include "varda/support/finding.h"
 
 namespace varda {
@@ -109,7 +111,7 @@ std::string head_of(const std::string& kind) {
 
 TEST(Dataset, RefusesWhatItCannotUse) {
   const auto cases = refused_cases("bad_data.txt", 6);
-  ASSERT_EQ(cases.size(), 64U);
+  ASSERT_EQ(cases.size(), 65U);
   for (const refused_case& c : cases) {
     SCOPED_TRACE("bad_data.txt, line " + std::to_string(c.line));
     data_source source = source_of(file_with(head_of(c.fields[0]) + c.fields[5], "bad.csv"));
@@ -372,16 +374,10 @@ TEST(ModelFile, ReadsOmegaInBlocks) {
 }
 
 TEST(ModelFile, WordsAndNumbersArriveWhereTheyBelong) {
-  findings warnings;
-  const std::string text = text_with(
+  const model_specification file = read_model(
       {{2, "file = \"/d.csv\"\ncolumns = { DV = \"conc\" }"},
        {7, "CL = { start = 3, fixed = true, lower = -inf, upper = 9, distribution = \"normal\" }"},
-       {14, "error = \"combined\"\nadditive = { start = 1, fixed = true }\nproportional = 0.1"},
-       {16,
-        "samples = 301\nsampling = \"random\"\npoints = \"fresh\"\nscramble = \"both\"\n"
-        "proposal = \"mixture3\"\nburn_in = 4\nfreeze_omega_in_burn_in = true\nrun_all = true\n"
-        "likelihood_samples = 3001"}});
-  const model_specification file = read_model_file(file_with(text, "model.toml"), warnings);
+       {14, "error = \"combined\"\nadditive = { start = 1, fixed = true }\nproportional = 0.1"}});
   EXPECT_EQ(file.data.file, "/d.csv");
   EXPECT_EQ(file.data.columns.at("DV"), "conc");
   EXPECT_EQ(file.parameters[1].law, distribution::normal);
@@ -390,17 +386,86 @@ TEST(ModelFile, WordsAndNumbersArriveWhereTheyBelong) {
   EXPECT_EQ(file.endpoints.front().residual.kind, error_kind::combined);
   EXPECT_TRUE(file.endpoints.front().residual.additive_fixed);
   EXPECT_EQ(file.endpoints.front().residual.proportional, 0.1);
-  EXPECT_EQ(file.estimation.points, point_kind::random);
-  EXPECT_TRUE(file.estimation.fresh_points);
-  EXPECT_EQ(file.estimation.scramble, 3);
-  EXPECT_EQ(file.estimation.proposal, proposal_family::mixture3);
-  EXPECT_EQ(file.estimation.burn_in, 4);
-  EXPECT_TRUE(file.estimation.freeze_omega && file.estimation.run_all);
-  EXPECT_EQ(file.estimation.samples, 306);
-  EXPECT_EQ(file.estimation.likelihood_samples, 3006);
+}
+
+// A line that gives a setting another value than its default, and that value.
+std::pair<std::string, setting_value> line_with_another_value(const setting& row) {
+  struct another {
+    const estimation_settings defaults{};
+    std::pair<std::string, setting_value> operator()(const whole_number_setting& s) const {
+      const int value = defaults.*s.member == s.least ? s.most : s.least;
+      return {fmt::format("{}", value), value};
+    }
+    std::pair<std::string, setting_value> operator()(const number_setting& s) const {
+      const double value = s.least + 0.75 * std::min(s.most - s.least, 4.0);
+      return {fmt::format("{}", value), value};
+    }
+    std::pair<std::string, setting_value> operator()(const flag_setting& s) const {
+      const bool value = !(defaults.*s.member);
+      return {fmt::format("{}", value), value};
+    }
+    std::pair<std::string, setting_value> operator()(const word_setting& s) const {
+      return {fmt::format("\"{}\"", s.words.back()), s.words.back()};
+    }
+  };
+  auto [text, value] = std::visit(another{}, row.kind);
+  return {row.name + " = " + text, value};
+}
+
+TEST(ModelFile, EverySettingArrivesAndMovesNoOther) {
+  for (const setting& given : every_setting()) {
+    const auto [line, value] = line_with_another_value(given);
+    SCOPED_TRACE(line);
+    const estimation_settings found = read_model({{16, line}}).estimation;
+    for (const setting& row : every_setting())
+      EXPECT_EQ(value_of(row, found), &row == &given ? value : value_of(row, estimation_settings{}))
+          << row.name;
+  }
+}
+
+TEST(ModelFile, TheCommandLineWins) {
+  const std::string text = text_with({{16, "samples = 600\nseed = 3"}});
+  findings warnings;
+  const model_specification file =
+      read_model_file(file_with(text, "model.toml"), warnings, {{"samples", 900}, {"seed", 7}});
+  EXPECT_EQ(file.estimation.samples, 900);
+  EXPECT_EQ(file.estimation.seed, 7);
+}
+
+TEST(ModelFile, RaisesSamplesToEqualSharesOfAMixture) {
+  findings warnings;
+  const auto read_with = [&](const std::string& proposal) {
+    const std::string text = text_with({{16,
+                                         "samples = 256\nlikelihood_samples = 3001\nse_samples = "
+                                         "1000\nproposal = \"" +
+                                             proposal + "\""}});
+    return read_model_file(file_with(text, "model.toml"), warnings).estimation;
+  };
+  EXPECT_EQ(read_with("laplace").likelihood_samples, 3001);
+  EXPECT_TRUE(warnings.empty());
+  const estimation_settings raised = read_with("mixture3");
+  EXPECT_EQ(raised.samples, 256);  // a power of two
+  EXPECT_EQ(raised.likelihood_samples, 3006);
+  EXPECT_EQ(raised.se_samples, 1002);
   ASSERT_EQ(warnings.size(), 2U);
   EXPECT_EQ(warnings[1].code, "W-MODEL-SAMPLES");
-  EXPECT_EQ(warnings[1].column, "estimation.likelihood_samples");
+  EXPECT_EQ(warnings[1].column, "estimation.se_samples");
+}
+
+// Three effects of the subject and one in each occasion, 40 at the most.
+TEST(PopulationModel, CountsTheEffectsOfAllOccasions) {
+  const auto model_with = [](int occasions) {
+    std::string records = "ID,TIME,DV,AMT,OCC\n1,0,.,9,1\n";
+    for (int o = 1; o <= occasions; ++o) records += fmt::format("1,{0},5,.,{0}\n", o);
+    file_with(records, "occasions.csv");
+    model_specification file = read_model(
+        {{2, "file = \"input_test_occasions.csv\""}, {12, "V = 0.1\noccasion = { ka = 0.1 }"}});
+    findings warnings;
+    dataset data = read_dataset(file.data, warnings);
+    return population_model(std::move(file), std::move(data)).random_effects();
+  };
+  EXPECT_EQ(model_with(37), 40);
+  EXPECT_EQ(refusal([&](findings&) { model_with(38); }).code, "E-MODEL-OMEGA");
 }
 
 TEST(DidYouMean, OffersWordsThatAreCloseAndNoOthers) {

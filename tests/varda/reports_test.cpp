@@ -1,20 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The tables against the result that they stand for, and prediction errors against their
-// distribution: a predictive distribution function by quadrature, and data that the model made.
+// Every report of a result that is made up, in whole; errors and intervals against their formulas;
+// and prediction errors against their distribution: a predictive distribution function by
+// quadrature, and data that the model made.
 #include "varda/report/reports.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <map>
+#include <fstream>
 #include <iterator>
-#include <sstream>
+#include <regex>
 
 #include "tests/varda/theophylline.h"
-#include "varda/report/matrix_tables.h"
 #include "varda/diagnostics/npde.h"
+#include "varda/input/model_file.h"
+#include "varda/report/matrix_tables.h"
+#include "varda/run/diagnose.h"
+#include "varda/version.h"
 
 namespace varda {
 namespace {
@@ -45,10 +49,7 @@ TEST(Npde, IsTheNormalScoreOfASingleObservation) {
     constexpr double step = 0.01;
     for (double z = -8.0; z < 8.0; z += step) {
       const double phi = std::log(theta(0)) + std::sqrt(omega(0, 0)) * z;
-      Eigen::Vector3d p;
-      double f = 0.0;
-      model.individual_parameters(i, theta.data(), &phi, p.data());
-      model.predict(i, p.data(), &f);
+      const double f = test::predict(model, i, theta, Eigen::VectorXd::Constant(1, phi))(0);
       below += step * std::exp(-0.5 * z * z) / std::sqrt(2.0 * M_PI) *
                normal_probability((y - f) / theta(3));
     }
@@ -76,94 +77,202 @@ TEST(Npde, IsStandardNormalForDataThatTheModelMade) {
   }
 }
 
-// Rows by their first column, each by the names of the columns.
-using table = std::map<std::string, std::map<std::string, double>>;
+const std::string report_folder = SOURCE_FOLDER "/tests/varda/reports/";
 
-table parsed(const std::string& text) {
-  std::istringstream lines(text);
-  std::string line;
-  std::getline(lines, line);
-  EXPECT_EQ(line.rfind("TABLE NO.", 0), 0U);
-  std::getline(lines, line);
-  std::istringstream header(line);
-  const std::vector<std::string> names(std::istream_iterator<std::string>(header), {});
-  table result;
-  while (std::getline(lines, line)) {
-    std::istringstream fields(line);
-    std::vector<std::string> row(std::istream_iterator<std::string>(fields), {});
-    EXPECT_EQ(row.size(), names.size()) << line;
-    for (std::size_t k = 1; k < row.size(); ++k) result[row[0]][names[k]] = std::stod(row[k]);
-  }
-  return result;
+void replace_every(std::string& text, const std::string& what, const std::string& by) {
+  for (std::size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += by.size())
+    text.replace(at, what.size(), by);
 }
 
-TEST(MatrixTables, SayWhatTheResultSays) {
-  const population_model model = test::theophylline([](model_specification& f) {
-    f.omega = {{{"ka", "CL"}, {0.3, 0.02, 0.02, 0.1}, false}, {{"V"}, {0.02}, true}};
+// Numbers within their last digits, everything between them to the letter. Settings and versions
+// are left out.
+void expect_file(const std::string& name, std::string text) {
+  std::ifstream file(report_folder + name);
+  const std::string expected{std::istreambuf_iterator<char>(file), {}};
+  replace_every(text, report_folder, "");
+  replace_every(text, std::string("varda ") + version, "varda VERSION");
+  const std::size_t settings = text.find("  \"settings\": {");
+  if (settings != std::string::npos) text.erase(settings, text.find("  \"times\": {") - settings);
+  const std::regex number("-?[0-9]+(\\.[0-9]+)?([eE][-+]?[0-9]+)?");
+  EXPECT_EQ(std::regex_replace(text, number, "#"), std::regex_replace(expected, number, "#"))
+      << name;
+  std::sregex_iterator found(text.begin(), text.end(), number);
+  for (std::sregex_iterator wanted(expected.begin(), expected.end(), number);
+       wanted != std::sregex_iterator() && found != std::sregex_iterator(); ++wanted, ++found) {
+    const double value = std::stod(wanted->str());
+    EXPECT_NEAR(std::stod(found->str()), value, 1e-11 * std::fabs(value))
+        << name << " at: " << text.substr(static_cast<std::size_t>(found->position()), 60);
+  }
+}
+
+subject_integral integral(double log_likelihood, double first, double second, double effective,
+                          double weight) {
+  subject_integral s;
+  s.log_likelihood = log_likelihood;
+  s.mean = Eigen::Vector2d(first, second);
+  s.covariance = (Eigen::Matrix2d() << 0.04, 0.01, 0.01, 0.09).finished();
+  s.effective_samples = effective;
+  s.largest_weight = weight;
+  return s;
+}
+
+// Of the kind whose standard errors begin with `first`: no figure stands twice.
+std::vector<estimate_error> made_up_errors(double first) {
+  std::vector<estimate_error> errors;
+  for (int k = 0; k < 6; ++k)
+    errors.push_back({first + 0.1 * k, 10.0 * first + k, 100.0 * first + k, 200.0 * first + k});
+  return errors;
+}
+
+covariance_estimate made_up_covariance(double variance) {
+  Eigen::MatrixXd covariance = Eigen::MatrixXd::Constant(6, 6, 0.25 * variance);
+  covariance.diagonal().setLinSpaced(variance, 6.0 * variance);
+  return {true, "", covariance};
+}
+
+fit_result made_up_result(const population_model& model) {
+  fit_result r;
+  r.converged = true;
+  r.reason = "made up";
+  r.theta.resize(6);
+  r.theta << 0.4, 3.2, 20.0, 0.2, -0.3, 0.12;
+  r.omega.resize(2, 2);
+  r.omega << 0.25, 0.06, 0.06, 0.16;
+  r.iterations = {{1, 60.0, 0.5 * r.theta, model.start_omega()}, {2, 50.2, r.theta, r.omega}};
+  r.held_by_bounds = {1};
+  r.omega_condition = 1.3 / 0.7;
+  r.likelihood_samples = 256;
+  r.likelihood = {true, 50.0, 0.25, {49.5, 50.25, 50.75}, {}};
+  r.likelihood.subjects = {
+      integral(-7.0, 0.3, -0.1, 120.0, 0.02), integral(-8.0, -0.1, 0.2, 80.0, 0.03),
+      integral(0.0, 0.0, 0.0, 10.0, 0.9), integral(-10.0, 0.2, -0.4, 100.0, 0.05)};
+  r.quadrature = {true, 5, 25, 50.5, {-7.125, -8.0625, 0.0, -10.0625}, {}};
+  r.errors.shown = standard_error_kind::sandwich;
+  r.errors.names = {"ka", "CL", "proportional", "omega(ka)", "omega(CL,ka)", "omega(CL)"};
+  r.errors.theta = {0, 1, 5, -1, -1, -1};
+  r.errors.omega = {{-1, -1}, {-1, -1}, {-1, -1}, {0, 0}, {1, 0}, {1, 1}};
+  r.errors.by_information = made_up_errors(1.0);
+  r.errors.by_score = made_up_errors(2.0);
+  r.errors.by_sandwich = made_up_errors(3.0);
+  r.errors.information = made_up_covariance(1.0);
+  r.errors.score = made_up_covariance(2.0);
+  r.errors.sandwich = made_up_covariance(4.0);
+  r.errors.correlation = Eigen::MatrixXd::Constant(6, 6, -0.125);
+  r.errors.correlation.diagonal().setOnes();
+  r.errors.eigenvalues = Eigen::VectorXd::LinSpaced(6, 0.375, 1.625);
+  r.errors.condition_number = 13.0 / 3.0;
+  r.errors.unidentified = "+0.71 ka -0.70 CL";
+  r.kept_factors = 2;
+  r.warnings = {{.level = severity::warning, .code = "W-MADE-UP", .message = "not a real one"}};
+  r.times = {0.125, 0.25, 0.375, 0.5, 0.625, 0.75, 2.75};
+  r.processes = 3;
+  r.evaluations = 1234;
+  return r;
+}
+
+population_model made_up_model() {
+  findings warnings;
+  model_specification file = read_model_file(report_folder + "model.toml", warnings);
+  dataset data = read_dataset(file.data, warnings);
+  return {std::move(file), std::move(data)};
+}
+
+// The figures of the files were worked out from the result above outside the program.
+TEST(Reports, OfAMadeUpResult) {
+  const population_model model = made_up_model();
+  fit_result result = made_up_result(model);
+  diagnose(model, job(nullptr, nullptr), no_progress, result);
+  EXPECT_TRUE(result.npde.empty());
+  result.npde = {Eigen::Vector2d(0.5, -1.5), Eigen::Vector2d(NAN, 2.5), {}, Eigen::Vector2d(1, -1)};
+  expect_file("page_one.txt", summary(model, result));
+  expect_file("fit.json", json_report(model, result));
+  expect_file("estimates.csv", estimates_csv(model, result));
+  expect_file("iterations.csv", iterations_csv(model, result));
+  expect_file("subjects.csv", subjects_csv(model, result));
+  expect_file("rows.csv", rows_csv(model, result));
+  expect_file("fit.ext", ext_table(model, result));
+  expect_file("fit.phi", phi_table(model, result));
+  expect_file("fit.cov", cov_table(model, result));
+  expect_file("fit.cor", cor_table(model, result));
+  expect_file("legend.csv", legend_csv(model));
+}
+
+TEST(Reports, OfAStoppedRunSayWhatIsNotKnown) {
+  const population_model model = made_up_model();
+  fit_result result = made_up_result(model);
+  result.likelihood.complete = false;
+  result.quadrature = {};
+  result.errors = {};
+  diagnose(model, job(nullptr, nullptr), no_progress, result);
+  const std::string page = summary(model, result);
+  EXPECT_THAT(page, testing::HasSubstr("-2 log-likelihood            not computed\n"));
+  EXPECT_THAT(page, testing::ContainsRegex("\n  CL +0.16 +41.7 +-\n"));
+  const std::string json = json_report(model, result);
+  EXPECT_THAT(json, testing::HasSubstr("\"minus2ll_without_constant\": null"));
+  EXPECT_THAT(json, testing::HasSubstr("\"shrinkage\": [\n      null,\n      null\n    ]"));
+  EXPECT_THAT(json, testing::HasSubstr("\"subjects\": []"));
+  for (const std::string& table : {rows_csv(model, result), subjects_csv(model, result)})
+    EXPECT_EQ(table.find('\n'), table.size() - 1);
+}
+
+// Each quantity's standard error by the delta method, and the ends of its interval carried over
+// from the scale on which it is symmetric.
+TEST(Reports, ErrorsAndIntervalsFollowFromTheCovariances) {
+  constexpr double low = 0.5;
+  constexpr double high = 4.5;
+  const population_model model = test::theophylline([](model_specification& file) {
+    file.parameters[0].law = distribution::logit_normal;
+    file.parameters[0].range_lower = low;
+    file.parameters[0].range_upper = high;
+    file.parameters[2].law = distribution::normal;
+    file.omega = {{{"ka", "CL"}, {0.3, 0.02, 0.02, 0.1}, false}, {{"V"}, {16.0}, false}};
   });
   const fit_result result = test::fit(model);
-  const auto same = [](double field, double value) {
-    EXPECT_NEAR(field, value, 1e-5 * std::fabs(value));
+  const double ka = low + (high - low) / (1.0 + std::exp(-result.theta(0)));
+  EXPECT_NEAR(result.natural_theta(0), ka, 1e-12);
+  const auto logit = [](double psi) { return low + (high - low) / (1.0 + std::exp(-psi)); };
+  const auto exponential = [](double psi) { return std::exp(psi); };
+  const auto same = [](double psi) { return psi; };
+  struct quantity {
+    double estimate, slope;  // natural scale; of it against the covariance's
+    double centre, stretch;  // of the interval; of its scale against the covariance's
+    std::function<double(double)> back;
   };
-  const std::vector<estimate_error>& errors = result.errors.chosen();
-
-  table ext = parsed(ext_table(model, result));
-  same(ext["-1000000000"]["THETA2"], result.theta(1));
-  same(ext["-1000000000"]["OMEGA(2,1)"], result.omega(1, 0));
-  EXPECT_EQ(ext["-1000000000"]["OBJ"], test::minus2ll(model, result));
-  EXPECT_EQ(ext["-1000000000"]["SIGMA(1,1)"], 1.0);
-  same(ext["-1000000001"]["THETA4"], errors[3].se);
-  same(ext["-1000000001"]["OMEGA(2,1)"], errors[5].se);
-  EXPECT_EQ(ext["-1000000001"]["OMEGA(3,3)"], 1e10);
-  EXPECT_EQ(ext["-1000000006"]["OMEGA(3,3)"], 1.0);
-  EXPECT_EQ(ext["-1000000006"]["OMEGA(2,2)"], 0.0);
-  same(ext["2"]["THETA3"], result.iterations[1].theta(2));
-
-  table phi = parsed(phi_table(model, result));
-  const subject_integral& third = result.likelihood.subjects[2];
-  same(phi["3"]["PHI(2)"], std::log(result.theta(1)) + third.mean(1));
-  same(phi["3"]["PHC(3,1)"], third.covariance(2, 0));
-  double total = 0.0;
-  for (auto& [subject, row] : phi) total += row["OBJ"];
-  EXPECT_NEAR(total, test::minus2ll(model, result), 0.01);
-
-  table cov = parsed(cov_table(model, result));
-  table cor = parsed(cor_table(model, result));
-  same(cov["THETA3"]["THETA3"], errors[2].se * errors[2].se);
-  same(cor["THETA3"]["THETA3"], errors[2].se);
-  same(cor["OMEGA(2,1)"]["THETA1"], result.errors.correlation(5, 0));
-  same(cov["THETA1"]["OMEGA(2,1)"], result.errors.correlation(5, 0) * errors[0].se * errors[5].se);
-  EXPECT_EQ(cov["OMEGA(3,3)"]["OMEGA(3,3)"], 0.0);
-  EXPECT_THAT(legend_csv(model), testing::HasSubstr("\"OMEGA(2,1)\",\"omega(CL,ka)\",0\n"));
-}
-
-TEST(Rows, HoldThePredictionsOfEachObservation) {
-  const population_model model = test::simulated(test::theophylline(), 1, 1, 2.0);
-  const fit_result result = test::evaluate(model);
-  std::istringstream lines(rows_csv(model, result));
-  std::string line;
-  std::getline(lines, line);
-  EXPECT_EQ(line, "ID,TIME,DV,DVID,CENS,LIMIT,PRED,IPRED,RES,IWRES,NPDE,ka,CL,V");
-  int rows = 0;
-  for (; std::getline(lines, line); ++rows) {
-    std::vector<double> v;
-    std::istringstream fields(line);
-    for (std::string cell; std::getline(fields, cell, ',');)
-      v.push_back(cell.empty() ? NAN : std::stod(cell));
-    const double ka = v[11];
-    const double k = v[12] / v[13];
-    const subject& who = model.data().subjects[static_cast<std::size_t>(rows / 11)];
-    EXPECT_NEAR(
-        v[7],
-        who.doses[0].amount * ka / v[13] / (ka - k) * (std::exp(-k * v[1]) - std::exp(-ka * v[1])),
-        1e-9);
-    EXPECT_EQ(std::isnan(v[9]), v[4] == 1.0) << line;
-    if (v[4] == 0.0) {
-      EXPECT_NEAR(v[9], v[2] - v[7], 1e-9);  // the deviation is 1
+  const Eigen::VectorXd& t = result.theta;
+  const Eigen::MatrixXd& o = result.omega;
+  const auto variance = [&](double v) {
+    return quantity{v, 1.0, std::log(v), 1.0 / v, exponential};
+  };
+  const std::vector<quantity> quantities = {
+      {ka, (ka - low) * (high - ka) / (high - low), t(0), 1.0, logit},
+      {t(1), t(1), std::log(t(1)), 1.0, exponential},
+      {t(2), 1.0, t(2), 1.0, same},
+      {t(3), t(3), std::log(t(3)), 1.0, exponential},
+      variance(o(0, 0)),
+      {o(1, 0), 1.0, o(1, 0), 1.0, same},
+      variance(o(1, 1)),
+      variance(o(2, 2))};
+  const auto near = [](double value, double expected) {
+    EXPECT_NEAR(value, expected, 1e-10 * std::fabs(expected));
+  };
+  const standard_errors& all = result.errors;
+  for (const auto& [covariance, errors] :
+       {std::pair(&all.information, &all.by_information), std::pair(&all.score, &all.by_score),
+        std::pair(&all.sandwich, &all.by_sandwich)}) {
+    ASSERT_EQ(errors->size(), quantities.size());
+    for (std::size_t k = 0; k < quantities.size(); ++k) {
+      const quantity& q = quantities[k];
+      const estimate_error& e = (*errors)[k];
+      const auto at = static_cast<Eigen::Index>(k);
+      const double deviation = std::sqrt(covariance->covariance(at, at));
+      const double reach = 1.9599639845400545 * q.stretch * deviation;  // R's qnorm(0.975)
+      SCOPED_TRACE(all.names[k]);
+      near(e.se, q.slope * deviation);
+      near(e.rse_percent, 100.0 * e.se / std::fabs(q.estimate));
+      near(e.ci_lower, q.back(q.centre - reach));
+      near(e.ci_upper, q.back(q.centre + reach));
     }
-    EXPECT_TRUE(std::isfinite(v[10]));
   }
-  EXPECT_EQ(rows, 132);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 // Expected values are mpmath's at 500 digits, from the textbook formulas as they stand, evaluated
 // at the doubles given here and printed with 20 digits.
 #include "varda/model/structural_model.h"
+#include "tests/varda/theophylline.h"
 
 #include <gtest/gtest.h>
 
@@ -67,8 +68,7 @@ void expect_predictions(const std::string& name, const std::vector<double>& p,
                         const std::vector<double>& expected) {
   const auto model = make_structural_model({name});
   const subject who = three_doses(model->dose_compartments());
-  std::vector<double> f(who.observations.size(), -1.0);
-  model->predict(who, {p.data(), p.size(), 1}, f);
+  const std::vector<double> f = test::predict(*model, who, p);
   for (std::size_t i = 0; i < f.size(); ++i)
     EXPECT_NEAR(f[i], expected[i], 1e-14 * expected[i]) << name << " observation " << i;
 }
@@ -92,9 +92,8 @@ TEST(OneCompartment, ParametersOutsideTheDomainGiveNaN) {
       for (const double bad : {0.0, -1.0, infinite, std::nan("")}) {
         std::vector<double> p = sound;
         p[k] = bad;
-        std::vector<double> f(who.observations.size(), 1.0);
-        model->predict(who, {p.data(), p.size(), 1}, f);
-        for (const double x : f) EXPECT_TRUE(std::isnan(x)) << name << " " << k << " " << bad;
+        for (const double x : test::predict(*model, who, p))
+          EXPECT_TRUE(std::isnan(x)) << name << " " << k << " " << bad;
       }
   }
 }

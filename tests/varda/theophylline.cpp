@@ -9,9 +9,8 @@
 #include <stdexcept>
 
 #include "tests/support/fake_host.h"
+#include "varda/host/engine_host.h"
 #include "varda/input/model_file.h"
-#include "varda//host/engine_host.h"
-#include "varda/report/reports.h"
 
 namespace test {
 
@@ -24,13 +23,31 @@ const varda::job& alone() {
 
 }  // namespace
 
-varda::population_model theophylline(const std::function<void(varda::model_specification&)>& change) {
+varda::population_model theophylline(
+    const std::function<void(varda::model_specification&)>& change) {
   varda::findings warnings;
   varda::model_specification file =
       varda::read_model_file(SOURCE_FOLDER "/examples/theophylline/theophylline.toml", warnings);
   change(file);
   varda::dataset data = varda::read_dataset(file.data, warnings);
   return {std::move(file), std::move(data)};
+}
+
+std::vector<double> predict(const varda::structural_model& model, const varda::subject& who,
+                            const std::vector<double>& p, std::size_t sets, std::string* why) {
+  std::vector<double> f(who.observations.size(), -1.0);
+  const auto scratch = model.make_workspace();
+  model.predict(who, {p.data(), p.size() / sets, sets, 1, 1}, {f.data(), f.size(), 1}, *scratch);
+  if (why != nullptr) *why = model.last_failure(*scratch);
+  return f;
+}
+
+Eigen::VectorXd predict(const varda::population_model& model, int subject,
+                        const Eigen::VectorXd& theta, const Eigen::VectorXd& phi) {
+  varda::density_workspace scratch(model);
+  Eigen::MatrixXd f;
+  varda::density(model).predict(subject, theta.data(), phi, f, scratch);
+  return f.transpose();
 }
 
 void set_parameters(varda::model_specification& file, const std::vector<double>& typical,
@@ -58,13 +75,11 @@ varda::population_model simulated(const varda::population_model& from, int copie
       Eigen::VectorXd phi(from.random_effects());
       from.means(i, theta.data(), phi.data());
       phi += factor * Eigen::VectorXd::NullaryExpr(phi.size(), [&] { return normal(bits); });
-      Eigen::VectorXd p(from.structural_parameters() * from.parameter_sets(i));
-      from.individual_parameters(i, theta.data(), phi.data(), p.data());
-      std::vector<double> f(who.observations.size());
-      from.predict(i, p.data(), f.data());
-      for (std::size_t k = 0; k < f.size(); ++k) {
+      const Eigen::VectorXd f = predict(from, i, theta, phi);
+      for (std::size_t k = 0; k < who.observations.size(); ++k) {
         varda::observation& o = who.observations[k];
-        o.value = from.residual().simulated(o, f[k], normal(bits), theta.data());
+        o.value = from.observed().simulated(o, f(static_cast<Eigen::Index>(k)), normal(bits),
+                                            theta.data());
         if (o.value >= limit) continue;
         o.value = limit;
         o.censored = varda::censoring::left;
@@ -78,17 +93,17 @@ varda::fit_result fit(const varda::population_model& model, bool quiet) {
   std::optional<captured_unit> swallowed;
   if (quiet) swallowed.emplace();
   varda::engine_host host(model, alone());
-  return varda::fit(host, [](const varda::iteration_record&, int) {});
+  return varda::fit(host, varda::no_progress);
 }
 
 varda::fit_result evaluate(const varda::population_model& model) {
   const captured_unit swallowed;
   varda::engine_host host(model, alone());
-  return varda::evaluate(host, [](const varda::iteration_record&, int) {});
+  return varda::evaluate(host, varda::no_progress);
 }
 
-double minus2ll(const varda::population_model& model, const varda::fit_result& result) {
-  return varda::without_constant(result.likelihood.minus2ll, model.data().observations());
+double minus2ll(const varda::fit_result& result) {
+  return result.objective.minus2ll;
 }
 
 void start_at(varda::model_specification& file, const varda::population_model& model,
@@ -101,8 +116,8 @@ void start_at(varda::model_specification& file, const varda::population_model& m
   for (varda::parameter& p : file.parameters)
     for (varda::covariate_effect& e : p.effects) e.start = result.theta(at++);
   varda::residual_error& error = file.endpoints.front().residual;
-  at = model.first_deviation();
-  for (const varda::fixed_effect& d : model.residual().deviations())
+  at = model.first_of_endpoints();
+  for (const varda::fixed_effect& d : model.observed().parameters())
     (d.name == "proportional" ? error.proportional : error.additive) = result.theta(at++);
   Eigen::Index effect = 0;
   for (varda::omega_block& block : file.omega) {

@@ -8,14 +8,24 @@
 #include <string>
 #include <vector>
 
+#include "varda/model/density.h"
 #include "varda/run/fit.h"
-#include "varda/model/population.h"
 
 namespace test {
 
 // The example's model file after `change` has had its say, with its data.
-varda::population_model theophylline(const std::function<void(varda::model_specification&)>& change =
-                                         [](varda::model_specification&) {});
+varda::population_model theophylline(
+    const std::function<void(varda::model_specification&)>& change =
+        [](varda::model_specification&) {});
+
+// Predictions of one individual: `p` holds `sets` sets of individual parameters, one after the
+// other; `why` receives the reason of a failure.
+std::vector<double> predict(const varda::structural_model& model, const varda::subject& who,
+                            const std::vector<double>& p, std::size_t sets = 1,
+                            std::string* why = nullptr);
+// The same at phi of a subject (from 0).
+Eigen::VectorXd predict(const varda::population_model& model, int subject,
+                        const Eigen::VectorXd& theta, const Eigen::VectorXd& phi);
 
 // Sets start values (natural scale), variances and the additive deviation.
 void set_parameters(varda::model_specification& file, const std::vector<double>& typical,
@@ -31,7 +41,7 @@ varda::fit_result fit(const varda::population_model& model, bool quiet = true);
 varda::fit_result evaluate(const varda::population_model& model);
 
 // -2 log-likelihood without N log(2 pi).
-double minus2ll(const varda::population_model& model, const varda::fit_result& result);
+double minus2ll(const varda::fit_result& result);
 
 // The same model file with a result's estimates as start values.
 void start_at(varda::model_specification& file, const varda::population_model& model,

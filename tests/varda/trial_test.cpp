@@ -11,8 +11,8 @@
 #include <numbers>
 
 #include "tests/varda/theophylline.h"
+#include "varda/inference/quadrature.h"
 #include "varda/input/model_file.h"
-#include "varda//inference/quadrature.h"
 
 namespace {
 
@@ -21,7 +21,8 @@ using varda::model_specification;
 using varda::population_model;
 
 population_model model_of(
-    const std::string& path, const std::function<void(model_specification&)>& change = [](model_specification&) {}) {
+    const std::string& path,
+    const std::function<void(model_specification&)>& change = [](model_specification&) {}) {
   varda::findings warnings;
   model_specification file = varda::read_model_file(SOURCE_FOLDER "/" + path, warnings);
   change(file);
@@ -55,7 +56,7 @@ void expect_fixed_effects(const population_model& model, const fit_result& resul
         << rows[k];
     const varda::estimate_error& error = result.errors.by_information.at(
         static_cast<std::size_t>(result.errors.place_of_theta(static_cast<int>(k))));
-    EXPECT_NEAR((logarithm ? error.rse_percent / 100.0 : error.se) / se, 1.0, 0.05) << rows[k];
+    EXPECT_NEAR((logarithm ? error.rse_percent / 100.0 : error.se) / se, 1.0, 0.08) << rows[k];
   }
   EXPECT_EQ(model.thetas().size(), rows.size());
 }
@@ -174,11 +175,8 @@ TEST(Trial, PredictionsOfANastyHistoryEqualAnOdeSolution) {
     std::size_t compared = 0;
     for (int i = 0; i < model.subjects(); ++i) {
       Eigen::VectorXd mu(model.random_effects());
-      Eigen::MatrixXd p(model.structural_parameters(), model.parameter_sets(i));
       model.means(i, theta.data(), mu.data());
-      model.individual_parameters(i, theta.data(), mu.data(), p.data());
-      Eigen::VectorXd f(model.observations(i));
-      model.predict(i, p.data(), f.data());
+      const Eigen::VectorXd f = test::predict(model, i, theta, mu);
       for (int k = 0; k < model.observations(i); ++k, ++compared) {
         const auto& o = model.data().subjects[static_cast<std::size_t>(i)].observations;
         const int row = o[static_cast<std::size_t>(k)].row;

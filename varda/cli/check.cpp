@@ -1,57 +1,58 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "varda/input/model_file.h"
-#include "varda//cli/check.h"
+#include "varda/cli/check.h"
 
 #include <fmt/format.h>
 
 #include <utility>
 
+#include "varda/input/model_file.h"
 #include "varda/model/population.h"
 #include "varda/model/specification.h"
 #include "varda/report/check_report.h"
 #include "varda/run/fit.h"
 
-    namespace varda {
+namespace varda {
 
-  namespace {
+namespace {
 
-  void evaluate_all(const population_model& model, check_result& result) {
-    for (int i = 0; i < model.subjects(); ++i) {
-      result.start.push_back(evaluate_start(model, i));
-      const std::optional<finding>& failure = result.start.back().failure;
-      if (failure && result.errors.size() < most_data_errors) result.errors.push_back(*failure);
-    }
+void evaluate_all(const population_model& model, check_result& result) {
+  for (int i = 0; i < model.subjects(); ++i) {
+    result.start.push_back(evaluate_start(model, i));
+    result.minus2_log_density += result.start.back().minus2_log_density;
+    const std::optional<finding>& failure = result.start.back().failure;
+    if (failure && result.errors.size() < most_data_errors) result.errors.push_back(*failure);
   }
+}
 
-  check_result inspect(const std::string& model_path) {
-    check_result result;
-    result.model_path = model_path;
-    try {
-      result.model = read_model_file(model_path, result.warnings);
-      dataset data = inspect_dataset(result.model->data, result.warnings, result.errors);
-      if (!result.errors.empty()) return result;
-      result.data = data;
-      const population_model model(*result.model, std::move(data));
-      evaluate_all(model, result);
-      check_fit(model);
-    } catch (const bad_input& error) {
-      result.errors.push_back(error.what_found());
-    }
-    return result;
+check_result inspect(const std::string& model_path) {
+  check_result result;
+  result.model_path = model_path;
+  try {
+    result.model = read_model_file(model_path, result.warnings);
+    dataset data = inspect_dataset(result.model->data, result.warnings, result.errors);
+    if (!result.errors.empty()) return result;
+    result.data = data;
+    const population_model model(*result.model, std::move(data));
+    evaluate_all(model, result);
+    check_fit(model);
+  } catch (const bad_input& error) {
+    result.errors.push_back(error.what_found());
   }
+  return result;
+}
 
-  }  // namespace
+}  // namespace
 
-  exit_status check(const check_request& request, const job& peers) {
-    // The others learn the verdict: mpirun reports the status of every process.
-    double refused = 0.0;
-    if (peers.is_root()) {
-      const check_result result = inspect(request.model_path);
-      fmt::print("{}", request.json ? check_json(result) : check_text(result));
-      refused = result.errors.empty() ? 0.0 : 1.0;
-    }
-    peers.sum(&refused, 1);
-    return refused > 0.0 ? exit_status::unusable_input : exit_status::sound;
+exit_status check(const check_request& request, const job& peers) {
+  // The others learn the verdict: mpirun reports the status of every process.
+  double refused = 0.0;
+  if (peers.is_root()) {
+    const check_result result = inspect(request.model_path);
+    fmt::print("{}", request.json ? check_json(result) : check_text(result));
+    refused = result.errors.empty() ? 0.0 : 1.0;
   }
+  peers.sum(&refused, 1);
+  return refused > 0.0 ? exit_status::unusable_input : exit_status::sound;
+}
 
 }  // namespace varda

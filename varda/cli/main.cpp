@@ -4,11 +4,12 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
+#include <string>
 
 #include "varda/cli/check.h"
 #include "varda/cli/run.h"
 #include "varda/host/job.h"
-#include "varda/model/specification.h"
+#include "varda/model/settings_table.h"
 #include "varda/support/finding.h"
 #include "varda/version.h"
 
@@ -17,13 +18,14 @@ namespace {
 void describe(CLI::App* command, varda::run_request& request) {
   command->add_option("model", request.model_path, "model file (TOML)")->required();
   command->add_option("-o,--output", request.output_path, "folder for the results")->required();
-  command
-      ->add_option("--seed", request.overrides.seed, "instead of the model file's estimation.seed")
-      ->check(CLI::Range(1, varda::largest_seed));
-  command
-      ->add_option("--samples", request.overrides.samples,
-                   "instead of the model file's estimation.samples")
-      ->check(CLI::Range(varda::least_samples, varda::most_samples));
+  for (const std::string name : {"seed", "samples"}) {
+    const varda::whole_number_setting& row = varda::whole_number_called(name);
+    command
+        ->add_option_function<int>(
+            "--" + name, [&request, name](int value) { request.overrides[name] = value; },
+            "instead of the model file's estimation." + name)
+        ->check(CLI::Range(row.least, row.most));
+  }
   command->add_flag("-q,--quiet", request.quiet, "no progress");
   command->add_flag("--records", request.records_to_terminal,
                     "print the library's own records instead of writing records.txt");

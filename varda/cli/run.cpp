@@ -114,10 +114,8 @@ exit_status run(const run_request& request, const job& peers) {
   std::signal(SIGTERM, on_interrupt);
 
   engine_host host(model, peers);
-  const progress_listener by_quadrature = make_progress(style, "quadrature, subject");
-  fit_result result = request.what == task::fit
-                          ? fit(host, make_progress(style, "iteration"), by_quadrature)
-                          : evaluate(host, make_progress(style, "pilot pass"), by_quadrature);
+  const progress_listener progress = make_progress(style);
+  fit_result result = request.what == task::fit ? fit(host, progress) : evaluate(host, progress);
   finish_progress(style);
   result.warnings.insert(result.warnings.begin(), warnings.begin(), warnings.end());
   result.times.total =

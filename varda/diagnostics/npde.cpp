@@ -37,17 +37,18 @@ Eigen::MatrixXd simulate(const population_model& model, int subject, const Eigen
   Eigen::VectorXd mu(model.random_effects());
   model.means(subject, theta.data(), mu.data());
   Eigen::VectorXd z(mu.size());
-  Eigen::VectorXd p(model.structural_parameters() * model.parameter_sets(subject));
-  Eigen::VectorXd f(model.observations(subject));
-  Eigen::MatrixXd result(f.size(), simulations);
+  const density joint(model);
+  density_workspace scratch(model);
+  Eigen::MatrixXd f;
+  const Eigen::Index n = model.observations(subject);
+  Eigen::MatrixXd result(n, simulations);
   Eigen::Index usable = 0;
   for (int k = 0; k < simulations; ++k) {
     for (double& value : z) value = draw.normal();
     const Eigen::VectorXd phi = mu + factor * z;
-    model.individual_parameters(subject, theta.data(), phi.data(), p.data());
-    model.predict(subject, p.data(), f.data());
-    for (Eigen::Index j = 0; j < f.size(); ++j)
-      result(j, usable) = model.residual().simulated(observed[static_cast<std::size_t>(j)], f(j),
+    joint.predict(subject, theta.data(), phi, f, scratch);
+    for (Eigen::Index j = 0; j < n; ++j)
+      result(j, usable) = model.observed().simulated(observed[static_cast<std::size_t>(j)], f(0, j),
                                                      draw.normal(), theta.data());
     if (result.col(usable).allFinite()) ++usable;
   }
@@ -121,6 +122,23 @@ Eigen::VectorXd npde(const population_model& model, int subject, const Eigen::Ve
     decorrelated(j) = at.censored == censoring::none ? scaled(at.value) : quantile(y.row(j), share);
     result(j) = statsubs::dnorminv(share);
   }
+  return result;
+}
+
+std::vector<Eigen::VectorXd> npde(const population_model& model, const Eigen::VectorXd& theta,
+                                  const Eigen::MatrixXd& omega, const job& peers,
+                                  const progress_listener& progress) {
+  const estimation_settings& settings = model.specification().estimation;
+  if (settings.npde_samples == 0) return {};
+  std::vector<Eigen::VectorXd> result;
+  for (int i = 0; i < model.subjects(); ++i) {
+    Eigen::VectorXd& errors = result.emplace_back(Eigen::VectorXd::Zero(model.observations(i)));
+    if (errors.size() > 0 && i % peers.size() == peers.rank())
+      errors = npde(model, i, theta, omega, settings.npde_samples, settings.seed);
+    progress({.stage = run_stage::npde, .step = i + 1, .of = model.subjects()});
+  }
+  // Each subject stands on one process.
+  for (Eigen::VectorXd& errors : result) peers.sum(errors.data(), static_cast<int>(errors.size()));
   return result;
 }
 

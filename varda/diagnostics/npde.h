@@ -2,8 +2,11 @@
 #pragma once
 
 #include <Eigen/Core>
+#include <vector>
 
-#include "varda/model/population.h"
+#include "varda/host/job.h"
+#include "varda/model/density.h"
+#include "varda/support/progress.h"
 
 namespace varda {
 
@@ -24,5 +27,11 @@ namespace varda {
 // definite.
 Eigen::VectorXd npde(const population_model& model, int subject, const Eigen::VectorXd& theta,
                      const Eigen::MatrixXd& omega, int simulations, int seed);
+
+// Those of every subject, by the settings of the model file; empty when they ask for none. Subjects
+// are shared among the processes; every one ends with the same. Collective.
+std::vector<Eigen::VectorXd> npde(const population_model& model, const Eigen::VectorXd& theta,
+                                  const Eigen::MatrixXd& omega, const job& peers,
+                                  const progress_listener& progress);
 
 }  // namespace varda

@@ -1,13 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "varda/host/engine_host.h"
 
-#include <Eigen/Cholesky>
 #include <algorithm>
 #include <cassert>
 #include <cmath>
 #include <csignal>
 #include <cstring>
-#include <numbers>
 #include <numeric>
 
 #include "statsubs/state/getworkingstoragesizes.h"
@@ -68,12 +66,22 @@ bool engine_host::stopped() {
   return sv::globalstop != 0;
 }
 
+bool engine_host::stop_requested() noexcept {
+  return stop_signal != 0;
+}
+
+bool engine_host::agree_on_stop() {
+  int asked = statsubs::host::stoprequested();
+  statsubs::host::checkforstop(asked);
+  return stopped();
+}
+
 void engine_host::request_stop() noexcept {
   stop_signal = 1;
 }
 
 engine_host::engine_host(const population_model& model, const job& peers)
-    : model_(model), peers_(peers) {
+    : density_(model), peers_(peers), scratch_(model) {
   assert(the_host == nullptr);
   the_host = this;
   stop_signal = 0;
@@ -85,14 +93,6 @@ engine_host::engine_host(const population_model& model, const job& peers)
   eta_.setZero(effects);
   phi_.setZero(effects);
   means_.setZero(effects);
-  int sets = 1;
-  for (int i = 0; i < model.subjects(); ++i) {
-    sets = std::max(sets, model.parameter_sets(i));
-    prediction_.resize(
-        std::max(prediction_.size(), static_cast<std::size_t>(model.observations(i))));
-  }
-  individual_.setZero(model.structural_parameters() * sets);
-
   install();
   int fixed_size = 0;
   int pack_size = 0;
@@ -104,6 +104,8 @@ engine_host::engine_host(const population_model& model, const job& peers)
   assert(definite);  // the model file was checked for it
   omega_mask_ = model.omega_mask();
   select_every_column();
+  const estimation_settings& chosen = model.specification().estimation;
+  points_.emplace(effects, chosen.seed, chosen.scramble);
 }
 
 engine_host::~engine_host() {
@@ -129,50 +131,56 @@ void engine_host::install() {
     engine_host& me = current();
     me.evaluate(me.eta_.data(), f);
   };
+  table.fcnxetas = [](const int&, const int& n, const double* etas, double* f, double* z) {
+    current().evaluate_block(n, etas, f, z);
+  };
   table.setmainstdev = [](const double& sd) {
     engine_host& me = current();
-    me.theta_(me.theta_.size() - 1) = sd;
+    if (me.sigma_position() < 0) return;
+    me.theta_(me.sigma_position()) = sd;
     gv::sigmalchol = sd;
     gv::sigmasq = sd * sd;
   };
   table.getsaemcmatrix = [](const int& isub0, double* cmatrix) {
     const engine_host& me = current();
-    const int effects = me.model_.random_effects();
+    const int effects = me.model().random_effects();
     const auto columns = static_cast<Eigen::Index>(me.selected_columns_.size());
     Eigen::Map<Eigen::MatrixXd> c(cmatrix, effects, columns);
     c.setZero();
     for (Eigen::Index k = 0; k < columns; ++k) {
       const int column = me.selected_columns_[static_cast<std::size_t>(k)];
-      c(me.model_.columns()[static_cast<std::size_t>(column)].eta, k) =
-          me.model_.design(isub0, column);
+      c(me.model().columns()[static_cast<std::size_t>(column)].eta, k) =
+          me.model().design(isub0, column);
     }
   };
 
   table.stoprequested = [] { return static_cast<int>(stop_signal); };
   table.checkforstop = [](int& flag) {
     double asked = flag != 0 ? 1.0 : 0.0;
-    current().peers_.sum(&asked, 1);
+    if (!current().alone_) current().peers_.sum(&asked, 1);
     sv::globalstop = asked > 0.0 ? 1 : 0;
   };
   table.dran3 = [](int& state) { return current().uniform(state); };
-  table.globalvec = [](double* vector, const int& length) { current().peers_.sum(vector, length); };
+  table.globalvec = [](double* vector, const int& length) {
+    if (!current().alone_) current().peers_.sum(vector, length);
+  };
 
   table.packparameters1 = [](const double* theta, const double* omega, const double& sigma,
                              double* x, const int& leneta, int& count) {
     const engine_host& me = current();
-    const int thetas = static_cast<int>(me.model_.thetas().size());
+    const int thetas = static_cast<int>(me.model().thetas().size());
     std::copy_n(theta, thetas, x);
-    if (gv::freesigmafound != 0) x[thetas - 1] = sigma;
+    if (gv::freesigmafound != 0) x[me.sigma_position()] = sigma;
     count = thetas;
     const Eigen::Map<const Eigen::MatrixXd> matrix(omega, leneta, leneta);
     for (int i = 0; i < leneta; ++i)
       for (int j = 0; j <= i; ++j)
-        if (me.model_.omega_mask()(i, j) != 0.0) x[count++] = matrix(i, j);
+        if (me.model().omega_mask()(i, j) != 0.0) x[count++] = matrix(i, j);
   };
   table.boundmap = [](const int& ntheta, const double* theta, double*) {
     const engine_host& me = current();
     for (int k = 0; k < ntheta; ++k) {
-      const fixed_effect& t = me.model_.thetas()[static_cast<std::size_t>(k)];
+      const fixed_effect& t = me.model().thetas()[static_cast<std::size_t>(k)];
       const auto near = [&](double bound) {
         const double scale = std::max(std::fabs(bound), std::fabs(theta[k]));
         return std::isfinite(bound) && std::fabs(theta[k] - bound) <= nearness * scale;
@@ -183,26 +191,28 @@ void engine_host::install() {
   table.allocateglobalarrays = [](const int& hessian_dimension, const int&, const int&,
                                   const int&) { current().allocate(hessian_dimension); };
 
-  table.getntheta = [] { return static_cast<int>(current().model_.thetas().size()); };
+  table.getntheta = [] { return static_cast<int>(current().model().thetas().size()); };
   table.getfixefname = [](const int& itheta, char* name) {
-    copy_name(current().model_.thetas()[static_cast<std::size_t>(itheta - 1)].name, name);
+    copy_name(current().model().thetas()[static_cast<std::size_t>(itheta - 1)].name, name);
   };
   table.getranef5name = [](const int& ieta, char* name) {
-    copy_name(current().model_.effects()[static_cast<std::size_t>(ieta - 1)].name, name);
+    copy_name(current().model().effects()[static_cast<std::size_t>(ieta - 1)].name, name);
   };
   table.getfixeferrtothetamap = [](int* map) {
-    const int thetas = static_cast<int>(current().model_.thetas().size());
+    const int thetas = static_cast<int>(current().model().thetas().size());
     for (int k = 0; k < thetas; ++k) map[k] = k + 1;
   };
   table.getobscount = [] { return 1; };
-  table.getobsvaluecount = [](const int&) { return current().model_.data().observations(); };
+  table.getobsvaluecount = [](const int&) { return current().model().data().observations(); };
   table.getobsstdevname = [](const int&, char* name) {
-    copy_name(current().model_.thetas().back().name, name);
+    const engine_host& me = current();
+    const int sigma = me.sigma_position();
+    copy_name(sigma < 0 ? "" : me.model().thetas()[static_cast<std::size_t>(sigma)].name, name);
   };
-  table.getnobs1 = [](const int& isub) { return current().model_.observations(isub - 1); };
+  table.getnobs1 = [](const int& isub) { return current().model().observations(isub - 1); };
 
   static const auto settings = []() -> const estimation_settings& {
-    return current().model_.specification().estimation;
+    return current().model().specification().estimation;
   };
   table.getisample = [] { return settings().samples; };
   // 1 leaves presampling off.
@@ -223,10 +233,10 @@ void engine_host::install() {
 }
 
 void engine_host::allocate(int hessian_dimension) {
-  const int thetas = static_cast<int>(model_.thetas().size());
-  const int effects = model_.random_effects();
-  const int subjects = model_.subjects();
-  const int columns = static_cast<int>(model_.columns().size());
+  const int thetas = static_cast<int>(model().thetas().size());
+  const int effects = model().random_effects();
+  const int subjects = model().subjects();
+  const int columns = static_cast<int>(model().columns().size());
   const auto bind_vector = [](auto& shared, Eigen::VectorXd& storage, int n) {
     storage.setZero(n);
     shared.bind(storage.data(), n);
@@ -265,9 +275,10 @@ void engine_host::allocate(int hessian_dimension) {
       static_cast<std::size_t>(effects * columns) * static_cast<std::size_t>(subjects), 0.0);
 
   bind_integers(gv::newsub, first_observation_, subjects + 1, 1);
-  for (int i = 0; i < subjects; ++i) gv::newsub(i + 2) = gv::newsub(i + 1) + model_.observations(i);
+  for (int i = 0; i < subjects; ++i)
+    gv::newsub(i + 2) = gv::newsub(i + 1) + model().observations(i);
   bind_integers(gv::muetamap, mu_map_, effects, 0);
-  for (int e = 1; e <= model_.subject_effects(); ++e) gv::muetamap(e) = e;
+  for (int e = 1; e <= model().subject_effects(); ++e) gv::muetamap(e) = e;
   bind_integers(gv::ibtight, tight_, thetas, 0);
   bind_integers(gv::ibaccolislog, column_is_log_, columns, 0);
   bind_integers(qv::iseqtheta, column_theta_, columns, 0);
@@ -275,56 +286,60 @@ void engine_host::allocate(int hessian_dimension) {
   bind_integers(qv::itypetheta_etamap, theta_effect_, thetas, -99);
 
   for (int k = 1; k <= thetas; ++k) {
-    const fixed_effect& t = model_.thetas()[static_cast<std::size_t>(k - 1)];
+    const fixed_effect& t = model().thetas()[static_cast<std::size_t>(k - 1)];
     gv::thetalo(k) = t.lower;
     gv::thetahi(k) = t.upper;
     // Class 0 sends a fixed effect to the score of a covariate coefficient.
     if (t.role == theta_role::covariate_effect) qv::itypetheta(k) = 0;
   }
-  for (int e = 0; e < model_.subject_effects(); ++e)
-    qv::itypetheta_etamap(model_.effects()[static_cast<std::size_t>(e)].parameter + 1) = e + 1;
-  gv::freesigmafound = model_.thetas().back().fixed ? 0 : 1;
+  for (int e = 0; e < model().subject_effects(); ++e)
+    qv::itypetheta_etamap(model().effects()[static_cast<std::size_t>(e)].parameter + 1) = e + 1;
+  const int sigma = sigma_position();
+  gv::freesigmafound = sigma < 0 || model().thetas()[static_cast<std::size_t>(sigma)].fixed ? 0 : 1;
+}
+
+// The library's own residual deviation is the last entry of theta, where that is one.
+int engine_host::sigma_position() const {
+  const bool deviation = model().thetas().back().role == theta_role::residual_deviation;
+  return deviation ? static_cast<int>(model().thetas().size()) - 1 : -1;
 }
 
 void engine_host::set_theta(const Eigen::VectorXd& theta) {
   assert(theta.size() == theta_.size());
   theta_ = theta;
-  gv::sigmalchol = theta_(theta_.size() - 1);
+  if (sigma_position() >= 0) gv::sigmalchol = theta_(sigma_position());
   gv::sigmasq = gv::sigmalchol * gv::sigmalchol;
 }
 
 bool engine_host::set_omega(const Eigen::MatrixXd& omega) {
-  const Eigen::LLT<Eigen::MatrixXd> factor(omega);
-  if (factor.info() != Eigen::Success) return false;
-  const Eigen::MatrixXd identity = Eigen::MatrixXd::Identity(omega.rows(), omega.cols());
+  random_effect_density prior(omega);
+  if (!prior.is_definite()) return false;
+  prior_ = std::move(prior);
   omega_ = omega;
-  omega_factor_ = factor.matrixL();
-  omega_inverse_ = factor.solve(identity);
-  whitener_ = factor.matrixL().solve(identity);
+  omega_factor_ = prior_.factor();
+  omega_inverse_ = prior_.precision();
   eta_deviations_ = omega.diagonal().cwiseSqrt();
-  log_prior_constant_ = omega_factor_.diagonal().array().log().sum() +
-                        0.5 * static_cast<double>(omega.rows()) * std::log(2.0 * std::numbers::pi);
   return true;
 }
 
 void engine_host::select_columns(const std::vector<int>& columns) {
   selected_columns_ = columns;
-  const int effects = model_.random_effects();
+  const int effects = model().random_effects();
   const int count = static_cast<int>(columns.size());
-  qv::cmatrix_3d.bind(c_matrices_.data(), effects, count, model_.subjects());
+  qv::cmatrix_3d.bind(c_matrices_.data(), effects, count, model().subjects());
   for (int k = 0; k < count; ++k) {
     const design_column& column =
-        model_.columns()[static_cast<std::size_t>(columns[static_cast<std::size_t>(k)])];
+        model().columns()[static_cast<std::size_t>(columns[static_cast<std::size_t>(k)])];
     qv::iseqtheta(k + 1) = column.theta + 1;
-    const fixed_effect& t = model_.thetas()[static_cast<std::size_t>(column.theta)];
+    const fixed_effect& t = model().thetas()[static_cast<std::size_t>(column.theta)];
     gv::ibaccolislog(k + 1) = t.law == distribution::log_normal ? 1 : 0;
   }
-  for (int i = 0; i < model_.subjects(); ++i)
+  for (int i = 0; i < model().subjects(); ++i)
     if (count > 0) statsubs::host::getsaemcmatrix(i, qv::cmatrix_3d.slice(i + 1).data());
 }
 
 void engine_host::select_every_column() {
-  std::vector<int> every(model_.columns().size());
+  std::vector<int> every(model().columns().size());
   std::iota(every.begin(), every.end(), 0);
   select_columns(every);
 }
@@ -341,47 +356,60 @@ void engine_host::refresh_means() {
   const bool current_theta = means_theta_.size() == theta_.size() &&
                              std::memcmp(means_theta_.data(), theta_.data(), bytes) == 0;
   if (subject_ == means_subject_ && current_theta) return;
-  model_.means(subject_, theta_.data(), means_.data());
+  model().means(subject_, theta_.data(), means_.data());
   means_theta_ = theta_;
   means_subject_ = subject_;
-}
-
-double engine_host::negative_log_prior(const double* eta) const {
-  double squares = 0.0;
-  for (Eigen::Index i = 0; i < whitener_.rows(); ++i) {
-    double z = 0.0;
-    for (Eigen::Index j = 0; j <= i; ++j) z += whitener_(i, j) * eta[j];
-    squares += z * z;
-  }
-  return 0.5 * squares + log_prior_constant_;
 }
 
 void engine_host::evaluate(const double* eta, double& f) {
   ++evaluations_;
   refresh_means();
   for (Eigen::Index i = 0; i < phi_.size(); ++i) phi_(i) = means_(i) + eta[i];
-  model_.individual_parameters(subject_, theta_.data(), phi_.data(), individual_.data());
-  model_.predict(subject_, individual_.data(), prediction_.data());
   double score = 0.0;
-  f = model_.residual_objective(subject_, prediction_.data(), theta_.data(), score) +
-      negative_log_prior(eta);
+  f = density_.of_data(subject_, theta_.data(), phi_, score, scratch_) + prior_.negative_log(eta);
   gv::zscoresub = score;
 }
 
-// The library restarts `state` at 1 for every subject; subject and stream are mixed in so that
-// subjects and replicates draw apart. The mixer is the finaliser of splitmix64.
+void engine_host::evaluate_block(int n, const double* etas, double* f, double* scores) {
+  evaluations_ += n;
+  refresh_means();
+  const Eigen::Map<const Eigen::MatrixXd> eta(etas, phi_.size(), n);
+  block_phi_ = eta.colwise() + means_;
+  density_.predict(subject_, theta_.data(), block_phi_, block_predictions_, scratch_);
+  density_.of_data(subject_, theta_.data(), block_predictions_, block_objective_, block_score_);
+  for (Eigen::Index j = 0; j < n; ++j) {
+    f[j] = block_objective_(j) + prior_.negative_log(eta.col(j).data());
+    scores[j] = block_score_(j);
+  }
+  if (kept_ == nullptr) return;
+  kept_->middleRows(next_kept_, n) = block_predictions_;
+  next_kept_ += n;
+}
+
+engine_host::solitude::solitude(engine_host& host) : host_(host) {
+  host_.alone_ = true;
+  gv::numprocs = 1;
+  gv::myid = 0;
+}
+
+engine_host::solitude::~solitude() {
+  host_.alone_ = false;
+  gv::numprocs = host_.peers_.size();
+  gv::myid = host_.peers_.rank();
+}
+
+void engine_host::place_points(const point_pass& pass, int subject, int samples) {
+  points_->place(pass, subject, samples);
+  stream_ = address_of(model().specification().estimation.seed, pass, subject);
+}
+
+// The library restarts `state` at 1 for every subject; the address of the subject's points is mixed
+// in, so that subjects and passes draw apart.
 double engine_host::uniform(int& state) const {
-  const auto mixed = [](std::uint64_t z) {
-    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9U;
-    z = (z ^ (z >> 27)) * 0x94d049bb133111ebU;
-    return z ^ (z >> 31);
-  };
   constexpr std::uint64_t golden = 0x9e3779b97f4a7c15U;
-  const std::uint64_t key =
-      mixed(mixed((stream_ + 1) * golden) + (static_cast<std::uint64_t>(subject_) + 1) * golden);
   const auto counter = static_cast<std::uint32_t>(state);
   state = static_cast<int>(counter + 1);
-  return (static_cast<double>(mixed(key + counter * golden) >> 12) + 0.5) * 0x1p-52;
+  return (static_cast<double>(mixed(stream_ + counter * golden) >> 12) + 0.5) * 0x1p-52;
 }
 
 }  // namespace varda

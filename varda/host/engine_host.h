@@ -10,12 +10,14 @@
 
 #include <Eigen/Core>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <vector>
 
 #include "statsubs/state/shared_types.h"
 #include "varda/host/job.h"
-#include "varda/model/population.h"
+#include "varda/host/points.h"
+#include "varda/model/density.h"
 
 namespace varda {
 
@@ -28,7 +30,8 @@ class engine_host {
   engine_host(const engine_host&) = delete;
   engine_host& operator=(const engine_host&) = delete;
 
-  const population_model& model() const { return model_; }
+  const population_model& model() const { return density_.model(); }
+  const density& joint() const { return density_; }
   const job& peers() const { return peers_; }
 
   // Fixed effects, in the shared state: theta, sigmalchol, sigmasq.
@@ -48,13 +51,40 @@ class engine_host {
   // Objective of subject `subject` (from 0) at eta, by the same path as the library's evaluations.
   double objective(int subject, const double* eta);
 
-  // Pseudo-random points are drawn from a stream of their own per subject and `stream`.
-  void set_random_stream(std::uint64_t stream) { stream_ = stream; }
+  // Before samples of a subject (from 0) are drawn: its points in a pass, Sobol points and
+  // pseudo-random ones alike.
+  void place_points(const point_pass& pass, int subject, int samples);
 
   std::int64_t evaluations() const { return evaluations_; }
+  // Evaluations that were made of the joint density itself.
+  void count_evaluations(std::int64_t more) { evaluations_ += more; }
+
+  // Keeps the predictions of the evaluations that follow, of the subject in work, as rows of `to`
+  // from row `from` on; null ends that.
+  void keep_predictions(Eigen::MatrixXd* to, Eigen::Index from) {
+    kept_ = to;
+    next_kept_ = from;
+  }
+
+  // While this lives the library takes this process for the only one: each process then works on
+  // subjects of its own, and a stop is its own too until the processes agree on it.
+  class solitude {
+   public:
+    explicit solitude(engine_host& host);
+    ~solitude();
+    solitude(const solitude&) = delete;
+    solitude& operator=(const solitude&) = delete;
+
+   private:
+    engine_host& host_;
+  };
 
   // A stop was asked for (interrupt) and every process knows it.
   static bool stopped();
+  // Has the processes agree whether one was; collective. The same as stopped() afterwards.
+  static bool agree_on_stop();
+  // Whether this process alone has been asked.
+  static bool stop_requested() noexcept;
   // To be called from a signal handler.
   static void request_stop() noexcept;
 
@@ -62,19 +92,22 @@ class engine_host {
   void install();
   void allocate(int hessian_dimension);
   void evaluate(const double* eta, double& f);
+  void evaluate_block(int n, const double* etas, double* f, double* scores);
   void refresh_means();
-  double negative_log_prior(const double* eta) const;
+  int sigma_position() const;
   double uniform(int& state) const;
 
   static engine_host& current();
 
-  const population_model& model_;
+  const density density_;
   const job& peers_;
+  density_workspace scratch_;
+  random_effect_density prior_;
+  std::optional<point_source> points_;
 
   // Storage of the shared arrays.
   Eigen::VectorXd theta_, theta_lower_, theta_upper_;
   Eigen::MatrixXd omega_, omega_inverse_, omega_factor_, omega_factor_inverse_, omega_mask_;
-  Eigen::MatrixXd whitener_;  // inverse of omega's factor; the library keeps a copy of its own
   Eigen::VectorXd centre_, mean_, eta_deviations_, score_, expanded_score_, variances_;
   Eigen::MatrixXd proposal_factor_, covariance_, eta_table_, curvature_;
   std::vector<double> proposal_factors_, c_matrices_;
@@ -86,9 +119,13 @@ class engine_host {
   int subject_ = 0;
   int means_subject_ = -1;
   Eigen::VectorXd means_theta_, means_;
-  Eigen::VectorXd eta_, phi_, individual_;
-  std::vector<double> prediction_;
-  double log_prior_constant_ = 0.0;
+  Eigen::VectorXd eta_, phi_;
+
+  Eigen::MatrixXd block_phi_, block_predictions_;
+  Eigen::VectorXd block_objective_, block_score_;
+  Eigen::MatrixXd* kept_ = nullptr;
+  Eigen::Index next_kept_ = 0;
+  bool alone_ = false;
 
   std::uint64_t stream_ = 0;
   std::int64_t evaluations_ = 0;

@@ -1,13 +1,32 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <Eigen/Core>
+#include <functional>
+
 #include "varda/host/engine_host.h"
 
 namespace varda {
 
-// The MAP-NP start-up: the library's itmapnp with this engine's callables. Moves the fixed effects
-// in the host towards those that explain the subjects' modes; omega and the residual deviations
-// keep their start values. Collective. False when a stop was asked for.
-bool map_np_start(engine_host& host);
+// What the library's MAP-NP start-up asks of an engine.
+struct map_np_steps {
+  // Modes of the subjects that this process owns into `etas` (random effects x subjects), zero
+  // elsewhere; the sum of all objectives.
+  std::function<double(Eigen::Map<Eigen::MatrixXd> etas)> find_modes;
+  // Fixed effects in the host that maximise the likelihood at these random effects; `near` says
+  // that the ones in force are good already. The objective there; NaN where none are free.
+  std::function<double(const Eigen::Map<Eigen::MatrixXd>& etas, bool near)> fit_fixed_effects;
+};
+
+// The MAP-NP start-up: the library's itmapnp. Moves the fixed effects in the host towards those
+// that explain the subjects' modes; omega and the residual deviations keep their start values.
+// Collective. False when a stop was asked for.
+bool map_np_start(engine_host& host, const map_np_steps& steps);
+
+// Whether the process of this host owns a subject (from 0) in what the library shares by subjects:
+// subject i, from 1, belongs to the process mod(i, numprocs).
+inline bool owns(const engine_host& host, int subject) {
+  return (subject + 1) % host.peers().size() == host.peers().rank();
+}
 
 }  // namespace varda

@@ -1,131 +1,92 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "varda/host/points.h"
 
-#include <fmt/format.h>
-
-#include <algorithm>
 #include <array>
 #include <bit>
 #include <cassert>
-#include <cstdint>
+#include <map>
+#include <utility>
 
 #include "statsubs/sequences/bdsobl.h"
 #include "statsubs/sequences/sobol.h"
+#include "varda/model/specification.h"
 
 namespace varda {
 
+namespace bd = statsubs::bdsobl;
+
 namespace {
 
+static_assert(most_random_effects <= bd::max_dimensions);
 constexpr int sequence_length = 1073741823;  // 2^30 - 1
 constexpr int sequence_digits = 30;
-// Replicates are independent draws: without scrambling they would repeat one another.
-constexpr int replicate_scrambling = 1;
+constexpr std::uint64_t golden = 0x9e3779b97f4a7c15U;
 
-// Streams of one seed: iterations from 0, everything else far above them.
-constexpr std::uint64_t streams_per_seed = std::uint64_t{1} << 32;
-constexpr std::uint64_t first_trial_stream = std::uint64_t{1} << 28;
-constexpr std::uint64_t presampling_stream = std::uint64_t{1} << 29;
-constexpr std::uint64_t standard_error_stream = std::uint64_t{1} << 30;
-constexpr std::uint64_t first_replicate_stream = std::uint64_t{1} << 31;
+// The generator as insobl leaves it, with one binary digit more, which is always 1: a coordinate is
+// then never 0, where a quantile is infinite.
+struct generator {
+  bd::direction_matrix directions;
+  double digit = 0.0;
+};
+
+generator start_generator(int dimensions, int scramble) {
+  statsubs::poly_vinit_define();
+  std::array<bool, 2> ok{};
+  std::array<double, bd::max_dimensions> point{};
+  int quality = 0;
+  statsubs::insobl(ok.data(), dimensions, sequence_length, quality, point.data(), sequence_digits,
+                   scramble);
+  [[maybe_unused]] const bool started = ok[0] && ok[1];
+  assert(started);  // the model has been checked for its number of random effects
+  for (int column = 1; column <= bd::maxcol; ++column)
+    for (int i = 1; i <= dimensions; ++i) bd::sv(i, column) *= 2;
+  return {bd::sv, 0.5 * bd::recipd};
+}
 
 }  // namespace
 
-void check_points(const population_model& model, int samples) {
-  if (model.random_effects() > most_dimensions)
-    throw bad_input({.code = "E-RUN-DIMENSIONS",
-                     .message = fmt::format("{} random effects are more than the {} dimensions of "
-                                            "the Sobol sequence",
-                                            model.random_effects(), most_dimensions),
-                     .remedy = "use fewer random effects",
-                     .file = model.specification().path});
-  if (static_cast<std::int64_t>(samples) * (model.subjects() + 1) > sequence_length)
-    throw bad_input({.code = "E-RUN-POINTS",
-                     .message = fmt::format("{} samples for each of {} subjects are more than the "
-                                            "{} points of the sequence",
-                                            samples, model.subjects(), sequence_length),
-                     .remedy = "lower estimation.samples",
-                     .file = model.specification().path,
-                     .column = "estimation.samples"});
+std::uint64_t mixed(std::uint64_t z) {
+  z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9U;
+  z = (z ^ (z >> 27)) * 0x94d049bb133111ebU;
+  return z ^ (z >> 31);
 }
 
-point_source::point_source(engine_host& host, int samples)
-    : host_(host),
-      fresh_(host.model().specification().estimation.fresh_points),
-      type_(host.model().specification().estimation.scramble) {
-  check_points(host.model(), samples);
-  statsubs::poly_vinit_define();
-  const int seed = host.model().specification().estimation.seed;
-  for (int k = 0; k <= seed; ++k) scramble(type_);
+std::uint64_t address_of(int seed, const point_pass& pass, int subject) {
+  std::uint64_t key = mixed((static_cast<std::uint64_t>(seed) + 1) * golden);
+  key = mixed(key + (static_cast<std::uint64_t>(pass.why) + 1) * golden);
+  key = mixed(key + (static_cast<std::uint64_t>(pass.index) + 1) * golden);
+  return mixed(key + (static_cast<std::uint64_t>(subject) + 1) * golden);
 }
 
-void point_source::scramble(int type) {
-  std::array<bool, 2> ok{};
-  std::array<double, most_dimensions> point{};
-  int quality = 0;
-  statsubs::insobl(ok.data(), host_.model().random_effects(), sequence_length, quality,
-                   point.data(), sequence_digits, type);
-  [[maybe_unused]] const bool started = ok[0] && ok[1];
-  assert(started);
-  for (int i = 1; i <= host_.model().random_effects(); ++i)
-    first_point_[static_cast<std::size_t>(i - 1)] = statsubs::bdsobl::lastq(i);
+point_source::point_source(int dimensions, int seed, int scramble)
+    : dimensions_(dimensions), seed_(seed), shifted_(scramble != 0) {
+  // A scrambling depends on those that were drawn before it: the first serves every run.
+  static std::map<std::pair<int, int>, generator> known;
+  const std::pair which(dimensions, scramble);
+  auto at = known.find(which);
+  if (at == known.end()) at = known.emplace(which, start_generator(dimensions, scramble)).first;
+  bd::sv = at->second.directions;
+  bd::recipd = at->second.digit;
+  bd::s = dimensions;
 }
 
-// The generator's whole position is the serial number of its last point and that point's digits.
-void point_source::rewind() {
-  for (int i = 1; i <= host_.model().random_effects(); ++i)
-    statsubs::bdsobl::lastq(i) = first_point_[static_cast<std::size_t>(i - 1)];
-  statsubs::bdsobl::count = 0;
-}
-
-// A power of two of points that starts at a multiple of itself is a net: it has the same number of
-// points in every box of certain partitions of the cube, and integrates far more exactly than as
-// many points that start elsewhere. The first subject therefore starts at such a multiple.
-void point_source::align(int samples) {
-  if (!std::has_single_bit(static_cast<unsigned>(samples))) return;
-  std::array<double, most_dimensions> unused{};
-  for (int k = 1; k < samples; ++k) statsubs::gosobl(unused.data());
-}
-
-std::uint64_t point_source::stream(std::uint64_t purpose) const {
-  const auto seed = static_cast<std::uint64_t>(host_.model().specification().estimation.seed);
-  return seed * streams_per_seed + purpose;
-}
-
-void point_source::begin_iteration(int iteration, int samples) {
-  host_.set_random_stream(stream(fresh_ ? static_cast<std::uint64_t>(iteration) : 0));
-  if (fresh_ && iteration > 1)
-    scramble(type_);
-  else
-    rewind();
-  align(samples);
-}
-
-void point_source::begin_presampling() {
-  host_.set_random_stream(stream(presampling_stream));
-  rewind();
-}
-
-void point_source::begin_trial_pass(int pass, int samples) {
-  host_.set_random_stream(stream(first_trial_stream + static_cast<std::uint64_t>(pass)));
-  if (pass > 1) return;
-  rewind();
-  align(samples);
-}
-
-void point_source::begin_standard_errors() {
-  host_.set_random_stream(stream(standard_error_stream));
-  scramble(type_);
-}
-
-void point_source::begin_replicate(int replicate, int samples) {
-  const estimation_settings& settings = host_.model().specification().estimation;
-  host_.set_random_stream(stream(first_replicate_stream + static_cast<std::uint64_t>(replicate)));
-  // The blocks of scramblings that different seeds use for their replicates do not overlap.
-  if (replicate == 1)
-    for (int k = 0; k < settings.seed * (settings.replicates - 1); ++k)
-      scramble(replicate_scrambling);
-  scramble(replicate_scrambling);
-  align(samples);
+void point_source::place(const point_pass& pass, int subject, int samples) const {
+  // From a multiple of itself on, a power of two of points is a net; elsewhere in the sequence it
+  // is nearly one. The generator's position is the serial number of its last point and that
+  // point's digits, and where these are random the digits of the point at that number are as good
+  // as any.
+  const bool net = std::has_single_bit(static_cast<unsigned>(samples));
+  bd::count = net ? samples - 1 : 0;
+  // Randomisations of one another would be the same without a shift.
+  const bool shifted = shifted_ || (pass.why != point_pass::purpose::iteration &&
+                                    pass.why != point_pass::purpose::presampling &&
+                                    pass.why != point_pass::purpose::standard_errors);
+  const std::uint64_t address = address_of(seed_, pass, subject);
+  for (int i = 1; i <= dimensions_; ++i) {
+    const std::uint64_t digits =
+        shifted ? mixed(address + static_cast<std::uint64_t>(i) * golden) : 0;
+    bd::lastq(i) = 2 * static_cast<int>(digits >> (64 - sequence_digits)) + 1;
+  }
 }
 
 }  // namespace varda

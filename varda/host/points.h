@@ -1,53 +1,57 @@
 // SPDX-License-Identifier: Apache-2.0
+//
+// Where the points of an integral come from. The points of subject i in pass k are a function of
+// (seed, k, i) alone: subjects can be integrated in any order and by any process, and a run can be
+// taken up anywhere.
 #pragma once
 
-#include <array>
 #include <cstdint>
-
-#include "varda/host/engine_host.h"
 
 namespace varda {
 
-inline constexpr int most_dimensions = 40;  // the Sobol tables end there
+// A pass over the subjects. Passes of the same purpose and index see the same points.
+struct point_pass {
+  enum class purpose : std::uint8_t {
+    iteration,
+    presampling,
+    trial,
+    standard_errors,
+    replicate,
+    screening,
+    draw,
+    report
+  };
+  purpose why = purpose::iteration;
+  int index = 0;
+};
 
-// Throws bad_input when samples x subjects points could run past the end of the sequence, or when
-// the model has more random effects than the sequence has dimensions.
-void check_points(const population_model& model, int samples);
+// A number that nothing but its arguments decides; the passes of one seed and those of another have
+// nothing in common.
+std::uint64_t address_of(int seed, const point_pass& pass, int subject);
 
-// Where the E-step's points come from: the library's Sobol generator and, for pseudo-random points
-// and the t family, the host's streams.
+// The stateless mixer behind all of them: the finaliser of splitmix64 (G. L. Steele, D. Lea and
+// C. H. Flood, "Fast splittable pseudorandom number generators", OOPSLA 2014).
+std::uint64_t mixed(std::uint64_t z);
+
+// The library's Sobol generator for one run.
 //
-// With common points every iteration integrates over the same points, which makes an iteration a
-// deterministic map of the parameters and its convergence smooth. The scrambling has no seed: seed
-// k burns k scramblings before the first one that is used.
+// One scrambling serves all subjects: each takes the first points of the scrambled sequence,
+// shifted digitally by random digits of its own (R. Cranley and T. N. L. Patterson, SIAM J. Numer.
+// Anal. 13 (1976) 904-914, for shifts; A. B. Owen, "Monte Carlo and quasi-Monte Carlo sampling",
+// 2003, for digital ones). A digital shift keeps the number of points in every elementary box, so
+// the points stay a net, while subjects become independent of each other.
 class point_source {
  public:
-  // Starts the generator for at most so many samples a subject, which check_points takes.
-  point_source(engine_host& host, int samples);
+  // Starts the generator for points of `dimensions` coordinates; `scramble` as in the settings.
+  point_source(int dimensions, int seed, int scramble);
 
-  // Before the first subject of an iteration, counted from 1, that takes `samples` a subject.
-  void begin_iteration(int iteration, int samples);
-  // Before the first subject of the presampling pass.
-  void begin_presampling();
-  // Before the first subject of a pass, counted from 1, of a trial between two iterations, whose
-  // points stay as they are; it takes `samples` a subject, those that follow the pass before.
-  void begin_trial_pass(int pass, int samples);
-  // Before the first subject of the pass for standard errors.
-  void begin_standard_errors();
-  // Before the first subject of a replicate, counted from 1, that takes `samples` a subject:
-  // independent of all other points.
-  void begin_replicate(int replicate, int samples);
+  // Puts the generator before the first of `samples` points of a subject (from 0).
+  void place(const point_pass& pass, int subject, int samples) const;
 
  private:
-  void scramble(int type);
-  void align(int samples);
-  void rewind();
-  std::uint64_t stream(std::uint64_t purpose) const;
-
-  engine_host& host_;
-  std::array<int, most_dimensions> first_point_{};  // digits of the point that starts the sequence
-  bool fresh_;
-  int type_;
+  int dimensions_;
+  int seed_;
+  bool shifted_;
 };
 
 }  // namespace varda

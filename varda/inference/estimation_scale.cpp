@@ -3,8 +3,6 @@
 
 #include <cmath>
 
-#include "varda/method/em/theta_search.h"
-
 namespace varda {
 
 estimation_scale::estimation_scale(const population_model& model, const Eigen::VectorXd& theta,
@@ -16,7 +14,7 @@ estimation_scale::estimation_scale(const population_model& model, const Eigen::V
     entry e;
     e.name = t.name;
     e.theta = static_cast<int>(k);
-    e.logarithm = is_positive(t);
+    e.logarithm = t.is_positive();
     entries_.push_back(e);
   }
   for (const omega_element& element : model.omega_elements()) {

@@ -15,16 +15,24 @@ double log_mean_exp(const Eigen::VectorXd& x) {
   return largest + std::log((x.array() - largest).exp().mean());
 }
 
-double standard_error_of_mean(const std::vector<double>& values) {
-  const Eigen::Map<const Eigen::ArrayXd> x(values.data(), static_cast<Eigen::Index>(values.size()));
-  const auto n = static_cast<double>(values.size());
-  return std::sqrt((x - x.mean()).square().sum() / (n - 1.0) / n);
+// The error of -2 log-likelihood: every subject's replicates tell the variance of its likelihood,
+// and the subjects' points are independent, so that the variances add up. The standard deviation of
+// a few replicates of the total would itself be known only roughly.
+double pooled_error(const Eigen::MatrixXd& log_likelihoods) {
+  const auto n = static_cast<double>(log_likelihoods.rows());
+  double variance = 0.0;
+  for (Eigen::Index i = 0; i < log_likelihoods.cols(); ++i) {
+    const Eigen::VectorXd x = log_likelihoods.col(i);
+    const Eigen::ArrayXd ratio = (x.array() - log_mean_exp(x)).exp();
+    variance += (ratio - 1.0).square().sum() / (n - 1.0) / n;
+  }
+  return 2.0 * std::sqrt(variance);
 }
 
 }  // namespace
 
-likelihood_estimate estimate_likelihood(engine_host& host, const proposals& frozen,
-                                        point_source& points, int samples, int replicates) {
+likelihood_estimate estimate_likelihood(engine_host& host, const proposals& frozen, int samples,
+                                        int replicates) {
   likelihood_estimate result;
   const int effects = host.model().random_effects();
   subject_integral zero;
@@ -36,8 +44,7 @@ likelihood_estimate estimate_likelihood(engine_host& host, const proposals& froz
   const double share = 1.0 / replicates;
   e_step found;
   for (int r = 1; r <= replicates; ++r) {
-    points.begin_replicate(r, samples);
-    integrate(host, frozen, samples, found);
+    integrate_all(host, frozen, {point_pass::purpose::replicate, r}, samples, found);
     if (!found.complete) return result;
     result.replicates.push_back(-2.0 * found.log_likelihood);
     for (std::size_t i = 0; i < result.subjects.size(); ++i) {
@@ -56,7 +63,7 @@ likelihood_estimate estimate_likelihood(engine_host& host, const proposals& froz
         log_mean_exp(log_likelihoods.col(static_cast<Eigen::Index>(i)));
     result.minus2ll -= 2.0 * result.subjects[i].log_likelihood;
   }
-  result.mc_se = standard_error_of_mean(result.replicates);
+  result.mc_se = pooled_error(log_likelihoods);
   result.complete = true;
   return result;
 }

@@ -3,8 +3,7 @@
 
 #include <vector>
 
-#include "varda/host/integration.h"
-#include "varda/host/points.h"
+#include "varda/inference/e_step.h"
 
 namespace varda {
 
@@ -12,16 +11,16 @@ namespace varda {
 struct likelihood_estimate {
   bool complete = false;
   double minus2ll = 0.0;           // every constant included, of all replicates together
-  double mc_se = 0.0;              // standard deviation of the replicates / sqrt(their number)
+  double mc_se = 0.0;              // from the variances of the subjects' replicates
   std::vector<double> replicates;  // -2 log-likelihood of each
   // Per subject the means over the replicates, of the likelihood itself and not of its logarithm;
   // the largest weight is the largest of all.
   std::vector<subject_integral> subjects;
 };
 
-// From replicates of fresh scrambles with the proposals frozen. The points that the proposals were
+// From replicates with fresh points and the proposals frozen. The points that the proposals were
 // tuned on would give a value that is too good by several of its errors.
-likelihood_estimate estimate_likelihood(engine_host& host, const proposals& frozen,
-                                        point_source& points, int samples, int replicates);
+likelihood_estimate estimate_likelihood(engine_host& host, const proposals& frozen, int samples,
+                                        int replicates);
 
 }  // namespace varda

@@ -12,13 +12,10 @@
 #include <cmath>
 #include <optional>
 
-#include "statsubs/state/global_variables.h"
-#include "statsubs/state/host.h"
+#include "varda/host/map_np.h"
 #include "varda/inference/minimise.h"
 
 namespace varda {
-
-namespace gv = statsubs::global_variables;
 
 namespace {
 
@@ -149,17 +146,13 @@ posterior_mode find_mode(engine_host& host, int subject) {
 mode_search find_every_mode(engine_host& host) {
   const population_model& model = host.model();
   const int effects = model.random_effects();
+  const Eigen::Index packed_size = effects * (effects + 1) / 2;
   mode_search found;
   found.modes.setZero(effects, model.subjects());
   Eigen::VectorXd indefinite = Eigen::VectorXd::Zero(model.subjects());
-  Eigen::Map<Eigen::MatrixXd> packed(gv::cholsub.data(), gv::cholsub.rows(), model.subjects());
-  packed.setZero();
-  int stop = 0;
-  for (int i = 0; i < model.subjects() && stop == 0; ++i) {
-    stop = statsubs::host::stoprequested();
-    // The library's rule: subject i, from 1, belongs to the process mod(i, numprocs).
-    if ((i + 1) % host.peers().size() != host.peers().rank() || model.observations(i) == 0)
-      continue;
+  Eigen::MatrixXd packed = Eigen::MatrixXd::Zero(packed_size, model.subjects());
+  for (int i = 0; i < model.subjects() && !engine_host::stop_requested(); ++i) {
+    if (!owns(host, i) || model.observations(i) == 0) continue;
     const posterior_mode mode = find_mode(host, i);
     found.modes.col(i) = mode.eta;
     indefinite(i) = mode.definite ? 0.0 : 1.0;
@@ -168,13 +161,18 @@ mode_search find_every_mode(engine_host& host) {
       for (int row = column; row < effects; ++row)
         packed(row_of_packed++, i) = mode.factor(row, column);
   }
-  statsubs::host::checkforstop(stop);
-  if (engine_host::stopped()) return found;
+  if (engine_host::agree_on_stop()) return found;
   host.peers().sum(found.modes.data(), static_cast<int>(found.modes.size()));
   host.peers().sum(packed.data(), static_cast<int>(packed.size()));
   host.peers().sum(indefinite.data(), static_cast<int>(indefinite.size()));
-  for (int i = 0; i < model.subjects(); ++i)
+  for (int i = 0; i < model.subjects(); ++i) {
     if (indefinite(i) > 0.0) found.indefinite.push_back(i);
+    Eigen::MatrixXd& factor =
+        found.hessian_factors.emplace_back(Eigen::MatrixXd::Zero(effects, effects));
+    int row_of_packed = 0;
+    for (int column = 0; column < effects; ++column)
+      for (int row = column; row < effects; ++row) factor(row, column) = packed(row_of_packed++, i);
+  }
   found.complete = true;
   return found;
 }

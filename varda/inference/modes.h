@@ -22,12 +22,13 @@ struct posterior_mode {
 // the objective cannot be differenced or Newton's method does not arrive.
 posterior_mode find_mode(engine_host& host, int subject);
 
-// Modes of all subjects, one a column, zero for a subject without observations. Their curvature
-// factors stand in the shared `cholsub`. Subjects are shared among the processes; every one ends
-// with the same. Collective. Not complete when a stop was asked for.
+// Modes of all subjects, one a column, zero for a subject without observations. Subjects are shared
+// among the processes; every one ends with the same. Collective. Not complete when a stop was asked
+// for.
 struct mode_search {
   bool complete = false;
   Eigen::MatrixXd modes;
+  std::vector<Eigen::MatrixXd> hessian_factors;  // lower Cholesky factors, by subject
   std::vector<int> indefinite;  // subjects (from 0) whose Hessian was not positive definite
 };
 mode_search find_every_mode(engine_host& host);

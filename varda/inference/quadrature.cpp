@@ -6,18 +6,13 @@
 #include <Eigen/Core>
 #include <algorithm>
 #include <array>
-#include <stdexcept>
 
 #include "statsubs/quadrature/agqgrid.h"
-#include "statsubs/quadrature/agqintjoint.h"
 #include "statsubs/quadrature/getghnodes.h"
-#include "statsubs/quadrature/updatedecomp.h"
-#include "statsubs/state/global_variables.h"
+#include "varda/host/integration.h"
 #include "varda/inference/modes.h"
 
 namespace varda {
-
-namespace gv = statsubs::global_variables;
 
 namespace {
 
@@ -28,6 +23,8 @@ int grid_points(int nodes, int dimensions) {
 }
 
 }  // namespace
+
+static_assert(most_random_effects <= statsubs::most_agq_dimensions);
 
 int most_agq_nodes(int effects) {
   std::array<double, statsubs::most_ghnodes> nodes{};
@@ -54,7 +51,7 @@ void check_grid(const population_model& model) {
 }
 
 quadrature_estimate integrate_by_quadrature(engine_host& host, int nodes,
-                                            const quadrature_listener& progress) {
+                                            const progress_listener& progress) {
   const population_model& model = host.model();
   quadrature_estimate result;
   result.nodes = nodes;
@@ -63,22 +60,21 @@ quadrature_estimate integrate_by_quadrature(engine_host& host, int nodes,
   const mode_search found = find_every_mode(host);
   if (!found.complete) return result;
 
-  Eigen::Map<Eigen::VectorXd> centre(gv::xmusub.data(), model.random_effects());
   for (int i = 0; i < model.subjects(); ++i) {
     if (model.observations(i) > 0) {
-      int info = 0;
-      centre = found.modes.col(i);
-      statsubs::updatedecomp(i + 1, info);
+      const auto at = static_cast<std::size_t>(i);
+      bool placed = true;
+      if (!integrate_on_grid(host, i, found.modes.col(i), found.hessian_factors[at], nodes,
+                             result.log_likelihoods[at], placed))
+        return result;
       const bool indefinite = std::count(found.indefinite.begin(), found.indefinite.end(), i) > 0;
-      if (info != 0 || indefinite) result.placed_by_omega.push_back(i);
-      double& log_likelihood = result.log_likelihoods[static_cast<std::size_t>(i)];
-      statsubs::agqintjoint(i + 1, nodes, log_likelihood, info);
-      // The model file was checked for the size of its grid.
-      if (info != 0) throw std::runtime_error("the nodes of the quadrature cannot be computed");
-      if (engine_host::stopped()) return result;
-      result.minus2ll -= 2.0 * log_likelihood;
+      if (!placed || indefinite) result.placed_by_omega.push_back(i);
+      result.minus2ll -= 2.0 * result.log_likelihoods[at];
     }
-    progress(i + 1, result.minus2ll);
+    progress({.stage = run_stage::quadrature,
+              .step = i + 1,
+              .of = model.subjects(),
+              .minus2ll = result.minus2ll});
   }
   result.complete = true;
   return result;

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <functional>
 #include <vector>
 
 #include "varda/host/engine_host.h"
+#include "varda/support/progress.h"
 
 namespace varda {
 
@@ -29,12 +29,9 @@ int most_agq_nodes(int effects);
 // Throws bad_input when the quadrature is wanted on a grid that is too large.
 void check_grid(const population_model& model);
 
-// Told after every subject, with their number so far and the -2 log-likelihood of these.
-using quadrature_listener = std::function<void(int subjects, double minus2ll)>;
-
 // Searches every subject's mode, takes the exact Hessian there and integrates over the grid of
 // `nodes` per random effect that they place. Leaves the proposals alone. Collective.
 quadrature_estimate integrate_by_quadrature(engine_host& host, int nodes,
-                                            const quadrature_listener& progress);
+                                            const progress_listener& progress);
 
 }  // namespace varda

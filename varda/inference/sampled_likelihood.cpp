@@ -40,7 +40,6 @@ class sampled_likelihood::subject_densities {
     model_.means(subject, owner.estimates_.theta.data(), mu.data());
     phi_ = etas.colwise() + mu;
     by_effect_ = phi_.transpose();
-    prediction_.resize(model_.observations(subject), etas.cols());
     predict(owner.estimates_.theta);
   }
 
@@ -48,11 +47,7 @@ class sampled_likelihood::subject_densities {
 
  private:
   void predict(const Eigen::VectorXd& theta) {
-    Eigen::VectorXd p(model_.structural_parameters() * model_.parameter_sets(subject_));
-    for (Eigen::Index j = 0; j < phi_.cols(); ++j) {
-      model_.individual_parameters(subject_, theta.data(), phi_.col(j).data(), p.data());
-      model_.predict(subject_, p.data(), prediction_.col(j).data());
-    }
+    owner_.host_.joint().predict(subject_, theta.data(), phi_, prediction_, scratch_);
   }
 
   const Eigen::VectorXd& of_data(const Eigen::VectorXd& theta) {
@@ -61,13 +56,10 @@ class sampled_likelihood::subject_densities {
     const auto known = of_data_.find(key);
     if (known != of_data_.end()) return known->second;
     if (owner_.predictions_move_) predict(theta);
-    Eigen::VectorXd density(phi_.cols());
-    for (Eigen::Index j = 0; j < density.size(); ++j) {
-      double squares = 0.0;
-      density(j) =
-          -model_.residual_objective(subject_, prediction_.col(j).data(), theta.data(), squares);
-      if (!std::isfinite(density(j))) density(j) = minus_infinity;
-    }
+    Eigen::VectorXd density;
+    Eigen::VectorXd squares;
+    owner_.host_.joint().of_data(subject_, theta.data(), prediction_, density, squares);
+    for (double& value : density) value = std::isfinite(value) ? -value : minus_infinity;
     return of_data_.emplace(std::move(key), std::move(density)).first->second;
   }
 
@@ -89,9 +81,10 @@ class sampled_likelihood::subject_densities {
   const sampled_likelihood& owner_;
   const population_model& model_;
   int subject_;
+  density_workspace scratch_{model_};
   Eigen::MatrixXd phi_;         // random effects x samples
   Eigen::MatrixXd by_effect_;   // its transpose
-  Eigen::MatrixXd prediction_;  // observations x samples
+  Eigen::MatrixXd prediction_;  // samples x observations
   std::map<std::vector<double>, Eigen::VectorXd> of_data_;
 };
 

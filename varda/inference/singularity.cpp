@@ -10,11 +10,7 @@
 #include <cmath>
 #include <optional>
 
-#include "statsubs/state/global_variables.h"
-
 namespace varda {
-
-namespace gv = statsubs::global_variables;
 
 namespace {
 
@@ -78,6 +74,10 @@ void follow(const engine_host& host, const e_step& found, proposals& adaptive) {
   }
 }
 
+int trial_samples(const engine_host& host) {
+  return singularity_watch::trial_samples(host.model().specification().estimation.samples);
+}
+
 // -2 log-likelihood at the parameters in force in several passes over points of their own, the same
 // in every trial; and the last pass. Nothing after a stop.
 struct trial {
@@ -85,12 +85,11 @@ struct trial {
   e_step found;
 };
 
-std::optional<trial> try_out(engine_host& host, const proposals& frozen, point_source& points) {
+std::optional<trial> try_out(engine_host& host, const proposals& frozen) {
   trial result{Eigen::VectorXd(singularity_watch::trial_passes), {}};
   for (int pass = 1; pass <= singularity_watch::trial_passes; ++pass) {
-    const int samples = singularity_watch::trial_samples(gv::nsampset);
-    points.begin_trial_pass(pass, samples);
-    integrate(host, frozen, samples, result.found);
+    integrate_all(host, frozen, {point_pass::purpose::trial, pass}, trial_samples(host),
+                  result.found);
     if (!result.found.complete) return std::nullopt;
     result.minus2ll(pass - 1) = -2.0 * result.found.log_likelihood;
   }
@@ -231,30 +230,28 @@ bool singularity_watch::falling(std::size_t direction) const {
          (1.0 - least_loss) * history_[n - 1 - window].sizes[direction];
 }
 
-void singularity_watch::examine(engine_host& host, const e_step& found, proposals& adaptive,
-                                point_source& points) {
+void singularity_watch::examine(engine_host& host, const e_step& found, proposals& adaptive) {
   record now{-2.0 * found.log_likelihood, {}};
   for (const vanishing_direction& d : directions_) now.sizes.push_back(d.size(host.omega()));
   history_.push_back(std::move(now));
   if (!creeping()) return;
   bool tried = false;
   for (std::size_t k = 0; k < directions_.size(); ++k)
-    if (falling(k)) tried = try_direction(k, host, found, adaptive, points) || tried;
+    if (falling(k)) tried = try_direction(k, host, found, adaptive) || tried;
   if (tried) next_trial_ = 2 * history_.size();
 }
 
-void singularity_watch::examine_at_rest(engine_host& host, const e_step& found, proposals& adaptive,
-                                        point_source& points) {
-  for (std::size_t k = 0; k < directions_.size(); ++k)
-    try_direction(k, host, found, adaptive, points);
+void singularity_watch::examine_at_rest(engine_host& host, const e_step& found,
+                                        proposals& adaptive) {
+  for (std::size_t k = 0; k < directions_.size(); ++k) try_direction(k, host, found, adaptive);
 }
 
 // Whether the data say so little of a direction that it was tried.
 bool singularity_watch::try_direction(std::size_t k, engine_host& host, const e_step& found,
-                                      proposals& adaptive, point_source& points) {
+                                      proposals& adaptive) {
   const vanishing_direction& direction = directions_[k];
   if (direction.unexplained(host.model(), host.omega(), found) < most_unexplained) return false;
-  if (vanishes(host, direction, adaptive, points)) {
+  if (vanishes(host, direction, adaptive)) {
     names_.push_back(direction.name(host.model(), host.omega()));
     tendencies_.push_back(direction.tendency(host.model(), host.omega()));
   }
@@ -262,15 +259,15 @@ bool singularity_watch::try_direction(std::size_t k, engine_host& host, const e_
 }
 
 bool singularity_watch::vanishes(engine_host& host, const vanishing_direction& direction,
-                                 proposals& adaptive, point_source& points) const {
+                                 proposals& adaptive) const {
   const Eigen::MatrixXd start = host.omega();
-  const proposals::state before = adaptive.snapshot();
+  const proposals before = adaptive;
   const auto give_up = [&] {
     host.set_omega(start);
-    adaptive.restore(before);
+    adaptive = before;
     return false;
   };
-  std::optional<trial> last = try_out(host, adaptive, points);
+  std::optional<trial> last = try_out(host, adaptive);
   if (!last) return give_up();
   Eigen::VectorXd least = last->minus2ll;
   e_step pilot;
@@ -279,12 +276,12 @@ bool singularity_watch::vanishes(engine_host& host, const vanishing_direction& d
     if (!host.set_omega(direction.shrunk(start, factor))) return give_up();
     move_proposals(host, last->found, from, host.omega(), adaptive);
     for (int pass = 1; pass <= pilot_passes; ++pass) {
-      points.begin_trial_pass(pass, trial_samples(gv::nsampset));
-      integrate(host, adaptive, trial_samples(gv::nsampset), pilot);
+      integrate_all(host, adaptive, {point_pass::purpose::trial, pass}, varda::trial_samples(host),
+                    pilot);
       if (!pilot.complete) return give_up();
       follow(host, pilot, adaptive);
     }
-    last = try_out(host, adaptive, points);
+    last = try_out(host, adaptive);
     if (!last || !no_worse(least, last->minus2ll)) return give_up();
     if (last->minus2ll.mean() < least.mean()) least = last->minus2ll;
   }

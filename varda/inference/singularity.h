@@ -5,16 +5,14 @@
 // that make it singular. The EM algorithm creeps towards such an omega, ever more slowly, and none
 // of its steps tells that nothing is to be reached. So an omega on its way there is tried out: the
 // least eigenvalue of a block's correlation matrix, or a variance, is sent towards zero at once. If
-// -2 log-likelihood never rises by more than its Monte-Carlo error, omega is becoming singular.
+// -2 log-likelihood never rises by more than its Monte Carlo error, omega is becoming singular.
 #pragma once
 
 #include <Eigen/Core>
 #include <string>
 #include <vector>
 
-#include "varda/host/integration.h"
-#include "varda/host/points.h"
-#include "varda/host/proposals.h"
+#include "varda/inference/e_step.h"
 
 namespace varda {
 
@@ -22,6 +20,7 @@ namespace varda {
 // matrix loses its least eigenvalue. Effects per occasion go together, a copy for each occasion.
 class vanishing_direction {
  public:
+  vanishing_direction() = default;
   // `copies`: the random effects of a block, or a single one, for each occasion.
   explicit vanishing_direction(std::vector<std::vector<int>> copies) : copies_(std::move(copies)) {}
 
@@ -38,6 +37,11 @@ class vanishing_direction {
   std::string name(const population_model& model, const Eigen::MatrixXd& omega) const;
   std::string tendency(const population_model& model, const Eigen::MatrixXd& omega) const;
 
+  template <class A>
+  void visit(A& archive) {
+    archive(copies_);
+  }
+
  private:
   bool is_variance() const { return copies_.front().size() == 1; }
   // The two effects of the first copy that the vanishing combination has most of.
@@ -49,9 +53,10 @@ class vanishing_direction {
 // All directions in which omega is estimated.
 std::vector<vanishing_direction> vanishing_directions(const population_model& model);
 
-// Watches the iterations of a fit for an omega that becomes singular.
+// Watches the iterations of a fit for an omega that becomes singular. Plain values.
 class singularity_watch {
  public:
+  singularity_watch() = default;
   explicit singularity_watch(const engine_host& host);
 
   // Passes over the subjects that one trial makes, for the room that the points need.
@@ -62,32 +67,38 @@ class singularity_watch {
   // After an iteration's update: `found` was its E-step, at the parameters before. Where omega is
   // becoming singular it then stands, as good as singular, in the host, with proposals to match.
   // Otherwise nothing has changed. Collective.
-  void examine(engine_host& host, const e_step& found, proposals& adaptive, point_source& points);
+  void examine(engine_host& host, const e_step& found, proposals& adaptive);
   // The same once more where the iterations have come to rest, of all directions that the data say
   // little of: a few points may have a maximum close to an omega that is becoming singular.
-  void examine_at_rest(engine_host& host, const e_step& found, proposals& adaptive,
-                       point_source& points);
+  void examine_at_rest(engine_host& host, const e_step& found, proposals& adaptive);
 
   // The quantities that tend to a limit, by their names on the iteration scale, none unless omega
   // is becoming singular; and in words.
   const std::vector<std::string>& names() const { return names_; }
   std::string reason() const;
 
+  template <class A>
+  void visit(A& archive) {
+    archive(directions_, history_, next_trial_, names_, tendencies_);
+  }
+
  private:
   struct record {
     double minus2ll = 0.0;
     std::vector<double> sizes;
+    template <class A>
+    void visit(A& archive) {
+      archive(minus2ll, sizes);
+    }
   };
   bool creeping() const;
   bool falling(std::size_t direction) const;
-  bool try_direction(std::size_t k, engine_host& host, const e_step& found, proposals& adaptive,
-                     point_source& points);
-  bool vanishes(engine_host& host, const vanishing_direction& direction, proposals& adaptive,
-                point_source& points) const;
+  bool try_direction(std::size_t k, engine_host& host, const e_step& found, proposals& adaptive);
+  bool vanishes(engine_host& host, const vanishing_direction& direction, proposals& adaptive) const;
 
   std::vector<vanishing_direction> directions_;
   std::vector<record> history_;
-  std::size_t next_trial_;
+  std::size_t next_trial_ = 0;
   std::vector<std::string> names_;
   std::vector<std::string> tendencies_;
 };

@@ -10,12 +10,10 @@
 #include <limits>
 #include <optional>
 
-#include "statsubs/estep/fgintegrate.h"
-#include "statsubs/stderr/checktight.h"
 #include "statsubs/stderr/eigencor.h"
 #include "statsubs/stderr/geteigenvalues.h"
-#include "statsubs/stderr/scoretheta.h"
-#include "statsubs/stderr/stderromega.h"
+#include "varda/host/scores.h"
+#include "varda/inference/e_step.h"
 #include "varda/inference/minimise.h"
 #include "varda/inference/sampled_likelihood.h"
 
@@ -27,17 +25,6 @@ constexpr double normal_quantile_975 = 1.959963984540054;
 constexpr double unidentified_condition = 1e6;
 constexpr double disagreement_factor = 1.5;
 
-// Where the library packs a free element of omega: lower triangle row by row.
-Eigen::MatrixXi packed_positions(const population_model& model) {
-  const int effects = model.random_effects();
-  Eigen::MatrixXi packed = Eigen::MatrixXi::Constant(effects, effects, -1);
-  int next = 0;
-  for (int i = 0; i < effects; ++i)
-    for (int j = 0; j <= i; ++j)
-      if (model.omega_mask()(i, j) != 0.0) packed(i, j) = next++;
-  return packed;
-}
-
 // What one pass over the subjects gives: minus the log-likelihood at the stencil's points, and the
 // sum of outer products of the scores.
 struct subject_pass {
@@ -48,27 +35,23 @@ struct subject_pass {
 
 subject_pass pass_over_subjects(engine_host& host, const proposals& frozen,
                                 const sampled_likelihood& likelihood, Eigen::Index points,
-                                int samples) {
+                                int samples, const progress_listener& progress) {
   const population_model& model = host.model();
-  const int thetas = static_cast<int>(model.thetas().size());
-  const int free_omega = packed_positions(model).maxCoeff() + 1;
-  Eigen::MatrixXd etas(model.random_effects(), samples);
-  Eigen::VectorXd weights(samples);
+  const int scored =
+      static_cast<int>(model.thetas().size()) + packed_positions(model).maxCoeff() + 1;
   Eigen::MatrixXd by_subject = Eigen::MatrixXd::Zero(points, model.subjects());
-
   subject_pass result;
-  result.scores.setZero(thetas + free_omega, thetas + free_omega);
-  for (int i = 0; i < model.subjects(); ++i) {
-    if (model.observations(i) == 0) continue;
-    double log_likelihood = 0.0;
-    frozen.offer(i);
-    statsubs::fgintegrate(i + 1, samples, etas.data(), weights.data(), log_likelihood);
-    if (engine_host::stopped()) return result;
-    statsubs::scoretheta(i + 1, samples, etas.data(), weights.data(), result.scores.data(),
-                         free_omega);
-    if ((i + 1) % host.peers().size() == host.peers().rank())
-      by_subject.col(i) = likelihood.changes(i, etas, weights);
-  }
+  result.scores.setZero(scored, scored);
+  e_step found;
+  integrate_all(
+      host, frozen, {point_pass::purpose::standard_errors, 0}, samples, found,
+      [&](int i, weighted_samples& drawn) {
+        add_score(host, i, drawn, result.scores);
+        if ((i + 1) % host.peers().size() == host.peers().rank())
+          by_subject.col(i) = likelihood.changes(i, drawn.etas, drawn.weights);
+        progress({.stage = run_stage::standard_errors, .step = i + 1, .of = model.subjects()});
+      });
+  if (!found.complete) return result;
   // Each subject stands on one process; the sums run over the subjects in their order.
   host.peers().sum(by_subject.data(), static_cast<int>(by_subject.size()));
   result.values = -by_subject.rowwise().sum();
@@ -229,19 +212,15 @@ covariance_estimate sandwich_of(const covariance_estimate& information,
   return {true, "", information.covariance * scores * information.covariance};
 }
 
-// The library's layout of the variances of omega: through its packed vector.
-void pack_omega_variances(const population_model& model, const estimation_scale& scale,
-                          const Eigen::MatrixXd& covariance) {
-  const auto thetas = static_cast<Eigen::Index>(model.thetas().size());
+// To the library's shared state, in its layout.
+void keep_omega_errors(const population_model& model, const estimation_scale& scale,
+                       const Eigen::MatrixXd& covariance) {
   const Eigen::MatrixXi packed = packed_positions(model);
-  const Eigen::Index free_omega = packed.maxCoeff() + 1;
-  Eigen::MatrixXd variances = Eigen::MatrixXd::Zero(thetas + free_omega, thetas + free_omega);
+  Eigen::VectorXd variances = Eigen::VectorXd::Zero(packed.maxCoeff() + 1);
   for (int k = 0; k < scale.size(); ++k)
-    for (const auto& [row, column] : scale.entries()[static_cast<std::size_t>(k)].places) {
-      const Eigen::Index at = thetas + packed(row, column);
-      variances(at, at) = covariance(k, k);
-    }
-  statsubs::stderromega(variances.data(), static_cast<int>(free_omega));
+    for (const auto& [row, column] : scale.entries()[static_cast<std::size_t>(k)].places)
+      variances(packed(row, column)) = covariance(k, k);
+  keep_omega_variances(variances, static_cast<int>(model.thetas().size()));
 }
 
 void describe_correlation(standard_errors& result) {
@@ -322,41 +301,28 @@ const std::vector<estimate_error>& standard_errors::chosen() const {
   return by_information;
 }
 
-standard_errors estimate_standard_errors(engine_host& host, const proposals& frozen,
-                                         point_source& points) {
-  const population_model& model = host.model();
-  const estimation_settings& settings = model.specification().estimation;
+namespace {
+
+// What is estimated, and whether errors can be had at all.
+standard_errors nothing_yet(engine_host& host, const estimation_scale& scale) {
   standard_errors result;
-  result.shown = settings.standard_errors;
-  const estimation_scale scale(model, host.theta(), host.omega());
+  result.shown = host.model().specification().estimation.standard_errors;
   for (const auto& e : scale.entries()) {
     result.names.push_back(e.name);
     result.theta.push_back(e.theta);
     result.omega.emplace_back(e.row, e.column);
   }
-  if (scale.size() == 0) {
+  if (scale.size() == 0)
     result.reason = "every parameter is fixed";
-    return result;
-  }
-  int tight = 0;
-  statsubs::checktight(tight);
-  if (tight != 0) {
+  else if (is_at_bound(host))
     result.reason = "a parameter lies at its bound";
-    return result;
-  }
+  return result;
+}
 
-  host.select_every_column();
-  points.begin_standard_errors();
-  const difference_stencil stencil(scale.estimates(), difference_steps(host, scale));
-  const sampled_likelihood likelihood(host, scale, stencil.points());
-  const subject_pass pass =
-      pass_over_subjects(host, frozen, likelihood, stencil.points().cols(), settings.se_samples);
-  if (!pass.complete) {
-    result.reason = "stopped on request";
-    return result;
-  }
-  const Eigen::MatrixXd scores = on_estimation_scale(model, scale, pass.scores);
-  result.information = invert_information(stencil.hessian(pass.values), result);
+void conclude(const population_model& model, const estimation_scale& scale,
+              const Eigen::MatrixXd& information, const Eigen::MatrixXd& scores,
+              standard_errors& result) {
+  result.information = invert_information(information, result);
   result.score = invert_scores(model, scores);
   result.sandwich = sandwich_of(result.information, scores);
   result.by_information = errors_of(model, scale, result.information);
@@ -364,11 +330,40 @@ standard_errors estimate_standard_errors(engine_host& host, const proposals& fro
   result.by_sandwich = errors_of(model, scale, result.sandwich);
   if (!result.chosen_covariance().known) {
     result.reason = result.chosen_covariance().reason;
-    return result;
+    return;
   }
-  pack_omega_variances(model, scale, result.chosen_covariance().covariance);
+  keep_omega_errors(model, scale, result.chosen_covariance().covariance);
   describe_correlation(result);
   compare_kinds(result);
+}
+
+}  // namespace
+
+standard_errors errors_from(engine_host& host, const Eigen::MatrixXd& information,
+                            const Eigen::MatrixXd& scores) {
+  const estimation_scale scale(host.model(), host.theta(), host.omega());
+  standard_errors result = nothing_yet(host, scale);
+  if (result.reason.empty()) conclude(host.model(), scale, information, scores, result);
+  return result;
+}
+
+standard_errors estimate_standard_errors(engine_host& host, const proposals& frozen,
+                                         const progress_listener& progress) {
+  const population_model& model = host.model();
+  const estimation_scale scale(model, host.theta(), host.omega());
+  standard_errors result = nothing_yet(host, scale);
+  if (!result.reason.empty()) return result;
+  const difference_stencil stencil(scale.estimates(), difference_steps(host, scale));
+  const sampled_likelihood likelihood(host, scale, stencil.points());
+  const subject_pass pass =
+      pass_over_subjects(host, frozen, likelihood, stencil.points().cols(),
+                         model.specification().estimation.se_samples, progress);
+  if (!pass.complete) {
+    result.reason = stop_reason;
+    return result;
+  }
+  conclude(model, scale, stencil.hessian(pass.values),
+           on_estimation_scale(model, scale, pass.scores), result);
   return result;
 }
 

@@ -6,9 +6,8 @@
 #include <utility>
 #include <vector>
 
-#include "varda/host/engine_host.h"
-#include "varda/host/points.h"
-#include "varda/host/proposals.h"
+#include "varda/inference/proposals.h"
+#include "varda/support/progress.h"
 
 namespace varda {
 
@@ -63,11 +62,16 @@ struct standard_errors {
   findings warnings;
 };
 
+// Standard errors from the observed information and the sum of outer products of the subjects'
+// scores, both on the estimation scale at the parameters in force.
+standard_errors errors_from(engine_host& host, const Eigen::MatrixXd& information,
+                            const Eigen::MatrixXd& scores);
+
 // Standard errors at the parameters in force, with the proposals frozen. The observed information
 // comes from central differences of the exact log-likelihood with the individual parameters
 // C beta + eta common to all evaluations: with eta common instead, the differences of two sampling
 // errors swamp it. Collective.
 standard_errors estimate_standard_errors(engine_host& host, const proposals& frozen,
-                                         point_source& points);
+                                         const progress_listener& progress);
 
 }  // namespace varda

@@ -3,10 +3,12 @@
 
 #include <fmt/format.h>
 
+#include <bit>
 #include <filesystem>
 
 #include "varda/data/dataset.h"
 #include "varda/input/model_file_parts.h"
+#include "varda/model/settings_table.h"
 
 namespace varda {
 
@@ -24,10 +26,25 @@ void read_data(section from, model_specification& file) {
   from.refuse_leftovers();
 }
 
-// The components of a mixture proposal get equal shares of a multiple of 6.
+bool is_mixture(proposal_family family) {
+  switch (family) {
+    case proposal_family::mixture2:
+    case proposal_family::mixture3:
+      return true;
+    case proposal_family::normal:
+    case proposal_family::population:
+    case proposal_family::t:
+    case proposal_family::laplace:
+      return false;
+  }
+  return false;
+}
+
+// The components of a mixture proposal get equal shares of a multiple of 6. A power of two of Sobol
+// points is worth more than that.
 void raise_samples(const std::string& key, int& samples, const std::string& path,
                    findings& warnings) {
-  if (samples % 6 == 0) return;
+  if (samples % 6 == 0 || std::has_single_bit(static_cast<unsigned>(samples))) return;
   warnings.push_back(
       {.level = severity::warning,
        .code = "W-MODEL-SAMPLES",
@@ -57,11 +74,12 @@ model_specification read_model_file(const std::string& path, findings& warnings,
   if (auto estimation = root.table("estimation")) read_estimation(*estimation, file);
   root.refuse_leftovers();
   estimation_settings& settings = file.estimation;
-  settings.seed = overrides.seed.value_or(settings.seed);
-  settings.samples = overrides.samples.value_or(settings.samples);
-  raise_samples("samples", settings.samples, path, warnings);
-  raise_samples("likelihood_samples", settings.likelihood_samples, path, warnings);
-  raise_samples("se_samples", settings.se_samples, path, warnings);
+  for (const auto& [name, value] : overrides) settings.*whole_number_called(name).member = value;
+  if (is_mixture(settings.proposal)) {
+    raise_samples("samples", settings.samples, path, warnings);
+    raise_samples("likelihood_samples", settings.likelihood_samples, path, warnings);
+    raise_samples("se_samples", settings.se_samples, path, warnings);
+  }
   return file;
 }
 

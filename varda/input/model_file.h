@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <optional>
+#include <map>
 #include <string>
 
 #include "varda/model/specification.h"
@@ -9,11 +9,9 @@
 
 namespace varda {
 
-// Settings of the command line, which win over those of the file.
-struct setting_overrides {
-  std::optional<int> seed{};
-  std::optional<int> samples{};
-};
+// Settings of the command line by name, whole numbers all of them, which win over those of the
+// file.
+using setting_overrides = std::map<std::string, int>;
 
 // Reads and checks a model file as far as it can be without the data, or throws bad_input. Relative
 // data paths are taken from the folder of the model file.

@@ -4,10 +4,15 @@
 // order in which they stand here: a later one may ask what an earlier one found.
 #pragma once
 
+#include <array>
+
 #include "varda/input/section.h"
 #include "varda/model/specification.h"
 
 namespace varda {
+
+// Keys of the residual deviations, and their names in the results.
+inline constexpr std::array deviation_keys = {"additive", "proportional", "log_normal"};
 
 void read_structure(section from, model_specification& file);
 // The formulas of a structure in equations; a part of read_structure.

@@ -48,9 +48,7 @@ double above_zero(section& from, const std::string& key, double fallback) {
 
 solver_settings read_solver(section from) {
   solver_settings s;
-  constexpr solver_method methods[] = {solver_method::automatic, solver_method::non_stiff,
-                                       solver_method::stiff};
-  s.method = methods[from.word_or("method", 0, {"automatic", "non-stiff", "stiff"})];
+  s.method = from.kind_or("method", s.method);
   s.relative = above_zero(from, "relative", s.relative);
   s.absolute = above_zero(from, "absolute", s.absolute);
   s.max_steps = from.whole_number_or("max_steps", s.max_steps, 1, 1000000000);

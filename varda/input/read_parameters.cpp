@@ -31,13 +31,25 @@ void check_start(const section& from, double start, double lower, double upper) 
                      "move it between the bounds");
 }
 
+// Whether the form has a meaning for parameters that no effect multiplies.
+bool can_be_added(effect_form form) {
+  switch (form) {
+    case effect_form::power:
+    case effect_form::exponential:
+      return false;
+    case effect_form::linear:
+    case effect_form::categorical:
+      return true;
+  }
+  return false;
+}
+
 covariate_effect read_effect(section from, const parameter& of) {
   covariate_effect effect;
   effect.covariate = from.needed_text("column", "the column of the covariate");
-  const std::vector<std::string> forms = {"power", "exponential", "linear", "categorical"};
   const bool factor = acts_on_logarithm(of.law);
-  effect.form = static_cast<effect_form>(from.word_or("effect", factor ? 0 : 2, forms));
-  if (!factor && effect.form < effect_form::linear)
+  effect.form = from.kind_or("effect", factor ? effect_form::power : effect_form::linear);
+  if (!factor && !can_be_added(effect.form))
     throw from.error("E-MODEL-EFFECT", "effect",
                      "this form does not suit the parameter's distribution",
                      "use linear or categorical for normal and logit-normal parameters");
@@ -70,8 +82,7 @@ void read_range(section& from, parameter& p) {
 parameter read_parameter(const std::string& name, section from) {
   parameter p;
   p.name = name;
-  p.law = static_cast<distribution>(
-      from.word_or("distribution", 0, {"log-normal", "normal", "logit-normal", "none"}));
+  p.law = from.kind_or("distribution", p.law);
   p.start = from.needed_number("start", "the start value");
   p.fixed = from.flag_or("fixed", false);
   if (p.law == distribution::logit_normal) {
@@ -117,8 +128,7 @@ void read_parameters(section from, model_specification& file) {
                      "give at least one parameter a distribution and a variance");
 
   std::set<std::string> seen(names.begin(), names.end());
-  seen.insert({"additive", "proportional",
-               "log_normal"});  // names of the residual deviations in the results
+  seen.insert(deviation_keys.begin(), deviation_keys.end());
   for (const parameter& p : file.parameters) {
     std::set<std::pair<std::string, effect_form>> effects;
     for (const covariate_effect& e : p.effects) {

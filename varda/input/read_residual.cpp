@@ -22,14 +22,28 @@ double read_deviation(section& from, const std::string& key, bool& fixed) {
 
 residual_error read_error(section& from) {
   residual_error r;
-  r.kind = static_cast<error_kind>(
-      from.word_or("error", 0, {"additive", "proportional", "combined", "log-normal"}));
-  if (r.kind == error_kind::log_normal)
-    r.additive = read_deviation(from, "log_normal", r.additive_fixed);
-  if (r.kind == error_kind::additive || r.kind == error_kind::combined)
-    r.additive = read_deviation(from, "additive", r.additive_fixed);
-  if (r.kind == error_kind::proportional || r.kind == error_kind::combined)
+  r.kind = from.kind_or("error", r.kind);
+  const auto read_additive = [&](const std::string& key) {
+    r.additive = read_deviation(from, key, r.additive_fixed);
+  };
+  const auto read_proportional = [&] {
     r.proportional = read_deviation(from, "proportional", r.proportional_fixed);
+  };
+  switch (r.kind) {
+    case error_kind::additive:
+      read_additive("additive");
+      break;
+    case error_kind::proportional:
+      read_proportional();
+      break;
+    case error_kind::combined:
+      read_additive("additive");
+      read_proportional();
+      break;
+    case error_kind::log_normal:
+      read_additive("log_normal");
+      break;
+  }
   return r;
 }
 
@@ -55,11 +69,12 @@ void read_endpoints(section& from, model_specification& file) {
 
 void read_residual(section from, model_specification& file) {
   const std::vector<std::string> keys = from.keys();
-  const bool by_name = !keys.empty() && !from.has("error") &&
-                       std::all_of(keys.begin(), keys.end(), [&](const std::string& key) {
-                         return from.is_table(key) && key != "additive" && key != "proportional" &&
-                                key != "log_normal";
-                       });
+  const bool by_name =
+      !keys.empty() && !from.has("error") &&
+      std::all_of(keys.begin(), keys.end(), [&](const std::string& key) {
+        return from.is_table(key) &&
+               std::find(deviation_keys.begin(), deviation_keys.end(), key) == deviation_keys.end();
+      });
   if (by_name) {
     read_endpoints(from, file);
   } else {

@@ -10,8 +10,7 @@ namespace varda {
 namespace {
 
 void read_compartments(section& from, structure_choice& choice) {
-  choice.by = static_cast<parametrisation>(
-      from.word_or("parametrisation", 0, {"clearance", "rate-constant"}));
+  choice.by = from.kind_or("parametrisation", choice.by);
   choice.lag_time = from.flag_or("lag_time", false);
   choice.bioavailability = from.flag_or("bioavailability", false);
   choice.modelled_rate = from.flag_or("modelled_rate", false);

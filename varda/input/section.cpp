@@ -179,13 +179,12 @@ std::optional<std::string> section::text(const std::string& key) {
   return *value;
 }
 
-std::size_t section::word_or(const std::string& key, std::size_t fallback,
-                             const std::vector<std::string>& words) {
+std::optional<std::string> section::word(const std::string& key,
+                                         const std::vector<std::string>& words) {
   const auto value = text(key);
-  if (!value) return fallback;
-  const auto found = std::find(words.begin(), words.end(), *value);
-  if (found == words.end()) throw unknown_word(key, *value, words);
-  return static_cast<std::size_t>(found - words.begin());
+  if (value && std::find(words.begin(), words.end(), *value) == words.end())
+    throw unknown_word(key, *value, words);
+  return value;
 }
 
 std::optional<section> section::table(const std::string& key) {

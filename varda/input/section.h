@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "varda/model/words.h"
 #include "varda/support/finding.h"
 
 namespace varda {
@@ -43,9 +44,17 @@ class section {
   int whole_number_or(const std::string& key, int fallback, int least, int most);
   bool flag_or(const std::string& key, bool fallback);
   std::optional<std::string> text(const std::string& key);
-  // One of the words; its position.
-  std::size_t word_or(const std::string& key, std::size_t fallback,
-                      const std::vector<std::string>& words);
+  // One of the words.
+  std::optional<std::string> word(const std::string& key, const std::vector<std::string>& words);
+  // The enumerator whose word it is.
+  template <class Kind>
+  Kind kind_or(const std::string& key, Kind fallback) {
+    const std::vector<named<Kind>> all = every_name<Kind>();
+    const auto found = word(key, words_of(all));
+    for (const named<Kind>& entry : all)
+      if (found == entry.name) return entry.value;
+    return fallback;
+  }
   std::optional<section> table(const std::string& key);
   // The tables of an array of tables, empty when there is none.
   std::vector<section> tables(const std::string& key);

@@ -12,7 +12,8 @@
 // above a limit, or between two.
 #pragma once
 
-#include <string>
+#include <Eigen/Core>
+#include <cstddef>
 #include <vector>
 
 #include "varda/data/dataset.h"
@@ -21,22 +22,30 @@
 
 namespace varda {
 
-class residual_model {
+class endpoints {
  public:
-  // The deviations stand in theta from `first_theta` on, endpoint by endpoint, the proportional one
-  // before the additive one.
-  residual_model(const std::vector<endpoint>& endpoints, int first_theta, const dataset& data);
+  // The parameters of the endpoints stand in theta from `first_theta` on, endpoint by endpoint, the
+  // proportional deviation before the additive one.
+  endpoints(const std::vector<endpoint>& described, int first_theta, const dataset& data);
 
-  const std::vector<fixed_effect>& deviations() const { return deviations_; }
+  const std::vector<fixed_effect>& parameters() const { return parameters_; }
 
   // One deviation scales all residuals, so that its update has a closed form.
-  bool has_one_scale() const { return plain_ && deviations_.size() == 1; }
+  bool has_one_scale() const { return plain_ && parameters_.size() == 1; }
 
-  // -log p(y | prediction f), every constant included, and the sum of squared scaled residuals of
-  // the observations that are not censored. A value that is not finite marks a prediction that the
-  // error model cannot take. `f` has one entry for each observation of `who`.
-  double objective(const subject& who, const double* f, const double* theta,
-                   double& scaled_squares) const;
+  // For individuals j below n, with prediction k of individual j at f[k * stride + j]:
+  // -log p(y | f), every constant included, and the sum of squared scaled residuals of the
+  // observations that are not censored. A value that is not finite marks a prediction that the
+  // error model cannot take.
+  void objectives(const subject& who, const double* f, std::size_t stride, std::size_t n,
+                  const double* theta, double* objective, double* scaled_squares) const;
+
+  // The derivatives of log p(y | f) by the logarithms of the endpoints' parameters. f: individuals
+  // x observations. `gradient` becomes individuals x parameters(); `hessian` the sum of the
+  // individuals' second derivatives, each times its weight.
+  void derivatives(const subject& who, const Eigen::MatrixXd& f, const double* theta,
+                   const Eigen::VectorXd& weights, Eigen::MatrixXd& gradient,
+                   Eigen::MatrixXd& hessian) const;
 
   // Standard deviation of an observation about the prediction f (of its logarithm for log-normal
   // error), and its scaled residual; of a censored observation that of its limit.
@@ -46,7 +55,8 @@ class residual_model {
   // The observation as it would have come out at the standard normal e.
   double simulated(const observation& at, double f, double e, const double* theta) const;
 
-  // The first observation whose contribution is not finite, or -1.
+  // The first observation whose contribution is not finite, or -1. `f` has one entry for each
+  // observation of `who`.
   int first_failure(const subject& who, const double* f, const double* theta) const;
 
  private:
@@ -58,10 +68,16 @@ class residual_model {
   const entry& of(const observation& at) const {
     return endpoints_[static_cast<std::size_t>(at.endpoint)];
   }
+  void plain_objectives(const subject& who, const double* f, std::size_t stride, std::size_t n,
+                        const double* theta, double* objective, double* scaled_squares) const;
   double contribution(const observation& at, double f, const double* theta, double& square) const;
+  void add_differences(const observation& at, const double* f, const double* theta,
+                       const Eigen::VectorXd& weights, Eigen::MatrixXd& gradient,
+                       Eigen::MatrixXd& hessian) const;
 
+  int first_theta_ = 0;
   std::vector<entry> endpoints_;
-  std::vector<fixed_effect> deviations_;
+  std::vector<fixed_effect> parameters_;
   bool plain_ = false;  // one endpoint, nothing censored, no logarithms: the hot path
 };
 

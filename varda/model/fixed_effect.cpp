@@ -32,4 +32,19 @@ double fixed_effect::from_regression(double beta) const {
   return law == distribution::log_normal ? std::exp(beta) : beta;
 }
 
+bool fixed_effect::is_positive() const {
+  switch (role) {
+    case theta_role::residual_deviation:
+      return true;
+    case theta_role::typical_value:
+      return law == distribution::log_normal;
+    case theta_role::flat_parameter:
+      return start > 0.0 && !(std::isfinite(lower) && lower < 0.0);
+    case theta_role::covariate_effect:
+    case theta_role::direct_effect:
+      break;
+  }
+  return false;
+}
+
 }  // namespace varda

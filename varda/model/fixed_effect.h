@@ -39,6 +39,10 @@ struct fixed_effect {
   double regression(double theta) const;
   double from_regression(double beta) const;
 
+  // Whether a search or an interval for it runs over its logarithm: it is above 0 by its nature, or
+  // by its start and bounds.
+  bool is_positive() const;
+
   // Predictions depend on it directly, not only through the means of the random effects.
   bool moves_predictions() const {
     return role == theta_role::flat_parameter || role == theta_role::direct_effect;

@@ -11,9 +11,6 @@ namespace varda {
 
 namespace {
 
-// The point sequence has no more dimensions.
-constexpr int most_effects = 40;
-
 int position(const std::vector<std::string>& names, const std::string& name) {
   return static_cast<int>(std::find(names.begin(), names.end(), name) - names.begin());
 }
@@ -60,7 +57,7 @@ population_model::population_model(model_specification file, dataset data)
     : file_(std::move(file)),
       data_(std::move(data)),
       structure_(make_structural_model(file_.structure)),
-      residual_(file_.endpoints, count_of_thetas(file_, covariate_coefficients(file_, data_)),
+      observed_(file_.endpoints, count_of_thetas(file_, covariate_coefficients(file_, data_)),
                 data_) {
   const std::vector<covariate_coefficient> coefficients = covariate_coefficients(file_, data_);
   std::vector<int> used;
@@ -77,8 +74,8 @@ population_model::population_model(model_specification file, dataset data)
 void population_model::lay_out_theta(const std::vector<covariate_coefficient>& coefficients) {
   for (const parameter& p : file_.parameters) thetas_.push_back(typical_value(p));
   for (const covariate_coefficient& c : coefficients) thetas_.push_back(coefficient_of(c));
-  first_deviation_ = static_cast<int>(thetas_.size());
-  thetas_.insert(thetas_.end(), residual_.deviations().begin(), residual_.deviations().end());
+  first_of_endpoints_ = static_cast<int>(thetas_.size());
+  thetas_.insert(thetas_.end(), observed_.parameters().begin(), observed_.parameters().end());
 }
 
 void population_model::lay_out_effects() {
@@ -100,10 +97,10 @@ void population_model::lay_out_effects() {
       }
     occasion_effect_.push_back(std::move(of_parameter));
   }
-  if (random_effects() > most_effects)
+  if (random_effects() > most_random_effects)
     throw bad_input({.code = "E-MODEL-OMEGA",
                      .message = fmt::format("{} random effects are more than {}", random_effects(),
-                                            most_effects),
+                                            most_random_effects),
                      .remedy = occasions > 0 ? "use fewer effects per occasion, or join occasions"
                                              : "use fewer random effects",
                      .file = file_.path});
@@ -229,11 +226,13 @@ double population_model::direct_change(int subject, int segment, int parameter,
   return change;
 }
 
-void population_model::individual_parameters(int subject, const double* theta, const double* phi,
-                                             double* p) const {
+void population_model::individual_parameters(int subject, const double* theta,
+                                             const Eigen::Ref<const Eigen::MatrixXd>& phi,
+                                             Eigen::MatrixXd& p) const {
   const int count = structural_parameters();
   const int sets = parameter_sets(subject);
-  for (int set = 0; set < sets; ++set, p += count) {
+  p.resize(phi.cols(), count * sets);
+  for (int set = 0; set < sets; ++set) {
     const std::vector<int>* of_occasion = nullptr;
     if (!occasion_effect_.empty()) {
       const int occasion = at(subject).segments[static_cast<std::size_t>(set)].occasion;
@@ -242,33 +241,31 @@ void population_model::individual_parameters(int subject, const double* theta, c
     for (int k = 0; k < count; ++k) {
       const auto at_k = static_cast<std::size_t>(k);
       const fixed_effect& t = thetas_[at_k];
-      double x = t.law == distribution::none ? 0.0 : phi[parameter_effect_[at_k]];
-      if (of_occasion != nullptr && (*of_occasion)[at_k] >= 0) x += phi[(*of_occasion)[at_k]];
-      if (!direct_effects_.empty()) x += direct_change(subject, set, k, theta);
-      switch (t.law) {
-        case distribution::log_normal:
-          p[k] = std::exp(x);
-          break;
-        case distribution::normal:
-          p[k] = x;
-          break;
-        case distribution::logit_normal:
-          p[k] = t.natural(x);
-          break;
-        case distribution::none:
-          p[k] = x == 0.0 ? theta[k] : theta[k] * std::exp(x);
-          break;
+      const int effect = parameter_effect_[at_k];
+      const int kappa = of_occasion == nullptr ? -1 : (*of_occasion)[at_k];
+      const double change = direct_effects_.empty() ? 0.0 : direct_change(subject, set, k, theta);
+      double* const to = p.col(set * count + k).data();
+      for (Eigen::Index j = 0; j < phi.cols(); ++j) {
+        double x = effect < 0 ? 0.0 : phi(effect, j);
+        if (kappa >= 0) x += phi(kappa, j);
+        x += change;
+        switch (t.law) {
+          case distribution::log_normal:
+            to[j] = std::exp(x);
+            break;
+          case distribution::normal:
+            to[j] = x;
+            break;
+          case distribution::logit_normal:
+            to[j] = t.natural(x);
+            break;
+          case distribution::none:
+            to[j] = x == 0.0 ? theta[k] : theta[k] * std::exp(x);
+            break;
+        }
       }
     }
   }
-}
-
-void population_model::predict(int subject, const double* p, double* f) const {
-  const varda::subject& who = at(subject);
-  structure_->predict(who,
-                      {p, static_cast<std::size_t>(structural_parameters()),
-                       static_cast<std::size_t>(parameter_sets(subject))},
-                      {f, who.observations.size()});
 }
 
 }  // namespace varda

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // A model file and its data set made ready for estimation: the order of the fixed effects and the
-// random effects, the columns of the C matrix, individual parameters, and the negative log density
-// of a subject.
+// random effects, the columns of the C matrix, and individual parameters.
 //
 // With phi_i = C_i beta + eta_i the individual parameters are p_i = h(phi_i + direct effects), h by
 // parameter. The vector theta holds, in this order, the typical values (and the parameters without
@@ -61,15 +60,17 @@ class population_model {
   const model_specification& specification() const { return file_; }
   const dataset& data() const { return data_; }
   const structural_model& structure() const { return *structure_; }
-  const residual_model& residual() const { return residual_; }
+  const endpoints& observed() const { return observed_; }
 
   int subjects() const { return static_cast<int>(data_.subjects.size()); }
   int observations(int subject) const { return static_cast<int>(at(subject).observations.size()); }
   int structural_parameters() const { return static_cast<int>(file_.parameters.size()); }
   const std::vector<fixed_effect>& thetas() const { return thetas_; }
   const std::vector<design_column>& columns() const { return columns_; }
-  // Position in theta of the first residual deviation; they are the last entries.
-  int first_deviation() const { return first_deviation_; }
+  // Position in theta of the endpoints' first parameter; they are the last entries.
+  int first_of_endpoints() const { return first_of_endpoints_; }
+  // Position of the one residual deviation that scales all residuals, or -1.
+  int scale_deviation() const { return observed_.has_one_scale() ? first_of_endpoints_ : -1; }
 
   // All random effects, those per subject first.
   int random_effects() const { return static_cast<int>(effects_.size()); }
@@ -101,17 +102,11 @@ class population_model {
   // parameter changes between them, otherwise one.
   int parameter_sets(int subject) const { return sets_[static_cast<std::size_t>(subject)]; }
 
-  // One set after the other, parameter_sets(subject) x structural_parameters() numbers.
-  void individual_parameters(int subject, const double* theta, const double* phi, double* p) const;
-
-  // Predictions of the subject's observations from its sets of individual parameters.
-  void predict(int subject, const double* p, double* f) const;
-
-  // -log p(y_i | predictions f) and the sum of squared scaled residuals; see residual_model.
-  double residual_objective(int subject, const double* f, const double* theta,
-                            double& scaled_squares) const {
-    return residual_.objective(at(subject), f, theta, scaled_squares);
-  }
+  // Individual parameters of the columns of phi (random effects x individuals): parameter k of set
+  // s of individual j at p(j, s * structural_parameters() + k).
+  void individual_parameters(int subject, const double* theta,
+                             const Eigen::Ref<const Eigen::MatrixXd>& phi,
+                             Eigen::MatrixXd& p) const;
 
  private:
   // A coefficient that stands outside the C matrix, with its transformed covariate per subject and
@@ -135,8 +130,8 @@ class population_model {
   dataset data_;
   std::unique_ptr<structural_model> structure_;
   std::vector<fixed_effect> thetas_;
-  int first_deviation_ = 0;
-  residual_model residual_;
+  int first_of_endpoints_ = 0;
+  endpoints observed_;
   std::vector<random_effect> effects_;
   int subject_effects_ = 0;
   std::vector<int> parameter_effect_;  // structural parameter -> its effect per subject, or -1

@@ -147,19 +147,18 @@ enum class start_kind { map, presample };
 // How the likelihood at the estimates is computed: by sampling, or by adaptive Gauss-Hermite
 // quadrature besides.
 enum class likelihood_kind { sampling, agq };
+// How a fit maximises: by Newton steps on the sampled likelihood, or by the EM algorithm.
+enum class method_kind { newton, em };
 enum class standard_error_kind { information, score, sandwich, none };
 
-// Scramblings are drawn one after the other, so that a very large seed would take long to reach.
-inline constexpr int largest_seed = 10000;
-
 inline constexpr int least_samples = 6;
-inline constexpr int most_samples = 1000000;
-inline constexpr int least_presamples = 30;
 
+// settings_table.h has their names, ranges and words.
 struct estimation_settings {
+  method_kind method = method_kind::newton;
   int samples = 300;  // per subject and iteration
   int max_iterations = 500;
-  int seed = 1;  // scramblings drawn and thrown away before the run's own
+  int seed = 1;  // hashed into the address of every subject's points
   point_kind points = point_kind::sobol;
   bool fresh_points = false;  // new points in every iteration instead of common ones
   int scramble = 1;           // 0 none, 1 Owen-type, 2 Faure-Tezuka, 3 both
@@ -171,7 +170,7 @@ struct estimation_settings {
   bool freeze_omega = false;  // during burn-in
   bool run_all = false;       // do all iterations, converged or not
   double tolerance = 5e-4;    // movement that still lies ahead, see docs/model-file.md
-  int replicates = 8;         // scramblings behind the reported likelihood
+  int replicates = 8;         // randomisations behind the reported likelihood
   start_kind start = start_kind::map;
   int presamples = 300;  // points a subject for a start by presampling
   int map_np = 0;        // MAP-NP start-up iterations
@@ -179,10 +178,14 @@ struct estimation_settings {
   standard_error_kind standard_errors = standard_error_kind::information;
   int se_samples = 3000;       // points a subject for standard errors
   int npde_samples = 1000;     // simulations behind the NPDE; 0 leaves them out
-  int likelihood_samples = 0;  // points a subject for it; 0 means `samples`
+  int likelihood_samples = 0;  // points a subject for it; 0: varda chooses
   likelihood_kind likelihood = likelihood_kind::sampling;
   int agq_nodes = 11;  // per random effect
 };
+
+// Those of all occasions counted: the Sobol sequence and the quadrature's grid have no more
+// dimensions.
+inline constexpr int most_random_effects = 40;
 
 struct model_specification {
   std::string path;

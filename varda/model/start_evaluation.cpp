@@ -3,37 +3,38 @@
 
 #include <fmt/format.h>
 
-#include <vector>
+#include "varda/model/density.h"
 
 namespace varda {
 
 start_evaluation evaluate_start(const population_model& model, int subject) {
   const varda::subject& who = model.data().subjects[static_cast<std::size_t>(subject)];
   const Eigen::VectorXd theta = model.start_theta();
-  std::vector<double> mu(static_cast<std::size_t>(model.random_effects()));
-  Eigen::MatrixXd p(model.structural_parameters(), model.parameter_sets(subject));
-  std::vector<double> f(who.observations.size());
+  Eigen::VectorXd mu(model.random_effects());
   model.means(subject, theta.data(), mu.data());
-  model.individual_parameters(subject, theta.data(), mu.data(), p.data());
-  model.predict(subject, p.data(), f.data());
+  const density joint(model);
+  density_workspace scratch(model);
+  Eigen::MatrixXd f;
+  joint.predict(subject, theta.data(), mu, f, scratch);
 
   start_evaluation result;
-  const int k = model.residual().first_failure(who, f.data(), theta.data());
+  const int k = model.observed().first_failure(who, f.data(), theta.data());
   if (k < 0) {
-    double scaled_squares = 0.0;
-    result.minus2_log_density =
-        2.0 * model.residual_objective(subject, f.data(), theta.data(), scaled_squares);
+    Eigen::VectorXd objective;
+    Eigen::VectorXd squares;
+    joint.of_data(subject, theta.data(), f, objective, squares);
+    result.minus2_log_density = 2.0 * objective(0);
     return result;
   }
   const observation& failed = who.observations[static_cast<std::size_t>(k)];
-  const double prediction = f[static_cast<std::size_t>(k)];
-  const std::string why = model.structure().last_failure();
+  const double prediction = f(0, k);
+  const std::string why = scratch.last_failure(model);
   result.failure = finding{
       .code = "E-RUN-START",
       .message =
           fmt::format("the model cannot be evaluated at the start values: prediction {}, "
                       "residual deviation {}{}{}",
-                      prediction, model.residual().deviation(failed, prediction, theta.data()),
+                      prediction, model.observed().deviation(failed, prediction, theta.data()),
                       why.empty() ? "" : "; ", why),
       .remedy =
           "a proportional error needs predictions other than 0 (leave such records out or add "

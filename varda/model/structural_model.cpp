@@ -55,34 +55,18 @@ const models& all_models() {
 
 }  // namespace
 
-std::unique_ptr<structural_model::workspace> structural_model::make_workspace() const {
-  return std::make_unique<workspace>();
-}
-
-// One individual after the other.
-void structural_model::predict(const subject& who, const parameter_block& p,
-                               const prediction_block& f, workspace&) const {
-  std::vector<double> values(p.parameters * p.sets);
-  std::vector<double> predictions(f.observations);
-  for (std::size_t j = 0; j < p.lanes; ++j) {
-    for (std::size_t k = 0; k < values.size(); ++k) values[k] = p.values[k * p.stride + j];
-    predict(who, parameter_path(values.data(), p.parameters, p.sets), predictions);
-    for (std::size_t i = 0; i < f.observations; ++i) f.values[i * f.stride + j] = predictions[i];
+void individual_model::predict(const subject& who, const parameter_block& p,
+                               const prediction_block& f, workspace& scratch) const {
+  const std::size_t size = p.parameters * p.sets;
+  scratch.parameters.resize(size);
+  scratch.predictions.resize(f.observations);
+  for (std::size_t j = 0; j < p.individuals; ++j) {
+    for (std::size_t k = 0; k < size; ++k) scratch.parameters[k] = p.values[k * p.stride + j];
+    predict_individual(who, {scratch.parameters.data(), p.parameters, p.sets}, scratch.predictions,
+                       scratch);
+    for (std::size_t k = 0; k < f.observations; ++k)
+      f.values[k * f.stride + j] = scratch.predictions[k];
   }
-}
-
-std::string structural_model::last_failure(const workspace&) const {
-  return {};
-}
-
-void structural_model::predict(const subject& who, const parameter_path& p,
-                               std::span<double> f) const {
-  if (own_ == nullptr) own_ = make_workspace();
-  predict(who, p.block(), {f.data(), f.size(), 1, 1}, *own_);
-}
-
-std::string structural_model::last_failure() const {
-  return own_ == nullptr ? std::string() : last_failure(*own_);
 }
 
 std::vector<std::string> structural_model_names() {

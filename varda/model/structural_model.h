@@ -13,24 +13,6 @@
 
 namespace varda {
 
-// Parameters of several individuals of a subject, the lanes: parameter k of set s of individual j
-// stands at values[(s * parameters + k) * stride + j].
-struct parameter_block {
-  const double* values = nullptr;
-  std::size_t parameters = 0;
-  std::size_t sets = 1;
-  std::size_t lanes = 1;
-  std::size_t stride = 1;
-};
-
-// Their predictions: of observation i at values[i * stride + j].
-struct prediction_block {
-  double* values = nullptr;
-  std::size_t observations = 0;
-  std::size_t lanes = 1;
-  std::size_t stride = 1;
-};
-
 // An individual's parameters on the natural scale, in the order of parameter_names: one set for
 // each of the subject's segments, or a single one where none of them changes.
 class parameter_path {
@@ -38,7 +20,6 @@ class parameter_path {
   // `values`: parameters x sets, column-major; it must outlive the path.
   parameter_path(const double* values, std::size_t parameters, std::size_t sets)
       : values_(values), parameters_(parameters), sets_(sets) {}
-  parameter_block block() const { return {values_, parameters_, sets_, 1, 1}; }
 
   bool constant() const { return sets_ == 1; }
   std::span<const double> in_segment(int segment) const {
@@ -52,9 +33,34 @@ class parameter_path {
   std::size_t sets_;
 };
 
-// A structural model: what is predicted for a subject's observations given its parameters.
+// Parameters of several individuals of one subject, the individuals contiguous: parameter k of set
+// s of individual j stands at values[(s * parameters + k) * stride + j].
+struct parameter_block {
+  const double* values = nullptr;
+  std::size_t parameters = 0;
+  std::size_t sets = 0;
+  std::size_t individuals = 0;
+  std::size_t stride = 0;
+};
+
+// Their predictions: observation k of individual j at values[k * stride + j].
+struct prediction_block {
+  double* values = nullptr;
+  std::size_t observations = 0;
+  std::size_t stride = 0;
+};
+
+// A structural model: what is predicted for a subject's observations given its parameters. Once it
+// is made and its covariates are located it does not change: any number of threads may predict with
+// it, each with a workspace of its own.
 class structural_model {
  public:
+  // Working storage of one caller.
+  struct workspace {
+    virtual ~workspace() = default;
+    std::vector<double> parameters, predictions;  // of one individual
+  };
+
   virtual ~structural_model() = default;
 
   // The parameters in the order of predict's argument.
@@ -66,8 +72,8 @@ class structural_model {
   virtual bool models_rate(int /*compartment*/) const { return false; }
   virtual bool models_duration(int /*compartment*/) const { return false; }
 
-  // What can be observed, at least one. Endpoint k is output k; a model with a single output
-  // gives it for every endpoint.
+  // What can be observed, at least one. Endpoint k is output k; a model with a single output gives
+  // it for every endpoint.
   virtual int outputs() const { return 1; }
 
   // Covariates that predictions use beyond the parameters, by the names of their columns, and
@@ -75,35 +81,31 @@ class structural_model {
   virtual std::vector<std::string> covariates() const { return {}; }
   virtual void locate_covariates(const std::vector<int>& /*positions*/) {}
 
-  // Working storage of one caller; each thread has its own.
-  struct workspace {
-    workspace() = default;
-    workspace(const workspace&) = delete;
-    workspace& operator=(const workspace&) = delete;
-    virtual ~workspace() = default;
-  };
-  virtual std::unique_ptr<workspace> make_workspace() const;
+  virtual std::unique_ptr<workspace> make_workspace() const {
+    return std::make_unique<workspace>();
+  }
 
-  // The predictions of all individuals of a block; parameters outside the model's domain give
-  // NaN to the individual that has them. An individual's predictions depend on nothing but its
-  // own parameters. Several threads may call it.
+  // Writes the predictions of the observations of `who`. Parameters outside the model's domain give
+  // NaN for their individual, which the engine treats as a failed evaluation. `scratch` comes from
+  // make_workspace of this model. An individual's predictions do not depend on the others.
   virtual void predict(const subject& who, const parameter_block& p, const prediction_block& f,
-                       workspace& scratch) const;
-  // Why the first individual that failed in the last predict with this storage did, as a sentence
-  // without its capital; empty where nothing is known.
-  virtual std::string last_failure(const workspace& scratch) const;
+                       workspace& scratch) const = 0;
 
-  // The same for one individual, with storage of the model's own: one thread at a time.
-  //
-  // Writes the prediction of observation k of `who` into f[k]. Parameters outside the model's
-  // domain give NaN, which the engine treats as a failed evaluation. f has
-  // who.observations.size() entries.
-  virtual void predict(const subject& who, const parameter_path& p, std::span<double> f) const;
-  // Why the last of these gave NaN.
-  std::string last_failure() const;
+  // Why the last predict with this workspace gave NaN, as a sentence without its capital; empty
+  // where nothing is known.
+  virtual std::string last_failure(const workspace& /*scratch*/) const { return {}; }
+};
 
- private:
-  mutable std::unique_ptr<workspace> own_;
+// A structural model that is written for one individual at a time.
+class individual_model : public structural_model {
+ public:
+  void predict(const subject& who, const parameter_block& p, const prediction_block& f,
+               workspace& scratch) const final;
+
+ protected:
+  // As predict, for one individual: f[k] of observation k of `who`.
+  virtual void predict_individual(const subject& who, const parameter_path& p, std::span<double> f,
+                                  workspace& scratch) const = 0;
 };
 
 // The names of the library, and those under which a file brings its own equations.

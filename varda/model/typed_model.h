@@ -42,14 +42,9 @@ class typed_path {
 };
 
 template <class Parameters>
-class typed_model : public structural_model {
+class typed_model : public individual_model {
  public:
   const std::vector<std::string>& parameter_names() const final { return names_; }
-
-  using structural_model::predict;
-  void predict(const subject& who, const parameter_path& p, std::span<double> f) const final {
-    predict_typed(who, {named_, p}, f);
-  }
 
  protected:
   // The parameters in the order in which they are handed over.
@@ -57,7 +52,12 @@ class typed_model : public structural_model {
     for (const auto& parameter : named_) names_.push_back(parameter.name);
   }
 
-  // As structural_model::predict.
+  void predict_individual(const subject& who, const parameter_path& p, std::span<double> f,
+                          structural_model::workspace& /*scratch*/) const final {
+    predict_typed(who, {named_, p}, f);
+  }
+
+  // Writes the prediction of observation k of `who` into f[k]. Called from several threads.
   virtual void predict_typed(const subject& who, const typed_path<Parameters>& p,
                              std::span<double> f) const = 0;
 

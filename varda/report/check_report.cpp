@@ -53,11 +53,11 @@ void write_data(sink out, const model_specification& model, const dataset& data)
         data.covariate_varies[k] ? "changes within subjects" : "is constant in every subject");
 }
 
-void write_start(sink out, const dataset& data, const std::vector<start_evaluation>& start) {
+void write_start(sink out, const dataset& data, const check_result& result) {
   fmt::format_to(out,
                  "\nFirst evaluation: start values, all random effects 0\n{:<20} {:>12} {:>18}\n",
                  "  subject", "observations", "-2 log density");
-  double sum = 0.0;
+  const std::vector<start_evaluation>& start = result.start;
   bool whole = true;
   for (std::size_t i = 0; i < start.size(); ++i) {
     const subject& who = data.subjects[i];
@@ -67,9 +67,10 @@ void write_start(sink out, const dataset& data, const std::vector<start_evaluati
     else
       fmt::format_to(out, "{:>18.4f}\n", start[i].minus2_log_density);
     whole = whole && !start[i].failure;
-    sum += start[i].minus2_log_density;
   }
-  if (whole) fmt::format_to(out, "  {:<18} {:>12} {:>18.4f}\n", "all", data.observations(), sum);
+  if (whole)
+    fmt::format_to(out, "  {:<18} {:>12} {:>18.4f}\n", "all", data.observations(),
+                   result.minus2_log_density);
 }
 
 std::string count_of(std::size_t n, const char* what) {
@@ -88,7 +89,7 @@ std::string check_text(const check_result& result) {
     fmt::format_to(out, "\n");
     write_data(out, *result.model, *result.data);
   }
-  if (!result.start.empty()) write_start(out, *result.data, result.start);
+  if (!result.start.empty()) write_start(out, *result.data, result);
   if (!result.errors.empty() || !result.warnings.empty()) fmt::format_to(out, "\n");
   for (const finding& f : result.errors) fmt::format_to(out, "{}\n", to_text(f));
   for (const finding& f : result.warnings) fmt::format_to(out, "{}\n", to_text(f));

@@ -21,6 +21,7 @@ struct check_result {
   std::optional<model_specification> model;  // where the model file can be read
   std::optional<dataset> data;               // where the data set can be used
   std::vector<start_evaluation> start;       // of every subject, where there is a model to evaluate
+  double minus2_log_density = 0.0;           // of all of them, where none failed
 };
 
 // For people: the data in figures, the first evaluation, what is wrong, the verdict.

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <nlohmann/json.hpp>
 
+#include "varda/model/settings_table.h"
+#include "varda/model/words.h"
 #include "varda/report/check_report.h"
 #include "varda/report/reports.h"
-#include "varda/report/words.h"
 #include "varda/version.h"
 
 namespace varda {
@@ -107,7 +108,7 @@ ordered_json parameters(const population_model& model, const fit_result& result)
     if (t.role == theta_role::residual_deviation) continue;
     ordered_json entry;
     entry["name"] = t.name;
-    entry["estimate"] = t.natural(result.theta(static_cast<Eigen::Index>(k)));
+    entry["estimate"] = result.natural_theta(static_cast<Eigen::Index>(k));
     entry["distribution"] =
         k < model.specification().parameters.size() ? name_of(t.law) : "covariate effect";
     entry["fixed"] = t.fixed;
@@ -125,7 +126,7 @@ ordered_json omega(const population_model& model, const fit_result& result) {
   entry["names"] = names;
   entry["matrix"] = to_json(result.omega);
   entry["estimated"] = to_json(model.omega_mask());
-  entry["shrinkage"] = to_json(result.shrinkage);
+  entry["shrinkage"] = to_json(result.effects.shrinkage);
   entry["condition_number"] = result.omega_condition;
   if (result.what == task::fit) add_errors_of_omega(entry, result);
   return entry;
@@ -133,10 +134,11 @@ ordered_json omega(const population_model& model, const fit_result& result) {
 
 ordered_json residual(const population_model& model, const fit_result& result) {
   ordered_json list = ordered_json::array();
-  for (auto k = static_cast<std::size_t>(model.first_deviation()); k < model.thetas().size(); ++k) {
+  for (auto k = static_cast<std::size_t>(model.first_of_endpoints()); k < model.thetas().size();
+       ++k) {
     ordered_json entry;
     entry["name"] = model.thetas()[k].name;
-    entry["estimate"] = result.theta(static_cast<Eigen::Index>(k));
+    entry["estimate"] = result.natural_theta(static_cast<Eigen::Index>(k));
     entry["fixed"] = model.thetas()[k].fixed;
     entry["at_bound"] = held(result, k);
     if (result.what == task::fit) add_errors_of_theta(entry, result, static_cast<int>(k));
@@ -148,26 +150,24 @@ ordered_json residual(const population_model& model, const fit_result& result) {
 ordered_json subjects(const population_model& model, const fit_result& result) {
   ordered_json list = ordered_json::array();
   for (int i = 0; i < model.subjects(); ++i) {
-    const subject_integral& s = result.likelihood.subjects[static_cast<std::size_t>(i)];
+    const auto at = static_cast<std::size_t>(i);
+    const subject_integral& s = result.likelihood.subjects[at];
     ordered_json entry;
-    entry["id"] = model.data().subjects[static_cast<std::size_t>(i)].id;
+    entry["id"] = model.data().subjects[at].id;
     entry["observations"] = model.observations(i);
-    entry["minus2ll_without_constant"] =
-        without_constant(-2.0 * s.log_likelihood, model.observations(i));
+    entry["minus2ll_without_constant"] = result.objective.subjects[at];
     entry["eta_mean"] = to_json(s.mean);
     entry["eta_cov"] = to_json(s.covariance);
     entry["ess"] = s.effective_samples;
     entry["largest_weight"] = s.largest_weight;
     if (result.quadrature.complete)
-      entry["agq_minus2ll_without_constant"] =
-          without_constant(-2.0 * result.quadrature.log_likelihoods[static_cast<std::size_t>(i)],
-                           model.observations(i));
+      entry["agq_minus2ll_without_constant"] = result.objective.subjects_by_quadrature[at];
     list.push_back(entry);
   }
   return list;
 }
 
-ordered_json quadrature(const population_model& model, const fit_result& result) {
+ordered_json quadrature(const fit_result& result) {
   const quadrature_estimate& q = result.quadrature;
   if (!q.complete) return nullptr;
   ordered_json entry;
@@ -175,40 +175,16 @@ ordered_json quadrature(const population_model& model, const fit_result& result)
   entry["nodes"] = q.nodes;
   entry["points"] = q.points;
   entry["minus2ll"] = q.minus2ll;
-  entry["minus2ll_without_constant"] = without_constant(q.minus2ll, model.data().observations());
-  entry["difference_in_mc_se"] = quadrature_difference(result);
+  entry["minus2ll_without_constant"] = result.objective.by_quadrature;
+  entry["difference_in_mc_se"] = result.objective.difference_in_mc_se;
   return entry;
 }
 
 ordered_json settings(const population_model& model) {
-  const estimation_settings& s = model.specification().estimation;
-  const char* scrambles[] = {"none", "owen", "faure-tezuka", "both"};
   ordered_json entry;
-  entry["samples"] = s.samples;
-  entry["max_iterations"] = s.max_iterations;
-  entry["seed"] = s.seed;
-  entry["sampling"] = s.points == point_kind::sobol ? "sobol" : "random";
-  entry["points"] = s.fresh_points ? "fresh" : "common";
-  entry["scramble"] = scrambles[s.scramble];
-  entry["proposal"] = name_of(s.proposal);
-  entry["t_df"] = s.t_df;
-  entry["acceptance_ratio"] = s.acceptance_ratio;
-  entry["resamples"] = s.resamples;
-  entry["burn_in"] = s.burn_in;
-  entry["freeze_omega_in_burn_in"] = s.freeze_omega;
-  entry["run_all"] = s.run_all;
-  entry["tolerance"] = s.tolerance;
-  entry["start"] = s.start == start_kind::map ? "map" : "presample";
-  entry["presamples"] = s.presamples;
-  entry["map_np"] = s.map_np;
-  entry["map_assist"] = s.map_assist;
-  entry["standard_errors"] = name_of(s.standard_errors);
-  entry["se_samples"] = s.se_samples;
-  entry["npde_samples"] = s.npde_samples;
-  entry["replicates"] = s.replicates;
-  entry["likelihood_samples"] = s.likelihood_samples;
-  entry["likelihood"] = s.likelihood == likelihood_kind::sampling ? "sampling" : "agq";
-  entry["agq_nodes"] = s.agq_nodes;
+  for (const setting& row : every_setting())
+    entry[row.name] = std::visit([](const auto& value) { return ordered_json(value); },
+                                 value_of(row, model.specification().estimation));
   return entry;
 }
 
@@ -268,7 +244,6 @@ ordered_json start_report(const check_result& result) {
 }  // namespace
 
 std::string json_report(const population_model& model, const fit_result& result) {
-  const int observations = model.data().observations();
   ordered_json report;
   report["schema_version"] = json_schema_version;
   report["task"] = result.what == task::fit ? "fit" : "evaluate";
@@ -276,7 +251,7 @@ std::string json_report(const population_model& model, const fit_result& result)
   report["model"] = model.specification().path;
   report["data"] = {{"file", model.data().file},
                     {"subjects", model.subjects()},
-                    {"observations", observations},
+                    {"observations", model.data().observations()},
                     {"doses", model.data().doses()},
                     {"excluded", model.data().excluded}};
   report["converged"] = result.converged;
@@ -289,12 +264,11 @@ std::string json_report(const population_model& model, const fit_result& result)
     return known ? ordered_json(value) : ordered_json();
   };
   report["minus2ll"] = number(result.likelihood.minus2ll);
-  report["minus2ll_without_constant"] =
-      number(without_constant(result.likelihood.minus2ll, observations));
+  report["minus2ll_without_constant"] = number(result.objective.minus2ll);
   report["minus2ll_mc_se"] = number(result.likelihood.mc_se);
   report["minus2ll_replicates"] = result.likelihood.replicates;
   report["likelihood_samples"] = result.likelihood_samples;
-  report["quadrature"] = quadrature(model, result);
+  report["quadrature"] = quadrature(result);
   report["parameters"] = parameters(model, result);
   report["omega"] = omega(model, result);
   report["residual"] = residual(model, result);
@@ -310,6 +284,8 @@ std::string json_report(const population_model& model, const fit_result& result)
                      {"iterations", result.times.iterations},
                      {"likelihood", result.times.likelihood},
                      {"quadrature", result.times.quadrature},
+                     {"standard_errors", result.times.standard_errors},
+                     {"diagnostics", result.times.diagnostics},
                      {"total", result.times.total}};
   return report.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
 }

@@ -4,7 +4,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cmath>
 #include <functional>
 
 #include "varda/report/reports.h"
@@ -36,9 +35,9 @@ struct quantity {
   bool fixed = true;
   std::pair<int, int> first_place{-1, -1};  // in omega, for effects per occasion
 
-  double value(const population_model& model, const Eigen::VectorXd& at_theta,
-               const Eigen::MatrixXd& omega) const {
-    if (theta >= 0) return model.thetas()[static_cast<std::size_t>(theta)].natural(at_theta(theta));
+  // `natural` is theta on the natural scale.
+  double value(const Eigen::VectorXd& natural, const Eigen::MatrixXd& omega) const {
+    if (theta >= 0) return natural(theta);
     return row < 0 ? 1.0 : omega(row, column);
   }
   // Among the estimated quantities of the standard errors, or -1.
@@ -100,16 +99,6 @@ std::string objective(double value) {
   return fmt::format(" {:.17g}\n", value);
 }
 
-// On the scale of the tables, over the estimated quantities. The ratio of the two errors of a
-// quantity is the slope of one scale against the other.
-Eigen::MatrixXd covariance(const standard_errors& errors) {
-  const Eigen::MatrixXd& known = errors.chosen_covariance().covariance;
-  Eigen::VectorXd slope(known.rows());
-  for (Eigen::Index k = 0; k < slope.size(); ++k)
-    slope(k) = errors.chosen()[static_cast<std::size_t>(k)].se / std::sqrt(known(k, k));
-  return slope.asDiagonal() * known * slope.asDiagonal();
-}
-
 std::string matrix_table(const population_model& model, const fit_result& result,
                          const Eigen::MatrixXd& matrix) {
   const std::vector<quantity> all = quantities(model);
@@ -138,7 +127,6 @@ std::string without_blanks(std::string text) {
 
 std::string ext_table(const population_model& model, const fit_result& result) {
   const std::vector<quantity> all = quantities(model);
-  const int observations = model.data().observations();
   std::string table = title(result) + heading("ITERATION");
   for (const quantity& q : all) table += heading(q.label);
   table += " OBJ\n";
@@ -157,15 +145,17 @@ std::string ext_table(const population_model& model, const fit_result& result) {
     table += objective(0.0);
   };
 
-  for (const iteration_record& r : result.iterations)
+  for (std::size_t r = 0; r < result.iterations.size(); ++r) {
+    const natural_iteration& natural = result.natural_iterations[r];
+    const Eigen::MatrixXd& omega = result.iterations[r].omega;
     add(
-        r.iteration, [&](const quantity& q) { return q.value(model, r.theta, r.omega); },
-        without_constant(r.minus2ll, observations));
-  const auto estimate = [&](const quantity& q) {
-    return q.value(model, result.theta, result.omega);
+        result.iterations[r].iteration,
+        [&](const quantity& q) { return q.value(natural.theta, omega); }, natural.minus2ll);
+  }
+  const auto on_the_scale_of = [&](const Eigen::MatrixXd& omega) {
+    return [&](const quantity& q) { return q.value(result.natural_theta, omega); };
   };
-  const double minus2ll = without_constant(result.likelihood.minus2ll, observations);
-  add(estimates_row, estimate, minus2ll);
+  add(estimates_row, on_the_scale_of(result.omega), result.objective.minus2ll);
   const standard_errors& errors = result.errors;
   if (!errors.chosen().empty()) {
     add(
@@ -179,15 +169,7 @@ std::string ext_table(const population_model& model, const fit_result& result) {
     add_figures(condition_row, Eigen::Vector3d(errors.condition_number, errors.eigenvalues(0),
                                                errors.eigenvalues(errors.eigenvalues.size() - 1)));
   }
-  add(
-      deviations_row,
-      [&](const quantity& q) {
-        const double value = estimate(q);
-        if (q.row < 0) return value;
-        if (q.row == q.column) return std::sqrt(value);
-        return value / std::sqrt(result.omega(q.row, q.row) * result.omega(q.column, q.column));
-      },
-      0.0);
+  add(deviations_row, on_the_scale_of(result.effects.correlations), 0.0);
   add(
       fixed_row, [](const quantity& q) { return q.fixed ? 1.0 : 0.0; }, 0.0);
   return table;
@@ -201,22 +183,20 @@ std::string phi_table(const population_model& model, const fit_result& result) {
     for (int j = 1; j <= i; ++j) table += heading(fmt::format("PHC({},{})", i, j));
   table += " OBJ\n";
   if (!result.likelihood.complete) return table;
-  Eigen::VectorXd mu(effects);
   for (int i = 0; i < model.subjects(); ++i) {
-    const subject_integral& s = result.likelihood.subjects[static_cast<std::size_t>(i)];
-    const std::string& id = model.data().subjects[static_cast<std::size_t>(i)].id;
-    model.means(i, result.theta.data(), mu.data());
-    table += fmt::format(" {:>12} {:>12}", i + 1, without_blanks(id));
-    for (int e = 0; e < effects; ++e) table += field(mu(e) + s.mean(e));
+    const auto at = static_cast<std::size_t>(i);
+    const Eigen::MatrixXd& covariance = result.likelihood.subjects[at].covariance;
+    table += fmt::format(" {:>12} {:>12}", i + 1, without_blanks(model.data().subjects[at].id));
+    for (const double phi : result.predictions[at].phi) table += field(phi);
     for (int r = 0; r < effects; ++r)
-      for (int c = 0; c <= r; ++c) table += field(s.covariance(r, c));
-    table += objective(without_constant(-2.0 * s.log_likelihood, model.observations(i)));
+      for (int c = 0; c <= r; ++c) table += field(covariance(r, c));
+    table += objective(result.objective.subjects[at]);
   }
   return table;
 }
 
 std::string cov_table(const population_model& model, const fit_result& result) {
-  return matrix_table(model, result, covariance(result.errors));
+  return matrix_table(model, result, result.natural_covariance);
 }
 
 std::string cor_table(const population_model& model, const fit_result& result) {

@@ -4,8 +4,11 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <optional>
+#include <string>
 
 namespace varda {
 
@@ -15,13 +18,57 @@ constexpr int bar_width = 30;
 constexpr int line_every = 10;  // iterations
 constexpr auto redraw_every = std::chrono::milliseconds(100);
 
-void draw_bar(const iteration_record& at, int most, const char* title) {
-  const int filled = bar_width * at.iteration / most;
-  fmt::print(stderr, "\r{} [{:<{}}] {} (at most {})  -2LL {:.4f} ", title,
-             std::string(static_cast<std::size_t>(filled), '#'), bar_width, at.iteration, most,
-             at.minus2ll);
-  std::fflush(stderr);
+const char* title_of(run_stage stage) {
+  switch (stage) {
+    case run_stage::iterations:
+      return "iteration";
+    case run_stage::pilot_passes:
+      return "pilot pass";
+    case run_stage::quadrature:
+      return "quadrature, subject";
+    case run_stage::standard_errors:
+      return "standard errors, subject";
+    case run_stage::npde:
+      return "NPDE, subject";
+  }
+  return "";
 }
+
+bool is_by_subject(run_stage stage) {
+  return stage != run_stage::iterations && stage != run_stage::pilot_passes;
+}
+
+std::string objective(const run_progress& at) {
+  return at.minus2ll ? fmt::format("  -2LL {:.4f}", *at.minus2ll) : "";
+}
+
+// Subjects may be many: a tenth of them is worth a line.
+void print_line(const run_progress& at) {
+  const int every = is_by_subject(at.stage) ? std::max(line_every, at.of / 10) : line_every;
+  if (at.step != 1 && at.step % every != 0) return;
+  fmt::print(stderr, "{} {:>4}{}\n", title_of(at.stage), at.step, objective(at));
+}
+
+// One line for each stage.
+class bar {
+ public:
+  void draw(const run_progress& at) {
+    const auto now = std::chrono::steady_clock::now();
+    if (at.step > 1 && now - drawn_ < redraw_every) return;
+    if (stage_ && *stage_ != at.stage) fmt::print(stderr, "\n");
+    stage_ = at.stage;
+    drawn_ = now;
+    const int filled = bar_width * at.step / at.of;
+    fmt::print(stderr, "\r{} [{:<{}}] {} ({} {}){} ", title_of(at.stage),
+               std::string(static_cast<std::size_t>(filled), '#'), bar_width, at.step,
+               is_by_subject(at.stage) ? "of" : "at most", at.of, objective(at));
+    std::fflush(stderr);
+  }
+
+ private:
+  std::optional<run_stage> stage_;
+  std::chrono::steady_clock::time_point drawn_;
+};
 
 }  // namespace
 
@@ -29,20 +76,16 @@ progress_style progress_style_of_error_stream() {
   return ::isatty(STDERR_FILENO) == 1 ? progress_style::bar : progress_style::lines;
 }
 
-progress_listener make_progress(progress_style style, const char* title) {
-  if (style == progress_style::quiet) return [](const iteration_record&, int) {};
-  if (style == progress_style::lines)
-    return [title](const iteration_record& at, int) {
-      if (at.iteration == 1 || at.iteration % line_every == 0)
-        fmt::print(stderr, "{} {:>4}  -2LL {:.4f}\n", title, at.iteration, at.minus2ll);
-    };
-  return [title, drawn = std::chrono::steady_clock::time_point()](const iteration_record& at,
-                                                                  int most) mutable {
-    const auto now = std::chrono::steady_clock::now();
-    if (at.iteration > 1 && now - drawn < redraw_every) return;
-    drawn = now;
-    draw_bar(at, most, title);
-  };
+progress_listener make_progress(progress_style style) {
+  switch (style) {
+    case progress_style::quiet:
+      break;
+    case progress_style::lines:
+      return print_line;
+    case progress_style::bar:
+      return [shown = bar()](const run_progress& at) mutable { shown.draw(at); };
+  }
+  return no_progress;
 }
 
 void finish_progress(progress_style style) {

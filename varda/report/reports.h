@@ -30,14 +30,4 @@ std::string csv_field(const std::string& text);
 // Page one, for people.
 std::string summary(const population_model& model, const fit_result& result);
 
-// -2 log-likelihood without the constant N log(2 pi) of `observations` observations.
-double without_constant(double minus2ll, int observations);
-
-// The quadrature's -2 log-likelihood less the sampled one, in units of the latter's Monte-Carlo
-// error.
-double quadrature_difference(const fit_result& result);
-
-// Coefficient of variation, in per cent, of a log-normal parameter with variance omega2.
-double log_normal_cv(double omega2);
-
 }  // namespace varda

@@ -3,7 +3,6 @@
 
 #include <cmath>
 
-#include "varda/diagnostics/npde.h"
 #include "varda/report/reports.h"
 
 namespace varda {
@@ -19,47 +18,22 @@ int censoring_flag(censoring kind) {
   return kind == censoring::none ? 0 : kind == censoring::right ? -1 : 1;
 }
 
-// Individual parameters (parameters x sets) and predictions at phi.
-struct prediction {
-  prediction(const population_model& model, int subject, const Eigen::VectorXd& theta,
-             const Eigen::VectorXd& phi)
-      : parameters(model.structural_parameters(), model.parameter_sets(subject)),
-        values(model.observations(subject)) {
-    model.individual_parameters(subject, theta.data(), phi.data(), parameters.data());
-    model.predict(subject, parameters.data(), values.data());
-  }
-  Eigen::MatrixXd parameters;
-  Eigen::VectorXd values;
-};
-
 std::string rows_of(const population_model& model, const fit_result& result, int subject) {
-  const varda::subject& who = model.data().subjects[static_cast<std::size_t>(subject)];
-  const estimation_settings& settings = model.specification().estimation;
-  Eigen::VectorXd mu(model.random_effects());
-  model.means(subject, result.theta.data(), mu.data());
-  const prediction typical(model, subject, result.theta, mu);
-  const prediction individual(
-      model, subject, result.theta,
-      mu + result.likelihood.subjects[static_cast<std::size_t>(subject)].mean);
-  const Eigen::VectorXd errors =
-      npde(model, subject, result.theta, result.omega, settings.npde_samples, settings.seed);
-
+  const auto at_subject = static_cast<std::size_t>(subject);
+  const varda::subject& who = model.data().subjects[at_subject];
+  const subject_predictions& p = result.predictions[at_subject];
   std::string rows;
   for (std::size_t k = 0; k < who.observations.size(); ++k) {
     const observation& at = who.observations[k];
     const auto j = static_cast<Eigen::Index>(k);
-    const double f = individual.values(j);
-    const bool seen = at.censored == censoring::none;
     rows += fmt::format("{},{},{},{},{}", csv_field(who.id), at.time, at.value,
                         model.specification().data.endpoints[static_cast<std::size_t>(at.endpoint)],
                         censoring_flag(at.censored));
     rows += at.censored == censoring::interval ? cell(at.limit) : ",";
-    rows += cell(typical.values(j)) + cell(f);
-    rows += seen ? cell(at.value - typical.values(j)) : ",";
-    rows += seen ? cell(model.residual().scaled_residual(at, f, result.theta.data())) : ",";
-    rows += cell(errors(j));
-    const Eigen::Index set = individual.parameters.cols() == 1 ? 0 : at.segment;
-    for (const double p : individual.parameters.col(set)) rows += cell(p);
+    rows += cell(p.population(j)) + cell(p.individual(j));
+    rows += cell(p.residuals(j)) + cell(p.weighted_residuals(j));
+    rows += result.npde.empty() ? "," : cell(result.npde[at_subject](j));
+    for (const double value : p.parameters.col(j)) rows += cell(value);
     rows += "\n";
   }
   return rows;

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <cmath>
 #include <iterator>
 
@@ -37,10 +36,10 @@ void write_quadrature(sink out, const fit_result& result) {
   fmt::format_to(out, "  {:<20} {:14.4f}   {}\n",
                  q.is_laplace() ? "Laplace's method" : "by quadrature", q.minus2ll, grid);
   fmt::format_to(out, "  less the sampled one {:14.4f}   {:.1f} Monte-Carlo errors\n",
-                 q.minus2ll - result.likelihood.minus2ll, quadrature_difference(result));
+                 result.objective.difference, result.objective.difference_in_mc_se);
 }
 
-void write_likelihood(sink out, const population_model& model, const fit_result& result) {
+void write_likelihood(sink out, const fit_result& result) {
   const likelihood_estimate& l = result.likelihood;
   if (!l.complete) {
     fmt::format_to(out, "-2 log-likelihood            not computed\n\n");
@@ -49,8 +48,7 @@ void write_likelihood(sink out, const population_model& model, const fit_result&
   fmt::format_to(out, "-2 log-likelihood      {:14.4f}   Monte-Carlo error {:.4f}\n", l.minus2ll,
                  l.mc_se);
   fmt::format_to(out, "  without N log(2 pi)  {:14.4f}   mean of {} scrambles of {} points\n",
-                 without_constant(l.minus2ll, model.data().observations()), l.replicates.size(),
-                 result.likelihood_samples);
+                 result.objective.minus2ll, l.replicates.size(), result.likelihood_samples);
   write_quadrature(out, result);
   fmt::format_to(out, "\n");
 }
@@ -91,7 +89,7 @@ void write_header(sink out, const char* first, const char* second, const fit_res
 void write_theta(sink out, const population_model& model, const fit_result& result, int theta) {
   const auto k = static_cast<std::size_t>(theta);
   const fixed_effect& t = model.thetas()[k];
-  write_row(out, t.name, t.natural(result.theta(theta)),
+  write_row(out, t.name, result.natural_theta(theta),
             error_columns(result.errors.chosen(), result.errors.place_of_theta(theta)),
             remark(result, t, k));
 }
@@ -101,6 +99,11 @@ void write_fixed_effects(sink out, const population_model& model, const fit_resu
   for (std::size_t k = 0; k < model.thetas().size(); ++k)
     if (model.thetas()[k].role != theta_role::residual_deviation)
       write_theta(out, model, result, static_cast<int>(k));
+}
+
+// What is not known, or has no meaning for a quantity, is a dash.
+std::string per_cent(double share) {
+  return std::isfinite(share) ? fmt::format("{:.1f}", 100.0 * share) : "-";
 }
 
 void write_omega(sink out, const population_model& model, const fit_result& result) {
@@ -116,31 +119,38 @@ void write_omega(sink out, const population_model& model, const fit_result& resu
   for (const omega_element& e : model.omega_elements()) {
     if (!e.is_variance()) continue;
     const int i = e.row();
-    const double variance = result.omega(i, i);
-    const int parameter = model.effects()[static_cast<std::size_t>(i)].parameter;
-    const bool log_normal =
-        model.thetas()[static_cast<std::size_t>(parameter)].law == distribution::log_normal;
-    const std::string cv = log_normal ? fmt::format("{:.1f}", log_normal_cv(variance)) : "-";
-    write_row(out, name_of(e, i), variance, errors(i, i),
-              fmt::format("{:>6}   {:>11.1f}{}", cv, 100.0 * result.shrinkage(i),
-                          e.fixed ? "   fixed" : ""));
+    write_row(out, name_of(e, i), result.omega(i, i), errors(i, i),
+              fmt::format("{:>6}   {:>11}{}", per_cent(result.effects.cv(i)),
+                          per_cent(result.effects.shrinkage(i)), e.fixed ? "   fixed" : ""));
   }
   for (const omega_element& e : model.omega_elements()) {
     if (e.is_variance()) continue;
     const int i = e.row();
     const int j = e.column();
-    const double correlation =
-        result.omega(i, j) / std::sqrt(result.omega(i, i) * result.omega(j, j));
     write_row(out, model.parameter_behind(j) + "," + name_of(e, i), result.omega(i, j),
-              errors(i, j), fmt::format("correlation {:.3f}", correlation));
+              errors(i, j), fmt::format("correlation {:.3f}", result.effects.correlations(i, j)));
   }
 }
 
 void write_residual(sink out, const population_model& model, const fit_result& result) {
   fmt::format_to(out, "\n");
   write_header(out, "Residual error", "deviation", result, "");
-  for (int k = model.first_deviation(); k < static_cast<int>(model.thetas().size()); ++k)
+  for (int k = model.first_of_endpoints(); k < static_cast<int>(model.thetas().size()); ++k)
     write_theta(out, model, result, k);
+}
+
+const char* source_of(standard_error_kind kind) {
+  switch (kind) {
+    case standard_error_kind::information:
+      return "the observed information";
+    case standard_error_kind::score:
+      return "the scores";
+    case standard_error_kind::sandwich:
+      return "the sandwich";
+    case standard_error_kind::none:
+      return "nothing";
+  }
+  return "";
 }
 
 void write_errors(sink out, const fit_result& result) {
@@ -150,9 +160,8 @@ void write_errors(sink out, const fit_result& result) {
     fmt::format_to(out, "\nNo standard errors: {}\n", errors.reason);
     return;
   }
-  const char* kinds[] = {"the observed information", "the scores", "the sandwich"};
   fmt::format_to(out, "\nStandard errors from {}; correlation of the estimates:\n",
-                 kinds[static_cast<int>(errors.shown)]);
+                 source_of(errors.shown));
   for (Eigen::Index i = 0; i < errors.correlation.rows(); ++i) {
     fmt::format_to(out, "  {:<14}", errors.names[static_cast<std::size_t>(i)]);
     for (Eigen::Index j = 0; j <= i; ++j)
@@ -170,32 +179,26 @@ void write_errors(sink out, const fit_result& result) {
 
 void write_quality(sink out, const population_model& model, const fit_result& result) {
   if (!result.likelihood.complete) return;
-  std::vector<double> effective;
-  std::size_t least = 0;
-  std::size_t heaviest = 0;
-  const auto& subjects = result.likelihood.subjects;
-  for (std::size_t i = 0; i < subjects.size(); ++i) {
-    if (model.observations(static_cast<int>(i)) == 0) continue;
-    effective.push_back(subjects[i].effective_samples);
-    if (subjects[i].effective_samples < subjects[least].effective_samples ||
-        model.observations(static_cast<int>(least)) == 0)
-      least = i;
-    if (subjects[i].largest_weight > subjects[heaviest].largest_weight) heaviest = i;
-  }
-  std::nth_element(effective.begin(),
-                   effective.begin() + static_cast<std::ptrdiff_t>(effective.size() / 2),
-                   effective.end());
-  const auto& id = [&](std::size_t i) { return model.data().subjects[i].id; };
+  const sampler_health& sampler = result.sampler;
+  const auto id = [&](int i) { return model.data().subjects[static_cast<std::size_t>(i)].id; };
   fmt::format_to(out,
                  "\nSampling: of {} points a subject {:.0f} are effective (median), {:.0f} at the "
                  "least (subject {});\nthe largest weight is {:.2f} % of the total (subject {})",
-                 result.likelihood_samples, effective[effective.size() / 2],
-                 subjects[least].effective_samples, id(least),
-                 100.0 * subjects[heaviest].largest_weight, id(heaviest));
+                 result.likelihood_samples, sampler.median_effective, sampler.least_effective,
+                 id(sampler.least_effective_subject), 100.0 * sampler.largest_weight,
+                 id(sampler.largest_weight_subject));
   if (result.kept_factors > 0)
     fmt::format_to(out, "; {} times a proposal could not follow its subject", result.kept_factors);
   fmt::format_to(out, ".\nCondition number of omega (as a correlation matrix): {:.4g}\n",
                  result.omega_condition);
+}
+
+void write_times(sink out, const timings& t) {
+  fmt::format_to(out,
+                 "\nTime: start {:.3f} s, iterations {:.3f} s, likelihood {:.3f} s, quadrature "
+                 "{:.3f} s, standard errors {:.3f} s, diagnostics {:.3f} s, total {:.3f} s\n",
+                 t.start, t.iterations, t.likelihood, t.quadrature, t.standard_errors,
+                 t.diagnostics, t.total);
 }
 
 }  // namespace
@@ -211,18 +214,14 @@ std::string summary(const population_model& model, const fit_result& result) {
   fmt::format_to(out, "{} subjects, {} observations, {} doses ({})\n\n", model.subjects(),
                  data.observations(), data.doses(), data.file);
   write_verdict(out, result);
-  write_likelihood(out, model, result);
+  write_likelihood(out, result);
   write_fixed_effects(out, model, result);
   write_omega(out, model, result);
   write_residual(out, model, result);
   write_errors(out, result);
   write_quality(out, model, result);
   for (const finding& w : result.warnings) fmt::format_to(out, "\n{}\n", to_text(w));
-  fmt::format_to(out,
-                 "\nTime: start {:.3f} s, iterations {:.3f} s, likelihood {:.3f} s, quadrature "
-                 "{:.3f} s, standard errors {:.3f} s\n",
-                 result.times.start, result.times.iterations, result.times.likelihood,
-                 result.times.quadrature, result.times.standard_errors);
+  write_times(out, result.times);
   return text;
 }
 

@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <fmt/format.h>
 
-#include <cmath>
-#include <numbers>
-
 #include "varda/report/reports.h"
 
 namespace varda {
@@ -13,18 +10,6 @@ std::string csv_field(const std::string& text) {
   std::string quoted = "\"";
   for (const char c : text) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
   return quoted + "\"";
-}
-
-double without_constant(double minus2ll, int observations) {
-  return minus2ll - observations * std::log(2.0 * std::numbers::pi);
-}
-
-double quadrature_difference(const fit_result& result) {
-  return (result.quadrature.minus2ll - result.likelihood.minus2ll) / result.likelihood.mc_se;
-}
-
-double log_normal_cv(double omega2) {
-  return 100.0 * std::sqrt(std::expm1(omega2));
 }
 
 std::string estimates_csv(const population_model& model, const fit_result& result) {
@@ -41,7 +26,7 @@ std::string estimates_csv(const population_model& model, const fit_result& resul
   };
   for (std::size_t k = 0; k < model.thetas().size(); ++k) {
     const fixed_effect& t = model.thetas()[k];
-    add(t.name, t.natural(result.theta(static_cast<Eigen::Index>(k))), t.fixed,
+    add(t.name, result.natural_theta(static_cast<Eigen::Index>(k)), t.fixed,
         errors.place_of_theta(static_cast<int>(k)));
   }
   for (const omega_element& e : model.omega_elements())
@@ -55,12 +40,11 @@ std::string iterations_csv(const population_model& model, const fit_result& resu
   for (const fixed_effect& t : model.thetas()) table += "," + csv_field(t.name);
   for (const omega_element& e : model.omega_elements()) table += "," + csv_field(e.name);
   table += "\n";
-  for (const iteration_record& record : result.iterations) {
-    table += fmt::format("{},{},{}", record.iteration, record.minus2ll,
-                         without_constant(record.minus2ll, model.data().observations()));
-    for (std::size_t k = 0; k < model.thetas().size(); ++k)
-      table +=
-          fmt::format(",{}", model.thetas()[k].natural(record.theta(static_cast<Eigen::Index>(k))));
+  for (std::size_t r = 0; r < result.iterations.size(); ++r) {
+    const iteration_record& record = result.iterations[r];
+    const natural_iteration& natural = result.natural_iterations[r];
+    table += fmt::format("{},{},{}", record.iteration, record.minus2ll, natural.minus2ll);
+    for (const double value : natural.theta) table += fmt::format(",{}", value);
     for (const omega_element& e : model.omega_elements())
       table += fmt::format(",{}", record.omega(e.row(), e.column()));
     table += "\n";
@@ -80,19 +64,16 @@ std::string subjects_csv(const population_model& model, const fit_result& result
   table += "\n";
   if (!result.likelihood.complete) return table;
   for (int i = 0; i < model.subjects(); ++i) {
-    const subject_integral& s = result.likelihood.subjects[static_cast<std::size_t>(i)];
-    table += fmt::format(
-        "{},{},{},{},{}", csv_field(model.data().subjects[static_cast<std::size_t>(i)].id),
-        model.observations(i), without_constant(-2.0 * s.log_likelihood, model.observations(i)),
-        s.effective_samples, s.largest_weight);
+    const auto at = static_cast<std::size_t>(i);
+    const subject_integral& s = result.likelihood.subjects[at];
+    table += fmt::format("{},{},{},{},{}", csv_field(model.data().subjects[at].id),
+                         model.observations(i), result.objective.subjects[at], s.effective_samples,
+                         s.largest_weight);
     for (int e = 0; e < effects; ++e) table += fmt::format(",{}", s.mean(e));
     for (int r = 0; r < effects; ++r)
       for (int c = 0; c <= r; ++c) table += fmt::format(",{}", s.covariance(r, c));
     if (result.quadrature.complete)
-      table += fmt::format(
-          ",{}",
-          without_constant(-2.0 * result.quadrature.log_likelihoods[static_cast<std::size_t>(i)],
-                           model.observations(i)));
+      table += fmt::format(",{}", result.objective.subjects_by_quadrature[at]);
     table += "\n";
   }
   return table;

@@ -8,25 +8,16 @@
 #include <chrono>
 #include <cmath>
 
-#include "statsubs/state/global_variables.h"
-#include "statsubs/stderr/eigencor.h"
-#include "varda/host/integration.h"
-#include "varda/host/map_np.h"
-#include "varda/host/points.h"
-#include "varda/host/proposals.h"
-#include "varda/inference/likelihood.h"
-#include "varda/inference/singularity.h"
+#include "varda/diagnostics/random_effects.h"
+#include "varda/inference/e_step.h"
 #include "varda/method/em/em.h"
+#include "varda/method/em/map_np_steps.h"
+#include "varda/method/newton/report.h"
+#include "varda/run/diagnose.h"
 
 namespace varda {
 
-namespace gv = statsubs::global_variables;
-
 namespace {
-
-// Pilot passes of an evaluation: the moments have settled when the objective has.
-constexpr int most_pilot_passes = 10;
-constexpr double pilot_tolerance = 0.01;
 
 class stopwatch {
  public:
@@ -51,45 +42,15 @@ int likelihood_samples(const estimation_settings& settings, task what) {
                   least_samples);
 }
 
-// The most that any pass of a fit takes.
-int points_of_a_fit(const estimation_settings& s) {
-  return std::max({singularity_watch::trial_passes * singularity_watch::trial_samples(s.samples),
-                   s.start == start_kind::presample ? s.presamples : 0,
-                   likelihood_samples(s, task::fit), s.se_samples});
-}
-
-// Over the subjects that have the effect; effects per occasion count together.
-Eigen::VectorXd shrinkage(const engine_host& host, const likelihood_estimate& found) {
-  const population_model& model = host.model();
-  Eigen::VectorXd result(model.random_effects());
-  for (const omega_element& e : model.omega_elements()) {
-    if (!e.is_variance()) continue;
-    double squares = 0.0;
-    double count = 0.0;
-    for (const auto& [effect, same] : e.places)
-      for (int i = 0; i < static_cast<int>(found.subjects.size()); ++i) {
-        if (!model.has_effect(i, effect)) continue;
-        squares += std::pow(found.subjects[static_cast<std::size_t>(i)].mean(effect), 2);
-        count += 1.0;
-      }
-    const double share = std::sqrt(squares / count / host.omega()(e.row(), e.row()));
-    for (const auto& [effect, same] : e.places) result(effect) = 1.0 - share;
-  }
-  return result;
-}
-
-double condition_of(const Eigen::MatrixXd& covariance) {
-  double condition = 0.0;
-  const int n = static_cast<int>(covariance.rows());
-  statsubs::eigencor(covariance.data(), n, n, condition);
-  return condition;
-}
-
 // First proposals at the parameters in force. False when a stop was asked for.
-bool first_proposals(proposals& adaptive, point_source& points) {
-  if (gv::npresample <= 1) return adaptive.from_modes();
-  points.begin_presampling();
-  return adaptive.from_presamples();
+bool propose(engine_host& host, proposals& to) {
+  switch (host.model().specification().estimation.start) {
+    case start_kind::map:
+      return propose_from_modes(host, to);
+    case start_kind::presample:
+      break;
+  }
+  return propose_from_presamples(host, to);
 }
 
 finding odd_curvatures(const population_model& model, const std::vector<int>& subjects) {
@@ -108,13 +69,7 @@ void integrate_besides(engine_host& host, const progress_listener& progress, fit
   const estimation_settings& settings = host.model().specification().estimation;
   if (settings.likelihood != likelihood_kind::agq || !result.likelihood.complete) return;
   stopwatch watch;
-  iteration_record at;
-  result.quadrature =
-      integrate_by_quadrature(host, settings.agq_nodes, [&](int subjects, double minus2ll) {
-        at.iteration = subjects;
-        at.minus2ll = minus2ll;
-        progress(at, host.model().subjects());
-      });
+  result.quadrature = integrate_by_quadrature(host, settings.agq_nodes, progress);
   result.times.quadrature = watch.lap();
   if (!result.quadrature.placed_by_omega.empty())
     result.warnings.push_back(odd_curvatures(host.model(), result.quadrature.placed_by_omega));
@@ -123,109 +78,279 @@ void integrate_besides(engine_host& host, const progress_listener& progress, fit
   result.reason = stop_reason;
 }
 
-// What fit and evaluate have in common: the likelihood at the parameters in force and all that
-// follows from it.
-void conclude(engine_host& host, const proposals& frozen, point_source& points,
-              const progress_listener& quadrature_progress, fit_result& result) {
-  stopwatch watch;
+void take_estimates(const engine_host& host, fit_result& result) {
   result.theta = host.theta();
   result.omega = host.omega();
-  result.kept_factors = frozen.kept_factors();
+  result.omega_condition = condition_of_correlations(result.omega);
   result.processes = host.peers().size();
+}
+
+void note_stop(fit_result& result) {
+  result.converged = false;
+  result.reason = stop_reason;
+}
+
+// The likelihood at the parameters in force from proposals that rest, and the quadrature beside it.
+void conclude(engine_host& host, const proposals& frozen, const progress_listener& progress,
+              fit_result& result) {
+  stopwatch watch;
+  take_estimates(host, result);
+  result.kept_factors = frozen.kept_factors();
   result.likelihood_samples =
       likelihood_samples(host.model().specification().estimation, result.what);
-  result.likelihood = estimate_likelihood(host, frozen, points, result.likelihood_samples,
+  result.likelihood = estimate_likelihood(host, frozen, result.likelihood_samples,
                                           host.model().specification().estimation.replicates);
-  if (!result.likelihood.complete) {
-    result.converged = false;
-    result.reason = stop_reason;
-  }
-  result.shrinkage = shrinkage(host, result.likelihood);
-  result.omega_condition = condition_of(result.omega);
+  if (!result.likelihood.complete) note_stop(result);
   result.times.likelihood = watch.lap();
-  integrate_besides(host, quadrature_progress, result);
+  integrate_besides(host, progress, result);
+}
+
+void finish(const engine_host& host, const progress_listener& progress, fit_result& result) {
+  stopwatch watch;
   result.evaluations = host.evaluations();
+  diagnose(host.model(), host.peers(), progress, result);
+  result.times.diagnostics = watch.lap();
 }
 
 }  // namespace
 
 void check_fit(const population_model& model) {
   check_grid(model);
-  check_points(model, points_of_a_fit(model.specification().estimation));
 }
 
-fit_result fit(engine_host& host, const progress_listener& progress,
-               const progress_listener& quadrature_progress) {
+namespace {
+
+// Steps until the method has ended. False when a stop was asked for.
+bool take_steps(const estimation_method& method, int most, const progress_listener& progress,
+                run_state& state) {
+  while (!state.ended) {
+    if (!method.step(state)) return false;
+    const iteration_record& last = state.records.back();
+    progress({.stage = run_stage::iterations,
+              .step = last.iteration,
+              .of = most,
+              .minus2ll = last.minus2ll});
+  }
+  return true;
+}
+
+void take_conclusion(const estimation_method& method, const run_state& state, bool went_through,
+                     fit_result& result) {
+  const method_conclusion end = method.conclude(state);
+  result.iterations = state.records;
+  result.converged = went_through && end.converged;
+  result.reason = went_through ? end.reason : stop_reason;
+  result.singular = end.singular;
+  result.held_by_bounds = end.held_by_bounds;
+  if (!end.indistinct.empty())
+    result.warnings.push_back(
+        {.level = severity::warning,
+         .code = "W-RUN-INDISTINCT",
+         .message = fmt::format("the data do not tell {} from 0", fmt::join(end.indistinct, ", ")),
+         .remedy = "read its estimate and standard error with care, or leave the random effect "
+                   "out"});
+}
+
+bool wants_errors(const fit_result& result, const estimation_settings& settings) {
+  return settings.standard_errors != standard_error_kind::none && result.likelihood.complete;
+}
+
+void keep_errors(standard_errors&& errors, fit_result& result) {
+  result.errors = std::move(errors);
+  result.warnings.insert(result.warnings.end(), result.errors.warnings.begin(),
+                         result.errors.warnings.end());
+}
+
+// Randomisations of the report take so many points a subject at first and at most, until the error
+// of -2 log-likelihood is as small as this for up to so many subjects, and in proportion to the
+// square root of their number beyond.
+constexpr int first_report_samples = 512;
+constexpr int most_report_samples = 4096;
+constexpr double error_goal = 0.1;
+constexpr double subjects_of_goal = 200.0;
+// The report's points, none of which a fit has used, must not promise more than this.
+constexpr double most_gain_at_report = 0.05;
+
+double likelihood_goal(const population_model& model) {
+  return error_goal * std::sqrt(std::max(1.0, model.subjects() / subjects_of_goal));
+}
+
+// The likelihood from points that nothing was tuned on, as many as its error needs.
+newton_report report_likelihood(engine_host& host, const newton_method& method, run_state& state,
+                                fit_result& result) {
   const estimation_settings& settings = host.model().specification().estimation;
-  fit_result result;
-  result.what = task::fit;
+  const bool automatic = settings.likelihood_samples == 0;
+  int samples = automatic ? first_report_samples : settings.likelihood_samples;
+  if (automatic && result.what == task::evaluate) samples = std::max(samples, settings.samples);
+  const double goal = likelihood_goal(host.model());
+  newton_report report = report_at(host, method, state, settings.replicates, samples);
+  while (automatic && report.likelihood.complete && report.likelihood.mc_se > goal &&
+         2 * samples <= most_report_samples) {
+    samples *= 2;
+    report = report_at(host, method, state, settings.replicates, samples);
+  }
+  result.likelihood = report.likelihood;
+  result.likelihood_samples = samples;
+  if (report.likelihood.complete && report.likelihood.mc_se > goal)
+    result.warnings.push_back(
+        {.level = severity::warning,
+         .code = "W-RUN-LIKELIHOOD",
+         .message =
+             fmt::format("the Monte Carlo error of -2 log-likelihood, {:.2g}, is above {:.2g}",
+                         report.likelihood.mc_se, goal),
+         .remedy = fmt::format("set estimation.likelihood_samples to about {:.0f}",
+                               samples * std::ceil(std::pow(report.likelihood.mc_se / goal, 2)))});
+  return report;
+}
+
+std::vector<std::string> ids_of(const population_model& model, const std::vector<int>& subjects) {
+  std::vector<std::string> ids;
+  for (const int i : subjects) ids.push_back(model.data().subjects[static_cast<std::size_t>(i)].id);
+  return ids;
+}
+
+// No verdict stands on subjects that are badly sampled.
+void judge_health(const population_model& model, const newton_report& report, fit_result& result) {
+  if (!result.converged || report.sick.empty()) return;
+  result.converged = false;
+  result.reason = fmt::format("poorly sampled: {}; {}", fmt::join(ids_of(model, report.sick), ", "),
+                              result.reason);
+}
+
+void judge_gain(const newton_report& report, fit_result& result) {
+  if (!result.converged || report.gain - report.noise <= most_gain_at_report) return;
+  result.converged = false;
+  result.reason = fmt::format(
+      "points that the fit has not used see {:.2g} still ahead in -2 log-likelihood; {}",
+      report.gain - report.noise, result.reason);
+}
+
+// The verdict of another method is held to the same test.
+void judge_by_fresh_points(engine_host& host, fit_result& result) {
+  const newton_method method(host);
+  run_state state;
+  method.begin(state);
+  if (!method.settle(state)) return note_stop(result);
+  const newton_report report =
+      report_at(host, method, state, host.model().specification().estimation.replicates,
+                first_report_samples);
+  if (!report.likelihood.complete) return;
+  judge_health(host.model(), report, result);
+  judge_gain(report, result);
+}
+
+// An evaluation is sound where every subject is well sampled and the likelihood known well enough.
+void judge_evaluation(const population_model& model, const newton_report& report,
+                      fit_result& result) {
+  const std::vector<std::string> sick = ids_of(model, report.sick);
+  const double goal = likelihood_goal(model);
+  result.converged = result.likelihood.complete && sick.empty() && result.likelihood.mc_se <= goal;
+  if (!result.likelihood.complete)
+    result.reason =
+        engine_host::stopped() ? stop_reason : "the likelihood of a subject is not finite";
+  else if (!sick.empty())
+    result.reason = fmt::format("poorly sampled: {}", fmt::join(sick, ", "));
+  else
+    result.reason =
+        fmt::format("every subject is well sampled; Monte Carlo error {:.2g}, goal {:.2g}",
+                    result.likelihood.mc_se, goal);
+}
+
+void fit_by_em(engine_host& host, const progress_listener& progress, fit_result& result) {
+  const estimation_settings& settings = host.model().specification().estimation;
   stopwatch watch;
-
-  point_source points(host, points_of_a_fit(settings));
-  bool started = gv::ngetmapnp <= 0 || map_np_start(host);
-  proposals adaptive(host);
-  started = started && first_proposals(adaptive, points);
+  const em_method method(host);
+  run_state state;
+  bool going = settings.map_np <= 0 || start_by_map_np(host);
+  state.adaptive = proposals(host.model(), host.omega());
+  going = going && propose(host, state.adaptive);
+  method.begin(state);
   result.times.start = watch.lap();
-
-  em_iterations iterations(host, points, adaptive, progress);
-  if (started) iterations.run();
+  going = going && take_steps(method, settings.max_iterations, progress, state);
   result.times.iterations = watch.lap();
-  result.iterations = std::move(iterations.records());
-  result.converged = started && iterations.converged();
-  result.reason = started ? iterations.reason() : stop_reason;
-  result.singular = iterations.singular();
-  result.held_by_bounds = iterations.held_by_bounds();
-  conclude(host, adaptive, points, quadrature_progress, result);
+  take_conclusion(method, state, going, result);
+  conclude(host, state.adaptive, progress, result);
+  if (result.converged) judge_by_fresh_points(host, result);
   if (!result.singular.empty()) {
     result.errors.shown = settings.standard_errors;
     result.errors.reason = "omega is becoming singular";
-  } else if (settings.standard_errors != standard_error_kind::none && result.likelihood.complete) {
+  } else if (wants_errors(result, settings)) {
     watch.lap();
-    result.errors = estimate_standard_errors(host, adaptive, points);
-    result.warnings.insert(result.warnings.end(), result.errors.warnings.begin(),
-                           result.errors.warnings.end());
+    keep_errors(estimate_standard_errors(host, state.adaptive, progress), result);
     result.times.standard_errors = watch.lap();
   }
-  result.evaluations = host.evaluations();
+}
+
+void fit_by_newton(engine_host& host, const progress_listener& progress, fit_result& result) {
+  const estimation_settings& settings = host.model().specification().estimation;
+  stopwatch watch;
+  const newton_method method(host);
+  run_state state;
+  bool going = settings.map_np <= 0 || start_by_map_np(host);
+  method.begin(state);
+  if (going && !state.ended) going = method.step(state);
+  result.times.start = watch.lap();
+  going = going && take_steps(method, settings.max_iterations, progress, state);
+  result.times.iterations = watch.lap();
+  take_conclusion(method, state, going, result);
+  take_estimates(host, result);
+
+  const newton_report report = report_likelihood(host, method, state, result);
+  result.times.likelihood = watch.lap();
+  if (!result.likelihood.complete) {
+    if (engine_host::stopped()) return note_stop(result);
+    result.converged = false;
+    result.reason += "; the likelihood of a subject is not finite at the estimates";
+  }
+  judge_health(host.model(), report, result);
+  judge_gain(report, result);
+  integrate_besides(host, progress, result);
+  if (!result.singular.empty()) {
+    result.errors.shown = settings.standard_errors;
+    result.errors.reason = "omega is singular";
+  } else if (wants_errors(result, settings)) {
+    watch.lap();
+    keep_errors(errors_from(host, report.information, report.scores), result);
+    result.times.standard_errors = watch.lap();
+  }
+}
+
+}  // namespace
+
+fit_result fit(engine_host& host, const progress_listener& progress) {
+  fit_result result;
+  result.what = task::fit;
+  switch (host.model().specification().estimation.method) {
+    case method_kind::newton:
+      fit_by_newton(host, progress, result);
+      break;
+    case method_kind::em:
+      fit_by_em(host, progress, result);
+      break;
+  }
+  finish(host, progress, result);
   return result;
 }
 
-fit_result evaluate(engine_host& host, const progress_listener& progress,
-                    const progress_listener& quadrature_progress) {
+fit_result evaluate(engine_host& host, const progress_listener& progress) {
   fit_result result;
   result.what = task::evaluate;
   stopwatch watch;
-
-  const int samples = likelihood_samples(host.model().specification().estimation, task::evaluate);
-  point_source points(host, std::max(samples, gv::npresample));
-  proposals adaptive(host);
-  bool complete = first_proposals(adaptive, points);
-  double last = 0.0;
-  bool settled = false;
-  e_step found;
-  for (int pass = 1; pass <= most_pilot_passes && complete && !settled; ++pass) {
-    points.begin_iteration(pass, samples);
-    integrate(host, adaptive, samples, found);
-    complete = found.complete;
-    if (!complete) break;
-    for (int i = 0; i < host.model().subjects(); ++i) {
-      const subject_integral& s = found.subjects[static_cast<std::size_t>(i)];
-      if (host.model().observations(i) > 0)
-        adaptive.follow(i, s.mean, s.covariance, s.effective_samples);
-    }
-    const double minus2ll = -2.0 * found.log_likelihood;
-    settled = pass > 1 && std::fabs(minus2ll - last) < pilot_tolerance;
-    last = minus2ll;
-    result.iterations.push_back({pass, minus2ll, host.theta(), host.omega()});
-    progress(result.iterations.back(), most_pilot_passes);
-  }
+  const newton_method method(host);
+  run_state state;
+  method.begin(state);
+  const bool going = method.settle(state);
   result.times.start = watch.lap();
-  result.converged = settled;
-  result.reason =
-      settled ? fmt::format("the proposals settled in {} pilot passes", result.iterations.size())
-              : fmt::format("the proposals did not settle in {} pilot passes", most_pilot_passes);
-  if (!complete) result.reason = stop_reason;
-  conclude(host, adaptive, points, quadrature_progress, result);
+  result.iterations = state.records;
+  take_estimates(host, result);
+  result.reason = stop_reason;
+  if (going) {
+    const newton_report report = report_likelihood(host, method, state, result);
+    result.times.likelihood = watch.lap();
+    judge_evaluation(host.model(), report, result);
+    integrate_besides(host, progress, result);
+  }
+  finish(host, progress, result);
   return result;
 }
 

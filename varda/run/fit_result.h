@@ -7,9 +7,14 @@
 #include <string>
 #include <vector>
 
+#include "varda/diagnostics/objective.h"
+#include "varda/diagnostics/predictions.h"
+#include "varda/diagnostics/random_effects.h"
+#include "varda/diagnostics/sampler_health.h"
 #include "varda/inference/likelihood.h"
 #include "varda/inference/quadrature.h"
 #include "varda/inference/standard_errors.h"
+#include "varda/method/run_state.h"
 #include "varda/model/population.h"
 #include "varda/support/finding.h"
 
@@ -17,11 +22,10 @@ namespace varda {
 
 enum class task { fit, evaluate };
 
-struct iteration_record {
-  int iteration = 0;
-  double minus2ll = 0.0;  // at the parameters before the update, every constant included
-  Eigen::VectorXd theta;  // after the update
-  Eigen::MatrixXd omega;
+// An iteration on the scales that a user reads.
+struct natural_iteration {
+  double minus2ll = 0.0;  // without the constant N log(2 pi)
+  Eigen::VectorXd theta;
 };
 
 // Seconds of wall-clock time.
@@ -31,7 +35,8 @@ struct timings {
   double likelihood = 0.0;
   double quadrature = 0.0;
   double standard_errors = 0.0;
-  double total = 0.0;
+  double diagnostics = 0.0;  // predictions, residuals, NPDE
+  double total = 0.0;        // of the run, reading included
 };
 
 struct fit_result {
@@ -50,11 +55,21 @@ struct fit_result {
   likelihood_estimate likelihood;
   int likelihood_samples = 0;
   quadrature_estimate quadrature;
-  standard_errors errors;        // of a fit
-  Eigen::VectorXd shrinkage;     // per random effect: 1 - sqrt(mean of squared means) / omega
   double omega_condition = 0.0;  // of omega scaled to a correlation matrix
+  standard_errors errors;        // of a fit
   int kept_factors = 0;          // proposals that could not follow their subject
   findings warnings;
+
+  // What follows from the above (diagnose.h).
+  Eigen::VectorXd natural_theta;
+  std::vector<natural_iteration> natural_iterations;
+  Eigen::MatrixXd natural_covariance;  // of the estimates; empty without standard errors
+  objective_figures objective;
+  random_effect_figures effects;
+  sampler_health sampler;
+  std::vector<subject_predictions> predictions;  // empty where the likelihood is not known
+  // Of every subject's observations; empty where the likelihood is not known or none were wanted.
+  std::vector<Eigen::VectorXd> npde;
 
   timings times;
   int processes = 1;

@@ -2,7 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <limits>
 #include <string>
 #include <vector>
@@ -11,6 +14,7 @@
 #include "statsubs/sequences/bdsobl.h"
 #include "statsubs/state/global_variables.h"
 #include "statsubs/state/host.h"
+#include "statsubs/support/engine_log.h"
 
 namespace statsubs {
 namespace {
@@ -25,6 +29,10 @@ statsubs_host_table c_table() {
   table.fcnxeta = [](const int* n, const double* eta, double* f) { *f = *n + eta[0]; };
   table.isgoodr8 = [](const double* x) { return *x < 10.0 ? 1 : 0; };
   table.getaccratio = [] { return 0.25; };
+  table.fcnxetas = [](const int* leneta, const int* n, const double*, double* f, double* z) {
+    f[*n - 1] = *leneta;
+    z[0] = 7.0;
+  };
   return table;
 }
 
@@ -44,6 +52,9 @@ TEST_F(CHostDeathTest, ForwardsWhatTheTableNamesAndDefaultsTheRest) {
   EXPECT_EQ(f, 3.5);
   EXPECT_EQ(host::isgoodr8(11.0), 0);
   EXPECT_EQ(host::getaccratio(), 0.25);
+  double objectives[] = {0.0, 0.0}, scores[] = {0.0, 0.0};
+  host::fcnxetas(3, 2, eta, objectives, scores);
+  EXPECT_EQ(objectives[1] + scores[0], 10.0);
   EXPECT_EQ(host::pow(2.0, 3.0), 8.0);
   EXPECT_DEATH(host::getscramble(), "getscramble");
 
@@ -59,6 +70,7 @@ TEST_F(CHost, AcceptsAnOlderTableAndRefusesOneItDoesNotKnow) {
   host::fcnxeta(1, &f, f);
   EXPECT_EQ(f, 1.0);
   EXPECT_EQ(host::isgoodr8(11.0), 1);
+  EXPECT_EQ(installed_host().fcnxetas, nullptr);
 
   const int whole = sizeof table;
   const int word = sizeof(void*);
@@ -109,6 +121,24 @@ TEST(CSharedVariables, BindTheHostsStorage) {
       << "C has no leading dimension";
   for (auto* array : {&gv::etatable, &gv::omega}) array->deallocate();
   gv::fixedeffectnames.deallocate();
+}
+
+TEST(CEngineLog, StandsWhereTheHostWantsIt) {
+  using support::engine_log;
+  std::remove("elsewhere.log");
+  std::remove("vardaengine.log");
+  ASSERT_EQ(statsubs_place_engine_log("elsewhere.log"), STATSUBS_OK);
+  EXPECT_TRUE(engine_log(engine_log::position::rewrite).write("one"));
+  EXPECT_TRUE(engine_log(engine_log::position::append).write("two"));
+  EXPECT_FALSE(std::filesystem::exists("vardaengine.log"));
+  std::ifstream log("elsewhere.log");
+  std::string first, second;
+  EXPECT_TRUE(log >> first >> second);
+  EXPECT_EQ(first + second, "onetwo");
+  statsubs_place_engine_log(nullptr);
+  EXPECT_TRUE(engine_log(engine_log::position::append).write("back"));
+  EXPECT_TRUE(std::filesystem::exists("vardaengine.log"));
+  std::remove("vardaengine.log");
 }
 
 TEST(CRoutines, ReturnWhatTheRoutinesReturnThroughTheLastArgument) {

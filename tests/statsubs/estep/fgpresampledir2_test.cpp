@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
@@ -91,14 +92,32 @@ TEST(Fgpresampledir2, BlendsThePopulationInWhereSamplesAreFewOrSingular) {
   EXPECT_DOUBLE_EQ(gv::wtsumzscore, 1.0 / estep_problem::observations);
 }
 
-TEST(Fgpresampledir2, DoesNothingWhenItIsOffOrStopped) {
+// The points and weights are those of an E-step that proposes the population itself.
+TEST(Fgpresampledir2, DrawsFromTheFamiliesOfTheEStep) {
+  for (const int family : {0, 2, 1, -2, -3, 3, 8}) {
+    presampling_problem problem(3, 1.5, 600);
+    gv::impsampdof = family;
+    std::fill(gv::xmusub.begin(), gv::xmusub.end(), 0.0);
+    std::copy_n(gv::omegalchol.data(), 9, gv::omegacholsub.data());
+    test::start_sobol(3, 0);
+    const test::estep_results expected = test::run_estep(600);
+    test::start_sobol(3, 0);
+    problem.presample();
+    EXPECT_EQ(problem.found, expected.loglik) << family;
+    EXPECT_EQ(gv::xmusubnew(2), expected.mean[1]) << family;
+    EXPECT_EQ(gv::wtsumzscore, expected.wtsumzscore) << family;
+  }
+}
+
+TEST(Fgpresampledir2, SaysWhyThereIsNoResult) {
   for (const int points : {1, 12}) {
     presampling_problem problem(2, 1.0, points);
     gv::xmusubnew(1) = -1.0;
     problem.host.stop = [] { return 1; };
     problem.presample();
     EXPECT_EQ(problem.host.calls.empty(), points == 1);
-    EXPECT_EQ(problem.info, -9);
+    EXPECT_EQ(problem.info, points == 1 ? 2 : 3);
+    EXPECT_TRUE(std::isnan(problem.found));
     EXPECT_EQ(gv::xmusubnew(1), -1.0);
   }
 }

@@ -118,6 +118,23 @@ TEST_F(Lrtheta, EffectsWithoutReferenceLeaveTheMarginalProblem) {
   EXPECT_THAT(run({1, 2, 3}, 0, 2, 2), ElementsAre(near(1.0), near(0.3125)));
 }
 
+// A host that writes what is not zero, of designs that differ from subject to subject, is
+// understood as one that writes all of it.
+TEST_F(Lrtheta, EverySubjectsMatrixStartsAsZero) {
+  const auto design = [](double w) {
+    return std::vector<double>{1, 0, 0, w > 0 ? w : 0, 0, w < 0 ? w : 0, 0, 1, 0, 0, 0, 1};
+  };
+  regress(design);
+  const std::vector<double> whole = run({1, 2, 3}, 0, 4);
+  host.cmatrix = [&](int isub0, double* c) {
+    for (const double entry : design(covariate.at(isub0))) {
+      if (entry != 0.0) *c = entry;
+      ++c;
+    }
+  };
+  EXPECT_EQ(run({1, 2, 3}, 0, 4), whole);
+}
+
 TEST_F(Lrtheta, ASubjectWithoutObservationsCountsForNothing) {
   set_newsub({1, 5, 5, 10, 12});
   const std::vector<double> skipped = run({2, 3, 1});

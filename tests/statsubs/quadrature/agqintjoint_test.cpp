@@ -130,6 +130,7 @@ TEST(Agqintjoint, AStopOrAGridThatIsRefusedLeavesTheResults) {
   problem.host.stop = [&] { return evaluations == 5000 ? 1 : 0; };  // in the second block
   problem.integrate(20);
   EXPECT_EQ(evaluations, 5000);
+  EXPECT_EQ(problem.info, 3);
   EXPECT_EQ(problem.found, -1.0);
   EXPECT_EQ(gv::xmusubnew(1), -1.0);
   EXPECT_EQ(gv::theta(1), 10.0);

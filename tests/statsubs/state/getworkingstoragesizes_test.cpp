@@ -177,6 +177,13 @@ TEST_F(SetUp, ReportsAModelWithoutRandomEffectsAndCarriesOn) {
     EXPECT_EQ(test::engine_log_lines(), engine == 6 ? decltype(report){} : report);
     EXPECT_THAT(said.allocated, ElementsAre(7, 0, 3, 4));
   }
+  test::remove_engine_log();
+  gv::myid = 1;
+  testing::internal::CaptureStderr();
+  set_up(1, 0, 0);
+  gv::myid = 0;
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << "the first process speaks for all";
+  EXPECT_TRUE(test::engine_log_lines().empty());
 }
 
 }  // namespace

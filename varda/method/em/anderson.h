@@ -16,6 +16,7 @@ namespace varda {
 // g(x) - (dX + dF) c, where c minimises |f - dF c|.
 class anderson_acceleration {
  public:
+  anderson_acceleration() = default;
   explicit anderson_acceleration(int memory) : memory_(memory) {}
 
   // The point to go on from, given that the map makes g of x.
@@ -33,12 +34,21 @@ class anderson_acceleration {
   // there are fewer.
   double rate() const;
 
+  template <class A>
+  void visit(A& archive) {
+    archive(memory_, secants_, last_x_, last_f_);
+  }
+
  private:
   struct secant {
     Eigen::VectorXd dx, df;
     bool of_this_map = true;
+    template <class A>
+    void visit(A& archive) {
+      archive(dx, df, of_this_map);
+    }
   };
-  int memory_;
+  int memory_ = 0;
   std::vector<secant> secants_;  // the latest last
   Eigen::VectorXd last_x_, last_f_;
 };

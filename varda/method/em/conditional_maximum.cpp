@@ -18,29 +18,25 @@ constexpr double newton_reach = 0.2;
 
 }  // namespace
 
-conditional_maximum::conditional_maximum(const population_model& model, const e_step& found,
+conditional_maximum::conditional_maximum(const density& joint,
+                                         const std::vector<resampled_points>& drawn,
                                          const Eigen::VectorXd& theta,
                                          const std::vector<int>& positions)
-    : model_(model), positions_(positions), found_(found) {
+    : joint_(joint),
+      scratch_(joint.model()),
+      positions_(positions),
+      drawn_(drawn),
+      predictions_(drawn.size()) {
   for (const int position : positions_)
-    if (model.thetas()[static_cast<std::size_t>(position)].moves_predictions())
+    if (joint.model().thetas()[static_cast<std::size_t>(position)].moves_predictions())
       moving_.push_back(position);
-  for (int i = 0; i < model.subjects(); ++i) {
-    const auto& drawn = found.subjects[static_cast<std::size_t>(i)].resampled;
-    predictions_.emplace_back(model.observations(i), drawn.phi.cols());
-  }
   predict(theta);
 }
 
 void conditional_maximum::predict(const Eigen::VectorXd& theta) {
-  for (int i = 0; i < model_.subjects(); ++i) {
+  for (int i = 0; i < joint_.model().subjects(); ++i) {
     const auto at = static_cast<std::size_t>(i);
-    const Eigen::MatrixXd& phi = found_.subjects[at].resampled.phi;
-    Eigen::VectorXd p(model_.structural_parameters() * model_.parameter_sets(i));
-    for (Eigen::Index point = 0; point < phi.cols(); ++point) {
-      model_.individual_parameters(i, theta.data(), phi.col(point).data(), p.data());
-      model_.predict(i, p.data(), predictions_[at].col(point).data());
-    }
+    joint_.predict(i, theta.data(), drawn_[at].phi, predictions_[at], scratch_);
   }
   predicted_at_ = theta;
 }
@@ -53,20 +49,20 @@ bool conditional_maximum::predictions_hold(const Eigen::VectorXd& theta) const {
 double conditional_maximum::objective(const Eigen::VectorXd& theta) {
   if (!predictions_hold(theta)) predict(theta);
   double total = 0.0;
-  for (int i = 0; i < model_.subjects(); ++i) {
+  Eigen::VectorXd values;
+  Eigen::VectorXd squares;
+  for (int i = 0; i < joint_.model().subjects(); ++i) {
     const auto at = static_cast<std::size_t>(i);
-    const Eigen::VectorXd& weights = found_.subjects[at].resampled.weights;
-    for (Eigen::Index point = 0; point < weights.size(); ++point) {
-      double squares = 0.0;
-      total += weights(point) * model_.residual_objective(i, predictions_[at].col(point).data(),
-                                                          theta.data(), squares);
-    }
+    joint_.of_data(i, theta.data(), predictions_[at], values, squares);
+    const Eigen::VectorXd& weights = drawn_[at].weights;
+    for (Eigen::Index point = 0; point < weights.size(); ++point)
+      total += weights(point) * values(point);
   }
   return total;
 }
 
 std::vector<int> conditional_maximum::move(Eigen::VectorXd& theta) {
-  const theta_search search(model_, theta, positions_);
+  const theta_search search(joint_.model(), theta, positions_);
   const auto value = [&](const Eigen::VectorXd& x) { return objective(search.theta_at(x)); };
   if (!moving_.empty())
     if (const auto step = search.newton_step(value, newton_difference, newton_reach)) {

@@ -4,8 +4,8 @@
 #include <Eigen/Core>
 #include <vector>
 
-#include "varda/host/integration.h"
-#include "varda/model/population.h"
+#include "varda/method/em/resampler.h"
+#include "varda/model/density.h"
 
 namespace varda {
 
@@ -16,9 +16,9 @@ namespace varda {
 // the same limit (K. Lange, J. R. Stat. Soc. B 57 (1995) 425-437).
 class conditional_maximum {
  public:
-  // `found` outlives this. `theta`: the parameters at which its points were drawn. `positions`: the
-  // entries to move.
-  conditional_maximum(const population_model& model, const e_step& found,
+  // `joint` and `drawn`, by subject, outlive this. `theta`: the parameters at which the points were
+  // drawn. `positions`: the entries to move.
+  conditional_maximum(const density& joint, const std::vector<resampled_points>& drawn,
                       const Eigen::VectorXd& theta, const std::vector<int>& positions);
 
   // Moves the entries of theta; returns those that their bounds hold.
@@ -29,11 +29,12 @@ class conditional_maximum {
   void predict(const Eigen::VectorXd& theta);
   bool predictions_hold(const Eigen::VectorXd& theta) const;
 
-  const population_model& model_;
+  const density& joint_;
+  density_workspace scratch_;
   std::vector<int> positions_;
-  std::vector<int> moving_;                   // those that predictions depend on
-  const e_step& found_;                       // whose points these are
-  std::vector<Eigen::MatrixXd> predictions_;  // per subject: observations x points
+  std::vector<int> moving_;  // those that predictions depend on
+  const std::vector<resampled_points>& drawn_;
+  std::vector<Eigen::MatrixXd> predictions_;  // per subject: points x observations
   Eigen::VectorXd predicted_at_;              // theta of the predictions
 };
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "statsubs/mstep/checkflat.h"
 
@@ -20,8 +21,9 @@ constexpr double slowest_rate = 0.995;
 
 }  // namespace
 
-convergence_monitor::convergence_monitor(const iteration_scale& scale, double tolerance, bool noisy)
-    : scale_(scale), tolerance_(tolerance), noisy_(noisy) {}
+convergence_monitor::convergence_monitor(std::vector<std::string> names, double tolerance,
+                                         bool noisy)
+    : names_(std::move(names)), tolerance_(tolerance), noisy_(noisy) {}
 
 void convergence_monitor::add(const Eigen::VectorXd& before, const Eigen::VectorXd& after,
                               double minus2ll, double rate) {
@@ -61,7 +63,7 @@ void convergence_monitor::judge(double rate) {
 
   if (noisy_ && n >= noisy_window) {
     const std::size_t from = n - noisy_window;
-    for (std::size_t k = 0; k < scale_.names().size(); ++k) {
+    for (std::size_t k = 0; k < names_.size(); ++k) {
       std::vector<double> series;
       for (std::size_t t = from; t < n; ++t)
         series.push_back(history_[t](static_cast<Eigen::Index>(k)));
@@ -82,16 +84,16 @@ verdict convergence_monitor::conclusion() const {
   const auto slowest =
       std::max_element(movements_.begin(), quantities,
                        [](const movement& a, const movement& b) { return a.ahead < b.ahead; });
-  const std::string& name = scale_.names()[static_cast<std::size_t>(slowest - movements_.begin())];
+  const std::string& name = names_[static_cast<std::size_t>(slowest - movements_.begin())];
   if (converged())
     return {true, fmt::format("{} for {} iterations: at most {:.2g} still ahead ({}), "
                               "-2 log-likelihood within {:.1g} of its limit",
                               noisy_ ? "no trend" : "at rest", calm_, slowest->ahead, name,
                               movements_.back().ahead)};
   std::string moving;
-  for (std::size_t k = 0; k < scale_.names().size(); ++k)
+  for (std::size_t k = 0; k < names_.size(); ++k)
     if (!movements_[k].at_rest)
-      moving += fmt::format("{}{} ({:.2g} ahead)", moving.empty() ? "" : ", ", scale_.names()[k],
+      moving += fmt::format("{}{} ({:.2g} ahead)", moving.empty() ? "" : ", ", names_[k],
                             movements_[k].ahead);
   if (!movements_.back().at_rest)
     moving += fmt::format("{}-2 log-likelihood ({:.2g} ahead)", moving.empty() ? "" : ", ",

@@ -5,8 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "varda/method/em/iteration_scale.h"
-
 namespace varda {
 
 // The verdict on a series of iterations.
@@ -26,7 +24,9 @@ struct verdict {
 // objective have been at rest for several iterations in a row.
 class convergence_monitor {
  public:
-  convergence_monitor(const iteration_scale& scale, double tolerance, bool noisy);
+  convergence_monitor() = default;
+  // `names`: of the watched quantities.
+  convergence_monitor(std::vector<std::string> names, double tolerance, bool noisy);
 
   // One EM iteration from `before` to `after`, -2 log-likelihood before it, and the rate of the
   // contraction. Where the steps are noise the rate is not used: it is then the shrinkage of the
@@ -38,6 +38,11 @@ class convergence_monitor {
   // The rule in words with the figures that decided, or what still moves.
   verdict conclusion() const;
 
+  template <class A>
+  void visit(A& archive) {
+    archive(names_, tolerance_, noisy_, history_, steps_, objective_, movements_, calm_);
+  }
+
  private:
   static constexpr int calm_iterations = 2;
   static constexpr int noisy_calm_iterations = 3;
@@ -47,14 +52,18 @@ class convergence_monitor {
   struct movement {
     double ahead = 0.0;
     bool at_rest = false;
+    template <class A>
+    void visit(A& archive) {
+      archive(ahead, at_rest);
+    }
   };
   double shrinkage() const;
   bool flat(const std::vector<double>& series) const;
   void judge(double rate);
 
-  const iteration_scale& scale_;
-  double tolerance_;
-  bool noisy_;
+  std::vector<std::string> names_;
+  double tolerance_ = 0.0;
+  bool noisy_ = false;
   std::vector<Eigen::VectorXd> history_;  // after the steps
   std::vector<Eigen::VectorXd> steps_;
   std::vector<double> objective_;

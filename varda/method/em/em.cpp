@@ -5,11 +5,7 @@
 #include <bit>
 #include <cmath>
 
-#include "statsubs/state/global_variables.h"
-
 namespace varda {
-
-namespace gv = statsubs::global_variables;
 
 namespace {
 
@@ -39,143 +35,181 @@ int approach_samples(const engine_host& host) {
   return static_cast<int>(std::bit_ceil(enough));
 }
 
+// No secant leads from what came before to what follows.
+void change_points(em_state& em) {
+  em.acceleration.map_changed();
+  em.compared = false;
+}
+
 }  // namespace
 
-em_iterations::em_iterations(engine_host& host, point_source& points, proposals& adaptive,
-                             const progress_listener& progress)
+em_method::em_method(engine_host& host)
     : host_(host),
       settings_(host.model().specification().estimation),
-      points_(points),
-      adaptive_(adaptive),
-      progress_(progress),
       scale_(host.model()),
-      maximisation_(host),
-      resampling_(host.model().subjects(), gv::nchain, !settings_.fresh_points),
-      monitor_(scale_, settings_.tolerance, settings_.fresh_points),
-      watched_(host),
-      acceleration_(acceleration_memory),
-      fresh_(settings_.fresh_points),
-      burn_in_(gv::nqrburn),
-      samples_(gv::nsampset) {
-  if (!fresh_ && 2 * approach_samples(host) <= samples_)
-    samples_ = approach_samples(host);
-  else
-    stage_ = stage::first_of_all_points;
-}
+      maximisation_(host) {}
 
-bool em_iterations::converged() const {
-  return monitor_.conclusion().converged && !stopped_ && maximisation_.omega_is_sound() &&
-         singular().empty();
-}
-
-std::string em_iterations::reason() const {
-  if (stopped_) return stop_reason;
-  if (!singular().empty()) return watched_.reason();
-  const std::string reason = monitor_.conclusion().reason;
-  return maximisation_.omega_is_sound() ? reason : "omega became singular; " + reason;
-}
-
-void em_iterations::run() {
-  while (iteration_ < settings_.max_iterations && !stopped_) {
-    iterate();
-    if (gv::irunall != 0) continue;
-    if (!singular().empty()) break;
-    if (!monitor_.converged()) continue;
-    watched_.examine_at_rest(host_, found_, adaptive_, points_);
-    break;
+void em_method::begin(run_state& state) const {
+  const bool fresh = settings_.fresh_points;
+  em_state& em = state.em;
+  em = {};
+  em.resampling = resampler(host_.model().subjects(), settings_.resamples, !fresh);
+  em.monitor = convergence_monitor(scale_.names(), settings_.tolerance, fresh);
+  em.watched = singularity_watch(host_);
+  em.acceleration = anderson_acceleration(acceleration_memory);
+  em.samples = settings_.samples;
+  em.stage = em_stage::first_of_all_points;
+  if (!fresh && 2 * approach_samples(host_) <= em.samples) {
+    em.samples = approach_samples(host_);
+    em.stage = em_stage::approach;
   }
+  state.theta = host_.theta();
+  state.omega = host_.omega();
+  state.ended = settings_.max_iterations < 1;
 }
 
-void em_iterations::iterate() {
-  ++iteration_;
-  if (is_assisted() && !adaptive_.from_modes()) {
-    stopped_ = true;
-    return;
-  }
-  points_.begin_iteration(iteration_, samples_);
-  integrate(host_, adaptive_, samples_, found_,
-            maximisation_.is_closed_form() ? nullptr : &resampling_);
-  stopped_ = !found_.complete;
-  if (stopped_) return;
-  const double minus2ll = -2.0 * found_.log_likelihood;
-  if (worse(minus2ll)) {
-    take_back();
-  } else {
-    best_ = minus2ll;
-    compared_ = true;
-    follow_subjects();
-    const Eigen::VectorXd before = scale_.values(host_.theta(), host_.omega());
-    maximisation_.update(found_, adaptive_, burning_in() && gv::ifreezeomegaburn != 0);
-    const Eigen::VectorXd after = scale_.values(host_.theta(), host_.omega());
-    const bool counts = !burning_in() && (fresh_ || stage_ == stage::settled);
-    // At the EM step itself: an accelerated one may yet be taken back.
-    if (counts && gv::irunall == 0) watched_.examine(host_, found_, adaptive_, points_);
-    if (singular().empty()) {
-      if (!fresh_) accelerate(before, after);
-      if (counts) monitor_.add(before, after, minus2ll, acceleration_.rate());
-      judge_stage(after - before);
+method_conclusion em_method::conclude(const run_state& state) const {
+  const em_state& em = state.em;
+  method_conclusion result;
+  result.singular = em.watched.names();
+  result.held_by_bounds = em.last.held_by_bounds;
+  const verdict rest = em.monitor.conclusion();
+  result.converged = rest.converged && em.last.omega_is_sound && result.singular.empty();
+  result.reason = !result.singular.empty() ? em.watched.reason()
+                  : em.last.omega_is_sound ? rest.reason
+                                           : "omega became singular; " + rest.reason;
+  return result;
+}
+
+bool em_method::step(run_state& state) const {
+  e_step found;
+  const run_state before = state;
+  const auto stopped = [&] {
+    state = before;
+    host_.set_theta(state.theta);
+    host_.set_omega(state.omega);
+    return false;
+  };
+  if (!iterate(state, found)) return stopped();
+  em_state& em = state.em;
+  if (!settings_.run_all) {
+    if (!em.watched.names().empty()) {
+      state.ended = true;
+    } else if (em.monitor.converged()) {
+      em.watched.examine_at_rest(host_, found, state.adaptive);
+      if (engine_host::stopped()) return stopped();
+      state.ended = true;
     }
   }
-  records_.push_back({iteration_, minus2ll, host_.theta(), host_.omega()});
-  progress_(records_.back(), settings_.max_iterations);
+  state.ended = state.ended || em.iteration >= settings_.max_iterations;
+  state.theta = host_.theta();
+  state.omega = host_.omega();
+  return true;
 }
 
-bool em_iterations::is_assisted() const {
-  return stage_ != stage::settled && gv::impmapflag > 0 && iteration_ % gv::impmapflag == 0;
+bool em_method::iterate(run_state& state, e_step& found) const {
+  em_state& em = state.em;
+  const bool fresh = settings_.fresh_points;
+  ++em.iteration;
+  if (is_assisted(em) && !propose_from_modes(host_, state.adaptive)) return false;
+  std::vector<resampled_points> drawn;
+  sample_visitor resample;
+  if (!maximisation_.is_closed_form()) {
+    drawn.resize(static_cast<std::size_t>(host_.model().subjects()));
+    resample = [&](int i, weighted_samples& samples) {
+      Eigen::VectorXd mu(samples.etas.rows());
+      host_.model().means(i, host_.theta().data(), mu.data());
+      drawn[static_cast<std::size_t>(i)] = em.resampling.draw(i, mu, samples.etas, samples.weights);
+    };
+  }
+  const point_pass pass{point_pass::purpose::iteration, fresh ? em.iteration : 0};
+  integrate_all(host_, state.adaptive, pass, em.samples, found, resample);
+  if (!found.complete) return false;
+  const double minus2ll = -2.0 * found.log_likelihood;
+  if (worse(em, minus2ll)) {
+    take_back(state);
+  } else {
+    em.best = minus2ll;
+    em.compared = true;
+    follow_subjects(state, found);
+    const Eigen::VectorXd before = scale_.values(host_.theta(), host_.omega());
+    em.last = maximisation_.update(found, drawn, state.adaptive,
+                                   burning_in(em) && settings_.freeze_omega);
+    const Eigen::VectorXd after = scale_.values(host_.theta(), host_.omega());
+    const bool counts = !burning_in(em) && (fresh || em.stage == em_stage::settled);
+    // At the EM step itself: an accelerated one may yet be taken back.
+    if (counts && !settings_.run_all) em.watched.examine(host_, found, state.adaptive);
+    if (engine_host::stopped()) return false;
+    if (em.watched.names().empty()) {
+      if (!fresh) accelerate(state, before, after);
+      if (counts) em.monitor.add(before, after, minus2ll, em.acceleration.rate());
+      judge_stage(em, after - before);
+    }
+  }
+  state.records.push_back({em.iteration, minus2ll, host_.theta(), host_.omega()});
+  return true;
+}
+
+bool em_method::is_assisted(const em_state& em) const {
+  return em.stage != em_stage::settled && settings_.map_assist > 0 &&
+         em.iteration % settings_.map_assist == 0;
 }
 
 // Lets the proposals follow the subjects; in the settled part those alone whose posterior has moved
 // away from them, or that were poor from the beginning.
-void em_iterations::follow_subjects() {
-  following_.resize(found_.subjects.size());
+void em_method::follow_subjects(run_state& state, const e_step& found) const {
+  em_state& em = state.em;
+  em.following.resize(found.subjects.size());
   bool moved = false;
-  for (std::size_t i = 0; i < found_.subjects.size(); ++i) {
+  for (std::size_t i = 0; i < found.subjects.size(); ++i) {
     const int subject = static_cast<int>(i);
     if (host_.model().observations(subject) == 0) continue;
-    const subject_integral& s = found_.subjects[i];
-    if (stage_ == stage::settled && !fresh_) {
-      rest& proposal = following_[i];
+    const subject_integral& s = found.subjects[i];
+    if (em.stage == em_stage::settled && !settings_.fresh_points) {
+      em_state::rest& proposal = em.following[i];
       if (proposal.effective == 0.0) proposal.effective = s.effective_samples;
-      const bool poor = s.effective_samples < poor_share * samples_ &&
+      const bool poor = s.effective_samples < poor_share * em.samples &&
                         proposal.renewals < most_renewals_of_a_poor_one;
       if (!poor && s.effective_samples >= least_effective_share * proposal.effective) continue;
       ++proposal.renewals;
       proposal.effective = 0.0;
     }
-    adaptive_.follow(subject, s.mean, s.covariance, s.effective_samples);
+    state.adaptive.follow(subject, s.mean, s.covariance, s.effective_samples);
     moved = true;
   }
-  if (moved) change_points();
+  if (moved) change_points(em);
 }
 
 // Whether an accelerated step has lowered the likelihood.
-bool em_iterations::worse(double minus2ll) const {
-  if (!accelerated_ || !compared_) return false;
-  const double slack = stage_ == stage::settled
+bool em_method::worse(const em_state& em, double minus2ll) const {
+  if (!em.accelerated || !em.compared) return false;
+  const double slack = em.stage == em_stage::settled
                            ? settled_slack
                            : approach_slack * std::sqrt(host_.model().subjects());
-  return !(minus2ll <= best_ + slack);
+  return !(minus2ll <= em.best + slack);
 }
 
-void em_iterations::take_back() {
-  move_to(safe_);
-  acceleration_.restart();
-  accelerated_ = false;
+void em_method::take_back(run_state& state) const {
+  move_to(state.em.safe, state.adaptive);
+  state.em.acceleration.restart();
+  state.em.accelerated = false;
 }
 
-void em_iterations::accelerate(const Eigen::VectorXd& before, const Eigen::VectorXd& after) {
-  safe_ = after;
-  accelerated_ = false;
-  if (!before.allFinite() || !after.allFinite()) return acceleration_.restart();
-  const Eigen::VectorXd next = acceleration_.advance(before, after);
+void em_method::accelerate(run_state& state, const Eigen::VectorXd& before,
+                           const Eigen::VectorXd& after) const {
+  em_state& em = state.em;
+  em.safe = after;
+  em.accelerated = false;
+  if (!before.allFinite() || !after.allFinite()) return em.acceleration.restart();
+  const Eigen::VectorXd next = em.acceleration.advance(before, after);
   const double leap = (next - before).norm();
   if (!next.allFinite() || leap > longest_leap * (after - before).norm()) return;
-  accelerated_ = move_to(next);
+  em.accelerated = move_to(next, state.adaptive);
 }
 
 // Moves the parameters in the host; the individual parameters at which the proposals stand stay.
 // False, and nothing changed, when omega would not be positive definite.
-bool em_iterations::move_to(const Eigen::VectorXd& values) {
+bool em_method::move_to(const Eigen::VectorXd& values, proposals& adaptive) const {
   const population_model& model = host_.model();
   const Eigen::VectorXd before = host_.theta();
   Eigen::VectorXd theta = before;
@@ -188,28 +222,23 @@ bool em_iterations::move_to(const Eigen::VectorXd& values) {
   for (int i = 0; i < model.subjects(); ++i) {
     model.means(i, before.data(), from.data());
     model.means(i, theta.data(), to.data());
-    adaptive_.shift(i, from - to);
+    adaptive.shift(i, from - to);
   }
   return true;
 }
 
-void em_iterations::judge_stage(const Eigen::VectorXd& step) {
-  if (fresh_ || burning_in() || stage_ == stage::settled) return;
-  if (stage_ == stage::first_of_all_points) {
-    stage_ = stage::settled;
+void em_method::judge_stage(em_state& em, const Eigen::VectorXd& step) const {
+  if (settings_.fresh_points || burning_in(em) || em.stage == em_stage::settled) return;
+  if (em.stage == em_stage::first_of_all_points) {
+    em.stage = em_stage::settled;
     return;
   }
   const bool arrived = step.cwiseAbs().maxCoeff() < approach_tolerance;
-  if (!arrived && iteration_ < std::max(burn_in_, 0) + longest_approach) return;
-  stage_ = stage::first_of_all_points;
-  samples_ = gv::nsampset;
-  resampling_ = resampler(host_.model().subjects(), gv::nchain, true);
-  change_points();
-}
-
-void em_iterations::change_points() {
-  acceleration_.map_changed();
-  compared_ = false;
+  if (!arrived && em.iteration < std::max(settings_.burn_in, 0) + longest_approach) return;
+  em.stage = em_stage::first_of_all_points;
+  em.samples = settings_.samples;
+  em.resampling = resampler(host_.model().subjects(), settings_.resamples, true);
+  change_points(em);
 }
 
 }  // namespace varda

@@ -4,14 +4,10 @@
 #include <algorithm>
 #include <cmath>
 
-#include "statsubs/mstep/lrtheta.h"
-#include "statsubs/mstep/predetamu.h"
-#include "statsubs/state/global_variables.h"
+#include "varda/host/regression.h"
 #include "varda/method/em/conditional_maximum.h"
 
 namespace varda {
-
-namespace gv = statsubs::global_variables;
 
 maximisation_step::maximisation_step(engine_host& host) : host_(host) {
   const population_model& model = host.model();
@@ -29,30 +25,34 @@ maximisation_step::maximisation_step(engine_host& host) : host_(host) {
     free_deviations += deviation ? 1 : 0;
     flat = flat || !deviation;
   }
-  const bool closed_form = !flat && (free_deviations == 0 || model.residual().has_one_scale());
+  const bool closed_form = !flat && (free_deviations == 0 || model.scale_deviation() >= 0);
   if (closed_form) numerical_.clear();
 }
 
-void maximisation_step::update(const e_step& found, proposals& follow, bool freeze_omega) {
+maximisation_step::outcome maximisation_step::update(const e_step& found,
+                                                     const std::vector<resampled_points>& drawn,
+                                                     proposals& follow, bool freeze_omega) const {
   const population_model& model = host_.model();
-  held_.clear();
+  outcome result;
   Eigen::VectorXd theta = host_.theta();
-  const Eigen::MatrixXd moved = regress(found, theta);
+  const Eigen::MatrixXd moved = regress(found, theta, result.held_by_bounds);
   if (is_closed_form())
     update_residual(found, theta);
   else
     for (const int position :
-         conditional_maximum(model, found, host_.theta(), numerical_).move(theta))
-      held_.push_back(position);
+         conditional_maximum(host_.joint(), drawn, host_.theta(), numerical_).move(theta))
+      result.held_by_bounds.push_back(position);
 
-  if (!freeze_omega) update_omega(found, moved);
+  if (!freeze_omega) result.omega_is_sound = update_omega(found, moved);
   host_.set_theta(theta);
   for (int i = 0; i < model.subjects(); ++i)
     if (model.observations(i) > 0) follow.shift(i, moved.col(i));
+  return result;
 }
 
 // Updates the mu-referenced part of theta; returns C (beta_old - beta_new), one subject a column.
-Eigen::MatrixXd maximisation_step::regress(const e_step& found, Eigen::VectorXd& theta) {
+Eigen::MatrixXd maximisation_step::regress(const e_step& found, Eigen::VectorXd& theta,
+                                           std::vector<int>& held) const {
   const population_model& model = host_.model();
   Eigen::MatrixXd old_means(model.random_effects(), model.subjects());
   Eigen::MatrixXd individual = old_means;
@@ -64,7 +64,7 @@ Eigen::MatrixXd maximisation_step::regress(const e_step& found, Eigen::VectorXd&
   std::vector<int> free = free_columns_;
   for (bool settled = false; !settled && !free.empty();) {
     settled = true;
-    const Eigen::VectorXd beta = solve(individual, free, theta);
+    const Eigen::VectorXd beta = fit_means(host_, free, individual - fixed_part(free, theta));
     std::vector<int> inside;
     for (std::size_t k = 0; k < free.size(); ++k) {
       const int position = model.columns()[static_cast<std::size_t>(free[k])].theta;
@@ -75,64 +75,39 @@ Eigen::MatrixXd maximisation_step::regress(const e_step& found, Eigen::VectorXd&
         inside.push_back(free[k]);
         continue;
       }
-      held_.push_back(position);
+      held.push_back(position);
       settled = false;
     }
     free = inside;
   }
 
   // The library predicts the means of the columns that it solved for; held and fixed ones are ours.
-  Eigen::MatrixXd moved = old_means;
-  host_.select_columns(free);
   Eigen::VectorXd beta(static_cast<Eigen::Index>(free.size()));
   for (std::size_t k = 0; k < free.size(); ++k) {
     const int position = model.columns()[static_cast<std::size_t>(free[k])].theta;
     beta(static_cast<Eigen::Index>(k)) =
         model.thetas()[static_cast<std::size_t>(position)].regression(theta(position));
   }
-  for (int i = 0; i < model.subjects(); ++i) {
-    Eigen::Map<Eigen::VectorXd> predicted(gv::xmusub.data(), model.random_effects());
-    predicted.setZero();
-    if (!free.empty())
-      statsubs::predetamu(i + 1, beta.data(), model.random_effects(), 0,
-                          static_cast<int>(free.size()), gv::muetamap.data());
-    moved.col(i) -= predicted + fixed_part(i, free, theta);
-  }
-  host_.select_columns(free_columns_);
-  return moved;
+  return old_means - (predict_means(host_, free, beta) + fixed_part(free, theta));
 }
 
-// The part of C_i beta that the columns outside `free` contribute.
-Eigen::VectorXd maximisation_step::fixed_part(int subject, const std::vector<int>& free,
+// The part of C_i beta that the columns outside `free` contribute, one subject a column.
+Eigen::MatrixXd maximisation_step::fixed_part(const std::vector<int>& free,
                                               const Eigen::VectorXd& theta) const {
   const population_model& model = host_.model();
-  Eigen::VectorXd part = Eigen::VectorXd::Zero(model.random_effects());
+  Eigen::MatrixXd part = Eigen::MatrixXd::Zero(model.random_effects(), model.subjects());
   for (std::size_t c = 0; c < model.columns().size(); ++c) {
     const int column = static_cast<int>(c);
     if (std::find(free.begin(), free.end(), column) != free.end()) continue;
     const design_column& at = model.columns()[c];
     const fixed_effect& t = model.thetas()[static_cast<std::size_t>(at.theta)];
-    part(at.eta) += model.design(subject, column) * t.regression(theta(at.theta));
+    for (int i = 0; i < model.subjects(); ++i)
+      part(at.eta, i) += model.design(i, column) * t.regression(theta(at.theta));
   }
   return part;
 }
 
-// Weighted least squares for the coefficients of `free`, the others as they stand in theta.
-Eigen::VectorXd maximisation_step::solve(const Eigen::MatrixXd& individual,
-                                         const std::vector<int>& free,
-                                         const Eigen::VectorXd& theta) const {
-  const population_model& model = host_.model();
-  Eigen::MatrixXd rest = individual;
-  for (int i = 0; i < model.subjects(); ++i) rest.col(i) -= fixed_part(i, free, theta);
-  host_.select_columns(free);
-  Eigen::VectorXd solution = Eigen::VectorXd::Zero(theta.size());
-  const int columns = static_cast<int>(free.size());
-  statsubs::lrtheta(columns, solution.data(), rest.data(), nullptr, nullptr, model.random_effects(),
-                    0, columns, gv::muetamap.data());
-  return solution.head(columns);
-}
-
-void maximisation_step::update_omega(const e_step& found, const Eigen::MatrixXd& moved) {
+bool maximisation_step::update_omega(const e_step& found, const Eigen::MatrixXd& moved) const {
   const population_model& model = host_.model();
   const auto& elements = model.omega_elements();
   Eigen::MatrixXd omega = host_.omega();
@@ -155,13 +130,13 @@ void maximisation_step::update_omega(const e_step& found, const Eigen::MatrixXd&
     for (const auto& [row, column] : element.places)
       omega(row, column) = omega(column, row) = sums(e) / counts(e);
   }
-  omega_is_sound_ = host_.set_omega(omega);
+  return host_.set_omega(omega);
 }
 
 void maximisation_step::update_residual(const e_step& found, Eigen::VectorXd& theta) const {
   const population_model& model = host_.model();
-  const Eigen::Index last = theta.size() - 1;
-  if (model.thetas().back().fixed) return;
+  const int scale = model.scale_deviation();
+  if (scale < 0 || model.thetas()[static_cast<std::size_t>(scale)].fixed) return;
   double squares = 0.0;
   double count = 0.0;
   for (int i = 0; i < model.subjects(); ++i) {
@@ -170,7 +145,7 @@ void maximisation_step::update_residual(const e_step& found, Eigen::VectorXd& th
     squares += n * found.subjects[static_cast<std::size_t>(i)].scaled_squares;
     count += n;
   }
-  theta(last) *= std::sqrt(squares / count);
+  theta(scale) *= std::sqrt(squares / count);
 }
 
 }  // namespace varda

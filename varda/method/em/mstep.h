@@ -4,9 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "varda/host/engine_host.h"
-#include "varda/host/integration.h"
-#include "varda/host/proposals.h"
+#include "varda/inference/e_step.h"
+#include "varda/method/em/resampler.h"
 
 namespace varda {
 
@@ -15,8 +14,9 @@ namespace varda {
 //
 //   mu-referenced fixed effects   weighted least squares (the library's lrtheta) on C beta + mean
 //   omega                         mean of covariance + squared distance from the new mean, in
-//   blocks one free residual deviation   closed form from the weighted squared residuals otherwise
-//   numerical maximum over resampled individual parameters, jointly
+//                                 blocks
+//   one free residual deviation   closed form from the weighted squared residuals
+//   otherwise                     numerical maximum over resampled individual parameters, jointly
 //                                 for the residual deviations and the flat parameters
 //
 // All expectations are taken at the individual parameters C beta_old + eta at which the samples
@@ -29,27 +29,30 @@ class maximisation_step {
   // Every update has a closed form: the E-step need not resample.
   bool is_closed_form() const { return numerical_.empty(); }
 
-  void update(const e_step& found, proposals& follow, bool freeze_omega);
+  // What became of an update.
+  struct outcome {
+    std::vector<int> held_by_bounds;  // positions in theta
+    bool omega_is_sound = true;  // false: it was not positive definite and the one before is kept
+    template <class A>
+    void visit(A& archive) {
+      archive(held_by_bounds, omega_is_sound);
+    }
+  };
 
-  // Positions in theta that a bound held in the last update.
-  const std::vector<int>& held_by_bounds() const { return held_; }
-  // False when the last omega was not positive definite and the one before was kept.
-  bool omega_is_sound() const { return omega_is_sound_; }
+  // `drawn`: by subject, where not every update has a closed form.
+  outcome update(const e_step& found, const std::vector<resampled_points>& drawn, proposals& follow,
+                 bool freeze_omega) const;
 
  private:
-  Eigen::MatrixXd regress(const e_step& found, Eigen::VectorXd& theta);
-  Eigen::VectorXd solve(const Eigen::MatrixXd& individual, const std::vector<int>& free,
-                        const Eigen::VectorXd& theta) const;
-  Eigen::VectorXd fixed_part(int subject, const std::vector<int>& free,
-                             const Eigen::VectorXd& theta) const;
-  void update_omega(const e_step& found, const Eigen::MatrixXd& moved);
+  Eigen::MatrixXd regress(const e_step& found, Eigen::VectorXd& theta,
+                          std::vector<int>& held) const;
+  Eigen::MatrixXd fixed_part(const std::vector<int>& free, const Eigen::VectorXd& theta) const;
+  bool update_omega(const e_step& found, const Eigen::MatrixXd& moved) const;
   void update_residual(const e_step& found, Eigen::VectorXd& theta) const;
 
   engine_host& host_;
   std::vector<int> free_columns_;  // of the C matrix, whose coefficient is estimated
   std::vector<int> numerical_;     // positions in theta that have no closed form
-  std::vector<int> held_;
-  bool omega_is_sound_ = true;
 };
 
 }  // namespace varda

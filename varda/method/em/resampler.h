@@ -20,24 +20,32 @@ struct resampled_points {
 // since, until that weighting has become uneven.
 class resampler {
  public:
+  resampler() = default;
   // `points` a subject; `keep`: sample j is the same point in every iteration.
   resampler(int subjects, int points, bool keep);
-
-  bool wanted() const { return points_ > 0; }
 
   // `mu`: C beta of the subject (from 0) at which the etas (random effects x samples) were drawn.
   resampled_points draw(int subject, const Eigen::VectorXd& mu, const Eigen::MatrixXd& etas,
                         const Eigen::VectorXd& weights);
 
+  template <class A>
+  void visit(A& archive) {
+    archive(points_, keep_, choices_);
+  }
+
  private:
   struct choice {
     std::vector<Eigen::Index> samples;
     Eigen::VectorXd drawn_at;  // their weights when they were drawn
+    template <class A>
+    void visit(A& archive) {
+      archive(samples, drawn_at);
+    }
   };
   void choose(choice& chosen, const Eigen::VectorXd& weights) const;
 
-  int points_;
-  bool keep_;
+  int points_ = 0;
+  bool keep_ = false;
   std::vector<choice> choices_;
 };
 

@@ -9,21 +9,6 @@
 
 namespace varda {
 
-bool is_positive(const fixed_effect& t) {
-  switch (t.role) {
-    case theta_role::residual_deviation:
-      return true;
-    case theta_role::typical_value:
-      return t.law == distribution::log_normal;
-    case theta_role::flat_parameter:
-      return t.start > 0.0 && !(std::isfinite(t.lower) && t.lower < 0.0);
-    case theta_role::covariate_effect:
-    case theta_role::direct_effect:
-      break;
-  }
-  return false;
-}
-
 theta_search::theta_search(const population_model& model, const Eigen::VectorXd& theta,
                            std::vector<int> positions)
     : theta_(theta), positions_(std::move(positions)) {
@@ -34,7 +19,7 @@ theta_search::theta_search(const population_model& model, const Eigen::VectorXd&
   for (Eigen::Index k = 0; k < n; ++k) {
     const int position = positions_[static_cast<std::size_t>(k)];
     const fixed_effect& t = model.thetas()[static_cast<std::size_t>(position)];
-    logarithm_.push_back(is_positive(t));
+    logarithm_.push_back(t.is_positive());
     const auto coordinate = [&](double value) {
       return logarithm_.back() ? std::log(std::max(value, 0.0)) : value;
     };

@@ -41,7 +41,4 @@ class theta_search {
   Eigen::VectorXd start_, lower_, upper_;
 };
 
-// Whether a search or an interval for this fixed effect runs over its logarithm.
-bool is_positive(const fixed_effect& t);
-
 }  // namespace varda

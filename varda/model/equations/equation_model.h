@@ -32,8 +32,6 @@ class equation_model : public structural_model {
   std::vector<std::string> covariates() const override { return program_.covariates(); }
   void locate_covariates(const std::vector<int>& positions) override { positions_ = positions; }
 
-  using structural_model::last_failure;
-  using structural_model::predict;
   std::unique_ptr<workspace> make_workspace() const override;
   // With another kernel or block than the best ones: results are the same.
   std::unique_ptr<workspace> make_workspace(const lane_kernel& kernel, std::size_t block) const;

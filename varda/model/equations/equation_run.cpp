@@ -38,8 +38,8 @@ void equation_run::predict(const subject& who, const parameter_block& p,
   if (who.timeline.empty()) return;
   who_ = &who;
   scale_ = largest_dose(who);
-  for (std::size_t first = 0; first < p.lanes; first += most_individuals)
-    predict_some(who, p, first, std::min(most_individuals, p.lanes - first), positions, f);
+  for (std::size_t first = 0; first < p.individuals; first += most_individuals)
+    predict_some(who, p, first, std::min(most_individuals, p.individuals - first), positions, f);
 }
 
 void equation_run::predict_some(const subject& who, const parameter_block& p, std::size_t first,

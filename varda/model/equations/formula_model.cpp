@@ -29,8 +29,8 @@ void formula_model::predict(const subject& who, const parameter_block& p, const 
                             workspace& scratch) const {
   auto& own = dynamic_cast<formula_workspace&>(scratch);
   const bool common = outputs() == 1;
-  for (std::size_t first = 0; first < p.lanes; first += most_individuals) {
-    const std::size_t count = std::min(most_individuals, p.lanes - first);
+  for (std::size_t first = 0; first < p.individuals; first += most_individuals) {
+    const std::size_t count = std::min(most_individuals, p.individuals - first);
     own.formulas.begin(who, p, first, count, positions_);
     own.row.reserve(own.formulas.stride());
     epoch now;

@@ -24,7 +24,6 @@ class formula_model : public structural_model {
   std::vector<std::string> covariates() const override { return program_.covariates(); }
   void locate_covariates(const std::vector<int>& positions) override { positions_ = positions; }
 
-  using structural_model::predict;
   std::unique_ptr<workspace> make_workspace() const override;
   void predict(const subject& who, const parameter_block& p, const prediction_block& f,
                workspace& scratch) const override;

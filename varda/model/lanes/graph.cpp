@@ -214,9 +214,7 @@ lane_graph::value lane_graph::find_derivative(value what, value by) {
       // b a^b / a, where the power is known; at 0 it stays finite.
       const value not_zero = apply(lane_code::select, a, a, one);
       const value by_base =
-          is_number(slope(a), 0.0)
-              ? zero
-              : product(quotient(product(b, what), not_zero), slope(a));
+          is_number(slope(a), 0.0) ? zero : product(quotient(product(b, what), not_zero), slope(a));
       const value by_exponent =
           is_number(slope(b), 0.0)
               ? zero

@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "varda/inference/pareto_shape.h"
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+#include <limits>
+#include <vector>
+
+namespace varda {
+
+namespace {
+
+constexpr std::size_t least_tail = 5;
+// Observations that the prior of k weighs as much as, and its mean.
+constexpr double prior_weight = 10.0;
+constexpr double prior_shape = 0.5;
+
+// Of exceedances in ascending order, the largest above 0.
+double fitted_shape(const std::vector<double>& x) {
+  const auto n = static_cast<double>(x.size());
+  const int grid = 30 + static_cast<int>(std::sqrt(n));
+  const double quartile = x[static_cast<std::size_t>(n / 4.0 + 0.5) - 1];
+  std::vector<double> theta, profile, shape;
+  for (int j = 1; j <= grid; ++j) {
+    const double t = 1.0 / x.back() + (1.0 - std::sqrt(grid / (j - 0.5))) / (3.0 * quartile);
+    double k = 0.0;
+    for (const double value : x) k += std::log1p(-t * value);
+    k /= n;
+    theta.push_back(t);
+    shape.push_back(k);
+    profile.push_back(n * (std::log(-t / k) - k - 1.0));
+  }
+  const double best = *std::max_element(profile.begin(), profile.end());
+  double sum = 0.0;
+  double mean = 0.0;
+  for (std::size_t j = 0; j < theta.size(); ++j) {
+    const double weight = std::exp(profile[j] - best);
+    sum += weight;
+    mean += weight * theta[j];
+  }
+  mean /= sum;
+  double k = 0.0;
+  for (const double value : x) k += std::log1p(-mean * value);
+  return k / n;
+}
+
+}  // namespace
+
+double pareto_shape(const Eigen::VectorXd& weights) {
+  constexpr double unknown = -std::numeric_limits<double>::infinity();
+  std::vector<double> sorted(weights.data(), weights.data() + weights.size());
+  const auto n = static_cast<double>(sorted.size());
+  const auto tail = static_cast<std::size_t>(std::ceil(std::min(0.2 * n, 3.0 * std::sqrt(n))));
+  if (tail < least_tail || tail >= sorted.size()) return unknown;
+  std::nth_element(sorted.begin(), sorted.begin() + static_cast<std::ptrdiff_t>(tail), sorted.end(),
+                   std::greater<>());
+  const double threshold = sorted[tail];
+  std::vector<double> exceedances;
+  for (std::size_t j = 0; j < tail; ++j) exceedances.push_back(sorted[j] - threshold);
+  std::sort(exceedances.begin(), exceedances.end());
+  const double quartile =
+      exceedances[static_cast<std::size_t>(static_cast<double>(tail) / 4.0 + 0.5) - 1];
+  if (!(quartile > 0.0)) return unknown;
+  const auto m = static_cast<double>(tail);
+  return (m * fitted_shape(exceedances) + prior_weight * prior_shape) / (m + prior_weight);
+}
+
+}  // namespace varda

@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The sampled log-likelihood of fixed points as a function of the parameters, with its gradient by
+// Fisher's identity and its Hessian by Louis' (T. A. Louis, J. R. Stat. Soc. B 44 (1982) 226-233):
+// with weights w of the samples at psi,
+//
+//   l = log mean p(y | phi) p(phi) / q(phi),   l' = E_w[s],   l'' = E_w[s'] + Cov_w[s],
+//
+// s the derivative of log p(y | phi) p(phi) by psi. The samples stand at fixed phi.
+#pragma once
+
+#include <Eigen/Core>
+#include <vector>
+
+#include "varda/host/draws.h"
+#include "varda/method/newton/coordinates.h"
+#include "varda/model/density.h"
+
+namespace varda {
+
+// What one subject's samples say at one psi.
+struct subject_measure {
+  double log_likelihood = 0.0;
+  Eigen::VectorXd gradient;
+  Eigen::MatrixXd information;  // minus the Hessian
+  // Of each group of samples alone.
+  Eigen::VectorXd group_log_likelihood;
+  Eigen::MatrixXd group_gradient;  // coordinates x groups
+  Eigen::VectorXd mean;            // of phi given the data
+  Eigen::MatrixXd covariance;
+  double scaled_squares = 0.0;
+  double effective_share = 0.0;  // effective samples / samples
+  double largest_weight = 0.0;
+  double shape = 0.0;   // of the weights' tail
+  double error = 0.0;   // of the subject's -2 log-likelihood, from the groups
+  double failed = 0.0;  // share of the samples whose density is not finite
+};
+
+// What a measurement needs of the parameters, made once for all subjects.
+struct measure_point {
+  measure_point(const coordinates& scale, const Eigen::VectorXd& at_psi,
+                const Eigen::VectorXd& from_theta, const Eigen::MatrixXd& from_omega);
+  Eigen::VectorXd psi, theta;
+  Eigen::MatrixXd omega;
+  random_effect_density prior;
+};
+
+enum class detail { value, derivatives };
+
+class subject_sampler {
+ public:
+  subject_sampler(const density& joint, const coordinates& scale);
+
+  // Of subject `subject` (from 0). Predictions in `drawn` belong to `drawn_at`, theta at the draw;
+  // where parameters have moved that predictions depend on they are made anew. `evaluations` counts
+  // those.
+  subject_measure measure(int subject, const subject_draw& drawn, const Eigen::VectorXd& drawn_at,
+                          const measure_point& at, detail wanted, std::int64_t& evaluations);
+
+  // Whether every step re-evaluates the model.
+  bool moves_predictions() const { return !moving_.empty(); }
+
+ private:
+  void score_prior(int subject, const Eigen::MatrixXd& z, const Eigen::MatrixXd& u,
+                   const measure_point& at, Eigen::MatrixXd& scores) const;
+  Eigen::MatrixXd curvature_of_prior(int subject, const Eigen::VectorXd& first,
+                                     const Eigen::MatrixXd& second, const measure_point& at) const;
+  void score_data(int subject, const subject_draw& drawn, const Eigen::MatrixXd& predictions,
+                  const Eigen::VectorXd& log_data, const measure_point& at,
+                  const Eigen::VectorXd& weights, Eigen::MatrixXd& scores, Eigen::MatrixXd& hessian,
+                  std::int64_t& evaluations);
+
+  const density& joint_;
+  const coordinates& scale_;
+  density_workspace scratch_;
+  std::vector<int> moving_;    // coordinates on which predictions depend directly
+  std::vector<int> residual_;  // coordinates of the endpoints' parameters
+};
+
+}  // namespace varda

@@ -1,0 +1,160 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Newton's method with the Hessian's eigenvalues made positive and a backtracking line search
+// (J. Nocedal and S. J. Wright, "Numerical Optimization", 2nd ed., 2006, algorithm 3.2), on central
+// differences in units of the prior's standard deviations.
+#include "varda/method/newton/normal_posterior.h"
+
+#include <Eigen/Cholesky>
+#include <Eigen/Eigenvalues>
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <numbers>
+
+namespace varda {
+
+namespace {
+
+constexpr int most_steps = 40;
+constexpr double difference = 1e-2;        // of the first steps, in prior deviations
+constexpr double finer_difference = 0.02;  // later, in conditional deviations
+constexpr double least_gain = 1e-6;
+constexpr double longest_step = 3.0;
+constexpr double least_curvature = 0.05;
+constexpr double minus_infinity = -std::numeric_limits<double>::infinity();
+
+// Centre, one step either way in each coordinate, and both corners of each pair.
+Eigen::MatrixXd stencil(const Eigen::VectorXd& x, const Eigen::VectorXd& step) {
+  const Eigen::Index n = x.size();
+  Eigen::MatrixXd points = x.replicate(1, 1 + 2 * n + n * (n - 1));
+  Eigen::Index at = 1;
+  for (Eigen::Index k = 0; k < n; ++k) {
+    points(k, at++) += step(k);
+    points(k, at++) -= step(k);
+  }
+  for (Eigen::Index k = 0; k < n; ++k)
+    for (Eigen::Index l = 0; l < k; ++l)
+      for (const double sign : {1.0, -1.0}) {
+        points(k, at) += sign * step(k);
+        points(l, at++) += sign * step(l);
+      }
+  return points;
+}
+
+struct local_model {
+  Eigen::VectorXd gradient;
+  Eigen::MatrixXd hessian;
+};
+
+local_model derivatives(const Eigen::VectorXd& f, const Eigen::VectorXd& step) {
+  const Eigen::Index n = step.size();
+  local_model result{Eigen::VectorXd(n), Eigen::MatrixXd(n, n)};
+  for (Eigen::Index k = 0; k < n; ++k) {
+    const double up = f(1 + 2 * k);
+    const double down = f(2 + 2 * k);
+    result.gradient(k) = (up - down) / (2.0 * step(k));
+    result.hessian(k, k) = (up - 2.0 * f(0) + down) / (step(k) * step(k));
+  }
+  Eigen::Index at = 1 + 2 * n;
+  for (Eigen::Index k = 0; k < n; ++k)
+    for (Eigen::Index l = 0; l < k; ++l, at += 2)
+      result.hessian(k, l) = result.hessian(l, k) = (f(at) + f(at + 1) + 2.0 * f(0) - f(1 + 2 * k) -
+                                                     f(2 + 2 * k) - f(1 + 2 * l) - f(2 + 2 * l)) /
+                                                    (2.0 * step(k) * step(l));
+  return result;
+}
+
+}  // namespace
+
+Eigen::VectorXd mode_finder::log_data(int subject, const Eigen::MatrixXd& phi,
+                                      const parameter_values& at) {
+  Eigen::MatrixXd f;
+  Eigen::VectorXd result;
+  Eigen::VectorXd squares;
+  joint_.predict(subject, at.theta.data(), phi, f, scratch_);
+  joint_.of_data(subject, at.theta.data(), f, result, squares);
+  evaluations_ += phi.cols();
+  for (double& value : result) value = std::isfinite(value) ? -value : minus_infinity;
+  return result;
+}
+
+Eigen::VectorXd mode_finder::log_density(int subject, const Eigen::MatrixXd& phi,
+                                         const parameter_values& at) {
+  Eigen::VectorXd result = log_data(subject, phi, at);
+  Eigen::VectorXd mu(phi.rows());
+  joint_.model().means(subject, at.theta.data(), mu.data());
+  for (Eigen::Index j = 0; j < result.size(); ++j) {
+    const Eigen::VectorXd eta = phi.col(j) - mu;
+    result(j) -= at.prior.negative_log(eta.data());
+  }
+  return result;
+}
+
+normal_posterior mode_finder::search(int subject, const Eigen::VectorXd& from,
+                                     const parameter_values& at) {
+  const Eigen::Index n = from.size();
+  const Eigen::VectorXd unit = at.omega.diagonal().cwiseSqrt();
+  Eigen::VectorXd phi = from;
+  Eigen::VectorXd step = difference * unit;
+  Eigen::MatrixXd hessian = -at.prior.precision();
+  normal_posterior result;
+  result.log_density = minus_infinity;
+  for (int k = 0; k < most_steps; ++k) {
+    const Eigen::VectorXd f = log_density(subject, stencil(phi, step), at);
+    result.log_density = f(0);
+    if (!f.allFinite()) break;
+    const local_model local = derivatives(f, step);
+    // In units of the prior, where its own curvature is 1 in the uncorrelated case.
+    const Eigen::MatrixXd scaled = unit.asDiagonal() * local.hessian * unit.asDiagonal();
+    const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(-scaled);
+    if (solver.info() != Eigen::Success) break;
+    hessian = local.hessian;
+    const Eigen::VectorXd curvature = solver.eigenvalues().cwiseAbs().cwiseMax(least_curvature);
+    const Eigen::VectorXd along =
+        solver.eigenvectors().transpose() * unit.asDiagonal() * local.gradient;
+    Eigen::VectorXd move = solver.eigenvectors() * along.cwiseQuotient(curvature);
+    const double length = move.cwiseAbs().maxCoeff();
+    if (length > longest_step) move *= longest_step / length;
+    const double expected = 0.5 * along.cwiseProduct(along.cwiseQuotient(curvature)).sum();
+    const bool definite = solver.eigenvalues()(0) > 0.0;
+    if (definite) {
+      const Eigen::MatrixXd inverse = solver.eigenvectors() *
+                                      curvature.cwiseInverse().asDiagonal() *
+                                      solver.eigenvectors().transpose();
+      step = finer_difference * unit.cwiseProduct(inverse.diagonal().cwiseSqrt());
+    }
+    if (expected < least_gain && definite) break;
+    // All halvings at once.
+    constexpr int halvings = 6;
+    Eigen::MatrixXd tries(n, halvings);
+    for (int h = 0; h < halvings; ++h)
+      tries.col(h) = phi + std::pow(0.25, h) * unit.cwiseProduct(move);
+    Eigen::VectorXd first = log_density(subject, tries.leftCols(1), at);
+    Eigen::Index best = 0;
+    double value = first(0);
+    if (!(value > f(0))) {
+      const Eigen::VectorXd rest = log_density(subject, tries.rightCols(halvings - 1), at);
+      value = rest.maxCoeff(&best);
+      ++best;
+    }
+    if (!(value > f(0))) break;
+    phi = tries.col(best);
+    result.log_density = value;
+  }
+  result.phi = phi;
+  result.usable = std::isfinite(result.log_density);
+  // No direction is wider than the prior: eigenvalues of L^-1 V L^-T at most 1.
+  const Eigen::MatrixXd& l = at.prior.factor();
+  const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(l.transpose() * -hessian * l);
+  const Eigen::VectorXd curvature = solver.eigenvalues().cwiseMax(1.0);
+  const Eigen::MatrixXd root = l * solver.eigenvectors();
+  result.covariance = root * curvature.cwiseInverse().asDiagonal() * root.transpose();
+  double log_determinant = -curvature.array().log().sum() + 2.0 * l.diagonal().array().log().sum();
+  result.log_mass = result.log_density +
+                    0.5 * static_cast<double>(n) * std::log(2.0 * std::numbers::pi) +
+                    0.5 * log_determinant;
+  return result;
+}
+
+}  // namespace varda

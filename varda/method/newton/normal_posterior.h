@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <Eigen/Core>
+#include <cstdint>
+#include <vector>
+
+#include "varda/model/density.h"
+
+namespace varda {
+
+// Theta and omega with what densities need of them.
+struct parameter_values {
+  parameter_values(const Eigen::VectorXd& at_theta, const Eigen::MatrixXd& at_omega)
+      : theta(at_theta), omega(at_omega), prior(at_omega) {}
+  Eigen::VectorXd theta;
+  Eigen::MatrixXd omega;
+  random_effect_density prior;
+};
+
+// A mode of log p(y | phi) p(phi) and the normal distribution about it.
+struct normal_posterior {
+  Eigen::VectorXd phi;
+  Eigen::MatrixXd covariance;  // at most omega in every direction
+  double log_density = 0.0;    // at the mode
+  // log of the integral that the normal distribution stands for (Laplace).
+  double log_mass = 0.0;
+  bool usable = false;  // the density is finite there
+};
+
+// Searches modes of subjects by damped Newton steps; all evaluations of a step are made at once.
+class mode_finder {
+ public:
+  explicit mode_finder(const density& joint) : joint_(joint), scratch_(joint.model()) {}
+
+  // log p(y | phi) p(phi) at the columns of phi; minus infinity where it is not finite.
+  Eigen::VectorXd log_density(int subject, const Eigen::MatrixXd& phi, const parameter_values& at);
+  // log p(y | phi) alone.
+  Eigen::VectorXd log_data(int subject, const Eigen::MatrixXd& phi, const parameter_values& at);
+
+  normal_posterior search(int subject, const Eigen::VectorXd& from, const parameter_values& at);
+
+  std::int64_t evaluations() const { return evaluations_; }
+
+ private:
+  const density& joint_;
+  density_workspace scratch_;
+  std::int64_t evaluations_ = 0;
+};
+
+}  // namespace varda

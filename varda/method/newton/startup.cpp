@@ -1,0 +1,539 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "varda/method/newton/startup.h"
+
+#include <Eigen/Cholesky>
+#include <Eigen/Eigenvalues>
+#include <Eigen/QR>
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#include "statsubs/estep/proposals.h"
+#include "varda/host/map_np.h"
+#include "varda/method/newton/coordinates.h"
+
+namespace varda {
+
+namespace {
+
+// Perturbed start values: so many about the start, as many again about the best of them.
+constexpr int candidates = 64;
+constexpr double wide = 1.0;  // standard deviation of logarithms
+constexpr double narrow = 0.3;
+constexpr double coefficient_share = 0.5;
+
+constexpr int most_iterations = 20;
+constexpr int iterations_after_new_modes = 6;
+constexpr double settled = 0.1;
+// No variance falls below this share of the last in one iteration, nor below `least_variance` on a
+// logarithmic scale.
+constexpr double least_shrinkage = 0.5;
+constexpr double least_variance = 0.04;
+
+constexpr int wide_samples = 64;
+
+// A stream of uniform numbers that nothing but its address decides.
+class uniforms {
+ public:
+  explicit uniforms(std::uint64_t address) : address_(address) {}
+  double next() {
+    constexpr std::uint64_t golden = 0x9e3779b97f4a7c15U;
+    return (static_cast<double>(mixed(address_ + ++count_ * golden) >> 12) + 0.5) * 0x1p-52;
+  }
+  double normal() { return statsubs::dnorminv(next()); }
+
+ private:
+  std::uint64_t address_;
+  std::uint64_t count_ = 0;
+};
+
+// Reduces what each process computed of its own subjects, in the order of the subjects.
+double sum_of(const engine_host& host, Eigen::VectorXd& by_subject) {
+  host.peers().sum(by_subject.data(), static_cast<int>(by_subject.size()));
+  return by_subject.sum();
+}
+
+bool counts(const engine_host& host, int subject) {
+  return owns(host, subject) && host.model().observations(subject) > 0;
+}
+
+// The fit of all subjects at the typical values, residual deviations scaled by the best common
+// factor of a coarse ladder: a measure of start values that needs no random effects.
+double pooled_objective(const engine_host& host, const Eigen::VectorXd& theta, double* best_scale,
+                        std::int64_t& evaluations, density_workspace& scratch) {
+  constexpr int rungs = 17;
+  constexpr double ratio = 1.6;
+  const population_model& model = host.model();
+  Eigen::MatrixXd by_subject = Eigen::MatrixXd::Zero(rungs, model.subjects());
+  for (int i = 0; i < model.subjects(); ++i) {
+    if (!counts(host, i)) continue;
+    Eigen::VectorXd mu(model.random_effects());
+    Eigen::MatrixXd f;
+    Eigen::VectorXd objective;
+    Eigen::VectorXd squares;
+    model.means(i, theta.data(), mu.data());
+    host.joint().predict(i, theta.data(), mu, f, scratch);
+    ++evaluations;
+    for (int r = 0; r < rungs; ++r) {
+      Eigen::VectorXd scaled = theta;
+      for (std::size_t k = 0; k < model.thetas().size(); ++k)
+        if (model.thetas()[k].role == theta_role::residual_deviation && !model.thetas()[k].fixed)
+          scaled(static_cast<Eigen::Index>(k)) *= std::pow(ratio, r - rungs / 2);
+      host.joint().of_data(i, scaled.data(), f, objective, squares);
+      by_subject(r, i) = std::isfinite(objective(0)) ? objective(0) : 1e100;
+    }
+  }
+  host.peers().sum(by_subject.data(), static_cast<int>(by_subject.size()));
+  const Eigen::VectorXd total = by_subject.rowwise().sum();
+  Eigen::Index best = 0;
+  const double value = total.minCoeff(&best);
+  if (best_scale != nullptr) *best_scale = std::pow(ratio, static_cast<double>(best) - rungs / 2);
+  return value;
+}
+
+Eigen::VectorXd perturbed(const population_model& model, const Eigen::VectorXd& theta,
+                          double deviation, uniforms& draw) {
+  Eigen::VectorXd result = theta;
+  for (std::size_t k = 0; k < model.thetas().size(); ++k) {
+    const fixed_effect& t = model.thetas()[k];
+    double& value = result(static_cast<Eigen::Index>(k));
+    if (t.fixed || t.role == theta_role::residual_deviation) continue;
+    const double z = deviation * draw.normal();
+    if (t.role == theta_role::covariate_effect || t.role == theta_role::direct_effect)
+      value += coefficient_share * z;
+    else if (t.is_positive())
+      value *= std::exp(z);
+    else
+      value += z * (t.law == distribution::logit_normal ? 1.0 : std::max(std::fabs(value), 1.0));
+    value = std::clamp(value, t.lower, t.upper);
+  }
+  return result;
+}
+
+// The best of many perturbed start values, or the start itself.
+Eigen::VectorXd screen(engine_host& host, const Eigen::VectorXd& start) {
+  const population_model& model = host.model();
+  density_workspace scratch(model);
+  std::int64_t evaluations = 0;
+  uniforms draw(
+      address_of(model.specification().estimation.seed, {point_pass::purpose::screening, 0}, 0));
+  double scale = 1.0;
+  Eigen::VectorXd best = start;
+  double least = pooled_objective(host, best, &scale, evaluations, scratch);
+  double best_scale = scale;
+  for (const double deviation : {wide, narrow}) {
+    const Eigen::VectorXd about = best;
+    for (int c = 0; c < candidates; ++c) {
+      const Eigen::VectorXd theta = perturbed(model, about, deviation, draw);
+      const double value = pooled_objective(host, theta, &scale, evaluations, scratch);
+      if (!(value < least)) continue;
+      least = value;
+      best = theta;
+      best_scale = scale;
+    }
+  }
+  host.count_evaluations(evaluations);
+  for (std::size_t k = 0; k < model.thetas().size(); ++k)
+    if (model.thetas()[k].role == theta_role::residual_deviation && !model.thetas()[k].fixed &&
+        best != start)
+      best(static_cast<Eigen::Index>(k)) *= best_scale;
+  return best;
+}
+
+// One process's modes for all: phi, covariance, density and mass, by subject.
+void share(const engine_host& host, std::vector<normal_posterior>& modes) {
+  const int effects = host.model().random_effects();
+  const int size = effects + effects * effects + 3;
+  Eigen::MatrixXd packed = Eigen::MatrixXd::Zero(size, host.model().subjects());
+  for (int i = 0; i < host.model().subjects(); ++i) {
+    if (!counts(host, i)) continue;
+    const normal_posterior& m = modes[static_cast<std::size_t>(i)];
+    packed.col(i) << m.phi, m.covariance.reshaped(), m.log_density, m.log_mass,
+        m.usable ? 1.0 : 0.0;
+    if (!m.usable) packed.col(i).segment(effects + effects * effects, 2).setZero();
+  }
+  host.peers().sum(packed.data(), static_cast<int>(packed.size()));
+  for (int i = 0; i < host.model().subjects(); ++i) {
+    normal_posterior& m = modes[static_cast<std::size_t>(i)];
+    m.phi = packed.col(i).head(effects);
+    m.covariance = packed.col(i).segment(effects, effects * effects).reshaped(effects, effects);
+    m.log_density = packed(size - 3, i);
+    m.log_mass = packed(size - 2, i);
+    m.usable = packed(size - 1, i) > 0.5;
+  }
+}
+
+}  // namespace
+
+Eigen::MatrixXd population_samples(const engine_host& host, int subject, int count,
+                                   const parameter_values& at) {
+  const population_model& model = host.model();
+  uniforms draw(address_of(model.specification().estimation.seed,
+                           {point_pass::purpose::screening, 1}, subject));
+  Eigen::VectorXd mu(model.random_effects());
+  model.means(subject, at.theta.data(), mu.data());
+  Eigen::MatrixXd z(mu.size(), count);
+  for (double& value : z.reshaped()) value = draw.normal();
+  return (at.prior.factor().triangularView<Eigen::Lower>() * z).colwise() + mu;
+}
+
+bool find_modes(engine_host& host, const parameter_values& at, bool widely,
+                std::vector<normal_posterior>& modes, double& laplace) {
+  const population_model& model = host.model();
+  const bool known = !modes.empty();
+  modes.resize(static_cast<std::size_t>(model.subjects()));
+  mode_finder finder(host.joint());
+  Eigen::VectorXd mu(model.random_effects());
+  for (int i = 0; i < model.subjects() && !engine_host::stop_requested(); ++i) {
+    if (!counts(host, i)) continue;
+    normal_posterior& mode = modes[static_cast<std::size_t>(i)];
+    model.means(i, at.theta.data(), mu.data());
+    Eigen::VectorXd from = mu;
+    if (known) {
+      Eigen::MatrixXd both(mu.size(), 2);
+      both << mu, mode.phi;
+      const Eigen::VectorXd value = finder.log_density(i, both, at);
+      if (value(1) > value(0)) from = mode.phi;
+    }
+    mode = finder.search(i, from, at);
+    if (!widely) continue;
+    const Eigen::MatrixXd far = population_samples(host, i, wide_samples, at);
+    const Eigen::VectorXd value = finder.log_density(i, far, at);
+    const Eigen::LLT<Eigen::MatrixXd> factor(mode.covariance);
+    Eigen::Index best = -1;
+    for (Eigen::Index j = 0; j < value.size(); ++j) {
+      const double distance = factor.matrixL().solve(far.col(j) - mode.phi).squaredNorm();
+      if (distance > 4.0 + 2.0 * static_cast<double>(mu.size()) && std::isfinite(value(j)) &&
+          (best < 0 || value(j) > value(best)))
+        best = j;
+    }
+    if (best < 0) continue;
+    const normal_posterior other = finder.search(i, far.col(best), at);
+    if (other.usable && (!mode.usable || other.log_mass > mode.log_mass)) mode = other;
+  }
+  host.count_evaluations(finder.evaluations());
+  if (engine_host::agree_on_stop()) return false;
+  share(host, modes);
+  laplace = 0.0;
+  for (int i = 0; i < model.subjects(); ++i)
+    if (model.observations(i) > 0) {
+      const normal_posterior& m = modes[static_cast<std::size_t>(i)];
+      laplace += m.usable ? -2.0 * m.log_mass : 1e10;
+    }
+  return true;
+}
+
+namespace {
+
+// The parameters that the modes and their covariances suggest.
+class two_stage {
+ public:
+  two_stage(engine_host& host)
+      : host_(host), model_(host.model()), scratch_(host.model()), scale_(host.model()) {}
+
+  // Moves theta and omega; returns the largest change: of typical values in deviations of the
+  // random effect, of logarithms of variances and residual deviations.
+  double step(const std::vector<normal_posterior>& modes, Eigen::VectorXd& theta,
+              Eigen::MatrixXd& omega) {
+    const double means = update_means(modes, theta, omega);
+    const double variances = update_omega(modes, theta, omega);
+    const double rest = update_data(modes, theta);
+    return std::max({means, variances, rest});
+  }
+
+ private:
+  double update_means(const std::vector<normal_posterior>& modes, Eigen::VectorXd& theta,
+                      const Eigen::MatrixXd& omega) const {
+    const random_effect_density prior(omega);
+    std::vector<int> positions;
+    for (const auto& column : model_.columns())
+      if (!model_.thetas()[static_cast<std::size_t>(column.theta)].fixed)
+        positions.push_back(column.theta);
+    std::sort(positions.begin(), positions.end());
+    positions.erase(std::unique(positions.begin(), positions.end()), positions.end());
+    const auto n = static_cast<Eigen::Index>(positions.size());
+    if (n == 0) return 0.0;
+    Eigen::MatrixXd normal = Eigen::MatrixXd::Zero(n, n);
+    Eigen::VectorXd right = Eigen::VectorXd::Zero(n);
+    Eigen::VectorXd mu(model_.random_effects());
+    for (int i = 0; i < model_.subjects(); ++i) {
+      if (model_.observations(i) == 0 || !modes[static_cast<std::size_t>(i)].usable) continue;
+      Eigen::MatrixXd design = Eigen::MatrixXd::Zero(mu.size(), n);
+      for (std::size_t c = 0; c < model_.columns().size(); ++c) {
+        const auto& column = model_.columns()[c];
+        const auto at = std::lower_bound(positions.begin(), positions.end(), column.theta);
+        if (at != positions.end() && *at == column.theta)
+          design(column.eta, at - positions.begin()) += model_.design(i, static_cast<int>(c));
+      }
+      model_.means(i, theta.data(), mu.data());
+      const Eigen::MatrixXd whitened = prior.whitener() * design;
+      normal += whitened.transpose() * whitened;
+      right +=
+          whitened.transpose() * (prior.whitener() * (modes[static_cast<std::size_t>(i)].phi - mu));
+    }
+    const Eigen::VectorXd move = normal.completeOrthogonalDecomposition().solve(right);
+    double change = 0.0;
+    for (Eigen::Index k = 0; k < n; ++k) {
+      const int position = positions[static_cast<std::size_t>(k)];
+      const fixed_effect& t = model_.thetas()[static_cast<std::size_t>(position)];
+      const double beta = t.regression(theta(position)) + move(k);
+      theta(position) = std::clamp(t.from_regression(beta), t.lower, t.upper);
+      for (const auto& column : model_.columns())
+        if (column.theta == position && t.role == theta_role::typical_value)
+          change = std::max(change, std::fabs(move(k)) / std::sqrt(omega(column.eta, column.eta)));
+    }
+    return change;
+  }
+
+  double least_of(int eta) const {
+    const int k = model_.effects()[static_cast<std::size_t>(eta)].parameter;
+    const fixed_effect& t = model_.thetas()[static_cast<std::size_t>(k)];
+    if (t.law != distribution::normal) return least_variance;
+    return least_variance * std::max(std::pow(t.start, 2), 1e-12);
+  }
+
+  double update_omega(const std::vector<normal_posterior>& modes, const Eigen::VectorXd& theta,
+                      Eigen::MatrixXd& omega) const {
+    const auto& elements = model_.omega_elements();
+    Eigen::VectorXd sums = Eigen::VectorXd::Zero(static_cast<Eigen::Index>(elements.size()));
+    Eigen::VectorXd number = sums;
+    Eigen::VectorXd mu(model_.random_effects());
+    for (int i = 0; i < model_.subjects(); ++i) {
+      const normal_posterior& m = modes[static_cast<std::size_t>(i)];
+      if (model_.observations(i) == 0 || !m.usable) continue;
+      model_.means(i, theta.data(), mu.data());
+      const Eigen::VectorXd eta = m.phi - mu;
+      for (Eigen::Index e = 0; e < sums.size(); ++e)
+        for (const auto& [row, column] : elements[static_cast<std::size_t>(e)].places) {
+          if (!model_.has_effect(i, row)) continue;
+          sums(e) += eta(row) * eta(column) + m.covariance(row, column);
+          number(e) += 1.0;
+        }
+    }
+    Eigen::MatrixXd next = omega;
+    for (Eigen::Index e = 0; e < sums.size(); ++e) {
+      const omega_element& element = elements[static_cast<std::size_t>(e)];
+      if (element.fixed || number(e) == 0.0) continue;
+      for (const auto& [row, column] : element.places)
+        next(row, column) = next(column, row) = sums(e) / number(e);
+    }
+    double change = 0.0;
+    for (const omega_element& element : elements) {
+      if (element.fixed || !element.is_variance()) continue;
+      for (const auto& [row, same] : element.places) {
+        const double least = std::max(least_shrinkage * omega(row, row), least_of(row));
+        // With the correlations as they are.
+        if (next(row, row) < least) {
+          const double factor = std::sqrt(least / next(row, row));
+          next.row(row) *= factor;
+          next.col(row) *= factor;
+        }
+        change = std::max(change, std::fabs(std::log(next(row, row) / omega(row, row))));
+      }
+    }
+    if (next.allFinite() && next.llt().info() == Eigen::Success) omega = next;
+    return change;
+  }
+
+  // Residual deviations and parameters on which predictions depend directly, by scoring steps at
+  // the 2d sigma points of every subject.
+  double update_data(const std::vector<normal_posterior>& modes, Eigen::VectorXd& theta) {
+    std::vector<int> residual, moving;
+    for (std::size_t k = 0; k < model_.thetas().size(); ++k) {
+      const fixed_effect& t = model_.thetas()[k];
+      if (t.fixed) continue;
+      if (t.role == theta_role::residual_deviation) residual.push_back(static_cast<int>(k));
+      if (t.moves_predictions()) moving.push_back(static_cast<int>(k));
+    }
+    double change = 0.0;
+    if (!moving.empty()) change = move_predictions(modes, moving, theta);
+    constexpr int scoring_steps = 10;
+    if (residual.empty()) return change;
+    make_sigma_points(modes);
+    predict(theta);
+    const Eigen::VectorXd before = theta;
+    for (int s = 0; s < scoring_steps; ++s) {
+      const int first = model_.first_of_endpoints();
+      const auto m = static_cast<Eigen::Index>(model_.observed().parameters().size());
+      Eigen::VectorXd gradient = Eigen::VectorXd::Zero(m);
+      Eigen::MatrixXd scatter = Eigen::MatrixXd::Zero(m, m);
+      Eigen::MatrixXd packed = Eigen::MatrixXd::Zero(m + m * m, model_.subjects());
+      for (int i = 0; i < model_.subjects(); ++i) {
+        if (!usable(modes, i)) continue;
+        const Eigen::MatrixXd& f = predictions_[static_cast<std::size_t>(i)];
+        const Eigen::VectorXd weights =
+            Eigen::VectorXd::Constant(f.rows(), 1.0 / static_cast<double>(f.rows()));
+        Eigen::MatrixXd g;
+        Eigen::MatrixXd h;
+        model_.observed().derivatives(model_.data().subjects[static_cast<std::size_t>(i)], f,
+                                      theta.data(), weights, g, h);
+        if (!g.allFinite() || !h.allFinite()) continue;
+        packed.col(i) << g.transpose() * weights, h.reshaped();
+      }
+      host_.peers().sum(packed.data(), static_cast<int>(packed.size()));
+      const Eigen::VectorXd total = packed.rowwise().sum();
+      gradient = total.head(m);
+      scatter = -total.tail(m * m).reshaped(m, m);
+      for (const fixed_effect& t : model_.observed().parameters())
+        if (t.fixed) {
+          const auto k = &t - model_.observed().parameters().data();
+          gradient(k) = 0.0;
+          scatter.row(k).setZero();
+          scatter.col(k).setZero();
+          scatter(k, k) = 1.0;
+        }
+      const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(scatter);
+      const double widest = std::max(solver.eigenvalues().cwiseAbs().maxCoeff(), 1e-300);
+      const Eigen::VectorXd step =
+          solver.eigenvectors() *
+          (solver.eigenvectors().transpose() * gradient)
+              .cwiseQuotient(solver.eigenvalues().cwiseAbs().cwiseMax(1e-3 * widest));
+      if (!step.allFinite()) break;
+      for (Eigen::Index k = 0; k < m; ++k)
+        theta(first + k) *= std::exp(std::clamp(step(k), -1.0, 1.0));
+      if (step.cwiseAbs().maxCoeff() < 0.01) break;
+    }
+    for (const int position : residual)
+      change = std::max(change, std::fabs(std::log(theta(position) / before(position))));
+    return change;
+  }
+
+  bool usable(const std::vector<normal_posterior>& modes, int i) const {
+    return counts(host_, i) && modes[static_cast<std::size_t>(i)].usable;
+  }
+
+  void make_sigma_points(const std::vector<normal_posterior>& modes) {
+    const Eigen::Index d = model_.random_effects();
+    points_.assign(modes.size(), {});
+    for (int i = 0; i < model_.subjects(); ++i) {
+      if (!usable(modes, i)) continue;
+      const normal_posterior& m = modes[static_cast<std::size_t>(i)];
+      const Eigen::MatrixXd factor =
+          std::sqrt(static_cast<double>(d)) * Eigen::MatrixXd(m.covariance.llt().matrixL());
+      Eigen::MatrixXd& points = points_[static_cast<std::size_t>(i)];
+      points.resize(d, 2 * d);
+      points << factor.colwise() + m.phi, (-factor).colwise() + m.phi;
+    }
+    predictions_.assign(modes.size(), {});
+  }
+
+  void predict(const Eigen::VectorXd& theta) {
+    for (int i = 0; i < model_.subjects(); ++i) {
+      const auto at = static_cast<std::size_t>(i);
+      if (points_[at].size() == 0) continue;
+      host_.joint().predict(i, theta.data(), points_[at], predictions_[at], scratch_);
+      host_.count_evaluations(points_[at].cols());
+    }
+  }
+
+  // One Newton step by differences at the sigma points, clipped.
+  double move_predictions(const std::vector<normal_posterior>& modes,
+                          const std::vector<int>& positions, Eigen::VectorXd& theta) {
+    constexpr double step = 1e-3;
+    constexpr double longest = 0.5;
+    make_sigma_points(modes);
+    const auto n = static_cast<Eigen::Index>(positions.size());
+    const auto moved = [&](const Eigen::VectorXd& by) {
+      Eigen::VectorXd result = theta;
+      for (Eigen::Index k = 0; k < n; ++k) {
+        const int position = positions[static_cast<std::size_t>(k)];
+        const fixed_effect& t = model_.thetas()[static_cast<std::size_t>(position)];
+        double& value = result(position);
+        value = t.is_positive() ? value * std::exp(by(k))
+                                : value + by(k) * std::max(std::fabs(value), 1.0);
+        value = std::clamp(value, t.lower, t.upper);
+      }
+      return result;
+    };
+    const auto total = [&](const Eigen::VectorXd& by) {
+      const Eigen::VectorXd at = moved(by);
+      predict(at);
+      Eigen::VectorXd by_subject = Eigen::VectorXd::Zero(model_.subjects());
+      Eigen::VectorXd value;
+      Eigen::VectorXd squares;
+      for (int i = 0; i < model_.subjects(); ++i) {
+        if (!usable(modes, i)) continue;
+        host_.joint().of_data(i, at.data(), predictions_[static_cast<std::size_t>(i)], value,
+                              squares);
+        by_subject(i) = value.mean();
+      }
+      return sum_of(host_, by_subject);
+    };
+    const Eigen::VectorXd zero = Eigen::VectorXd::Zero(n);
+    const double here = total(zero);
+    Eigen::VectorXd gradient(n), curvature(n), up(n), down(n);
+    Eigen::MatrixXd hessian(n, n);
+    for (Eigen::Index k = 0; k < n; ++k) {
+      const Eigen::VectorXd unit = step * Eigen::VectorXd::Unit(n, k);
+      up(k) = total(unit);
+      down(k) = total(-unit);
+      gradient(k) = (up(k) - down(k)) / (2.0 * step);
+      hessian(k, k) = (up(k) - 2.0 * here + down(k)) / (step * step);
+      for (Eigen::Index l = 0; l < k; ++l) {
+        const Eigen::VectorXd both = unit + step * Eigen::VectorXd::Unit(n, l);
+        hessian(k, l) = hessian(l, k) =
+            (total(both) + total(-both) + 2.0 * here - up(k) - down(k) - up(l) - down(l)) /
+            (2.0 * step * step);
+      }
+    }
+    if (!gradient.allFinite() || !hessian.allFinite()) return 0.0;
+    const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(hessian);
+    const double widest = std::max(solver.eigenvalues().cwiseAbs().maxCoeff(), 1e-300);
+    Eigen::VectorXd move =
+        -(solver.eigenvectors() *
+          (solver.eigenvectors().transpose() * gradient)
+              .cwiseQuotient(solver.eigenvalues().cwiseAbs().cwiseMax(1e-6 * widest)));
+    const double length = move.cwiseAbs().maxCoeff();
+    if (length > longest) move *= longest / length;
+    for (int half = 0; half < 6; ++half, move *= 0.5) {
+      const double value = total(move);
+      if (!(value < here)) continue;
+      theta = moved(move);
+      return move.cwiseAbs().maxCoeff();
+    }
+    return 0.0;
+  }
+
+  engine_host& host_;
+  const population_model& model_;
+  density_workspace scratch_;
+  coordinates scale_;
+  std::vector<Eigen::MatrixXd> points_, predictions_;
+};
+
+bool iterate(engine_host& host, int most, start_result& at) {
+  two_stage update(host);
+  for (int k = 0; k < most; ++k) {
+    const parameter_values now(at.theta, at.omega);
+    if (!now.prior.is_definite() || !find_modes(host, now, false, at.modes, at.laplace))
+      return !engine_host::stopped();
+    if (update.step(at.modes, at.theta, at.omega) < settled) break;
+  }
+  return find_modes(host, parameter_values(at.theta, at.omega), false, at.modes, at.laplace);
+}
+
+}  // namespace
+
+bool start_up(engine_host& host, start_result& found) {
+  found = {host.theta(), host.omega(), {}, 0.0};
+  const Eigen::VectorXd start = found.theta;
+  const Eigen::VectorXd better = screen(host, start);
+  if (!iterate(host, most_iterations, found)) return false;
+  if (better != start) {
+    start_result other{better, host.omega(), {}, 0.0};
+    if (!iterate(host, most_iterations, other)) return false;
+    if (other.laplace < found.laplace) found = other;
+  }
+  std::vector<normal_posterior> others = found.modes;
+  double laplace = 0.0;
+  const parameter_values at(found.theta, found.omega);
+  if (!find_modes(host, at, true, others, laplace)) return false;
+  bool changed = false;
+  for (std::size_t i = 0; i < others.size(); ++i)
+    if (others[i].usable && others[i].log_mass > found.modes[i].log_mass + 1e-3) changed = true;
+  if (!changed) return true;
+  found.modes = others;
+  return iterate(host, iterations_after_new_modes, found);
+}
+
+}  // namespace varda

@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "varda/run/diagnose.h"
+
+#include "varda/diagnostics/natural_scale.h"
+#include "varda/diagnostics/npde.h"
+
+namespace varda {
+
+void diagnose(const population_model& model, const job& peers, const progress_listener& progress,
+              fit_result& result) {
+  result.natural_theta = natural_theta(model, result.theta);
+  for (const iteration_record& r : result.iterations)
+    result.natural_iterations.push_back(
+        {without_constant(r.minus2ll, model.data().observations()), natural_theta(model, r.theta)});
+  result.natural_covariance = natural_covariance(result.errors);
+  result.objective = objective_figures_of(model, result.likelihood, result.quadrature);
+  result.effects = random_effect_figures_of(model, result.omega, result.likelihood);
+  result.sampler = sampler_health_of(model, result.likelihood);
+  if (!result.likelihood.complete) return;
+  for (int i = 0; i < model.subjects(); ++i)
+    result.predictions.push_back(predictions_of(
+        model, i, result.theta, result.likelihood.subjects[static_cast<std::size_t>(i)].mean));
+  result.npde = npde(model, result.theta, result.omega, peers, progress);
+}
+
+}  // namespace varda
