@@ -48,7 +48,7 @@ double above_zero(section& from, const std::string& key, double fallback) {
 
 solver_settings read_solver(section from) {
   solver_settings s;
-  s.stiff = from.word("method", {"non-stiff", "stiff"}) == "stiff";
+  s.method = from.kind_or("method", s.method);
   s.relative = above_zero(from, "relative", s.relative);
   s.absolute = above_zero(from, "absolute", s.absolute);
   s.max_steps = from.whole_number_or("max_steps", s.max_steps, 1, 1000000000);
@@ -93,7 +93,7 @@ std::vector<formula_error> places_of(const std::vector<std::string>& covariates,
   for (const std::string& name : covariates)
     for (const auto& [table, member] : formula_tables)
       for (const formula_line& line : text.*member) {
-        const std::vector<std::string> names = expression::names_in(line.text);
+        const std::vector<std::string> names = expression(line.text).names();
         if (places.size() > static_cast<std::size_t>(&name - covariates.data()) ||
             std::find(names.begin(), names.end(), name) == names.end())
           continue;

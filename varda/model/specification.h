@@ -31,10 +31,14 @@ struct formula_line {
   std::string text;
 };
 
+// Automatic: exact where the system is linear, else explicit, and for stiff systems when that
+// turns out.
+enum class solver_method { automatic, non_stiff, stiff };
+
 struct solver_settings {
-  bool stiff = false;
-  double relative = 1e-9;   // error allowed in a step, as a share of the state
-  double absolute = 1e-11;  // and near 0, as a share of the subject's largest dose
+  solver_method method = solver_method::automatic;
+  double relative = 1e-6;   // error allowed in a step, as a share of the state
+  double absolute = 1e-10;  // and near 0, as a share of the subject's largest dose
   int max_steps = 100000;   // between two events
 };
 

@@ -29,6 +29,18 @@ const char* name_of(distribution law) {
   return nullptr;
 }
 
+const char* name_of(solver_method method) {
+  switch (method) {
+    case solver_method::automatic:
+      return "automatic";
+    case solver_method::non_stiff:
+      return "non-stiff";
+    case solver_method::stiff:
+      return "stiff";
+  }
+  return nullptr;
+}
+
 const char* name_of(effect_form form) {
   switch (form) {
     case effect_form::power:

@@ -13,6 +13,7 @@ namespace varda {
 // Null for a value that is none of the enumerators.
 const char* name_of(parametrisation by);
 const char* name_of(distribution law);
+const char* name_of(solver_method method);
 const char* name_of(effect_form form);
 const char* name_of(error_kind kind);
 const char* name_of(proposal_family family);

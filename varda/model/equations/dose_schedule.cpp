@@ -2,6 +2,7 @@
 #include "varda/model/equations/dose_schedule.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace varda {
 
@@ -18,22 +19,31 @@ void dose_schedule::add(const arrival& one) {
   pending_.insert(later, one);
 }
 
+void dose_schedule::add_running(const arrival& one, double at, double interval) {
+  if (one.rate == 0.0) return;
+  const double since = std::fmod(one.time - at, interval);
+  for (int k = 1; at + since - k * interval + one.duration > at; ++k) {
+    arrival earlier = one;
+    earlier.time = at + since - k * interval;
+    add(earlier);
+  }
+}
+
 double dose_schedule::next_change() const {
   double next = pending_.empty() ? never : pending_.back().time;
   for (const infusion& i : running_) next = std::min(next, i.end);
   return next;
 }
 
-void dose_schedule::apply(double t, std::span<double> x) {
-  for (; !pending_.empty() && pending_.back().time <= t; pending_.pop_back()) {
-    const arrival& one = pending_.back();
-    x[one.state] += one.amount;
-    if (one.rate != 0.0) running_.push_back({one.time + one.duration, one.state, one.rate});
-  }
-  std::erase_if(running_, [t](const infusion& i) { return i.end <= t; });
-  // Summed anew: differences of rates would leave a rest.
+bool dose_schedule::end_infusions(double t) {
+  return std::erase_if(running_, [t](const infusion& i) { return i.end <= t; }) > 0;
+}
+
+// Summed anew: differences of rates would leave a rest.
+bool dose_schedule::sum_rates() {
   std::fill(rates_.begin(), rates_.end(), 0.0);
   for (const infusion& i : running_) rates_[i.state] += i.rate;
+  return true;
 }
 
 }  // namespace varda

@@ -3,31 +3,25 @@
 
 namespace varda {
 
-namespace {
-
-// Formulas and the solver change in a prediction.
-struct equation_workspace final : structural_model::workspace {
-  explicit equation_workspace(const equation_text& text)
-      : program(text), run(program, text.solver) {}
-  formula_program program;
-  equation_run run;
-};
-
-}  // namespace
-
-equation_model::equation_model(const equation_text& text) : text_(text), program_(text) {}
+equation_model::equation_model(const equation_text& text)
+    : program_(text), settings_(text.solver) {}
 
 std::unique_ptr<structural_model::workspace> equation_model::make_workspace() const {
-  return std::make_unique<equation_workspace>(text_);
+  return std::make_unique<equation_run>(program_, settings_);
 }
 
-void equation_model::predict_individual(const subject& who, const parameter_path& p,
-                                        std::span<double> f, workspace& scratch) const {
-  static_cast<equation_workspace&>(scratch).run.predict(who, p, positions_, f);
+std::unique_ptr<structural_model::workspace> equation_model::make_workspace(
+    const lane_kernel& kernel, std::size_t block) const {
+  return std::make_unique<equation_run>(program_, settings_, kernel, block);
+}
+
+void equation_model::predict(const subject& who, const parameter_block& p,
+                             const prediction_block& f, workspace& scratch) const {
+  dynamic_cast<equation_run&>(scratch).predict(who, p, positions_, f);
 }
 
 std::string equation_model::last_failure(const workspace& scratch) const {
-  return static_cast<const equation_workspace&>(scratch).run.last_failure();
+  return dynamic_cast<const equation_run&>(scratch).last_failure();
 }
 
 }  // namespace varda

@@ -5,15 +5,17 @@
 #pragma once
 
 #include <memory>
+#include <span>
+#include <string>
+#include <vector>
 
 #include "varda/model/equations/equation_run.h"
-#include "varda/model/equations/formula_error.h"
 #include "varda/model/equations/formula_program.h"
 #include "varda/model/structural_model.h"
 
 namespace varda {
 
-class equation_model : public individual_model {
+class equation_model : public structural_model {
  public:
   // Throws formula_error.
   explicit equation_model(const equation_text& text);
@@ -29,15 +31,17 @@ class equation_model : public individual_model {
   int outputs() const override { return static_cast<int>(program_.outputs().size()); }
   std::vector<std::string> covariates() const override { return program_.covariates(); }
   void locate_covariates(const std::vector<int>& positions) override { positions_ = positions; }
+
   std::unique_ptr<workspace> make_workspace() const override;
+  // With another kernel or block than the best ones: results are the same.
+  std::unique_ptr<workspace> make_workspace(const lane_kernel& kernel, std::size_t block) const;
+  void predict(const subject& who, const parameter_block& p, const prediction_block& f,
+               workspace& scratch) const override;
   std::string last_failure(const workspace& scratch) const override;
 
  private:
-  void predict_individual(const subject& who, const parameter_path& p, std::span<double> f,
-                          workspace& scratch) const override;
-
-  equation_text text_;
-  formula_program program_;  // for what it tells; each workspace has one of its own to evaluate
+  formula_program program_;
+  solver_settings settings_;
   std::vector<int> positions_;
 };
 

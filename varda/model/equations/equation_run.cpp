@@ -11,8 +11,9 @@ namespace varda {
 
 namespace {
 
-// An infusion that lasts longer than so many dosing intervals is taken for a slip in the data.
-constexpr double most_overlaps = 1000.0;
+// More individuals take the memory of a subject's observations out of the second cache and gain
+// nothing.
+constexpr std::size_t most_individuals = 256;
 
 double largest_dose(const subject& who) {
   double largest = 0.0;
@@ -20,178 +21,179 @@ double largest_dose(const subject& who) {
   return largest > 0.0 ? largest : 1.0;
 }
 
-// Of a regimen that gives `one` every `interval`, the infusions that began before `at` and still
-// run.
-void add_running(dose_schedule& to, const arrival& one, double at, double interval) {
-  if (one.rate == 0.0) return;
-  const double since = std::fmod(one.time - at, interval);
-  for (int k = 1; at + since - k * interval + one.duration > at; ++k) {
-    arrival earlier = one;
-    earlier.time = at + since - k * interval;
-    to.add(earlier);
-  }
-}
-
 }  // namespace
 
-equation_run::equation_run(formula_program& program, const solver_settings& settings)
+equation_run::equation_run(const formula_program& program, const solver_settings& settings,
+                           const lane_kernel& kernel, std::size_t block)
     : program_(program),
       settings_(settings),
-      search_(program.states().size()),
-      x_(program.states().size()),
-      schedule_(x_.size()),
-      regimen_(x_.size()),
-      present_(x_.size()),
-      initial_(x_.size()),
-      trial_(x_.size()),
-      sizes_(x_.size()) {
-  solver_ = make_ode_solver(*this, settings);
+      formulas_(program, kernel),
+      integrator_(program, settings, kernel, block),
+      states_(program.states().size()),
+      writer_(states_) {}
+
+void equation_run::predict(const subject& who, const parameter_block& p,
+                           const std::vector<int>& positions, const prediction_block& f) {
+  first_failure_ = {};
+  if (who.timeline.empty()) return;
+  who_ = &who;
+  scale_ = largest_dose(who);
+  for (std::size_t first = 0; first < p.individuals; first += most_individuals)
+    predict_some(who, p, first, std::min(most_individuals, p.individuals - first), positions, f);
 }
 
-bool equation_run::predict(const subject& who, const parameter_path& p,
-                           const std::vector<int>& positions, std::span<double> f) {
-  why_ = failure::none;
-  if (walk(who, p, positions, f)) {
-    why_ = failure::none;  // a search may have tried a state in vain
-    return true;
-  }
-  std::fill(f.begin(), f.end(), std::numeric_limits<double>::quiet_NaN());
-  return false;
+void equation_run::predict_some(const subject& who, const parameter_block& p, std::size_t first,
+                                std::size_t count, const std::vector<int>& positions,
+                                const prediction_block& f) {
+  failures_.assign(count, {});
+  stiff_.assign(count, 0);
+  used_memory_ = 0;
+  formulas_.begin(who, p, first, count, positions);
+  tables_.stride = formulas_.stride();
+  tables_.initial.clear();
+  tables_.settled.clear();
+  lay_out(who);
+  find_steady_states();
+  list_tables();
+  solve();
+  write_outputs(first, f);
+  const auto bad = std::find_if(failures_.begin(), failures_.end(),
+                                [](const failure& one) { return one.why != reason::none; });
+  if (bad != failures_.end() && first_failure_.why == reason::none) first_failure_ = *bad;
 }
 
-bool equation_run::walk(const subject& who, const parameter_path& p,
-                        const std::vector<int>& positions, std::span<double> f) {
-  if (who.timeline.empty()) return true;
-  time_ = who.timeline.front().time;
-  program_.enter_segment(who, 0, p, positions);
-  solver_->set_scale(largest_dose(who));
-  if (!reset()) return false;
-  for (const event& e : who.timeline) {
-    if (!advance(e.time)) return false;
-    const auto at = static_cast<std::size_t>(e.index);
-    bool good = true;
+double* equation_run::new_rows(std::size_t rows) {
+  if (used_memory_ == memory_.size()) memory_.emplace_back();
+  lane_array& one = memory_[used_memory_++];
+  one.reserve(rows * formulas_.stride());
+  return one.data();
+}
+
+void equation_run::list_tables() {
+  tables_.constants.clear();
+  for (std::size_t k = 0; k < formulas_.tables(); ++k)
+    tables_.constants.push_back(formulas_.table(k));
+}
+
+void equation_run::fail(std::size_t individual, const failure& how) {
+  if (!failed(individual)) failures_[individual] = how;
+}
+
+// Evaluates what the formulas say of all events; none of it depends on a state.
+void equation_run::lay_out(const subject& who) {
+  stages_.resize(who.timeline.size() + 1);
+  facts_.assign(who.doses.size(), {});
+  stage current;
+  current.table = formulas_.table_of(current.now);
+  current.initial = add_initial(current.now, who.timeline.front().time);
+  stages_[0] = current;
+  common_times_ = true;
+  for (std::size_t i = 0; i < who.timeline.size(); ++i) {
+    const event& e = who.timeline[i];
     switch (e.kind) {
-      case event_kind::dose:
-        good = give(who.doses[at]);
-        break;
       case event_kind::observation:
-        good = observe(who, at, f);
         break;
+      case event_kind::dose: {
+        const dose& d = who.doses[static_cast<std::size_t>(e.index)];
+        current.now.dosed = true;
+        current.now.dose_time = d.time;
+        current.now.dose = d.amount;
+        evaluate_dose(d, current.now, facts_[static_cast<std::size_t>(e.index)]);
+        break;
+      }
       case event_kind::reset:
-        good = reset();
+        current.now = {.segment = current.now.segment};
+        current.initial = add_initial(current.now, e.time);
         break;
       case event_kind::segment:
-        program_.enter_segment(who, e.index, p, positions);
-        solver_->restart();
+        current.now.segment = e.index;
         break;
     }
-    if (!good) return false;
+    if (e.kind != event_kind::observation) current.table = formulas_.table_of(current.now);
+    stages_[i + 1] = current;
   }
-  return true;
 }
 
-void equation_run::derivative(double t, const double* x, double* dxdt) {
-  program_.derivatives(t, x, dxdt);
-  const std::vector<double>& rates = doses_->rates();
-  for (std::size_t s = 0; s < rates.size(); ++s) dxdt[s] += rates[s];
-}
-
-// Whatever was given before has no effect any more, doses that are still to arrive included.
-bool equation_run::reset() {
-  doses_ = &schedule_;
-  schedule_.clear();
-  program_.forget_doses();
-  solver_->restart();
-  for (std::size_t s = 0; s < x_.size(); ++s) {
-    x_[s] = program_.initial(s, time_);
-    if (!std::isfinite(x_[s])) return fail(failure::initial, time_, s, x_[s]);
-  }
-  return true;
-}
-
-bool equation_run::advance(double to) {
-  for (;;) {
-    const double change = doses_->next_change();
-    const double stop = std::min(to, change);
-    if (stop > time_) {
-      status_ = solver_->advance(time_, stop, x_);
-      if (status_ != ode_status::done) return fail(failure::solver, solver_->reached());
-      time_ = stop;
+std::size_t equation_run::add_initial(const epoch& now, double time) {
+  double* const rows = new_rows(states_);
+  formulas_.initial(now, time, rows);
+  for (std::size_t j = 0; j < formulas_.count(); ++j)
+    for (const std::size_t s : program_.initial_states()) {
+      const double value = rows[s * formulas_.stride() + j];
+      if (!std::isfinite(value))
+        fail(j, {.why = reason::initial, .time = time, .which = s, .value = value});
     }
-    if (change > to) return true;
-    doses_->apply(change, x_);
-    solver_->restart();
-  }
+  tables_.initial.push_back(rows);
+  return tables_.initial.size() - 1;
 }
 
-bool equation_run::observe(const subject& who, std::size_t observation, std::span<double> f) {
-  const bool common = program_.outputs().size() == 1;
-  const auto k = common ? 0 : static_cast<std::size_t>(who.observations[observation].endpoint);
-  f[observation] = program_.output(k, time_, x_);
-  return std::isfinite(f[observation]) || fail(failure::output, time_, k, f[observation]);
-}
-
-bool equation_run::give(const dose& d) {
-  program_.set_dose(d.time, d.amount);
-  const std::optional<arrival> effect = effect_of(d);
-  if (!effect) return false;
-  solver_->restart();
-  if (d.steady_state) return give_at_steady_state(d, *effect);
-  schedule_.add(*effect);
-  if (effect->time <= time_) schedule_.apply(time_, x_);
-  return true;
-}
-
-std::optional<double> equation_run::property(dose_property what, std::size_t state,
-                                             double otherwise) {
-  if (!program_.has(what, state)) return otherwise;
-  const double value = program_.of_dose(what, state, time_);
-  if (std::isfinite(value) && value >= 0.0) return value;
-  which_property_ = what;
-  fail(failure::dose_property, time_, state, value);
-  return std::nullopt;
+void equation_run::evaluate_dose(const dose& d, const epoch& now, dose_facts& facts) {
+  const auto state = static_cast<std::size_t>(d.compartment - 1);
+  const auto evaluate = [&](dose_property what, bool zero_allowed) {
+    if (!program_.has(what, state)) return;
+    double* const row = new_rows(1);
+    formulas_.of_dose(what, state, now, d.time, row);
+    facts.rows[static_cast<std::size_t>(what)] = row;
+    for (std::size_t j = 0; j < formulas_.count(); ++j)
+      if (!(std::isfinite(row[j]) && (row[j] > 0.0 || (zero_allowed && row[j] == 0.0))))
+        fail(j, {.why = reason::dose_property,
+                 .time = d.time,
+                 .which = state,
+                 .value = row[j],
+                 .property = what});
+  };
+  evaluate(dose_property::lag, true);
+  evaluate(dose_property::bioavailability, true);
+  if (d.input == dose_input::modelled_rate) evaluate(dose_property::rate, false);
+  if (d.input == dose_input::modelled_duration) evaluate(dose_property::duration, true);
+  const auto known = [&](dose_property what) {
+    return facts.rows[static_cast<std::size_t>(what)] != nullptr;
+  };
+  // What depends on the individual, other than how much of a dose arrives.
+  if (known(dose_property::lag) || known(dose_property::rate) || known(dose_property::duration) ||
+      (d.input != dose_input::bolus && known(dose_property::bioavailability)))
+    common_times_ = false;
 }
 
 // What of a dose arrives, and when. An infusion whose rate is given lasts as long as the amount
-// that is available; one whose duration is given has its rate.
-std::optional<arrival> equation_run::effect_of(const dose& d) {
+// that is available; one whose duration is given has its rate. Where times are common to all
+// individuals, the share of each remains to be applied.
+arrival equation_run::effect_of(const dose& d, const dose_facts& facts,
+                                std::size_t individual) const {
+  const auto row = [&](dose_property what) { return facts.rows[static_cast<std::size_t>(what)]; };
+  const auto value = [&](dose_property what, double otherwise) {
+    return row(what) == nullptr ? otherwise : row(what)[individual];
+  };
   arrival effect;
   effect.state = static_cast<std::size_t>(d.compartment - 1);
-  const auto lag = property(dose_property::lag, effect.state, 0.0);
-  const auto share = property(dose_property::bioavailability, effect.state, 1.0);
-  if (!lag || !share) return std::nullopt;
-  effect.time = d.time + *lag;
-  const double amount = *share * d.amount;
+  effect.time = d.time + value(dose_property::lag, 0.0);
+  const double share = common_times_ ? 1.0 : value(dose_property::bioavailability, 1.0);
+  const double amount = share * d.amount;
   const auto infuse = [&](double rate) {
     effect.rate = rate;
     effect.duration = amount / rate;
   };
+  const auto at_once = [&] {
+    effect.amount = amount;
+    if (common_times_) effect.share = row(dose_property::bioavailability);
+  };
   switch (d.input) {
     case dose_input::bolus:
-      effect.amount = amount;
+      at_once();
       break;
     case dose_input::infusion:
       infuse(d.rate);
       break;
-    case dose_input::modelled_rate: {
-      const auto rate = property(dose_property::rate, effect.state, 0.0);
-      if (!rate) return std::nullopt;
-      if (*rate == 0.0) {
-        which_property_ = dose_property::rate;
-        fail(failure::dose_property, time_, effect.state, 0.0);
-        return std::nullopt;
-      }
-      infuse(*rate);
+    case dose_input::modelled_rate:
+      infuse(value(dose_property::rate, 0.0));
       break;
-    }
     case dose_input::modelled_duration: {
-      const auto duration = property(dose_property::duration, effect.state, 0.0);
-      if (!duration) return std::nullopt;
-      if (*duration == 0.0) {
-        effect.amount = amount;
+      const double duration = value(dose_property::duration, 0.0);
+      if (duration == 0.0) {
+        at_once();
       } else {
-        effect.rate = amount / *duration;
-        effect.duration = *duration;
+        effect.rate = amount / duration;
+        effect.duration = duration;
       }
       break;
     }
@@ -199,147 +201,149 @@ std::optional<arrival> equation_run::effect_of(const dose& d) {
   return effect;
 }
 
-// Adds what the regimen has built up until now over the initial values, then what of it is still to
-// come: infusions that run, doses on their way because of a lag, and the dose itself.
-bool equation_run::give_at_steady_state(const dose& d, const arrival& first) {
-  const double now = time_;
-  for (std::size_t s = 0; s < x_.size(); ++s) initial_[s] = program_.initial(s, now);
-  present_ = x_;
-  x_ = initial_;
-  doses_ = &regimen_;
-  const bool found =
-      d.interval > 0.0 ? find_periodic_state(d, first) : find_resting_state(d, first);
-  doses_ = &schedule_;
-  time_ = now;
-  solver_->restart();
-  program_.set_dose(d.time, d.amount);
-  if (!found) return why_ == failure::none ? fail(failure::steady_state, now) : false;
-  for (std::size_t s = 0; s < x_.size(); ++s) x_[s] = present_[s] + (x_[s] - initial_[s]);
+const script& equation_run::script_of(std::size_t individual, script& memory) {
+  if (failed(individual)) {
+    memory.clear();
+    return memory;
+  }
+  if (common_times_) return common_;
+  if (regimen_.given != nullptr)
+    write_regimen(memory, individual);
+  else
+    write_script(memory, individual);
+  return memory;
+}
 
+void equation_run::write_script(script& to, std::size_t individual) {
+  using kind = instruction::kind;
+  writer_.begin(to, who_->timeline.front().time);
+  writer_.note(kind::constants, stages_[0].table);
+  writer_.note(kind::reset, stages_[0].initial);
+  for (std::size_t i = 0; i < who_->timeline.size(); ++i) {
+    const event& e = who_->timeline[i];
+    const auto at = static_cast<std::size_t>(e.index);
+    writer_.go_to(e.time);
+    if (e.kind == event_kind::observation) {
+      writer_.note(kind::observe, at);
+      continue;
+    }
+    writer_.note(kind::constants, stages_[i + 1].table);
+    if (e.kind == event_kind::dose) give(who_->doses[at], facts_[at], individual);
+    // Whatever was given before has no effect any more, doses that are still to arrive included.
+    if (e.kind == event_kind::reset) {
+      writer_.forget();
+      writer_.note(kind::reset, stages_[i + 1].initial);
+    }
+  }
+}
+
+// A dose at steady state adds what the regimen has built up until now over the initial values, then
+// what of it is still to come: infusions that run, doses on their way because of a lag, and the
+// dose itself.
+void equation_run::give(const dose& d, const dose_facts& facts, std::size_t individual) {
+  const double now = writer_.time();
+  const arrival first = effect_of(d, facts, individual);
+  dose_schedule& schedule = writer_.schedule();
+  if (!d.steady_state) {
+    schedule.add(first);
+    if (first.time <= now) writer_.apply();
+    return;
+  }
+  writer_.note(instruction::kind::settle, facts.settled);
   if (d.interval > 0.0) {
-    add_running(schedule_, first, now, d.interval);
+    schedule.add_running(first, now, d.interval);
     const double lag = first.time - now;
     for (double before = 0.0; before <= lag; before += d.interval) {
       arrival due = first;
       due.time = first.time - before;
-      schedule_.add(due);
+      schedule.add(due);
     }
   } else if (first.time > now) {
     arrival rest = first;
     rest.time = now;
     rest.duration = first.time - now;
-    schedule_.add(rest);
+    schedule.add(rest);
   }
-  schedule_.apply(now, x_);
-  return true;
+  writer_.apply();
 }
 
-// The state at the time of a dose record that was repeated for ever before.
-bool equation_run::find_periodic_state(const dose& d, const arrival& first) {
-  const double end = time_;
-  const double begin = end - d.interval;
-  if (first.duration > most_overlaps * d.interval) return false;
-  const auto repeat = [&] {
-    time_ = begin;
-    regimen_.clear();
-    add_running(regimen_, first, begin, d.interval);
-    arrival within = first;
-    within.time = begin + std::fmod(first.time - end, d.interval);
-    regimen_.add(within);
-    regimen_.apply(begin, x_);
-    solver_->restart();
-    program_.set_dose(begin, d.amount);
-    return advance(end);
-  };
-
-  const double amount = first.amount + first.rate * first.duration;
-  const double given = amount > 0.0 ? amount : 1.0;
-  std::fill(sizes_.begin(), sizes_.end(), 1e-3 * given);
-  sizes_[first.state] = given;
-  for (int k = 0; k < 2; ++k) {
-    if (!repeat()) return false;
-    for (std::size_t s = 0; s < x_.size(); ++s) sizes_[s] = std::max(sizes_[s], std::fabs(x_[s]));
-  }
-  trial_ = x_;
-  const auto residual = [&](std::span<const double> x, std::span<double> change) {
-    std::copy(x.begin(), x.end(), x_.begin());
-    if (!repeat()) return false;
-    for (std::size_t s = 0; s < x_.size(); ++s) change[s] = x_[s] - x[s];
-    return true;
-  };
-  const bool found = search_.find(
-      {.residual = residual, .sizes = sizes_, .tolerance = 10.0 * settings_.relative}, trial_);
-  x_ = trial_;
-  return found;
+void equation_run::solve() {
+  if (common_times_) write_script(common_, 0);
+  tasks_.clear();
+  for (std::size_t j = 0; j < formulas_.count(); ++j)
+    tasks_.push_back({.individual = j, .stiff = stiff_[j] != 0});
+  const std::size_t rows = who_->observations.size() * states_;
+  observed_.reserve(rows * formulas_.stride());
+  const bool infusions = std::any_of(who_->doses.begin(), who_->doses.end(),
+                                     [](const dose& d) { return d.input != dose_input::bolus; });
+  integrator_.run({.tasks = &tasks_,
+                   .scripts = this,
+                   .tables = &tables_,
+                   .common = common_times_ ? &common_ : nullptr,
+                   .input = infusions,
+                   .scale = scale_,
+                   .observed = observed_.data(),
+                   .observed_stride = formulas_.stride()});
+  for (const lane_task& task : tasks_)
+    if (task.status != ode_status::done)
+      fail(task.individual, {.why = reason::solver, .time = task.reached, .status = task.status});
 }
 
-// The state at which a constant rate is in balance.
-bool equation_run::find_resting_state(const dose& d, const arrival& forever) {
-  regimen_.clear();
-  arrival endless = forever;
-  endless.time = time_;
-  endless.duration = dose_schedule::never;
-  regimen_.add(endless);
-  regimen_.apply(time_, x_);
-  const auto residual = [&](std::span<const double> x, std::span<double> change) {
-    derivative(d.time, x.data(), change.data());
-    return std::all_of(change.begin(), change.end(), [](double v) { return std::isfinite(v); });
-  };
-  // The sizes of the states are known after a first search.
-  for (std::size_t s = 0; s < x_.size(); ++s)
-    sizes_[s] = std::max(std::fabs(x_[s]), std::fabs(forever.rate));
-  for (int k = 0; k < 2; ++k) {
-    trial_ = x_;
-    if (!search_.find({.residual = residual,
-                       .sizes = sizes_,
-                       .tolerance = settings_.relative,
-                       .difference = 1e-6},
-                      trial_))
-      return false;
-    x_ = trial_;
-    for (std::size_t s = 0; s < x_.size(); ++s)
-      if (x_[s] != 0.0) sizes_[s] = std::fabs(x_[s]);
+void equation_run::write_outputs(std::size_t first, const prediction_block& f) {
+  const bool common = program_.outputs().size() == 1;
+  const std::size_t count = formulas_.count();
+  const std::size_t stride = formulas_.stride();
+  double* const row = new_rows(1);
+  for (std::size_t i = 0; i < who_->timeline.size(); ++i) {
+    const event& e = who_->timeline[i];
+    if (e.kind != event_kind::observation) continue;
+    const auto at = static_cast<std::size_t>(e.index);
+    const auto k = common ? 0 : static_cast<std::size_t>(who_->observations[at].endpoint);
+    formulas_.output(k, stages_[i + 1].table, e.time, observed_.data() + at * states_ * stride,
+                     row);
+    std::copy(row, row + count, f.values + at * f.stride + first);
+    for (std::size_t j = 0; j < count; ++j)
+      if (!std::isfinite(row[j]))
+        fail(j, {.why = reason::output, .time = e.time, .which = k, .value = row[j]});
   }
-  return true;
-}
-
-bool equation_run::fail(failure why, double time, std::size_t which, double value) {
-  why_ = why;
-  failed_at_ = time;
-  which_ = which;
-  failed_value_ = value;
-  return false;
+  for (std::size_t j = 0; j < count; ++j)
+    if (failed(j))
+      for (std::size_t i = 0; i < f.observations; ++i)
+        f.values[i * f.stride + first + j] = std::numeric_limits<double>::quiet_NaN();
 }
 
 std::string equation_run::last_failure() const {
   static constexpr const char* properties[] = {"lag", "bioavailability", "rate", "duration"};
-  switch (why_) {
-    case failure::none:
+  const failure& f = first_failure_;
+  switch (f.why) {
+    case reason::none:
       return "";
-    case failure::steady_state:
-      return fmt::format("the dose at time {} has no steady state, or none was found", failed_at_);
-    case failure::dose_property:
+    case reason::steady_state:
+      return fmt::format("the dose at time {} has no steady state, or none was found", f.time);
+    case reason::dose_property:
       return fmt::format("the {} of doses into {} is {} at time {}",
-                         properties[static_cast<std::size_t>(which_property_)],
-                         program_.states()[which_], failed_value_, failed_at_);
-    case failure::initial:
-      return fmt::format("the initial value of {} is {}", program_.states()[which_], failed_value_);
-    case failure::output:
-      return fmt::format("the output {} is {} at time {}", program_.outputs()[which_],
-                         failed_value_, failed_at_);
-    case failure::solver:
+                         properties[static_cast<std::size_t>(f.property)],
+                         program_.states()[f.which], f.value, f.time);
+    case reason::initial:
+      return fmt::format("the initial value of {} is {}", program_.states()[f.which], f.value);
+    case reason::output:
+      return fmt::format("the output {} is {} at time {}", program_.outputs()[f.which], f.value,
+                         f.time);
+    case reason::solver:
       break;
   }
-  switch (status_) {
+  switch (f.status) {
     case ode_status::too_many_steps:
       return fmt::format(
           "the equations take more than {} steps between two events, after time {}{}",
-          settings_.max_steps, failed_at_,
-          settings_.stiff ? "" : " (a stiff system needs method = \"stiff\")");
+          settings_.max_steps, f.time,
+          settings_.method == solver_method::non_stiff
+              ? " (a stiff system needs method = \"stiff\")"
+              : "");
     case ode_status::step_too_small:
-      return fmt::format("the equations cannot be solved to the tolerance at time {}", failed_at_);
+      return fmt::format("the equations cannot be solved to the tolerance at time {}", f.time);
     default:
-      return fmt::format("the equations have no finite solution after time {}", failed_at_);
+      return fmt::format("the equations have no finite solution after time {}", f.time);
   }
 }
 

@@ -2,135 +2,76 @@
 #include "varda/model/equations/expression.h"
 
 #include <fmt/format.h>
-#include <muParser.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
-#include <cmath>
-#include <limits>
+#include <charconv>
+#include <iterator>
 #include <numbers>
+#include <optional>
+#include <string_view>
 #include <utility>
 
 #include "varda/support/finding.h"
 
 namespace varda {
 
-struct expression::parser : mu::Parser {};
-
 namespace {
 
+bool is_digit(char c) {
+  return std::isdigit(static_cast<unsigned char>(c)) != 0;
+}
 bool is_name_character(char c) {
   return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_';
 }
 
-double exp_of(double x) {
-  return std::exp(x);
-}
-double expm1_of(double x) {
-  return std::expm1(x);
-}
-double log_of(double x) {
-  return std::log(x);
-}
-double log1p_of(double x) {
-  return std::log1p(x);
-}
-double log2_of(double x) {
-  return std::log2(x);
-}
-double log10_of(double x) {
-  return std::log10(x);
-}
-double sqrt_of(double x) {
-  return std::sqrt(x);
-}
-double abs_of(double x) {
-  return std::fabs(x);
-}
-double floor_of(double x) {
-  return std::floor(x);
-}
-double ceil_of(double x) {
-  return std::ceil(x);
-}
-double sin_of(double x) {
-  return std::sin(x);
-}
-double cos_of(double x) {
-  return std::cos(x);
-}
-double tan_of(double x) {
-  return std::tan(x);
-}
-double atan_of(double x) {
-  return std::atan(x);
-}
-double tanh_of(double x) {
-  return std::tanh(x);
-}
-double erf_of(double x) {
-  return std::erf(x);
-}
-// A remainder with the sign of the divisor, so that mod(t, 24) is the time of day for negative t.
-double mod_of(double x, double y) {
-  return x - y * std::floor(x / y);
-}
-double pow_of(double x, double y) {
-  return std::pow(x, y);
-}
+constexpr std::array<std::pair<const char*, lane_code>, 18> functions_of_one = {{
+    {"abs", lane_code::absolute},
+    {"atan", lane_code::arctangent},
+    {"ceil", lane_code::ceiling},
+    {"cos", lane_code::cosine},
+    {"erf", lane_code::error_function},
+    {"exp", lane_code::exponential},
+    {"expm1", lane_code::expm1},
+    {"floor", lane_code::floor},
+    {"log", lane_code::logarithm},
+    {"log10", lane_code::log10},
+    {"log1p", lane_code::log1p},
+    {"log2", lane_code::log2},
+    {"sin", lane_code::sine},
+    {"sqrt", lane_code::square_root},
+    {"tan", lane_code::tangent},
+    {"tanh", lane_code::tanh},
+    {"max", lane_code::maximum},
+    {"min", lane_code::minimum},
+}};
 
-// NaN in, NaN out: std::min and std::max would drop it.
-template <class Better>
-double best_of(const double* values, int count, Better better) {
-  double best = values[0];
-  for (int i = 0; i < count; ++i) {
-    if (std::isnan(values[i])) return values[i];
-    if (better(values[i], best)) best = values[i];
-  }
-  return best;
-}
-double min_of(const double* values, int count) {
-  return best_of(values, count, [](double a, double b) { return a < b; });
-}
-double max_of(const double* values, int count) {
-  return best_of(values, count, [](double a, double b) { return a > b; });
-}
+// Binary operators from those that bind loosest; a later one of two that begin alike is shorter.
+struct binary_operator {
+  std::string_view sign;
+  int binds;
+  lane_code code;
+  bool turned = false;  // a > b is b < a
+};
+constexpr std::array<binary_operator, 12> binary_operators = {{
+    {"||", 1, lane_code::either},
+    {"&&", 2, lane_code::both},
+    {"<=", 3, lane_code::less_equal},
+    {">=", 3, lane_code::less_equal, true},
+    {"==", 3, lane_code::equal},
+    {"!=", 3, lane_code::not_equal},
+    {"<", 3, lane_code::less},
+    {">", 3, lane_code::less, true},
+    {"+", 4, lane_code::add},
+    {"-", 4, lane_code::subtract},
+    {"*", 5, lane_code::multiply},
+    {"/", 5, lane_code::divide},
+}};
+constexpr int binds_tightest = 5;
 
-// The language is fixed here and not by the parser's version.
-void define_language(mu::Parser& parser) {
-  parser.ClearFun();
-  parser.ClearConst();
-  parser.DefineFun("exp", exp_of);
-  parser.DefineFun("expm1", expm1_of);
-  parser.DefineFun("log", log_of);
-  parser.DefineFun("log1p", log1p_of);
-  parser.DefineFun("log2", log2_of);
-  parser.DefineFun("log10", log10_of);
-  parser.DefineFun("sqrt", sqrt_of);
-  parser.DefineFun("abs", abs_of);
-  parser.DefineFun("floor", floor_of);
-  parser.DefineFun("ceil", ceil_of);
-  parser.DefineFun("sin", sin_of);
-  parser.DefineFun("cos", cos_of);
-  parser.DefineFun("tan", tan_of);
-  parser.DefineFun("atan", atan_of);
-  parser.DefineFun("tanh", tanh_of);
-  parser.DefineFun("erf", erf_of);
-  parser.DefineFun("mod", mod_of);
-  parser.DefineFun("pow", pow_of);
-  parser.DefineFun("min", min_of);
-  parser.DefineFun("max", max_of);
-  parser.DefineConst("pi", std::numbers::pi);
-}
-
-// The name that ends before `end`, blanks passed over; "" where there is none.
-std::string word_before(const std::string& text, std::size_t end) {
-  while (end > 0 && text[end - 1] == ' ') --end;
-  std::size_t begin = end;
-  while (begin > 0 && is_name_character(text[begin - 1])) --begin;
-  const std::string word = text.substr(begin, end - begin);
-  return is_formula_name(word) ? word : "";
-}
+// Parentheses and operators within one another; deeper ones would use up the program's stack.
+constexpr int most_levels = 500;
 
 syntax_error unknown_function(const std::string& name, std::size_t position) {
   const std::vector<std::string> functions = formula_functions();
@@ -140,106 +81,257 @@ syntax_error unknown_function(const std::string& name, std::size_t position) {
                        : "did you mean " + near + "? A product needs *"};
 }
 
-// The parser's finding in the words of this program; its positions count from 0.
-syntax_error explained(const mu::ParserError& error, const std::string& text) {
-  const bool at_end = error.GetPos() < 0 || static_cast<std::size_t>(error.GetPos()) >= text.size();
-  const std::size_t position = at_end ? text.size() : static_cast<std::size_t>(error.GetPos());
-  const std::string place =
-      at_end ? "at the end of the formula" : fmt::format("at position {}", position + 1);
-  const auto found = [&](const char* what, const std::string& remedy) {
-    return syntax_error{fmt::format("{} {}", what, place), remedy};
-  };
-  switch (error.GetCode()) {
-    case mu::ecEMPTY_EXPRESSION:
-      return {"the formula is empty", "write a formula, 0 for nothing"};
-    case mu::ecUNEXPECTED_PARENS: {
-      const std::string word =
-          text[std::min(position, text.size() - 1)] == '(' ? word_before(text, position) : "";
-      if (!word.empty()) return unknown_function(word, text.rfind(word, position));
-      return found("an unexpected parenthesis", "every ( needs one ), and a product needs *");
-    }
-    case mu::ecMISSING_PARENS:
-      return found("a parenthesis is missing", "every ( needs one )");
-    case mu::ecTOO_MANY_PARAMS:
-    case mu::ecTOO_FEW_PARAMS:
-      return found("a function with a wrong number of arguments",
-                   "most take one; pow and mod take two, min and max one or more");
-    case mu::ecUNEXPECTED_EOF:
-    case mu::ecUNEXPECTED_OPERATOR:
-      return found("something is missing", "an operator needs a value on either side");
-    case mu::ecMISSING_ELSE_CLAUSE:
-    case mu::ecMISPLACED_COLON:
-      return found("a choice is not complete", "write condition ? value : other value");
-    case mu::ecUNEXPECTED_VAR:
-    case mu::ecUNEXPECTED_VAL:
-    case mu::ecUNEXPECTED_FUN:
-      return found("an operator is missing", "write a product with *, and a decimal point once");
-    default:
-      return found("the formula cannot be understood",
-                   "write it with + - * / ^, comparisons, && || and functions(...)");
-  }
-}
-
-// An equals sign would assign to a variable, and a comma give several results of which the last
-// counts.
-void refuse_assignment(const std::string& text) {
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] != '=') continue;
-    const bool comparison = i > 0 && std::string("<>!").find(text[i - 1]) != std::string::npos;
-    if (comparison) continue;
-    if (i + 1 >= text.size() || text[i + 1] != '=')
-      throw syntax_error{fmt::format("an equals sign at position {}", i + 1),
-                         "a formula has no left-hand side; == compares"};
-    ++i;
-  }
-}
-
 }  // namespace
 
-std::vector<std::string> expression::names_in(const std::string& text) {
-  refuse_assignment(text);
-  mu::Parser parser;
-  define_language(parser);
-  std::vector<std::string> names;
-  try {
-    parser.SetExpr(text);
-    for (const auto& [name, address] : parser.GetUsedVar()) names.push_back(name);
-  } catch (const mu::ParserError& error) {
-    throw explained(error, text);
+// Descends from what binds loosest.
+class expression::reader {
+ public:
+  reader(expression& into, const std::string& text) : into_(into), text_(text) {}
+
+  void read() {
+    refuse_assignment();
+    skip_blanks();
+    if (at_end()) throw syntax_error{"the formula is empty", "write a formula, 0 for nothing"};
+    choice();
+    if (at_end()) return;
+    if (text_[at_] == ',') throw comma();
+    if (text_[at_] == ')') throw stray_parenthesis();
+    if (text_[at_] == ':') throw incomplete_choice();
+    throw leftover();
   }
-  return names;
-}
 
-expression::expression(const std::string& text,
-                       const std::function<double*(const std::string&)>& place)
-    : parser_(std::make_unique<parser>()) {
-  const std::vector<std::string> names = names_in(text);
-  try {
-    define_language(*parser_);
-    for (const std::string& name : names) parser_->DefineVar(name, place(name));
-    parser_->SetExpr(text);
-    parser_->Eval();  // compiles
-  } catch (const mu::ParserError& error) {
-    throw explained(error, text);
+ private:
+  // An operand, by its position among the nodes.
+  using operand = std::size_t;
+
+  bool at_end() const { return at_ >= text_.size(); }
+  void skip_blanks() {
+    while (!at_end() && std::isspace(static_cast<unsigned char>(text_[at_])) != 0) ++at_;
   }
-  if (parser_->GetNumResults() != 1)
-    throw syntax_error{"a comma outside the arguments of a function",
-                       "numbers have a decimal point, and a key has one formula"};
-}
+  bool take(std::string_view sign) {
+    if (text_.compare(at_, sign.size(), sign) != 0) return false;
+    at_ += sign.size();
+    skip_blanks();
+    return true;
+  }
 
-expression::expression(expression&&) noexcept = default;
-expression& expression::operator=(expression&&) noexcept = default;
-expression::~expression() = default;
+  operand add(node one) {
+    into_.nodes_.push_back(one);
+    return into_.nodes_.size() - 1;
+  }
+  operand number(double value) { return add({.kind = node_kind::number, .value = value}); }
+  operand apply(lane_code code, operand a, operand b = 0, operand c = 0) {
+    return add({.kind = node_kind::operation, .code = code, .a = a, .b = b, .c = c});
+  }
 
-double expression::operator()() const {
-  return parser_->Eval();
+  struct level {
+    explicit level(reader& of) : of_(of) {
+      if (++of_.levels_ > most_levels)
+        throw of_.found("parentheses or operators too deep", "divide it into definitions");
+    }
+    ~level() { --of_.levels_; }
+    level(const level&) = delete;
+    level& operator=(const level&) = delete;
+    reader& of_;
+  };
+
+  operand choice() {
+    const level deeper(*this);
+    const operand condition = binary(1);
+    if (!take("?")) return condition;
+    const operand yes = choice();
+    if (!take(":")) {
+      if (at_end() || text_[at_] == ')') throw incomplete_choice();
+      throw leftover();
+    }
+    const operand no = choice();
+    return apply(lane_code::select, condition, yes, no);
+  }
+
+  operand binary(int binds) {
+    if (binds > binds_tightest) return negated();
+    operand left = binary(binds + 1);
+    for (;;) {
+      const auto* const sign = std::find_if(
+          binary_operators.begin(), binary_operators.end(),
+          [&](const binary_operator& o) { return text_.compare(at_, o.sign.size(), o.sign) == 0; });
+      if (sign == binary_operators.end() || sign->binds != binds) return left;
+      take(sign->sign);
+      const operand right = binary(binds + 1);
+      left = sign->turned ? apply(sign->code, right, left) : apply(sign->code, left, right);
+    }
+  }
+
+  operand negated() {
+    const level deeper(*this);
+    if (take("-")) return apply(lane_code::negate, negated());
+    if (take("+")) return negated();
+    return power();
+  }
+
+  operand power() {
+    const operand base = primary();
+    if (!take("^")) return base;
+    return apply(lane_code::power, base, negated());
+  }
+
+  operand primary() {
+    if (at_end()) throw missing();
+    const char c = text_[at_];
+    if (c == '(') {
+      ++at_;
+      skip_blanks();
+      const operand inner = choice();
+      close();
+      return inner;
+    }
+    if (is_digit(c) || c == '.') return literal();
+    if (is_name_character(c)) return word();
+    if (c == ')') {
+      if (at_ > 0 && text_.find_last_not_of(" \t", at_ - 1) != std::string::npos &&
+          text_[text_.find_last_not_of(" \t", at_ - 1)] != '(')
+        throw missing();
+      throw stray_parenthesis();
+    }
+    if (c == ',') throw comma();
+    if (c == ':' || c == '?') throw incomplete_choice();
+    if (std::string_view("+-*/^<>=!&|").find(c) != std::string_view::npos) throw missing();
+    throw not_understood();
+  }
+
+  void close() {
+    if (take(")")) return;
+    if (at_end()) throw found("a parenthesis is missing", "every ( needs one )");
+    if (text_[at_] == ',') throw comma();
+    if (text_[at_] == ':') throw incomplete_choice();
+    throw leftover();
+  }
+
+  operand literal() {
+    double value = 0.0;
+    const auto [end, error] =
+        std::from_chars(text_.data() + at_, text_.data() + text_.size(), value);
+    if (error != std::errc()) throw not_understood();
+    at_ = static_cast<std::size_t>(end - text_.data());
+    skip_blanks();
+    return number(value);
+  }
+
+  operand word() {
+    const std::size_t begin = at_;
+    while (!at_end() && is_name_character(text_[at_])) ++at_;
+    const std::string name = text_.substr(begin, at_ - begin);
+    skip_blanks();
+    if (!at_end() && text_[at_] == '(') return call(name, begin);
+    if (name == "pi") return number(std::numbers::pi);
+    std::vector<std::string>& names = into_.names_;
+    const auto known = std::find(names.begin(), names.end(), name);
+    const auto position = static_cast<std::size_t>(known - names.begin());
+    if (known == names.end()) names.push_back(name);
+    return add({.kind = node_kind::name, .name = position});
+  }
+
+  operand call(const std::string& name, std::size_t begin) {
+    const auto* const one = std::find_if(functions_of_one.begin(), functions_of_one.end(),
+                                         [&](const auto& f) { return name == f.first; });
+    const bool of_two = name == "pow" || name == "mod";
+    if (one == functions_of_one.end() && !of_two) throw unknown_function(name, begin);
+    take("(");
+    std::vector<operand> arguments;
+    if (!at_end() && text_[at_] != ')') {
+      do arguments.push_back(choice());
+      while (take(","));
+    }
+    const auto wrong_number = [&] {
+      return found("a function with a wrong number of arguments",
+                   "most take one; pow and mod take two, min and max one or more");
+    };
+    const bool any_number = name == "min" || name == "max";
+    const std::size_t wanted = of_two ? 2 : 1;
+    if (arguments.empty() || (!any_number && arguments.size() > wanted)) throw wrong_number();
+    close();
+    if (!any_number && arguments.size() != wanted) throw wrong_number();
+    if (name == "pow") return apply(lane_code::power, arguments[0], arguments[1]);
+    if (name == "mod") return modulo(arguments[0], arguments[1]);
+    if (!any_number) return apply(one->second, arguments[0]);
+    operand best = arguments[0];
+    for (std::size_t k = 1; k < arguments.size(); ++k)
+      best = apply(one->second, best, arguments[k]);
+    return best;
+  }
+
+  // A remainder with the sign of the divisor, so that mod(t, 24) is the time of day for negative t.
+  operand modulo(operand x, operand y) {
+    const operand whole = apply(lane_code::floor, apply(lane_code::divide, x, y));
+    return apply(lane_code::subtract, x, apply(lane_code::multiply, y, whole));
+  }
+
+  std::string place() const {
+    return at_end() ? "at the end of the formula" : fmt::format("at position {}", at_ + 1);
+  }
+  syntax_error found(const char* what, const char* remedy) const {
+    return {fmt::format("{} {}", what, place()), remedy};
+  }
+  syntax_error missing() const {
+    return found("something is missing", "an operator needs a value on either side");
+  }
+  syntax_error incomplete_choice() const {
+    return found("a choice is not complete", "write condition ? value : other value");
+  }
+  syntax_error stray_parenthesis() const {
+    return found("an unexpected parenthesis", "every ( needs one ), and a product needs *");
+  }
+  syntax_error not_understood() const {
+    return found("the formula cannot be understood",
+                 "write it with + - * / ^, comparisons, && || and functions(...)");
+  }
+  static syntax_error comma() {
+    return {"a comma outside the arguments of a function",
+            "numbers have a decimal point, and a key has one formula"};
+  }
+  // What stands where an operator is expected.
+  syntax_error leftover() const {
+    const char c = text_[at_];
+    if (c == '(') return stray_parenthesis();
+    if (is_name_character(c) || c == '.')
+      return found("an operator is missing", "write a product with *, and a decimal point once");
+    return not_understood();
+  }
+
+  // An equals sign would assign to a variable.
+  void refuse_assignment() const {
+    for (std::size_t i = 0; i < text_.size(); ++i) {
+      if (text_[i] != '=') continue;
+      const bool comparison = i > 0 && std::string("<>!").find(text_[i - 1]) != std::string::npos;
+      if (comparison) continue;
+      if (i + 1 >= text_.size() || text_[i + 1] != '=')
+        throw syntax_error{fmt::format("an equals sign at position {}", i + 1),
+                           "a formula has no left-hand side; == compares"};
+      ++i;
+    }
+  }
+
+  expression& into_;
+  const std::string& text_;
+  std::size_t at_ = 0;
+  int levels_ = 0;
+};
+
+expression::expression(const std::string& text) {
+  reader(*this, text).read();
+  std::vector<std::string> sorted = names_;
+  std::sort(sorted.begin(), sorted.end());
+  for (node& one : nodes_)
+    if (one.kind == node_kind::name)
+      one.name = static_cast<std::size_t>(
+          std::lower_bound(sorted.begin(), sorted.end(), names_[one.name]) - sorted.begin());
+  names_ = std::move(sorted);
 }
 
 std::vector<std::string> formula_functions() {
-  mu::Parser parser;
-  define_language(parser);
-  std::vector<std::string> names;
-  for (const auto& [name, callback] : parser.GetFunDef()) names.push_back(name);
+  std::vector<std::string> names = {"mod", "pow"};
+  for (const auto& [name, code] : functions_of_one) names.emplace_back(name);
+  std::sort(names.begin(), names.end());
   return names;
 }
 

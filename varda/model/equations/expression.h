@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// One formula, compiled to the parser's byte code. docs/equations.md describes the language.
+// One formula, read into a tree. docs/equations.md describes the language.
 #pragma once
 
-#include <functional>
-#include <memory>
+#include <cstddef>
 #include <string>
 #include <vector>
+
+#include "varda/model/lanes/operation.h"
 
 namespace varda {
 
@@ -18,23 +19,30 @@ struct syntax_error {
 
 class expression {
  public:
-  // The names of variables that a text uses, each once. Throws syntax_error.
-  static std::vector<std::string> names_in(const std::string& text);
+  enum class node_kind { number, name, operation };
+  struct node {
+    node_kind kind = node_kind::number;
+    double value = 0.0;                // of a number
+    std::size_t name = 0;              // position in names()
+    lane_code code = lane_code::copy;  // of an operation, with its operands' positions
+    std::size_t a = 0;
+    std::size_t b = 0;
+    std::size_t c = 0;
+  };
 
-  // `place` gives the address at which the value of a name stands; it must outlive the expression.
   // Throws syntax_error.
-  expression(const std::string& text, const std::function<double*(const std::string&)>& place);
-  expression(expression&&) noexcept;
-  expression& operator=(expression&&) noexcept;
-  ~expression();
+  explicit expression(const std::string& text);
 
-  // The value at the present values of the variables. What has no value is NaN or infinite.
-  // Evaluation writes the parser's own buffers: one thread at a time.
-  double operator()() const;
+  // The variables that the formula uses, each once, in alphabetical order.
+  const std::vector<std::string>& names() const { return names_; }
+  // Operands stand before their operation; the last node is the value.
+  const std::vector<node>& nodes() const { return nodes_; }
 
  private:
-  struct parser;
-  std::unique_ptr<parser> parser_;
+  class reader;
+
+  std::vector<std::string> names_;
+  std::vector<node> nodes_;
 };
 
 // The functions and the constants of the language.

@@ -5,31 +5,31 @@
 #pragma once
 
 #include <memory>
+#include <string>
+#include <vector>
 
-#include "varda/model/equations/formula_error.h"
 #include "varda/model/equations/formula_program.h"
 #include "varda/model/structural_model.h"
 
 namespace varda {
 
-class formula_model : public individual_model {
+class formula_model : public structural_model {
  public:
   // Throws formula_error.
-  explicit formula_model(const equation_text& text);
+  explicit formula_model(const equation_text& text) : program_(text) {}
 
   const std::vector<std::string>& parameter_names() const override { return program_.parameters(); }
   int dose_compartments() const override { return 1; }
   int outputs() const override { return static_cast<int>(program_.outputs().size()); }
   std::vector<std::string> covariates() const override { return program_.covariates(); }
   void locate_covariates(const std::vector<int>& positions) override { positions_ = positions; }
+
   std::unique_ptr<workspace> make_workspace() const override;
+  void predict(const subject& who, const parameter_block& p, const prediction_block& f,
+               workspace& scratch) const override;
 
  private:
-  void predict_individual(const subject& who, const parameter_path& p, std::span<double> f,
-                          workspace& scratch) const override;
-
-  equation_text text_;
-  formula_program program_;  // for what it tells; each workspace has one of its own to evaluate
+  formula_program program_;
   std::vector<int> positions_;
 };
 

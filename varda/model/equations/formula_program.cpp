@@ -4,15 +4,17 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <map>
 #include <set>
 
+#include "varda/model/equations/expression.h"
 #include "varda/support/finding.h"
 
 namespace varda {
 
 namespace {
 
-enum built_in : std::size_t { slot_t, slot_tad, slot_dose, built_ins };
+using value = lane_graph::value;
 
 // A formula and the place that an error is reported at.
 struct formula_place {
@@ -22,49 +24,38 @@ struct formula_place {
   formula_error error(const char* code, std::string message, std::string remedy) const {
     return {section, line->name, code, std::move(message), std::move(remedy)};
   }
+  expression read() const {
+    try {
+      return expression(line->text);
+    } catch (const syntax_error& e) {
+      throw error("E-MODEL-FORMULA", e.message, e.remedy);
+    }
+  }
 };
 
-std::vector<std::string> names_in(const formula_place& at) {
-  try {
-    return expression::names_in(at.line->text);
-  } catch (const syntax_error& e) {
-    throw at.error("E-MODEL-FORMULA", e.message, e.remedy);
-  }
+std::string suggestion(const std::string& word, const std::vector<std::string>& known,
+                       const char* what) {
+  const std::string near = did_you_mean(word, known);
+  return near.empty() ? fmt::format("{} are {}", what, fmt::join(known, ", "))
+                      : "did you mean " + near + "?";
 }
 
 }  // namespace
 
-// Fills a program: first the symbols and their slots, then the formulas, since the table of values
-// must not move once a formula points into it.
 class formula_program::compiler {
  public:
   compiler(formula_program& program, const equation_text& text) : program_(program), text_(text) {
-    for (const char* name : {"t", "tad"}) add_symbol(name, on_time);
-    add_symbol("dose", on_nothing);
     for (const std::string& name : formula_constants()) reserved_.insert(name);
     reserved_.insert({"t", "tad", "dose"});
     find_free_names();
-    for (const std::string& name : program_.parameters_)
-      program_.parameter_slots_.push_back(add_symbol(name, on_nothing));
-    for (const std::string& name : program_.covariates_)
-      program_.covariate_slots_.push_back(add_symbol(name, on_nothing));
-    for (const formula_line& line : text.definitions) add_symbol(line.name, on_nothing);
-    program_.first_state_ = slots_;
-    for (const formula_line& line : text.derivatives) {
-      add_symbol(line.name, on_states);
-      program_.states_.push_back(line.name);
-    }
-    // Values other than 0, since the parser tries a formula as it compiles it.
-    program_.values_.assign(slots_, 1.0);
-    compile_all();
+    make_inputs();
+    compile_formulas();
+    differentiate();
+    find_linear_system();
+    write_sections();
   }
 
  private:
-  std::size_t add_symbol(const std::string& name, unsigned moves_with) {
-    symbols_[name] = {slots_, moves_with, {}};
-    return slots_++;
-  }
-
   template <class Visit>
   void for_each_formula(Visit visit) const {
     const auto all = [&](const char* section, const std::vector<formula_line>& lines) {
@@ -101,7 +92,8 @@ class formula_program::compiler {
       }
     std::set<std::string> used;
     for_each_formula([&](const formula_place& at) {
-      for (const std::string& name : names_in(at)) {
+      const expression formula = at.read();
+      for (const std::string& name : formula.names()) {
         if (reserved_.contains(name) || own.contains(name)) continue;
         if (used.insert(name).second && !offered.contains(name))
           program_.covariates_.push_back(name);
@@ -111,170 +103,228 @@ class formula_program::compiler {
       if (used.contains(name)) program_.parameters_.push_back(name);
   }
 
-  void compile_all() {
-    for (const formula_line& line : text_.definitions) {
-      compiled c = compile({"definitions", &line}, on_time | on_states);
-      symbol& named = symbols_.at(line.name);
-      named.moves_with = c.moves_with;
-      named.definition = program_.definitions_.size();
-      c.slot = named.slot;
-      program_.definitions_.push_back(std::move(c));
-    }
-    std::set<std::size_t> needs;
-    for (const formula_line& line : text_.derivatives) {
-      compiled c = compile({"derivatives", &line}, on_time | on_states);
-      needs.insert(c.needs.begin(), c.needs.end());
-      if ((c.moves_with & on_time) != 0U) program_.derivatives_depend_on_time_ = true;
-      program_.derivatives_.push_back(std::move(c));
-    }
-    program_.derivative_needs_.assign(needs.begin(), needs.end());
-    for (const formula_line& line : text_.outputs) {
-      program_.outputs_.push_back(compile({"outputs", &line}, on_time | on_states));
-      program_.output_names_.push_back(line.name);
-    }
-    program_.initial_ = compile_by_state("initial", text_.initial);
-    program_.dosing_ = {compile_by_state("lag", text_.lag),
-                        compile_by_state("bioavailability", text_.bioavailability),
-                        compile_by_state("rate", text_.rate),
-                        compile_by_state("duration", text_.duration)};
+  value add_input(leaf_kind kind, std::size_t index, unsigned moves_with) {
+    inputs_.push_back({kind, index});
+    return graph_.input(static_cast<std::uint32_t>(inputs_.size() - 1), moves_with);
   }
 
-  std::vector<std::optional<compiled>> compile_by_state(const char* section,
-                                                        const std::vector<formula_line>& lines) {
-    std::vector<std::optional<compiled>> all(program_.states_.size());
+  void make_inputs() {
+    for (std::size_t k = 0; k < program_.parameters_.size(); ++k)
+      symbols_[program_.parameters_[k]] =
+          add_input(leaf_kind::parameter, k, lane_graph::on_nothing);
+    for (std::size_t k = 0; k < program_.covariates_.size(); ++k)
+      symbols_[program_.covariates_[k]] =
+          add_input(leaf_kind::covariate, k, lane_graph::on_nothing);
+    symbols_["dose"] = dose_ = add_input(leaf_kind::dose, 0, lane_graph::on_nothing);
+    dose_time_ = add_input(leaf_kind::dose_time, 0, lane_graph::on_nothing);
+    const value dosed = add_input(leaf_kind::dosed, 0, lane_graph::on_nothing);
+    symbols_["t"] = time_ = add_input(leaf_kind::time, 0, lane_graph::on_time);
+    // 0 before the first dose.
+    symbols_["tad"] = graph_.apply(lane_code::multiply, dosed,
+                                   graph_.apply(lane_code::subtract, time_, dose_time_));
+    for (const formula_line& line : text_.derivatives) {
+      const value state =
+          add_input(leaf_kind::state, program_.states_.size(), lane_graph::on_states);
+      program_.states_.push_back(line.name);
+      state_inputs_.push_back(state);
+      symbols_[line.name] = state;
+    }
+  }
+
+  value compile(const formula_place& at, bool states_allowed) {
+    const expression formula = at.read();
+    std::vector<value> variables;
+    for (const std::string& name : formula.names()) {
+      const auto symbol = symbols_.find(name);
+      if (symbol == symbols_.end())
+        throw at.error("E-MODEL-SYMBOL", fmt::format("{} is used before it is defined", name),
+                       "definitions are evaluated in the order of the file: move it up");
+      if (!states_allowed && (graph_.at(symbol->second).moves_with & lane_graph::on_states) != 0U)
+        throw at.error("E-MODEL-SYMBOL", fmt::format("the {} depends on a state", at.section),
+                       "use parameters, covariates, t and dose here");
+      variables.push_back(symbol->second);
+    }
+    std::vector<value> values;
+    for (const expression::node& n : formula.nodes()) {
+      switch (n.kind) {
+        case expression::node_kind::number:
+          values.push_back(graph_.number(n.value));
+          break;
+        case expression::node_kind::name:
+          values.push_back(variables[n.name]);
+          break;
+        case expression::node_kind::operation:
+          values.push_back(graph_.apply(n.code, values[n.a], values[n.b], values[n.c]));
+          break;
+      }
+    }
+    return values.back();
+  }
+
+  void compile_formulas() {
+    for (const formula_line& line : text_.definitions)
+      symbols_[line.name] = compile({"definitions", &line}, true);
+    for (const formula_line& line : text_.derivatives)
+      derivatives_.push_back(compile({"derivatives", &line}, true));
+    for (const formula_line& line : text_.outputs) {
+      outputs_.push_back(compile({"outputs", &line}, true));
+      program_.output_names_.push_back(line.name);
+    }
+    const auto initial = compile_by_state("initial", text_.initial);
+    for (std::size_t s = 0; s < initial.size(); ++s)
+      if (initial[s]) {
+        initial_.push_back(*initial[s]);
+        program_.initial_states_.push_back(s);
+      }
+    dosing_ = {compile_by_state("lag", text_.lag),
+               compile_by_state("bioavailability", text_.bioavailability),
+               compile_by_state("rate", text_.rate), compile_by_state("duration", text_.duration)};
+  }
+
+  std::vector<std::optional<value>> compile_by_state(const char* section,
+                                                     const std::vector<formula_line>& lines) {
+    std::vector<std::optional<value>> all(program_.states_.size());
     for (const formula_line& line : lines) {
       const auto state = std::find(program_.states_.begin(), program_.states_.end(), line.name);
       const formula_place at{section, &line};
       if (state == program_.states_.end())
         throw at.error("E-MODEL-SYMBOL", fmt::format("{} is no state", line.name),
                        suggestion(line.name, program_.states_, "the states"));
-      all[static_cast<std::size_t>(state - program_.states_.begin())] = compile(at, on_time);
+      all[static_cast<std::size_t>(state - program_.states_.begin())] = compile(at, false);
     }
     return all;
   }
 
-  static std::string suggestion(const std::string& word, const std::vector<std::string>& known,
-                                const char* what) {
-    const std::string near = did_you_mean(word, known);
-    return near.empty() ? fmt::format("{} are {}", what, fmt::join(known, ", "))
-                        : "did you mean " + near + "?";
-  }
-
-  compiled compile(const formula_place& at, unsigned allowed) {
-    unsigned moves_with = on_nothing;
-    std::set<std::size_t> needs;
-    for (const std::string& name : names_in(at)) {
-      const symbol& used = symbols_.at(name);
-      const bool defined_later =
-          used.slot >= definition_slot(0) && used.slot < program_.first_state_ && !used.definition;
-      if (defined_later)
-        throw at.error("E-MODEL-SYMBOL", fmt::format("{} is used before it is defined", name),
-                       "definitions are evaluated in the order of the file: move it up");
-      moves_with |= used.moves_with;
-      if (!used.definition || used.moves_with == on_nothing) continue;
-      const compiled& definition = program_.definitions_[*used.definition];
-      needs.insert(definition.needs.begin(), definition.needs.end());
-      needs.insert(*used.definition);
-    }
-    if ((moves_with & ~allowed) != 0U)
-      throw at.error("E-MODEL-SYMBOL", fmt::format("the {} depends on a state", at.section),
-                     "use parameters, covariates, t and dose here");
-    try {
-      return {expression(at.line->text,
-                         [&](const std::string& name) {
-                           return &program_.values_[symbols_.at(name).slot];
-                         }),
-              {needs.begin(), needs.end()},
-              moves_with};
-    } catch (const syntax_error& e) {
-      throw at.error("E-MODEL-FORMULA", e.message, e.remedy);
+  void differentiate() {
+    for (std::size_t s = 0; s < derivatives_.size(); ++s) {
+      for (std::size_t k = 0; k < state_inputs_.size(); ++k) {
+        const value entry = graph_.derivative(derivatives_[s], state_inputs_[k]);
+        if (graph_.is_number(entry, 0.0)) continue;
+        program_.jacobian_entries_.emplace_back(s, k);
+        entries_.push_back(entry);
+      }
+      const value slope = graph_.derivative(derivatives_[s], time_);
+      if (graph_.is_number(slope, 0.0)) continue;
+      program_.time_slopes_.push_back(s);
+      time_slopes_.push_back(slope);
     }
   }
 
-  std::size_t definition_slot(std::size_t k) const {
-    return program_.first_state_ - text_.definitions.size() + k;
+  void find_linear_system() {
+    const auto constant = [&](value v) { return graph_.at(v).moves_with == 0U; };
+    const auto is_free = [&](value v) { return constant(graph_.without_states(v)); };
+    if (derivatives_.empty() || !time_slopes_.empty() ||
+        !std::all_of(entries_.begin(), entries_.end(), constant) ||
+        !std::all_of(derivatives_.begin(), derivatives_.end(), is_free))
+      return;
+    const std::size_t n = derivatives_.size();
+    linear_system& system = program_.linear_.emplace();
+    system.a.resize(n * n);
+    system.b.resize(n);
+    for (std::size_t e = 0; e < entries_.size(); ++e) {
+      const auto [row, column] = program_.jacobian_entries_[e];
+      system.a[row * n + column] = constant_for(entries_[e]);
+    }
+    for (std::size_t s = 0; s < n; ++s) {
+      const value rest = graph_.without_states(derivatives_[s]);
+      if (!graph_.is_number(rest, 0.0)) system.b[s] = constant_for(rest);
+    }
+  }
+
+  std::size_t constant_for(value v) {
+    const auto [place, added] = constants_.try_emplace(v, constant_values_.size());
+    if (added) constant_values_.push_back(v);
+    return place->second;
+  }
+
+  // What the sections need of values that do not move.
+  void gather_constants(value v) {
+    if (!visited_.insert(v).second) return;
+    const lane_graph::node& n = graph_.at(v);
+    if (n.kind == lane_graph::node_kind::number) return;
+    if (n.moves_with == 0U) {
+      constant_for(v);
+    } else if (n.kind == lane_graph::node_kind::operation) {
+      for (std::size_t k = 0; k < lane_graph::operands_of(n.code); ++k)
+        gather_constants(n.operands[k]);
+    }
+  }
+
+  bool depends_on(const std::vector<value>& values, value input) const {
+    std::set<value> seen;
+    std::vector<value> open = values;
+    while (!open.empty()) {
+      const value v = open.back();
+      open.pop_back();
+      if (v == input) return true;
+      const lane_graph::node& n = graph_.at(v);
+      if (n.kind != lane_graph::node_kind::operation || !seen.insert(v).second) continue;
+      for (std::size_t k = 0; k < lane_graph::operands_of(n.code); ++k)
+        open.push_back(n.operands[k]);
+    }
+    return false;
+  }
+
+  compiled_section write(const std::vector<value>& results, bool from_constants) const {
+    const auto is_known = [&](value v) { return from_constants && constants_.contains(v); };
+    compiled_section section{write_section(graph_, results, is_known), {}};
+    for (const value v : section.code.leaves) {
+      const lane_graph::node& n = graph_.at(v);
+      const auto constant = constants_.find(v);
+      if (from_constants && constant != constants_.end())
+        section.leaves.push_back({leaf_kind::constant, constant->second});
+      else if (n.kind == lane_graph::node_kind::number)
+        section.leaves.push_back({leaf_kind::number, 0, n.number});
+      else
+        section.leaves.push_back(inputs_[n.input]);
+    }
+    return section;
+  }
+
+  void write_sections() {
+    std::vector<value> with_jacobian = derivatives_;
+    with_jacobian.insert(with_jacobian.end(), entries_.begin(), entries_.end());
+    with_jacobian.insert(with_jacobian.end(), time_slopes_.begin(), time_slopes_.end());
+    for (const value v : with_jacobian) gather_constants(v);
+    for (const value v : outputs_) gather_constants(v);
+
+    program_.constants_know_dose_ = depends_on(constant_values_, dose_);
+    program_.constants_know_dose_time_ = depends_on(constant_values_, dose_time_);
+    program_.constant_section_ = write(constant_values_, false);
+    program_.derivatives_ = write(derivatives_, true);
+    program_.jacobian_ = write(with_jacobian, true);
+    for (const value v : outputs_) program_.outputs_.push_back(write({v}, true));
+    program_.initial_ = write(initial_, false);
+    for (std::size_t p = 0; p < dose_properties; ++p)
+      for (const std::optional<value>& v : dosing_[p]) {
+        std::optional<compiled_section>& section = program_.dosing_[p].emplace_back();
+        if (v) section = write({*v}, false);
+      }
   }
 
   formula_program& program_;
   const equation_text& text_;
-  std::map<std::string, symbol> symbols_;
+  lane_graph graph_;
+  std::vector<leaf> inputs_;
+  std::map<std::string, value> symbols_;
   std::set<std::string> reserved_;
-  std::size_t slots_ = 0;
+  value time_ = 0;
+  value dose_ = 0;
+  value dose_time_ = 0;
+  std::vector<value> state_inputs_;
+  std::vector<value> derivatives_;
+  std::vector<value> outputs_;
+  std::vector<value> initial_;
+  std::array<std::vector<std::optional<value>>, dose_properties> dosing_;
+  std::vector<value> entries_;
+  std::vector<value> time_slopes_;
+  std::map<value, std::size_t> constants_;
+  std::vector<value> constant_values_;
+  std::set<value> visited_;
 };
 
 formula_program::formula_program(const equation_text& text) {
   compiler(*this, text);
-}
-
-void formula_program::enter_segment(const subject& who, int segment, const parameter_path& p,
-                                    const std::vector<int>& positions) {
-  const std::span<const double> parameters = p.in_segment(segment);
-  for (std::size_t k = 0; k < parameter_slots_.size(); ++k)
-    values_[parameter_slots_[k]] = parameters[k];
-  const std::vector<double>& covariates =
-      who.segments[static_cast<std::size_t>(segment)].covariates;
-  for (std::size_t k = 0; k < covariate_slots_.size(); ++k)
-    values_[covariate_slots_[k]] = covariates[static_cast<std::size_t>(positions[k])];
-  stale_ = true;
-}
-
-void formula_program::set_dose(double time, double amount) {
-  dosed_ = true;
-  dose_time_ = time;
-  values_[slot_dose] = amount;
-  stale_ = true;
-}
-
-void formula_program::forget_doses() {
-  set_dose(0.0, 0.0);
-  dosed_ = false;
-}
-
-void formula_program::refresh() {
-  for (const compiled& definition : definitions_)
-    if (definition.moves_with == on_nothing) values_[definition.slot] = definition.formula();
-  stale_ = false;
-}
-
-void formula_program::set_clock(double t) {
-  values_[slot_t] = t;
-  values_[slot_tad] = dosed_ ? t - dose_time_ : 0.0;
-  if (stale_) refresh();
-}
-
-void formula_program::evaluate(const std::vector<std::size_t>& needs) {
-  for (const std::size_t k : needs) {
-    const compiled& definition = definitions_[k];
-    values_[definition.slot] = definition.formula();
-  }
-}
-
-double formula_program::value_of(const compiled& what) {
-  evaluate(what.needs);
-  return what.formula();
-}
-
-void formula_program::derivatives(double t, const double* x, double* dxdt) {
-  set_clock(t);
-  std::copy(x, x + states_.size(), &values_[first_state_]);
-  evaluate(derivative_needs_);
-  for (std::size_t s = 0; s < derivatives_.size(); ++s) dxdt[s] = derivatives_[s].formula();
-}
-
-double formula_program::output(std::size_t k, double t, std::span<const double> x) {
-  set_clock(t);
-  std::copy(x.begin(), x.end(), values_.begin() + static_cast<std::ptrdiff_t>(first_state_));
-  return value_of(outputs_[k]);
-}
-
-double formula_program::initial(std::size_t state, double t) {
-  set_clock(t);
-  return initial_[state] ? value_of(*initial_[state]) : 0.0;
-}
-
-double formula_program::of_dose(dose_property what, std::size_t state, double t) {
-  set_clock(t);
-  return value_of(*dosing_[static_cast<std::size_t>(what)][state]);
 }
 
 }  // namespace varda

@@ -1,102 +1,123 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// All formulas of a model, compiled against one table of values. What a formula depends on is
-// known: a definition of parameters and covariates alone is evaluated once per segment, one that
-// moves with time or states where a formula in hand needs it.
+// All formulas of a model, compiled over lanes. What depends on neither time nor states is
+// constant between two doses and segments: it is computed once for them, and what the other
+// sections need of it are the program's constants.
 #pragma once
 
 #include <array>
 #include <cstddef>
-#include <map>
+#include <cstdint>
 #include <optional>
-#include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "varda/model/equations/expression.h"
 #include "varda/model/equations/formula_error.h"
+#include "varda/model/lanes/graph.h"
+#include "varda/model/lanes/section.h"
 #include "varda/model/specification.h"
-#include "varda/model/structural_model.h"
 
 namespace varda {
 
 // What a formula can tell about the doses into a state.
 enum class dose_property { lag, bioavailability, rate, duration };
+inline constexpr std::size_t dose_properties = 4;
 
-// Evaluation writes the table of values: one thread at a time.
+// What a register that a section reads holds.
+enum class leaf_kind {
+  number,
+  parameter,
+  covariate,
+  dose,
+  dosed,
+  dose_time,
+  constant,
+  time,
+  state
+};
+struct leaf {
+  leaf_kind kind = leaf_kind::number;
+  std::size_t index = 0;
+  double number = 0.0;
+};
+
+struct compiled_section {
+  lane_section code;
+  std::vector<leaf> leaves;
+};
+
+// dx/dt = A x + b: positions among the constants, where an entry is not 0.
+struct linear_system {
+  std::vector<std::optional<std::size_t>> a;  // by rows
+  std::vector<std::optional<std::size_t>> b;
+};
+
 class formula_program {
  public:
   // Throws formula_error. Names that are neither parameters nor defined are covariates.
   explicit formula_program(const equation_text& text);
-  formula_program(const formula_program&) = delete;
-  formula_program& operator=(const formula_program&) = delete;
 
   // The parameters that formulas use, in the order in which they were offered.
   const std::vector<std::string>& parameters() const { return parameters_; }
   const std::vector<std::string>& covariates() const { return covariates_; }
   const std::vector<std::string>& states() const { return states_; }
   const std::vector<std::string>& outputs() const { return output_names_; }
-  bool derivatives_depend_on_time() const { return derivatives_depend_on_time_; }
   bool has(dose_property what, std::size_t state) const {
     return dosing_[static_cast<std::size_t>(what)][state].has_value();
   }
 
-  // Sets the parameters and the covariates to those of a segment of the subject; `positions`
-  // tells where each of covariates() stands in it.
-  void enter_segment(const subject& who, int segment, const parameter_path& p,
-                     const std::vector<int>& positions);
-  // Sets the last dose, behind the names dose and tad, which are 0 without one.
-  void set_dose(double time, double amount);
-  void forget_doses();
+  // Whether constants change with the last dose's amount, with its time.
+  bool constants_know_dose() const { return constants_know_dose_; }
+  bool constants_know_dose_time() const { return constants_know_dose_time_; }
+  std::size_t constants() const { return constant_section_.code.results; }
+  // From inputs alone.
+  const compiled_section& constant_section() const { return constant_section_; }
 
-  // dx/dt of all states at (t, x).
-  void derivatives(double t, const double* x, double* dxdt);
-  double output(std::size_t k, double t, std::span<const double> x);
-  double initial(std::size_t state, double t);
+  // The rest read numbers, constants, time and states; dx/dt of all states:
+  const compiled_section& derivatives() const { return derivatives_; }
+  // the same, then the entries of the Jacobian that are not 0, then d2x/dt2 by the time itself of
+  // time_slopes();
+  const compiled_section& jacobian() const { return jacobian_; }
+  const std::vector<std::pair<std::size_t, std::size_t>>& jacobian_entries() const {
+    return jacobian_entries_;
+  }
+  const std::vector<std::size_t>& time_slopes() const { return time_slopes_; }
+  // one value:
+  const compiled_section& output(std::size_t k) const { return outputs_[k]; }
+
+  // From inputs and time: the states that have an initial value other than 0, in the order of
+  // initial_states().
+  const compiled_section& initial() const { return initial_; }
+  const std::vector<std::size_t>& initial_states() const { return initial_states_; }
   // Only where has(what, state).
-  double of_dose(dose_property what, std::size_t state, double t);
+  const compiled_section& of_dose(dose_property what, std::size_t state) const {
+    return *dosing_[static_cast<std::size_t>(what)][state];
+  }
+
+  // Where the system is linear with constant coefficients between events.
+  const std::optional<linear_system>& linear() const { return linear_; }
 
  private:
-  // What a value moves with between two events, as bits.
-  enum dependence : unsigned { on_nothing = 0, on_time = 1, on_states = 2 };
-  struct compiled {
-    expression formula;
-    std::vector<std::size_t> needs;  // positions of definitions that move, in order
-    unsigned moves_with = on_nothing;
-    std::size_t slot = 0;  // of a definition's value
-  };
-  struct symbol {
-    std::size_t slot = 0;
-    unsigned moves_with = on_nothing;
-    std::optional<std::size_t> definition{};
-  };
   class compiler;
-
-  void refresh();
-  void set_clock(double t);
-  double value_of(const compiled& what);
-  void evaluate(const std::vector<std::size_t>& needs);
 
   std::vector<std::string> parameters_;
   std::vector<std::string> covariates_;
   std::vector<std::string> states_;
   std::vector<std::string> output_names_;
 
-  std::vector<double> values_;  // t, tad, dose, parameters, covariates, definitions, states
-  std::vector<std::size_t> parameter_slots_;
-  std::vector<std::size_t> covariate_slots_;
-  std::size_t first_state_ = 0;
-  std::vector<compiled> definitions_;
-  std::vector<compiled> derivatives_;
-  std::vector<std::size_t> derivative_needs_;
-  std::vector<compiled> outputs_;
-  std::vector<std::optional<compiled>> initial_;
-  std::array<std::vector<std::optional<compiled>>, 4> dosing_;
-  bool derivatives_depend_on_time_ = false;
-
-  bool stale_ = true;  // the definitions that do not move are to be evaluated
-  bool dosed_ = false;
-  double dose_time_ = 0.0;
+  bool constants_know_dose_ = false;
+  bool constants_know_dose_time_ = false;
+  compiled_section constant_section_;
+  compiled_section derivatives_;
+  compiled_section jacobian_;
+  std::vector<std::pair<std::size_t, std::size_t>> jacobian_entries_;
+  std::vector<std::size_t> time_slopes_;
+  std::vector<compiled_section> outputs_;
+  compiled_section initial_;
+  std::vector<std::size_t> initial_states_;
+  std::array<std::vector<std::optional<compiled_section>>, dose_properties> dosing_;
+  std::optional<linear_system> linear_;
 };
 
 }  // namespace varda

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "varda/model/equations/steady_state.h"
 
-#include <algorithm>
 #include <cmath>
 
 namespace varda {
@@ -9,70 +8,113 @@ namespace varda {
 namespace {
 
 constexpr int most_corrections = 60;
-
-std::span<double> numbers(Eigen::VectorXd& v) {
-  return {v.data(), static_cast<std::size_t>(v.size())};
-}
+constexpr double least_part = 1e-3;
 
 }  // namespace
 
-steady_state_search::steady_state_search(std::size_t size)
-    : solver_(static_cast<Eigen::Index>(size)) {
-  const auto n = static_cast<Eigen::Index>(size);
-  for (Eigen::VectorXd* v : {&x_, &next_x_, &residual_, &moved_residual_, &correction_})
-    v->setZero(n);
-  jacobian_.setZero(n, n);
+void steady_state_search::begin(const Eigen::VectorXd& x, const Eigen::VectorXd& sizes,
+                                const search_settings& settings) {
+  settings_ = settings;
+  phase_ = phase::first;
+  corrections_ = 0;
+  x_ = x;
+  sizes_ = sizes;
+  jacobian_.resize(x.size(), x.size());
 }
 
-bool steady_state_search::differentiate(const steady_state_problem& problem) {
-  next_x_ = x_;
-  for (Eigen::Index k = 0; k < x_.size(); ++k) {
-    next_x_[k] = x_[k] + problem.difference * problem.sizes[static_cast<std::size_t>(k)];
-    if (!problem.residual(numbers(next_x_), numbers(moved_residual_))) return false;
-    jacobian_.col(k) = (moved_residual_ - residual_) / (next_x_[k] - x_[k]);
-    next_x_[k] = x_[k];
+void steady_state_search::state(std::size_t k, Eigen::VectorXd& at) const {
+  if (phase_ == phase::correction) {
+    at = next_x_;
+    return;
   }
-  solver_.compute(jacobian_);
-  return true;
+  at = x_;
+  const auto column = static_cast<Eigen::Index>(k);
+  if (phase_ == phase::differences) at[column] = moved(column);
 }
 
-bool steady_state_search::find(const steady_state_problem& problem, std::span<double> x) {
-  std::copy(x.begin(), x.end(), x_.begin());
-  const auto size = [&](Eigen::Index k) { return problem.sizes[static_cast<std::size_t>(k)]; };
-  const auto norm = [&](const Eigen::VectorXd& v) {
-    double largest = 0.0;
-    for (Eigen::Index k = 0; k < v.size(); ++k)
-      largest = std::fmax(largest, std::fabs(v[k]) / size(k));
-    return largest;
-  };
-  if (!problem.residual(numbers(x_), numbers(residual_))) return false;
-  bool known = false;
-  for (int corrections = 0; corrections < most_corrections; ++corrections) {
-    if (!known && !differentiate(problem)) return false;
-    correction_ = -solver_.solve(residual_);
-    if (!correction_.allFinite()) return false;
-
-    // Half the correction while it would turn a sign or cannot be evaluated.
-    double part = 1.0;
-    const auto acceptable = [&] {
-      next_x_ = x_ + part * correction_;
-      for (Eigen::Index k = 0; k < x_.size(); ++k)
-        if (x_[k] > problem.tolerance * size(k) && next_x_[k] < -problem.tolerance * size(k))
-          return false;
-      return problem.residual(numbers(next_x_), numbers(moved_residual_));
-    };
-    while (!acceptable())
-      if ((part *= 0.5) < 1e-3) return false;
-
-    known = part == 1.0 && norm(moved_residual_) <= 0.1 * norm(residual_);
-    x_ = next_x_;
-    residual_ = moved_residual_;
-    if (part == 1.0 && norm(correction_) <= problem.tolerance) {
-      std::copy(x_.begin(), x_.end(), x.begin());
-      return true;
+void steady_state_search::take(std::size_t k, const Eigen::VectorXd& residual, bool good) {
+  switch (phase_) {
+    case phase::first:
+      residual_ = residual;
+      phase_ = good ? phase::differences : phase::failed;
+      differences_good_ = true;
+      break;
+    case phase::differences: {
+      const auto column = static_cast<Eigen::Index>(k);
+      jacobian_.col(column) = (residual - residual_) / (moved(column) - x_[column]);
+      differences_good_ = differences_good_ && good;
+      if (column + 1 < x_.size()) break;
+      if (!differences_good_) {
+        phase_ = phase::failed;
+        break;
+      }
+      solver_.compute(jacobian_);
+      correct();
+      break;
     }
+    case phase::correction:
+      next_residual_ = residual;
+      end_correction(good);
+      break;
+    case phase::found:
+    case phase::failed:
+      break;
   }
-  return false;
+}
+
+double steady_state_search::norm(const Eigen::VectorXd& v) const {
+  double largest = 0.0;
+  for (Eigen::Index k = 0; k < v.size(); ++k)
+    largest = std::fmax(largest, std::fabs(v[k]) / sizes_[k]);
+  return largest;
+}
+
+void steady_state_search::correct() {
+  if (++corrections_ > most_corrections) {
+    phase_ = phase::failed;
+    return;
+  }
+  correction_ = -solver_.solve(residual_);
+  phase_ = correction_.allFinite() ? phase::correction : phase::failed;
+  part_ = 1.0;
+  if (phase_ == phase::correction) try_part();
+}
+
+// Half the correction while it would turn a sign.
+void steady_state_search::try_part() {
+  const auto turns_a_sign = [&] {
+    for (Eigen::Index k = 0; k < x_.size(); ++k) {
+      const double small = settings_.tolerance * sizes_[k];
+      if (x_[k] > small && next_x_[k] < -small) return true;
+    }
+    return false;
+  };
+  for (;; part_ *= 0.5) {
+    if (part_ < least_part) {
+      phase_ = phase::failed;
+      return;
+    }
+    next_x_ = x_ + part_ * correction_;
+    if (!turns_a_sign()) return;
+  }
+}
+
+void steady_state_search::end_correction(bool good) {
+  if (!good) {
+    part_ *= 0.5;
+    return try_part();
+  }
+  const bool known = part_ == 1.0 && norm(next_residual_) <= 0.1 * norm(residual_);
+  x_ = next_x_;
+  residual_ = next_residual_;
+  if (part_ == 1.0 && norm(correction_) <= settings_.tolerance) {
+    phase_ = phase::found;
+  } else if (known) {
+    correct();
+  } else {
+    phase_ = phase::differences;
+    differences_good_ = true;
+  }
 }
 
 }  // namespace varda

@@ -1,0 +1,88 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The formulas of a model at the parameters of many individuals of one subject.
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+#include "varda/data/dataset.h"
+#include "varda/model/equations/bound_section.h"
+#include "varda/model/equations/formula_program.h"
+#include "varda/model/lanes/array.h"
+#include "varda/model/lanes/kernel.h"
+#include "varda/model/structural_model.h"
+
+namespace varda {
+
+// What formulas can know besides parameters, time and states.
+struct epoch {
+  int segment = 0;
+  bool dosed = false;
+  double dose_time = 0.0;
+  double dose = 0.0;
+};
+
+// Rows of numbers have one for each individual, stride() apart where there are several.
+class formula_lanes {
+ public:
+  // `program` must outlive this.
+  formula_lanes(const formula_program& program, const lane_kernel& kernel);
+
+  // Takes up `count` individuals from `first` on. `positions` tells where each of the program's
+  // covariates stands in a segment's.
+  void begin(const subject& who, const parameter_block& p, std::size_t first, std::size_t count,
+             const std::vector<int>& positions);
+  std::size_t count() const { return count_; }
+  std::size_t stride() const { return stride_; }
+
+  // The table of constants of an epoch, computed unless an earlier one is the same.
+  std::size_t table_of(const epoch& now);
+  const double* table(std::size_t k) const { return tables_[k].rows.data(); }
+  std::size_t tables() const { return used_tables_; }
+
+  void output(std::size_t k, std::size_t table, double time, const double* states, double* row);
+  void derivatives(std::size_t table, double time, const double* states, double* slopes);
+  void initial(const epoch& now, double time, double* rows);
+  // Only where the program has it.
+  void of_dose(dose_property what, std::size_t state, const epoch& now, double time, double* row);
+
+ private:
+  static constexpr std::size_t block = 64;
+  struct constants_table {
+    epoch of;
+    std::vector<double> covariates;
+    lane_array rows;
+  };
+
+  bool same(const constants_table& table, const epoch& now) const;
+  std::size_t set_of(int segment) const {
+    return sets_ == 1 ? 0 : static_cast<std::size_t>(segment);
+  }
+  void set_common(const epoch& now, double time);
+  void from_inputs(bound_section& section, const epoch& now, double time,
+                   const std::vector<double*>& rows);
+  void from_constants(bound_section& section, std::size_t table, double time, const double* states,
+                      double* rows, std::size_t results);
+  void fill_common(std::size_t row, double value);
+
+  const formula_program& program_;
+  const lane_kernel& kernel_;
+  bound_section constant_section_;
+  bound_section derivative_section_;
+  bound_section initial_section_;
+  std::vector<bound_section> outputs_;
+  std::vector<std::vector<bound_section>> dosing_;  // by property and state; may be empty sections
+
+  const subject* who_ = nullptr;
+  const std::vector<int>* positions_ = nullptr;
+  std::size_t count_ = 0;
+  std::size_t stride_ = 0;
+  std::size_t sets_ = 0;
+  lane_array parameters_;
+  lane_array common_;  // blocks of covariates, dose, dosed, time of the dose, time
+  std::vector<constants_table> tables_;
+  std::size_t used_tables_ = 0;
+};
+
+}  // namespace varda
