@@ -64,6 +64,7 @@ likelihood_estimate estimate_likelihood(engine_host& host, const proposals& froz
     result.minus2ll -= 2.0 * result.subjects[i].log_likelihood;
   }
   result.mc_se = pooled_error(log_likelihoods);
+  result.by_subject = log_likelihoods;
   result.complete = true;
   return result;
 }

@@ -13,6 +13,7 @@ struct likelihood_estimate {
   double minus2ll = 0.0;           // every constant included, of all replicates together
   double mc_se = 0.0;              // from the variances of the subjects' replicates
   std::vector<double> replicates;  // -2 log-likelihood of each
+  Eigen::MatrixXd by_subject;      // log-likelihoods, replicates x subjects
   // Per subject the means over the replicates, of the likelihood itself and not of its logarithm;
   // the largest weight is the largest of all.
   std::vector<subject_integral> subjects;

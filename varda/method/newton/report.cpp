@@ -79,6 +79,7 @@ newton_report report_at(engine_host& host, const newton_method& method, run_stat
   likelihood.minus2ll = -2.0 * found.log_likelihood;
   likelihood.mc_se = found.error;
   likelihood.replicates.assign(static_cast<std::size_t>(replicates), 0.0);
+  likelihood.by_subject = packed.middleRows(effects + effects * effects, replicates);
   Eigen::VectorXd mu(effects);
   Eigen::MatrixXd opg = Eigen::MatrixXd::Zero(p, p);
   for (int i = 0; i < model.subjects(); ++i) {
