@@ -70,10 +70,11 @@ def judge(options, name, data, reference, folder, seed, number):
     if fit["status"] not in (0, 3) or not path.exists():
         return row
     found = json.loads(path.read_text(encoding="utf-8"))
+    run = json.loads((folder / "out" / "run.json").read_text(encoding="utf-8"))
     # A name in the row for each direction.
     row.update(singular=" ".join(found["singular"]), reported=found["minus2ll"],
                mc_se=found["minus2ll_mc_se"], reason=found["reason"],
-               cost=found["times"]["evaluations"] / found["data"]["subjects"] / 300)
+               cost=run["evaluations"] / found["data"]["subjects"] / 300)
     claims = fit["status"] == 0 or bool(found["singular"])
     exact = problems.run_exact(options.exact, name, data, path, folder / "exact.json",
                                more=["--rest", "1e-4" if one.tolerance > 0.05 else "1e-7"])

@@ -42,13 +42,16 @@ varda_allowed_for() {
     data) echo "support specification data" ;;
     model) echo "$below" ;;
     input) echo "$below input" ;;
+    folder) echo "support folder" ;;
+    comparison) echo "support folder comparison" ;;
     host) echo "$below host" ;;
     inference) echo "$below host inference" ;;
     method) echo "$below host inference method" ;;
-    diagnostics) echo "$below host inference diagnostics" ;;
-    run) echo "$below host inference method diagnostics run" ;;
-    report) echo "$below inference diagnostics run report" ;;
-    cli) echo "$below input host inference method diagnostics run report cli" ;;
+    simulation) echo "$below inference simulation" ;;
+    diagnostics) echo "$below host inference simulation diagnostics" ;;
+    run) echo "$below host inference method simulation diagnostics run" ;;
+    report) echo "$below comparison inference simulation diagnostics run report" ;;
+    cli) echo "$below input folder comparison host inference method simulation diagnostics run report cli" ;;
   esac
 }
 

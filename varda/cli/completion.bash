@@ -1,20 +1,44 @@
 # SPDX-License-Identifier: Apache-2.0
 # Completion of varda's command line for bash.
 _varda() {
-  local current=$2 previous=$3
+  local current=$2 previous=$3 command=${COMP_WORDS[1]}
   case $previous in
-    -o | --output)
+    --from)
       mapfile -t COMPREPLY < <(compgen -d -- "$current")
       return
       ;;
-    --seed | --samples) return ;;
+    -o | --output)
+      case $command in
+        simulate | predict | vpc) mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
+        *) mapfile -t COMPREPLY < <(compgen -d -- "$current") ;;
+      esac
+      return
+      ;;
+    --data)
+      mapfile -t COMPREPLY < <(compgen -d -- "$current"; compgen -f -X '!*.csv' -- "$current")
+      return
+      ;;
+    --seed | --samples | --threads | -n | --replicates | --times | --bins | --stratify) return ;;
   esac
   if [ "$COMP_CWORD" -eq 1 ]; then
-    mapfile -t COMPREPLY < <(compgen -W "fit evaluate check --help --version" -- "$current")
+    local commands="fit evaluate check compare simulate predict vpc"
+    mapfile -t COMPREPLY < <(compgen -W "$commands --help --version" -- "$current")
   elif [[ $current == -* ]]; then
-    local options="--output --seed --samples --quiet --records --help"
-    [ "${COMP_WORDS[1]}" = check ] && options="--json --help"
+    local options="--output --from --seed --samples --quiet --records --help"
+    local source="--data --output --seed --threads --help"
+    case $command in
+      check) options="--json --help" ;;
+      compare) options="--nested --json --help" ;;
+      simulate) options="--replicates --uncertainty $source" ;;
+      predict) options="--times --samples $source" ;;
+      vpc)
+        options="--replicates --uncertainty --prediction-corrected --time-after-dose --bins"
+        options+=" --stratify $source"
+        ;;
+    esac
     mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current")
+  elif [ "$command" = compare ]; then
+    mapfile -t COMPREPLY < <(compgen -d -- "$current")
   else
     mapfile -t COMPREPLY < <(compgen -d -- "$current"; compgen -f -X '!*.toml' -- "$current")
   fi

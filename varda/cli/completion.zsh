@@ -1,14 +1,57 @@
 #compdef varda
 # SPDX-License-Identifier: Apache-2.0
 # Completion of varda's command line for zsh.
-_arguments \
-  '1:task:((fit\:"estimate the parameters" evaluate\:"the exact likelihood at the start values" check\:"all that can be known before a fit"))' \
-  '2:model file:_files -g "*.toml"' \
-  '(-o --output)'{-o,--output}'[folder for the results]:folder:_directories' \
-  '--seed[instead of the seed of the model file]:seed:' \
-  '--samples[instead of the samples of the model file]:samples:' \
-  '(-q --quiet)'{-q,--quiet}'[no progress]' \
-  '--records[print the records of the library]' \
-  '--json[print what check found as JSON]' \
-  '(-h --help)'{-h,--help}'[print the options]' \
-  '--version[print the version]'
+_varda() {
+  local -a commands run source
+  commands=(
+    'fit:estimate the parameters'
+    'evaluate:the exact likelihood at the start values'
+    'check:all that can be known before a fit'
+    'compare:compare runs'
+    'simulate:data as the model would make them'
+    'predict:predictions of the population and subjects'
+    'vpc:visual predictive check'
+  )
+  run=(
+    ':model file:_files -g "*.toml"'
+    '(-o --output)'{-o,--output}'[folder for the results]:folder:_directories'
+    '--from[start at the estimates of a fit]:folder:_directories'
+    '--seed[instead of the seed of the model file]:seed:'
+    '--samples[instead of the samples of the model file]:samples:'
+    '(-q --quiet)'{-q,--quiet}'[no progress]'
+    '--records[print the records of the library]'
+  )
+  source=(
+    ':model file or folder of a fit:_files'
+    '--data[another data set]:data:_files -g "*.csv"'
+    '(-o --output)'{-o,--output}'[file for the table]:file:_files'
+    '--seed[instead of the seed of the model or fit]:seed:'
+    '--threads[threads]:threads:'
+  )
+  local -a simulation
+  simulation=(
+    '(-n --replicates)'{-n,--replicates}'[simulations of the data set]:replicates:'
+    '--uncertainty[draw the parameters from the covariance of the estimates]'
+  )
+  if (( CURRENT == 2 )); then
+    _describe command commands
+    _arguments '(-h --help)'{-h,--help}'[print the options]' '--version[print the version]'
+    return
+  fi
+  local command=$words[2]
+  shift words
+  (( CURRENT-- ))
+  case $command in
+    fit | evaluate) _arguments $run ;;
+    check) _arguments ':model file:_files -g "*.toml"' '--json[print JSON]' ;;
+    compare) _arguments '*:folder:_directories' '--nested[tests]' '--json[print JSON]' ;;
+    simulate) _arguments $source $simulation ;;
+    predict) _arguments $source '--times[FROM:TO:STEP or a list]:times:' '--samples[samples]:samples:' ;;
+    vpc)
+      _arguments $source $simulation '--prediction-corrected[correct by predictions]' \
+        '--time-after-dose[instead of time]' '--bins[number or edges]:bins:' \
+        '--stratify[covariate]:covariate:'
+      ;;
+  esac
+}
+_varda "$@"

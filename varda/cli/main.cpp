@@ -4,10 +4,15 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
+#include <limits>
 #include <string>
+#include <vector>
 
 #include "varda/cli/check.h"
+#include "varda/cli/compare.h"
 #include "varda/cli/run.h"
+#include "varda/cli/simulate.h"
 #include "varda/host/job.h"
 #include "varda/model/settings_table.h"
 #include "varda/support/finding.h"
@@ -15,9 +20,63 @@
 
 namespace {
 
-void describe(CLI::App* command, varda::run_request& request) {
+void describe(CLI::App* command, varda::source_request& request) {
+  command->add_option("model", request.path, "model file, or the folder of a fit")->required();
+  command->add_option("--data", request.data, "another data set");
+  command->add_option("-o,--output", request.output, "file (CSV) instead of standard output");
+  command->add_option("--seed", request.seed, "instead of the model's or the fit's")
+      ->check(CLI::Range(1, std::numeric_limits<int>::max()));
+  command->add_option("--threads", request.threads, "threads (the results are the same)")
+      ->check(CLI::Range(1, 1024));
+}
+
+void describe(CLI::App* command, varda::simulate_request& request) {
+  describe(command, request.from);
+  command->add_option("-n,--replicates", request.replicates, "simulations of the whole data set")
+      ->check(CLI::Range(1, 1000000));
+  command->add_flag("--uncertainty", request.uncertainty,
+                    "draw parameters from the estimates' covariance");
+}
+
+void describe(CLI::App* command, varda::predict_request& request) {
+  describe(command, request.from);
+  command->add_option("--times", request.times,
+                      "FROM:TO:STEP or a list, else the data's rows");
+  command->add_option("--samples", request.samples, "samples behind a subject's band")
+      ->check(CLI::Range(100, 10000000));
+}
+
+void describe(CLI::App* command, varda::vpc_request& request) {
+  describe(command, request.from);
+  command->add_option("-n,--replicates", request.replicates, "simulations of the whole data set")
+      ->check(CLI::Range(1, 1000000));
+  command->add_flag("--uncertainty", request.uncertainty,
+                    "draw parameters from the estimates' covariance");
+  command->add_flag("--prediction-corrected", request.prediction_corrected,
+                    "correct every value by the prediction in its bin");
+  command->add_flag("--time-after-dose", request.time_after_dose, "instead of time");
+  command->add_option("--bins", request.bins, "how many, or their edges with commas between");
+  command->add_option("--stratify", request.stratify, "a panel for each value of a covariate");
+}
+
+// What was probably meant by a command that does not exist, or nothing.
+std::string meant(const CLI::App& app, int argc, char** argv) {
+  if (argc < 2 || argv[1][0] == '-') return "";
+  std::vector<std::string> names;
+  for (const CLI::App* command : app.get_subcommands(nullptr)) {
+    if (command->get_name() == argv[1]) return "";
+    names.push_back(command->get_name());
+  }
+  const std::string near = varda::did_you_mean(argv[1], names);
+  return fmt::format("varda: there is no command '{}'{}\n", argv[1],
+                     near.empty() ? fmt::format("; the commands are {}", fmt::join(names, ", "))
+                                  : fmt::format("; did you mean '{}'?", near));
+}
+
+void describe(CLI::App* command, const std::string& folder, varda::run_request& request) {
   command->add_option("model", request.model_path, "model file (TOML)")->required();
-  command->add_option("-o,--output", request.output_path, "folder for the results")->required();
+  command->add_option("-o,--output", request.output_path, "folder for the results, else " + folder);
+  command->add_option("--from", request.from, "folder of a fit whose estimates to start at");
   for (const std::string name : {"seed", "samples"}) {
     const varda::whole_number_setting& row = varda::whole_number_called(name);
     command
@@ -28,7 +87,7 @@ void describe(CLI::App* command, varda::run_request& request) {
   }
   command->add_flag("-q,--quiet", request.quiet, "no progress");
   command->add_flag("--records", request.records_to_terminal,
-                    "print the library's own records instead of writing records.txt");
+                    "print the library's records, no records.txt");
 }
 
 }  // namespace
@@ -39,6 +98,7 @@ int main(int argc, char** argv) {
   CLI::App app("Exact maximum likelihood for nonlinear mixed-effects models", "varda");
   app.set_version_flag("--version", std::string("varda ") + varda::version);
   app.require_subcommand(1);
+  app.get_formatter()->column_width(28);
   varda::run_request request;
   CLI::App* fit = app.add_subcommand("fit", "estimate the parameters");
   CLI::App* evaluate = app.add_subcommand("evaluate", "the exact likelihood at the start values");
@@ -46,24 +106,51 @@ int main(int argc, char** argv) {
   varda::check_request inspected;
   check->add_option("model", inspected.model_path, "model file (TOML)")->required();
   check->add_flag("--json", inspected.json, "print JSON instead of text");
-  describe(fit, request);
-  describe(evaluate, request);
+  CLI::App* comparing = app.add_subcommand("compare", "compare runs: criteria, tests, estimates");
+  varda::compare_request compared;
+  comparing->add_option("folders", compared.folders, "folders of runs; the first is compared with")
+      ->required();
+  comparing->add_flag("--nested", compared.nested, "likelihood-ratio tests against the first run");
+  comparing->add_flag("--json", compared.json, "print JSON instead of text");
+  varda::simulate_request simulated;
+  varda::predict_request predicted;
+  varda::vpc_request checked;
+  CLI::App* simulate = app.add_subcommand("simulate", "data as the model would make them");
+  CLI::App* predict = app.add_subcommand("predict", "predictions of the population and subjects");
+  CLI::App* vpc = app.add_subcommand("vpc", "visual predictive check");
+  describe(simulate, simulated);
+  describe(predict, predicted);
+  describe(vpc, checked);
+  describe(fit, "MODEL-out", request);
+  describe(evaluate, "MODEL-evaluation", request);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
+    if (const std::string near = meant(app, argc, argv); !near.empty()) {
+      if (peers.is_root()) std::fputs(near.c_str(), stderr);
+      return varda::exit_status::unusable_input;
+    }
     const int status = peers.is_root() ? app.exit(error) : error.get_exit_code();
     return status == 0 ? 0 : varda::exit_status::unusable_input;
   }
   request.what = evaluate->parsed() ? varda::task::evaluate : varda::task::fit;
+  request.command.assign(argv, argv + argc);
+  if (request.output_path.empty())
+    request.output_path = std::filesystem::path(request.model_path).replace_extension().string() +
+                          (evaluate->parsed() ? "-evaluation" : "-out");
 
   try {
+    if (simulate->parsed()) return varda::simulate_data(simulated, peers);
+    if (predict->parsed()) return varda::predict_data(predicted, peers);
+    if (vpc->parsed()) return varda::check_visually(checked, peers);
+    if (comparing->parsed()) return varda::compare_runs(compared, peers);
     if (check->parsed()) return varda::check(inspected, peers);
     return varda::run(request, peers);
   } catch (const varda::bad_input& error) {
-    if (peers.is_root()) fmt::print(stderr, "{}\n", error.what());
+    if (peers.is_root()) std::fputs(fmt::format("{}\n", error.what()).c_str(), stderr);
     return varda::exit_status::unusable_input;
   } catch (const std::exception& error) {
-    fmt::print(stderr, "varda: {}\n", error.what());
+    std::fputs(fmt::format("varda: {}\n", error.what()).c_str(), stderr);
     if (peers.size() > 1) peers.abort(varda::exit_status::failure);
     return varda::exit_status::failure;
   }

@@ -5,19 +5,29 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <memory>
+#include <utility>
+#include <vector>
 
 #include "statsubs/state/output_units.h"
+#include "varda/cli/start_from.h"
+#include "varda/data/fingerprint.h"
+#include "varda/folder/run_folder.h"
 #include "varda/host/engine_host.h"
 #include "varda/inference/quadrature.h"
 #include "varda/input/model_file.h"
+#include "varda/model/settings_table.h"
 #include "varda/model/start_evaluation.h"
 #include "varda/report/matrix_tables.h"
-#include "varda/report/output_folder.h"
 #include "varda/report/progress.h"
 #include "varda/report/reports.h"
 #include "varda/run/fit.h"
+#include "varda/support/digest.h"
+#include "varda/support/text.h"
+#include "varda/version.h"
 
 namespace varda {
 
@@ -52,8 +62,16 @@ void on_interrupt(int signal) {
   std::signal(signal, SIG_DFL);
 }
 
-population_model prepare(const run_request& request, findings& warnings) {
+// `started`: where the start values are from, for page one.
+population_model prepare(const run_request& request, findings& warnings, std::string& started) {
   model_specification file = read_model_file(request.model_path, warnings, request.overrides);
+  if (!request.from.empty()) {
+    const std::vector<std::string> taken = start_from(read_stored_fit(request.from), file);
+    started = wrapped(fmt::format("Start values from {}: {}\n", request.from,
+                                  taken.empty() ? "none, no name is the same"
+                                                : fmt::format("{}", fmt::join(taken, ", "))),
+                      2);
+  }
   dataset data = read_dataset(file.data, warnings);
   population_model model(std::move(file), std::move(data));
   check_start(model);
@@ -61,14 +79,29 @@ population_model prepare(const run_request& request, findings& warnings) {
   return model;
 }
 
+const char* name_of(task what) {
+  return what == task::fit ? "fit" : "evaluate";
+}
+
+// The files that a run may write.
+std::vector<std::string> result_names(task what) {
+  std::vector<std::string> names = {"model.toml",    "run.json",     "page_one.txt",
+                                    "estimates.csv", "subjects.csv", "iterations.csv",
+                                    "rows.csv",      "legend.csv",   "records.txt"};
+  for (const char* ending : {".json", ".ext", ".phi", ".cov", ".cor"})
+    names.push_back(name_of(what) + std::string(ending));
+  return names;
+}
+
 // The root tries the folder and every process learns the outcome: a refusal on one alone would
 // leave the others waiting. Null on processes other than the root.
-std::unique_ptr<output_folder> open_folder(const std::string& path, const job& peers) {
-  std::unique_ptr<output_folder> folder;
+std::unique_ptr<run_folder> open_folder(const run_request& request, const job& peers) {
+  std::unique_ptr<run_folder> folder;
   std::exception_ptr refusal;
   if (peers.is_root()) {
     try {
-      folder = std::make_unique<output_folder>(path);
+      folder = std::make_unique<run_folder>(request.output_path, name_of(request.what),
+                                            result_names(request.what));
     } catch (const bad_input&) {
       refusal = std::current_exception();
     }
@@ -80,23 +113,61 @@ std::unique_ptr<output_folder> open_folder(const std::string& path, const job& p
   return folder;
 }
 
-void write_reports(const output_folder& folder, const population_model& model,
-                   const fit_result& result, const std::string& records) {
-  const bool fitted = result.what == task::fit;
-  const std::string stem = fitted ? "fit" : "evaluate";
-  folder.write(stem + ".json", json_report(model, result));
-  folder.write("estimates.csv", estimates_csv(model, result));
-  folder.write("iterations.csv", iterations_csv(model, result));
-  folder.write("subjects.csv", subjects_csv(model, result));
-  folder.write("rows.csv", rows_csv(model, result));
-  folder.write("legend.csv", legend_csv(model));
-  folder.write(stem + ".ext", ext_table(model, result));
-  folder.write(stem + ".phi", phi_table(model, result));
+// What the run was made from, before anything can change it.
+manifest origin_of(const run_request& request, const population_model& model) {
+  manifest about;
+  about.task = name_of(request.what);
+  about.version = version;
+  about.model_path = std::filesystem::absolute(request.model_path).lexically_normal().string();
+  about.model_sha256 = sha256(bytes_of(request.model_path).value_or(""));
+  about.data_path = std::filesystem::absolute(model.data().file).lexically_normal().string();
+  about.data_sha256 = sha256(bytes_of(model.data().file).value_or(""));
+  about.observations_sha256 = observations_fingerprint(model.data());
+  about.doses_sha256 = doses_fingerprint(model.data());
+  const estimation_settings& settings = model.specification().estimation;
+  about.seed = settings.seed;
+  for (const setting& row : every_setting())
+    about.settings[row.name] = std::visit(
+        [](const auto& value) { return fmt::format("{}", value); }, value_of(row, settings));
+  return about;
+}
+
+void add_reports(run_folder& folder, const population_model& model, const fit_result& result) {
+  const std::string stem = name_of(result.what);
+  folder.add(stem + ".json", json_report(model, result));
+  folder.add("estimates.csv", estimates_csv(model, result));
+  folder.add("iterations.csv", iterations_csv(model, result));
+  folder.add("subjects.csv", subjects_csv(model, result));
+  folder.add("rows.csv", rows_csv(model, result));
+  folder.add("legend.csv", legend_csv(model));
+  folder.add(stem + ".ext", ext_table(model, result));
+  folder.add(stem + ".phi", phi_table(model, result));
   if (!result.errors.chosen().empty()) {
-    folder.write(stem + ".cov", cov_table(model, result));
-    folder.write(stem + ".cor", cor_table(model, result));
+    folder.add(stem + ".cov", cov_table(model, result));
+    folder.add(stem + ".cor", cor_table(model, result));
   }
-  if (!records.empty()) folder.write("records.txt", records);
+}
+
+// False where standard output cannot take it.
+bool print(const std::string& text) {
+  const bool written = std::fputs(text.c_str(), stdout) >= 0;
+  return std::fflush(stdout) == 0 && written;
+}
+
+// Files and page one: each is tried whatever becomes of the other.
+bool deliver(run_folder& folder, const manifest& origin, const std::string& page) {
+  bool whole = true;
+  std::string last = fmt::format("\nResults in {}\n", folder.path().string());
+  try {
+    folder.exchange(origin);
+  } catch (const std::exception& error) {
+    whole = false;
+    last = fmt::format("\nNO RESULTS WERE WRITTEN: {}\n", error.what());
+    std::fputs(fmt::format("varda: {}\n", error.what()).c_str(), stderr);
+  }
+  if (print(page + last)) return whole;
+  std::fputs("varda: standard output cannot take page one; page_one.txt has it\n", stderr);
+  return false;
 }
 
 }  // namespace
@@ -104,14 +175,19 @@ void write_reports(const output_folder& folder, const population_model& model,
 exit_status run(const run_request& request, const job& peers) {
   const auto begin = std::chrono::steady_clock::now();
   findings warnings;
-  const population_model model = prepare(request, warnings);
-  const std::unique_ptr<output_folder> folder = open_folder(request.output_path, peers);
+  std::string started;
+  const population_model model = prepare(request, warnings, started);
+  const manifest origin = origin_of(request, model);
+  const std::string model_text = bytes_of(request.model_path).value_or("");
+  const std::unique_ptr<run_folder> folder = open_folder(request, peers);
 
   const bool silent = request.quiet || !peers.is_root();
   const progress_style style = silent ? progress_style::quiet : progress_style_of_error_stream();
   const record_keeper records(request.records_to_terminal);
   std::signal(SIGINT, on_interrupt);
   std::signal(SIGTERM, on_interrupt);
+  std::signal(SIGHUP, on_interrupt);
+  std::signal(SIGPIPE, SIG_IGN);
 
   engine_host host(model, peers);
   const progress_listener progress = make_progress(style);
@@ -121,10 +197,21 @@ exit_status run(const run_request& request, const job& peers) {
   result.times.total =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
 
+  result.source = {origin.model_sha256, origin.data_sha256, origin.observations_sha256,
+                   origin.doses_sha256};
+
+  double failed = 0.0;
   if (peers.is_root()) {
-    write_reports(*folder, model, result, records.text());
-    fmt::print("{}\nResults in {}\n", summary(model, result), folder->path().string());
+    const std::string page = summary(model, result) + (started.empty() ? "" : "\n" + started);
+    add_reports(*folder, model, result);
+    folder->add("model.toml", model_text);
+    folder->add("run.json", run_json(result, request.command));
+    folder->add("page_one.txt", page);
+    if (!records.text().empty()) folder->add("records.txt", records.text());
+    failed = deliver(*folder, origin, page) ? 0.0 : 1.0;
   }
+  peers.sum(&failed, 1);
+  if (failed > 0.0) return exit_status::failure;
   return result.converged ? exit_status::converged : exit_status::not_converged;
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "varda/host/job.h"
 #include "varda/input/model_file.h"
@@ -26,6 +27,8 @@ struct run_request {
   setting_overrides overrides;
   bool quiet = false;
   bool records_to_terminal = false;  // the library's own records; otherwise records.txt
+  std::string from;  // folder of a fit whose estimates are the start values, or empty
+  std::vector<std::string> command;  // as it was typed
 };
 
 // Reads, runs, reports. Only the root process prints and writes. Throws bad_input and

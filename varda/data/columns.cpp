@@ -37,7 +37,8 @@ column_map::column_map(const data_source& source, const csv_table& table)
     // A column that the model file names must be there; one that only has its usual name need not.
     if (roles_.back() < 0 && renamed != source.columns.end()) throw no_column(renamed->second);
   }
-  std::vector<role> needed = {role::id, role::time, role::dv};
+  std::vector<role> needed = {role::id, role::time};
+  if (source.values_needed) needed.push_back(role::dv);
   if (source.doses_needed) needed.push_back(role::amt);
   if (source.endpoints.size() > 1) needed.push_back(role::dvid);
   if (source.occasions) needed.push_back(role::occ);

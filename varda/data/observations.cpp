@@ -4,10 +4,17 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <limits>
 
 namespace varda {
 
 namespace {
+
+bool knows_endpoint(const record_view& from) {
+  const std::vector<int>& known = from.model().endpoints;
+  const int given = from.whole_number_or(role::dvid, 0);
+  return given == 0 || std::find(known.begin(), known.end(), given) != known.end();
+}
 
 int endpoint_of(const record_view& from) {
   const std::vector<int>& known = from.model().endpoints;
@@ -52,16 +59,22 @@ std::optional<observation> read_observation(const record_view& from, double time
   if (missing != 0 && missing != 1)
     throw from.error("E-DATA-EVENT", fmt::format("MDV {} has no meaning", missing),
                      "1 leaves the observation out, 0 keeps it", role::mdv);
-  if (missing == 1) {
+  if (missing == 1 && !from.model().missing_counts) {
     odd.count("W-DATA-EXCLUDED", "observation records are left out (MDV 1)", "", from, role::mdv);
     return std::nullopt;
   }
-  const std::optional<double> value = from.number(role::dv);
-  if (!value)
+  // A record that was left out may hold anything.
+  if (missing == 1 && !knows_endpoint(from)) return std::nullopt;
+  const bool needed = missing == 0 && from.model().values_needed;
+  const std::optional<double> value = missing == 1 ? std::nullopt : from.number(role::dv);
+  if (!value && needed)
     throw from.error("E-DATA-MISSING", "the observation has no value",
                      "set MDV to 1 to leave the record out", role::dv);
-  observation made{.time = time, .value = *value, .endpoint = endpoint_of(from), .row = from.row()};
-  read_censoring(from, made);
+  observation made{.time = time,
+                   .value = value.value_or(std::numeric_limits<double>::quiet_NaN()),
+                   .endpoint = endpoint_of(from),
+                   .row = from.row()};
+  if (value) read_censoring(from, made);
   const int compartment = from.whole_number_or(role::cmt, 0);
   if (compartment != 0 && compartment != 1)
     odd.ignored(from, role::cmt, "observations", "DVID tells endpoints apart");

@@ -63,6 +63,7 @@ subject subject_reader::read(const std::function<bool(const finding&)>& refuse) 
       if (!refuse(error.what_found())) return std::move(made_);
     }
   }
+  if (std::isfinite(columns_.model().doses_until)) give_due(columns_.model().doses_until);
   made_.occasions = covariates_.occasions();
   // A record that was refused may hold what the whole would lack.
   if (!sound) return std::move(made_);

@@ -4,53 +4,28 @@
 #include <Eigen/Cholesky>
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
 #include <limits>
-#include <random>
 #include <utility>
 
 #include "statsubs/estep/proposals.h"
+#include "varda/simulation/simulate.h"
 
 namespace varda {
 
 namespace {
 
-// Draws that are the same with every standard library: a distribution of <random> is not.
-class deviates {
- public:
-  deviates(int seed, int subject) {
-    std::seed_seq sequence{seed, subject};
-    bits_.seed(sequence);
-  }
-  double uniform() { return (static_cast<double>(bits_() >> 12) + 0.5) * 0x1p-52; }
-  double normal() { return statsubs::dnorminv(uniform()); }
-
- private:
-  std::mt19937_64 bits_;
-};
-
 // Observations x simulations; fewer columns where the model failed.
 Eigen::MatrixXd simulate(const population_model& model, int subject, const Eigen::VectorXd& theta,
                          const Eigen::MatrixXd& omega, int simulations, deviates& draw) {
-  const auto& observed = model.data().subjects[static_cast<std::size_t>(subject)].observations;
-  const Eigen::MatrixXd factor = omega.llt().matrixL();
-  Eigen::VectorXd mu(model.random_effects());
-  model.means(subject, theta.data(), mu.data());
-  Eigen::VectorXd z(mu.size());
-  const density joint(model);
-  density_workspace scratch(model);
-  Eigen::MatrixXd f;
-  const Eigen::Index n = model.observations(subject);
-  Eigen::MatrixXd result(n, simulations);
+  subject_simulator from(model, subject, {theta, omega});
+  Eigen::VectorXd f;
+  Eigen::VectorXd y;
+  Eigen::MatrixXd result(model.observations(subject), simulations);
   Eigen::Index usable = 0;
   for (int k = 0; k < simulations; ++k) {
-    for (double& value : z) value = draw.normal();
-    const Eigen::VectorXd phi = mu + factor * z;
-    joint.predict(subject, theta.data(), phi, f, scratch);
-    for (Eigen::Index j = 0; j < n; ++j)
-      result(j, usable) = model.observed().simulated(observed[static_cast<std::size_t>(j)], f(0, j),
-                                                     draw.normal(), theta.data());
-    if (result.col(usable).allFinite()) ++usable;
+    from.simulate(draw, f, y);
+    result.col(usable) = y;
+    if (y.allFinite()) ++usable;
   }
   result.conservativeResize(Eigen::NoChange, usable);
   return result;
@@ -96,7 +71,7 @@ Eigen::VectorXd npde(const population_model& model, int subject, const Eigen::Ve
   const Eigen::Index n = model.observations(subject);
   const Eigen::VectorXd unknown =
       Eigen::VectorXd::Constant(n, std::numeric_limits<double>::quiet_NaN());
-  deviates draw(seed, subject);
+  deviates draw({seed, subject});
   Eigen::MatrixXd y = simulate(model, subject, theta, omega, simulations, draw);
   if (y.cols() <= n + 1) return unknown;
 

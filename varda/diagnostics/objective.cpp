@@ -10,6 +10,33 @@ double without_constant(double minus2ll, int observations) {
   return minus2ll - observations * std::log(2.0 * std::numbers::pi);
 }
 
+namespace {
+
+int estimated_quantities(const population_model& model) {
+  int count = 0;
+  for (const fixed_effect& t : model.thetas()) count += t.fixed ? 0 : 1;
+  for (const omega_element& e : model.omega_elements()) count += e.fixed ? 0 : 1;
+  return count;
+}
+
+int subjects_with_observations(const population_model& model) {
+  int count = 0;
+  for (int i = 0; i < model.subjects(); ++i) count += model.observations(i) > 0 ? 1 : 0;
+  return count;
+}
+
+// BIC penalises by the number of independent units, which in a population model lies between the
+// subjects and the observations: Delattre, Lavielle and Poursat (2014), Electron. J. Stat. 8,
+// 456-475.
+void take_criteria(const population_model& model, double minus2ll, objective_figures& result) {
+  result.estimated = estimated_quantities(model);
+  result.aic = minus2ll + 2.0 * result.estimated;
+  result.bic_observations = minus2ll + result.estimated * std::log(model.data().observations());
+  result.bic_subjects = minus2ll + result.estimated * std::log(subjects_with_observations(model));
+}
+
+}  // namespace
+
 objective_figures objective_figures_of(const population_model& model,
                                        const likelihood_estimate& sampled,
                                        const quadrature_estimate& quadrature) {
@@ -20,6 +47,7 @@ objective_figures objective_figures_of(const population_model& model,
     result.subjects.push_back(
         without_constant(-2.0 * sampled.subjects[static_cast<std::size_t>(i)].log_likelihood,
                          model.observations(i)));
+  take_criteria(model, sampled.minus2ll, result);
   if (!quadrature.complete) return result;
   result.by_quadrature = without_constant(quadrature.minus2ll, observations);
   for (int i = 0; i < model.subjects(); ++i)

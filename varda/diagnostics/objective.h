@@ -13,6 +13,12 @@ namespace varda {
 // quadrature and the sampled likelihood compare.
 struct objective_figures {
   double minus2ll = 0.0;
+  // Of -2 log-likelihood with all its constants and the quantities that were estimated: AIC, and
+  // BIC with the number of observations or of subjects that have some.
+  int estimated = 0;
+  double aic = 0.0;
+  double bic_observations = 0.0;
+  double bic_subjects = 0.0;
   std::vector<double> subjects;
   double by_quadrature = 0.0;                  // 0 without a quadrature
   std::vector<double> subjects_by_quadrature;  // empty without a quadrature

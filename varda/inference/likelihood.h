@@ -17,7 +17,6 @@ struct subject_health {
   double failed = 0.0;  // share of the samples in the bulk that cannot be evaluated
   double error = 0.0;   // of the subject's -2 log-likelihood
   bool sick = false;
-  std::vector<double> replicates;  // the subject's -2 log-likelihood by each randomisation
 };
 
 // The exact -2 log-likelihood at the parameters in force, with the error of its own.
@@ -26,6 +25,7 @@ struct likelihood_estimate {
   double minus2ll = 0.0;           // every constant included, of all replicates together
   double mc_se = 0.0;              // from the variances of the subjects' replicates
   std::vector<double> replicates;  // -2 log-likelihood of each
+  Eigen::MatrixXd by_subject;      // log-likelihoods, replicates x subjects
   // Per subject the means over the replicates, of the likelihood itself and not of its logarithm;
   // the largest weight is the largest of all.
   std::vector<subject_integral> subjects;

@@ -24,6 +24,12 @@ struct data_source {
   // Compartments whose RATE -1 (or -2) finds a parameter for the rate (or the duration).
   std::vector<int> modelled_rate;
   std::vector<int> modelled_duration;
+  // What a data set is read for that is no data of a fit: observation records need no value
+  // (observation::value is NaN where there is none), those with MDV 1 count as well, and additional
+  // doses are given until this time.
+  bool values_needed = true;
+  bool missing_counts = false;
+  double doses_until = -std::numeric_limits<double>::infinity();
 };
 
 struct formula_line {

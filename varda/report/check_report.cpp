@@ -91,8 +91,8 @@ std::string check_text(const check_result& result) {
   }
   if (!result.start.empty()) write_start(out, *result.data, result);
   if (!result.errors.empty() || !result.warnings.empty()) fmt::format_to(out, "\n");
-  for (const finding& f : result.errors) fmt::format_to(out, "{}\n", to_text(f));
-  for (const finding& f : result.warnings) fmt::format_to(out, "{}\n", to_text(f));
+  for (const finding& f : result.errors) fmt::format_to(out, "{}\n", to_lines(f));
+  for (const finding& f : result.warnings) fmt::format_to(out, "{}\n", to_lines(f));
   fmt::format_to(out, "\n{}: {}{}, {}\n", result.errors.empty() ? "Sound" : "NOT USABLE",
                  count_of(result.errors.size(), "error"),
                  result.errors.size() < most_data_errors ? "" : " or more",

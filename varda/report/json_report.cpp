@@ -120,6 +120,14 @@ ordered_json parameters(const population_model& model, const fit_result& result)
   return list;
 }
 
+// As the engine holds it: the logarithm's argument of log-normal parameters, the logit of
+// logit-normal ones.
+ordered_json theta(const population_model& model, const fit_result& result) {
+  ordered_json names = ordered_json::array();
+  for (const fixed_effect& t : model.thetas()) names.push_back(t.name);
+  return {{"names", names}, {"values", to_json(result.theta)}};
+}
+
 ordered_json omega(const population_model& model, const fit_result& result) {
   ordered_json entry;
   ordered_json names = ordered_json::array();
@@ -130,6 +138,14 @@ ordered_json omega(const population_model& model, const fit_result& result) {
   entry["shrinkage"] = to_json(result.effects.shrinkage);
   entry["condition_number"] = result.omega_condition;
   if (result.what == task::fit) add_errors_of_omega(entry, result);
+  entry["elements"] = ordered_json::array();
+  for (const omega_element& e : model.omega_elements()) {
+    const int k = result.errors.place_of_omega(e.row(), e.column());
+    entry["elements"].push_back({{"name", e.name},
+                                 {"estimate", result.omega(e.row(), e.column())},
+                                 {"fixed", e.fixed},
+                                 {"rse", figure(result.errors.chosen(), k, rse_of)}});
+  }
   return entry;
 }
 
@@ -157,6 +173,9 @@ ordered_json subjects(const population_model& model, const fit_result& result) {
     entry["id"] = model.data().subjects[at].id;
     entry["observations"] = model.observations(i);
     entry["minus2ll_without_constant"] = result.objective.subjects[at];
+    if (result.likelihood.by_subject.size() > 0)
+      entry["minus2ll_replicates"] =
+          to_json(Eigen::VectorXd(-2.0 * result.likelihood.by_subject.col(i)));
     entry["eta_mean"] = to_json(s.mean);
     entry["eta_cov"] = to_json(s.covariance);
     entry["ess"] = s.effective_samples;
@@ -166,7 +185,6 @@ ordered_json subjects(const population_model& model, const fit_result& result) {
       entry["pareto_k"] = h.shape;  // null where it is not finite
       entry["failed"] = h.failed;
       entry["badly_sampled"] = h.sick;
-      entry["minus2ll_replicates"] = h.replicates;
     }
     if (result.quadrature.complete)
       entry["agq_minus2ll_without_constant"] = result.objective.subjects_by_quadrature[at];
@@ -277,7 +295,11 @@ std::string json_report(const population_model& model, const fit_result& result)
   report["task"] = result.what == task::fit ? "fit" : "evaluate";
   report["title"] = model.specification().title;
   report["model"] = model.specification().path;
+  report["model_sha256"] = result.source.model_sha256;
   report["data"] = {{"file", model.data().file},
+                    {"sha256", result.source.data_sha256},
+                    {"observations_sha256", result.source.observations_sha256},
+                    {"doses_sha256", result.source.doses_sha256},
                     {"subjects", model.subjects()},
                     {"observations", model.data().observations()},
                     {"doses", model.data().doses()},
@@ -297,7 +319,12 @@ std::string json_report(const population_model& model, const fit_result& result)
   report["minus2ll_mc_se"] = number(result.likelihood.mc_se);
   report["minus2ll_replicates"] = result.likelihood.replicates;
   report["likelihood_samples"] = result.likelihood_samples;
+  report["criteria"] = {{"estimated", result.objective.estimated},
+                        {"aic", number(result.objective.aic)},
+                        {"bic_observations", number(result.objective.bic_observations)},
+                        {"bic_subjects", number(result.objective.bic_subjects)}};
   report["quadrature"] = quadrature(result);
+  report["theta"] = theta(model, result);
   report["parameters"] = parameters(model, result);
   report["omega"] = omega(model, result);
   report["residual"] = residual(model, result);
@@ -307,16 +334,24 @@ std::string json_report(const population_model& model, const fit_result& result)
   if (!result.starts.empty()) report["starts"] = starts(model, result);
   report["warnings"] = to_json(result.warnings);
   report["settings"] = settings(model);
+  report["versions"] = {{"varda", version}};
+  return report.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
+}
+
+std::string run_json(const fit_result& result, const std::vector<std::string>& command) {
+  ordered_json report;
+  report["schema_version"] = json_schema_version;
+  report["command"] = command;
   report["versions"] = {{"varda", version}, {"compiler", compiler}};
-  report["times"] = {{"processes", result.processes},
-                     {"evaluations", result.evaluations},
-                     {"start", result.times.start},
-                     {"iterations", result.times.iterations},
-                     {"likelihood", result.times.likelihood},
-                     {"quadrature", result.times.quadrature},
-                     {"standard_errors", result.times.standard_errors},
-                     {"diagnostics", result.times.diagnostics},
-                     {"total", result.times.total}};
+  report["processes"] = result.processes;
+  report["evaluations"] = result.evaluations;
+  report["seconds"] = {{"start", result.times.start},
+                       {"iterations", result.times.iterations},
+                       {"likelihood", result.times.likelihood},
+                       {"quadrature", result.times.quadrature},
+                       {"standard_errors", result.times.standard_errors},
+                       {"diagnostics", result.times.diagnostics},
+                       {"total", result.times.total}};
   return report.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
 }
 

@@ -40,11 +40,18 @@ std::string objective(const run_progress& at) {
   return at.minus2ll ? fmt::format("  -2LL {:.4f}", *at.minus2ll) : "";
 }
 
+// A full disk or a closed terminal costs the progress, not the run.
+void print_to_error_stream(const std::string& text) {
+  std::fputs(text.c_str(), stderr);
+  std::fflush(stderr);
+  std::clearerr(stderr);
+}
+
 // Subjects may be many: a tenth of them is worth a line.
 void print_line(const run_progress& at) {
   const int every = is_by_subject(at.stage) ? std::max(line_every, at.of / 10) : line_every;
   if (at.step != 1 && at.step % every != 0) return;
-  fmt::print(stderr, "{} {:>4}{}\n", title_of(at.stage), at.step, objective(at));
+  print_to_error_stream(fmt::format("{} {:>4}{}\n", title_of(at.stage), at.step, objective(at)));
 }
 
 // One line for each stage.
@@ -53,14 +60,14 @@ class bar {
   void draw(const run_progress& at) {
     const auto now = std::chrono::steady_clock::now();
     if (at.step > 1 && now - drawn_ < redraw_every) return;
-    if (stage_ && *stage_ != at.stage) fmt::print(stderr, "\n");
+    if (stage_ && *stage_ != at.stage) print_to_error_stream("\n");
     stage_ = at.stage;
     drawn_ = now;
     const int filled = bar_width * at.step / at.of;
-    fmt::print(stderr, "\r{} [{:<{}}] {} ({} {}){} ", title_of(at.stage),
-               std::string(static_cast<std::size_t>(filled), '#'), bar_width, at.step,
-               is_by_subject(at.stage) ? "of" : "at most", at.of, objective(at));
-    std::fflush(stderr);
+    print_to_error_stream(fmt::format("\r{} [{:<{}}] {} ({} {}){} ", title_of(at.stage),
+                                      std::string(static_cast<std::size_t>(filled), '#'), bar_width,
+                                      at.step, is_by_subject(at.stage) ? "of" : "at most", at.of,
+                                      objective(at)));
   }
 
  private:
@@ -87,7 +94,7 @@ progress_listener make_progress(progress_style style) {
 }
 
 void finish_progress(progress_style style) {
-  if (style == progress_style::bar) fmt::print(stderr, "\n");
+  if (style == progress_style::bar) print_to_error_stream("\n");
 }
 
 }  // namespace varda

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What a run leaves behind. Every report is a function of the model and the result alone; docs/
-// output-files.md describes them for users. Nothing but the object `times` of the JSON and the last
-// line of the summary depends on the machine.
+// output-files.md describes them for users. Nothing but run.json and the last line of the summary
+// depends on the machine.
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "varda/model/population.h"
 #include "varda/run/fit_result.h"
@@ -16,6 +17,9 @@ namespace varda {
 inline constexpr int json_schema_version = 1;
 
 std::string json_report(const population_model& model, const fit_result& result);
+
+// What differs between equal runs: the command line, processes, times.
+std::string run_json(const fit_result& result, const std::vector<std::string>& command);
 
 // Tables with a header line, comma separated, numbers that read back to the same double.
 std::string estimates_csv(const population_model& model, const fit_result& result);

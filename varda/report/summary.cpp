@@ -7,6 +7,7 @@
 #include <iterator>
 
 #include "varda/report/reports.h"
+#include "varda/support/text.h"
 #include "varda/version.h"
 
 namespace varda {
@@ -18,26 +19,27 @@ using sink = std::back_insert_iterator<std::string>;
 void write_verdict(sink out, const fit_result& result) {
   const auto passes = result.iterations.size();
   if (result.what == task::evaluate)
-    fmt::format_to(out, "{}: {}\n\n", result.converged ? "Evaluated" : "NOT SETTLED",
-                   result.reason);
+    fmt::format_to(out, "{}\n\n",
+                   wrapped(fmt::format("{}: {}", result.converged ? "Evaluated" : "NOT SETTLED",
+                                       result.reason),
+                           2));
   else
-    fmt::format_to(out, "{} after {} iterations\n  {}\n\n",
+    fmt::format_to(out, "{} after {} iterations\n{}\n\n",
                    result.converged           ? "Converged"
                    : !result.singular.empty() ? "OMEGA IS SINGULAR"
                                               : "NOT CONVERGED",
-                   passes, result.reason);
+                   passes, wrapped("  " + result.reason, 2));
 }
 
 void write_quadrature(sink out, const fit_result& result) {
   const quadrature_estimate& q = result.quadrature;
   if (!q.complete) return;
-  const std::string grid =
-      q.is_laplace()
-          ? "mode and exact curvature of every subject"
-          : fmt::format("{} nodes per random effect, {} points a subject", q.nodes, q.points);
+  const std::string grid = q.is_laplace()
+                               ? "mode and curvature of every subject"
+                               : fmt::format("{} nodes an effect, {} points", q.nodes, q.points);
   fmt::format_to(out, "  {:<20} {:14.4f}   {}\n",
                  q.is_laplace() ? "Laplace's method" : "by quadrature", q.minus2ll, grid);
-  fmt::format_to(out, "  less the sampled one {:14.4f}   {:.1f} Monte-Carlo errors\n",
+  fmt::format_to(out, "  less the sampled one {:14.4f}   {:.1f} Monte Carlo errors\n",
                  result.objective.difference, result.objective.difference_in_mc_se);
 }
 
@@ -47,46 +49,63 @@ void write_likelihood(sink out, const fit_result& result) {
     fmt::format_to(out, "-2 log-likelihood            not computed\n\n");
     return;
   }
-  fmt::format_to(out, "-2 log-likelihood      {:14.4f}   Monte-Carlo error {:.4f}\n", l.minus2ll,
+  fmt::format_to(out, "-2 log-likelihood      {:14.4f}   Monte Carlo error {:.4f}\n", l.minus2ll,
                  l.mc_se);
-  fmt::format_to(out, "  without N log(2 pi)  {:14.4f}   mean of {} scrambles of {} points\n",
+  fmt::format_to(out, "  without N log(2 pi)  {:14.4f}   {} randomisations x {} points\n",
                  result.objective.minus2ll, l.replicates.size(), result.likelihood_samples);
   write_quadrature(out, result);
+  const objective_figures& o = result.objective;
+  fmt::format_to(out, "  AIC                  {:14.4f}   {} estimated\n", o.aic, o.estimated);
+  fmt::format_to(out, "  BIC by observations  {:14.4f}\n", o.bic_observations);
+  fmt::format_to(out, "  BIC by subjects      {:14.4f}\n", o.bic_subjects);
   fmt::format_to(out, "\n");
 }
 
 std::string remark(const fit_result& result, const fixed_effect& t, std::size_t k) {
   if (t.fixed) return "fixed";
   for (const int held : result.held_by_bounds)
-    if (held == static_cast<int>(k)) return "held by its bound";
+    if (held == static_cast<int>(k)) return "at bound";
   return "";
 }
 
-// Width of the columns that standard errors take.
-constexpr const char* error_header = "          SE   RSE %         95 % interval";
+// A name and its estimate leave these columns to the standard errors, and those the last of 80 to
+// remarks.
+constexpr std::size_t name_width = 13;
+constexpr std::size_t errors_width = 41;
+constexpr const char* error_header = "        SE  RSE %        95 % interval";
 
 std::string error_columns(const std::vector<estimate_error>& errors, int k, bool without) {
-  if (without && !errors.empty()) return "           -   the data say nothing of it";
+  if (without && !errors.empty()) return "         -   the data say nothing of it";
   if (k < 0 || errors.empty()) return "";
   const estimate_error& e = errors[static_cast<std::size_t>(k)];
-  return fmt::format("{:>12.4g} {:>7.1f} {:>10.4g} to {:<10.4g}", e.se, e.rse_percent, e.ci_lower,
+  return fmt::format("{:>10.4g} {:>6.1f}  {:>9.4g} to {:<9.4g}", e.se, e.rse_percent, e.ci_lower,
                      e.ci_upper);
+}
+
+void write_line(sink out, std::string line) {
+  line.erase(line.find_last_not_of(' ') + 1);
+  fmt::format_to(out, "{}\n", line);
+}
+
+// A long name has a line of its own.
+std::string name_column(const std::string& name) {
+  if (name.size() <= name_width) return fmt::format("  {:<{}}", name, name_width);
+  return fmt::format("  {}\n{:<{}}", name, "", name_width + 2);
 }
 
 void write_row(sink out, const std::string& name, double value, const std::string& errors,
                const std::string& tail) {
-  std::string line = fmt::format("  {:<14} {:>12.6g}{:<44}   {}", name, value, errors, tail);
-  line.erase(line.find_last_not_of(' ') + 1);
-  fmt::format_to(out, "{}\n", line);
+  const std::string figures = name_column(name) + fmt::format(" {:>10.6g}", value);
+  if (errors.empty() && (tail == "fixed" || tail == "at bound"))
+    return write_line(out, fmt::format("{} {:>9}", figures, tail));
+  write_line(out, fmt::format("{}{:<{}} {}", figures, errors, errors_width, tail));
 }
 
 void write_header(sink out, const char* first, const char* second, const fit_result& result,
                   const char* tail) {
   const bool with_errors = !result.errors.chosen().empty();
-  std::string line =
-      fmt::format("{:<16} {:>12}{:<44}   {}", first, second, with_errors ? error_header : "", tail);
-  line.erase(line.find_last_not_of(' ') + 1);
-  fmt::format_to(out, "{}\n", line);
+  write_line(out, fmt::format("{:<{}} {:>10}{:<{}} {}", first, name_width + 2, second,
+                              with_errors ? error_header : "", errors_width, tail));
 }
 
 void write_theta(sink out, const population_model& model, const fit_result& result, int theta) {
@@ -112,7 +131,7 @@ std::string per_cent(double share) {
 
 void write_omega(sink out, const population_model& model, const fit_result& result) {
   fmt::format_to(out, "\n");
-  write_header(out, "Random effect", "variance", result, "  CV %   shrinkage %");
+  write_header(out, "Random effect", "variance", result, " CV %  shr %");
   const auto errors = [&](int i, int j) {
     return error_columns(result.errors.chosen(), result.errors.place_of_omega(i, j),
                          result.errors.without_error_omega(i, j));
@@ -125,15 +144,16 @@ void write_omega(sink out, const population_model& model, const fit_result& resu
     if (!e.is_variance()) continue;
     const int i = e.row();
     write_row(out, name_of(e, i), result.omega(i, i), errors(i, i),
-              fmt::format("{:>6}   {:>11}{}", per_cent(result.effects.cv(i)),
-                          per_cent(result.effects.shrinkage(i)), e.fixed ? "   fixed" : ""));
+              e.fixed ? "fixed"
+                      : fmt::format("{:>5}  {:>5}", per_cent(result.effects.cv(i)),
+                                    per_cent(result.effects.shrinkage(i))));
   }
   for (const omega_element& e : model.omega_elements()) {
     if (e.is_variance()) continue;
     const int i = e.row();
     const int j = e.column();
     write_row(out, model.parameter_behind(j) + "," + name_of(e, i), result.omega(i, j),
-              errors(i, j), fmt::format("correlation {:.3f}", result.effects.correlations(i, j)));
+              errors(i, j), fmt::format("corr {:.3f}", result.effects.correlations(i, j)));
   }
 }
 
@@ -158,57 +178,87 @@ const char* source_of(standard_error_kind kind) {
   return "";
 }
 
+// The lower triangle, its columns in blocks that fit on a page.
+void write_correlations(sink out, const standard_errors& errors) {
+  constexpr std::size_t block = 9;
+  // Those that have errors.
+  std::vector<Eigen::Index> own;
+  for (Eigen::Index k = 0; k < errors.correlation.rows(); ++k)
+    if (std::isfinite(errors.correlation(k, k))) own.push_back(k);
+  const auto name = [&](std::size_t k) -> const std::string& {
+    return errors.names[static_cast<std::size_t>(own[k])];
+  };
+  for (std::size_t first = 0; first < own.size(); first += block) {
+    if (own.size() > block)
+      fmt::format_to(out, "  with {} to {}\n", name(first),
+                     name(std::min(first + block, own.size()) - 1));
+    for (std::size_t i = first; i < own.size(); ++i) {
+      std::string line = name_column(name(i)) + " ";
+      for (std::size_t j = first; j <= std::min(i, first + block - 1); ++j)
+        line += fmt::format(" {:>6.3f}", errors.correlation(own[i], own[j]));
+      fmt::format_to(out, "{}\n", line);
+    }
+  }
+}
+
 void write_errors(sink out, const fit_result& result) {
   const standard_errors& errors = result.errors;
   if (errors.names.empty() && errors.reason.empty()) return;
   if (errors.chosen().empty()) {
-    fmt::format_to(out, "\nNo standard errors: {}\n", errors.reason);
+    fmt::format_to(out, "\n{}\n", wrapped("No standard errors: " + errors.reason, 2));
     return;
   }
   fmt::format_to(out, "\nStandard errors from {}; correlation of the estimates:\n",
                  source_of(errors.shown));
-  for (Eigen::Index i = 0; i < errors.correlation.rows(); ++i) {
-    if (!std::isfinite(errors.correlation(i, i))) continue;
-    fmt::format_to(out, "  {:<14}", errors.names[static_cast<std::size_t>(i)]);
-    for (Eigen::Index j = 0; j <= i; ++j)
-      if (std::isfinite(errors.correlation(j, j)))
-        fmt::format_to(out, " {:>6.3f}", errors.correlation(i, j));
-    fmt::format_to(out, "\n");
-  }
-  fmt::format_to(out, "  eigenvalues   ");
-  for (const double value : errors.eigenvalues) fmt::format_to(out, " {:.3g}", value);
-  fmt::format_to(out, ", condition number {:.4g}\n", errors.condition_number);
+  write_correlations(out, errors);
+  std::string spectrum = "  eigenvalues   ";
+  for (const double value : errors.eigenvalues) spectrum += fmt::format(" {:.3g}", value);
+  fmt::format_to(
+      out, "{}\n",
+      wrapped(fmt::format("{}, condition number {:.4g}", spectrum, errors.condition_number), 17));
   if (!errors.unidentified.empty())
-    fmt::format_to(out, "  The data do not identify the direction {}\n", errors.unidentified);
+    fmt::format_to(out, "{}\n",
+                   wrapped("  The data do not identify the direction " + errors.unidentified, 4));
   if (!errors.score.known)
-    fmt::format_to(out, "  No errors from the scores: {}\n", errors.score.reason);
+    fmt::format_to(out, "{}\n", wrapped("  No errors from the scores: " + errors.score.reason, 4));
 }
 
 void write_quality(sink out, const population_model& model, const fit_result& result) {
   if (!result.likelihood.complete) return;
   const sampler_health& sampler = result.sampler;
   const auto id = [&](int i) { return model.data().subjects[static_cast<std::size_t>(i)].id; };
-  const auto ids = [&](const std::vector<int>& subjects) {
-    std::vector<std::string> list;
-    for (const int i : subjects) list.push_back(id(i));
-    return fmt::format("{}", fmt::join(list, ", "));
-  };
-  fmt::format_to(out,
-                 "\nSampling: of {} points a subject {:.0f} are effective (median), {:.0f} at the "
-                 "least (subject {});\nthe largest weight is {:.2f} % of the total (subject {})",
-                 result.likelihood_samples, sampler.median_effective, sampler.least_effective,
-                 id(sampler.least_effective_subject), 100.0 * sampler.largest_weight,
-                 id(sampler.largest_weight_subject));
+  std::string text = fmt::format(
+      "Sampling: effective sample size of {}: median {:.0f}, minimum {:.0f} (subject {}); the "
+      "largest weight is {:.2f} % of the total (subject {})",
+      result.likelihood_samples, sampler.median_effective, sampler.least_effective,
+      id(sampler.least_effective_subject), 100.0 * sampler.largest_weight,
+      id(sampler.largest_weight_subject));
   if (sampler.shaped)
-    fmt::format_to(out, ";\nthe largest k-hat is {:.2f} (subject {})", sampler.largest_shape,
-                   id(sampler.largest_shape_subject));
+    text += fmt::format("; the largest k-hat is {:.2f} (subject {})", sampler.largest_shape,
+                        id(sampler.largest_shape_subject));
   if (result.kept_factors > 0)
-    fmt::format_to(out, "; {} times a proposal could not follow its subject", result.kept_factors);
-  if (!result.health.empty())
-    fmt::format_to(out, ".\nBadly sampled: {}",
-                   sampler.sick.empty() ? "no subject" : ids(sampler.sick));
-  fmt::format_to(out, ".\nCondition number of omega (as a correlation matrix): {:.4g}\n",
+    text +=
+        fmt::format("; proposal kept {} times (too few effective samples)", result.kept_factors);
+  fmt::format_to(out, "\n{}.\n", wrapped(text, 2));
+  if (!result.health.empty()) {
+    std::vector<std::string> sick;
+    for (const int i : sampler.sick) sick.push_back(id(i));
+    fmt::format_to(
+        out, "{}\n",
+        wrapped(fmt::format("Badly sampled: {}.",
+                            sick.empty() ? "no subject" : fmt::format("{}", fmt::join(sick, ", "))),
+                2));
+  }
+  fmt::format_to(out, "Condition number of omega (as a correlation matrix): {:.4g}\n",
                  result.omega_condition);
+}
+
+// The first digits tell files apart; fit.json has all of them.
+void write_source(sink out, const population_model& model, const fit_result& result) {
+  constexpr int shown = 12;
+  fmt::format_to(out, "\nSeed {}, SHA-256 of the model file {:.{}}, of the data {:.{}}\n",
+                 model.specification().estimation.seed, result.source.model_sha256, shown,
+                 result.source.data_sha256, shown);
 }
 
 // The maxima that the fits from several start values found, each with the fits that ended there.
@@ -249,11 +299,12 @@ void write_starts(sink out, const fit_result& result) {
 }
 
 void write_times(sink out, const timings& t) {
-  fmt::format_to(out,
-                 "\nTime: start {:.3f} s, iterations {:.3f} s, likelihood {:.3f} s, quadrature "
-                 "{:.3f} s, standard errors {:.3f} s, diagnostics {:.3f} s, total {:.3f} s\n",
-                 t.start, t.iterations, t.likelihood, t.quadrature, t.standard_errors,
-                 t.diagnostics, t.total);
+  const std::string text = fmt::format(
+      "Time: start {:.3f} s, iterations {:.3f} s, likelihood {:.3f} s, quadrature {:.3f} s, "
+      "standard "
+      "errors {:.3f} s, diagnostics {:.3f} s, total {:.3f} s",
+      t.start, t.iterations, t.likelihood, t.quadrature, t.standard_errors, t.diagnostics, t.total);
+  fmt::format_to(out, "\n{}\n", wrapped(text, 2));
 }
 
 }  // namespace
@@ -265,9 +316,12 @@ std::string summary(const population_model& model, const fit_result& result) {
   fmt::format_to(out, "varda {}  {} of {}\n", version,
                  result.what == task::fit ? "fit" : "evaluation", model.specification().path);
   if (!model.specification().title.empty())
-    fmt::format_to(out, "{}\n", model.specification().title);
-  fmt::format_to(out, "{} subjects, {} observations, {} doses ({})\n\n", model.subjects(),
-                 data.observations(), data.doses(), data.file);
+    fmt::format_to(out, "{}\n", wrapped(model.specification().title, 2));
+  fmt::format_to(
+      out, "{}\n\n",
+      wrapped(fmt::format("{} subjects, {} observations, {} doses ({})", model.subjects(),
+                          data.observations(), data.doses(), data.file),
+              2));
   write_verdict(out, result);
   write_likelihood(out, result);
   write_fixed_effects(out, model, result);
@@ -276,7 +330,8 @@ std::string summary(const population_model& model, const fit_result& result) {
   write_errors(out, result);
   write_quality(out, model, result);
   write_starts(out, result);
-  for (const finding& w : result.warnings) fmt::format_to(out, "\n{}\n", to_text(w));
+  for (const finding& w : result.warnings) fmt::format_to(out, "\n{}\n", to_lines(w));
+  write_source(out, model, result);
   write_times(out, result.times);
   return text;
 }

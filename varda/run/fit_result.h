@@ -52,7 +52,16 @@ struct start_record {
   bool kept = false;
 };
 
+// Where a result comes from, as SHA-256.
+struct provenance {
+  std::string model_sha256;
+  std::string data_sha256;
+  std::string observations_sha256;  // of what was used of the data (varda/data/fingerprint.h)
+  std::string doses_sha256;
+};
+
 struct fit_result {
+  provenance source;
   task what = task::fit;
   bool converged = false;
   std::string reason;

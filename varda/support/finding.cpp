@@ -32,7 +32,9 @@ std::size_t distance(const std::string& a, const std::string& b) {
 
 }  // namespace
 
-std::string to_text(const finding& what) {
+namespace {
+
+std::string place_of(const finding& what) {
   std::string place = what.file;
   const auto add = [&place](const std::string& part) {
     place += (place.empty() ? "" : ", ") + part;
@@ -40,9 +42,26 @@ std::string to_text(const finding& what) {
   if (what.row > 0) add(fmt::format("row {}", what.row));
   if (!what.column.empty()) add(fmt::format("column {}", what.column));
   if (!what.subject.empty()) add(fmt::format("subject {}", what.subject));
-  return fmt::format("{}{}{} {}: {}{}{}", place, place.empty() ? "" : ": ",
-                     what.level == severity::error ? "error" : "warning", what.code, what.message,
-                     what.remedy.empty() ? "" : "; ", what.remedy);
+  return place + (place.empty() ? "" : ":");
+}
+
+std::string what_is_said(const finding& what) {
+  return fmt::format("{} {}: {}{}{}", what.level == severity::error ? "error" : "warning",
+                     what.code, what.message, what.remedy.empty() ? "" : "; ", what.remedy);
+}
+
+}  // namespace
+
+std::string to_text(const finding& what) {
+  const std::string place = place_of(what);
+  return place + (place.empty() ? "" : " ") + what_is_said(what);
+}
+
+std::string to_lines(const finding& what) {
+  const std::string line = to_text(what);
+  const std::string place = place_of(what);
+  if (line.size() <= terminal_columns || place.empty()) return wrapped(line, 2);
+  return wrapped(place, 2) + "\n" + wrapped("  " + what_is_said(what), 2);
 }
 
 bad_input::bad_input(finding what) : found_(std::move(what)), text_(to_text(found_)) {}

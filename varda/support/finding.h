@@ -27,6 +27,9 @@ struct finding {
 // "theophylline.csv, row 7, column DV, subject 1: error E-DATA-NUMBER: ... " on one line.
 std::string to_text(const finding& what);
 
+// The same in lines for a terminal, the place in one of its own where all do not fit into one.
+std::string to_lines(const finding& what);
+
 // Input that cannot be used. Exit status 2.
 class bad_input : public std::exception {
  public:

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "varda/support/text.h"
 
+#include <algorithm>
 #include <cctype>
 
 namespace varda {
@@ -13,6 +14,54 @@ std::string lower_case(std::string_view text) {
 
 bool equal_ignoring_case(std::string_view a, std::string_view b) {
   return lower_case(a) == lower_case(b);
+}
+
+namespace {
+
+// Characters, not bytes: a file's name may be in any language.
+std::size_t width_of(std::string_view text) {
+  std::size_t count = 0;
+  for (const char c : text) count += (static_cast<unsigned char>(c) & 0xc0U) != 0x80U ? 1 : 0;
+  return count;
+}
+
+std::string wrapped_line(std::string_view line, std::size_t indent) {
+  std::string result;
+  std::size_t begin = 0;
+  std::size_t column = 0;
+  bool fresh = true;  // nothing but an indent in the line so far
+  while (begin < line.size()) {
+    // A word with the blanks before it.
+    const std::size_t word = line.find_first_not_of(' ', begin);
+    if (word == std::string_view::npos) break;
+    const std::size_t end = std::min(line.find(' ', word), line.size());
+    const std::string_view piece = line.substr(begin, end - begin);
+    if (!fresh && column + width_of(piece) > terminal_columns) {
+      result += "\n" + std::string(indent, ' ');
+      column = indent;
+      result += line.substr(word, end - word);
+      column += width_of(line.substr(word, end - word));
+    } else {
+      result += piece;
+      column += width_of(piece);
+    }
+    fresh = false;
+    begin = end;
+  }
+  return result;
+}
+
+}  // namespace
+
+std::string wrapped(std::string_view text, std::size_t indent) {
+  std::string result;
+  for (std::size_t begin = 0; begin <= text.size();) {
+    const std::size_t end = std::min(text.find('\n', begin), text.size());
+    if (begin > 0) result += '\n';
+    result += wrapped_line(text.substr(begin, end - begin), indent);
+    begin = end + 1;
+  }
+  return result;
 }
 
 }  // namespace varda

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -9,5 +10,13 @@ namespace varda {
 // ASCII case folding: column names and keywords are plain words.
 std::string lower_case(std::string_view text);
 bool equal_ignoring_case(std::string_view a, std::string_view b);
+
+// Lines of at most this many characters are for a terminal.
+inline constexpr std::size_t terminal_columns = 80;
+
+// Words in lines of at most terminal_columns, without a line break at the end: the first line as it
+// comes, the others behind `indent` blanks. A longer word has a line to itself; line breaks in the
+// text stay.
+std::string wrapped(std::string_view text, std::size_t indent);
 
 }  // namespace varda

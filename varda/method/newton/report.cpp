@@ -108,6 +108,7 @@ newton_report report_at(engine_host& host, const newton_method& method, run_stat
   likelihood.minus2ll = -2.0 * found.log_likelihood;
   likelihood.mc_se = found.error;
   likelihood.replicates.assign(static_cast<std::size_t>(replicates), 0.0);
+  likelihood.by_subject = found.group_log_likelihood;
   Eigen::VectorXd mu(effects);
   Eigen::MatrixXd opg = Eigen::MatrixXd::Zero(p, p);
   for (int i = 0; i < model.subjects(); ++i) {
@@ -125,11 +126,9 @@ newton_report report_at(engine_host& host, const newton_method& method, run_stat
     s.effective_samples = m.effective_share * samples;
     // Of one randomisation's points, as the effective samples are.
     s.largest_weight = std::min(m.largest_weight * replicates, 1.0);
-    health = {m.effective_share, m.largest_weight, m.shape, m.failed, m.error, is_bad(m), {}};
-    for (int r = 0; r < replicates; ++r) {
-      health.replicates.push_back(-2.0 * found.group_log_likelihood(r, i));
-      likelihood.replicates[static_cast<std::size_t>(r)] += health.replicates.back();
-    }
+    health = {m.effective_share, m.largest_weight, m.shape, m.failed, m.error, is_bad(m)};
+    for (int r = 0; r < replicates; ++r)
+      likelihood.replicates[static_cast<std::size_t>(r)] -= 2.0 * likelihood.by_subject(r, i);
     const Eigen::VectorXd gradient = packed.col(i).tail(p);
     opg += gradient * gradient.transpose();
   }

@@ -1,0 +1,255 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "varda/cli/simulate.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <limits>
+#include <stdexcept>
+#include <system_error>
+
+#include "varda/cli/model_source.h"
+#include "varda/data/csv.h"
+#include "varda/report/simulation_tables.h"
+#include "varda/simulation/design.h"
+#include "varda/simulation/predict.h"
+#include "varda/simulation/uncertainty.h"
+#include "varda/simulation/vpc.h"
+
+namespace varda {
+
+namespace {
+
+// Standard output, or a file that has its name only when it is whole.
+class table_sink {
+ public:
+  explicit table_sink(const std::string& path) : path_(path), working_(path + ".part") {
+    if (path_.empty()) return;
+    file_ = std::fopen(working_.c_str(), "wb");
+    if (file_ != nullptr) return;
+    throw bad_input({.code = "E-RUN-OUTPUT",
+                     .message = "the file cannot be written: " +
+                                std::error_code(errno, std::generic_category()).message(),
+                     .remedy = "choose another one with --output",
+                     .file = path_});
+  }
+  ~table_sink() {
+    if (file_ == nullptr || path_.empty()) return;
+    std::fclose(file_);
+    std::remove(working_.c_str());
+  }
+  table_sink(const table_sink&) = delete;
+  table_sink& operator=(const table_sink&) = delete;
+
+  void write(const std::string& text) {
+    if (std::fwrite(text.data(), 1, text.size(), to()) != text.size()) fail();
+  }
+  void finish() {
+    if (std::fflush(to()) != 0) fail();
+    if (path_.empty()) return;
+    const bool closed = std::fclose(file_) == 0;
+    file_ = nullptr;
+    if (!closed || std::rename(working_.c_str(), path_.c_str()) != 0) fail();
+  }
+
+ private:
+  std::FILE* to() const { return path_.empty() ? stdout : file_; }
+  [[noreturn]] void fail() const {
+    throw std::runtime_error(
+        fmt::format("{} cannot be written: {}", path_.empty() ? "standard output" : path_,
+                    std::error_code(errno, std::generic_category()).message()));
+  }
+
+  std::string path_;
+  std::string working_;
+  std::FILE* file_ = nullptr;
+};
+
+bad_input bad_option(const std::string& option, const std::string& text,
+                     const std::string& remedy) {
+  return bad_input({.code = "E-RUN-OPTION",
+                    .message = fmt::format("'{}' is no value of {}", text, option),
+                    .remedy = remedy});
+}
+
+// Numbers with commas between them, ascending.
+std::vector<double> ascending_numbers(const std::string& option, const std::string& text) {
+  std::vector<double> numbers;
+  for (std::size_t begin = 0; begin <= text.size();) {
+    const std::size_t end = std::min(text.find(',', begin), text.size());
+    const std::optional<double> value = to_number(text.substr(begin, end - begin));
+    if (!value || !std::isfinite(*value) || (!numbers.empty() && *value <= numbers.back()))
+      throw bad_option(option, text, "write ascending numbers with commas between them: 0,1,2.5");
+    numbers.push_back(*value);
+    begin = end + 1;
+  }
+  return numbers;
+}
+
+// "0:24:0.5", both ends included, or a list.
+std::vector<double> grid_of(const std::string& text) {
+  const std::size_t first = text.find(':');
+  if (first == std::string::npos) return ascending_numbers("--times", text);
+  const std::size_t second = std::min(text.find(':', first + 1), text.size());
+  const auto number = [&](std::size_t begin, std::size_t end) {
+    return to_number(text.substr(begin, end - begin))
+        .value_or(std::numeric_limits<double>::quiet_NaN());
+  };
+  const double from = number(0, first);
+  const double to = number(first + 1, second);
+  const double step = number(std::min(second + 1, text.size()), text.size());
+  constexpr double most = 1e6;
+  if (!(step > 0.0) || !(to >= from) || !((to - from) / step <= most))
+    throw bad_option("--times", text, "write FROM:TO:STEP, say 0:24:0.5, or a list");
+  std::vector<double> times;
+  // Multiples of the step and not sums, so that no rounding adds up.
+  const auto count = static_cast<int>(std::floor((to - from) / step * (1.0 + 1e-12)));
+  for (int k = 0; k <= count; ++k) times.push_back(from + k * step);
+  return times;
+}
+
+int seed_of(const source_request& request, const model_source& source) {
+  return request.seed.value_or(source.specification().estimation.seed);
+}
+
+// One set of parameters for all replicates, or with their uncertainty one for each.
+std::vector<parameter_values> parameters_of(const model_source& source,
+                                            const population_model& model, int replicates,
+                                            bool uncertainty, int seed) {
+  const parameter_values at = source.parameters(model);
+  if (!uncertainty) return {at};
+  if (!source.fit())
+    throw bad_input({.code = "E-SIM-UNCERTAINTY",
+                     .message = "a model file has no uncertain estimates",
+                     .remedy = "name the folder of a fit, or leave --uncertainty out",
+                     .file = model.specification().path});
+  int again = 0;
+  auto drawn = draw_parameters(model, at, source.fit()->covariance_names, source.fit()->covariance,
+                               replicates, seed, again);
+  if (again > 0)
+    std::fputs(fmt::format("{} draws of the parameters were repeated: their omega was not positive "
+                           "definite\n",
+                           again)
+                   .c_str(),
+               stderr);
+  return drawn;
+}
+
+void count_failures(const std::vector<simulated_subject>& simulated) {
+  Eigen::Index failed = 0;
+  for (const simulated_subject& s : simulated) failed += s.values.array().isNaN().count();
+  if (failed > 0)
+    std::fputs(fmt::format("{} values could not be simulated: the model has no finite prediction "
+                           "there\n",
+                           failed)
+                   .c_str(),
+               stderr);
+}
+
+// The root works; the others learn whether it was refused.
+template <class Work>
+exit_status at_root(const job& peers, Work work) {
+  double refused = 0.0;
+  std::optional<bad_input> refusal;
+  if (peers.is_root()) {
+    try {
+      work();
+    } catch (const bad_input& error) {
+      refusal = error;
+      refused = 1.0;
+    }
+  }
+  peers.sum(&refused, 1);
+  if (refusal) throw *refusal;
+  return refused > 0.0 ? exit_status::unusable_input : exit_status::sound;
+}
+
+}  // namespace
+
+exit_status simulate_data(const simulate_request& request, const job& peers) {
+  return at_root(peers, [&] {
+    const model_source source(
+        request.from.path, {.file = request.from.data, .values_needed = request.from.data.empty()});
+    const population_model model(source.specification(), source.data());
+    const int seed = seed_of(request.from, source);
+    const std::vector<parameter_values> parameters =
+        parameters_of(source, model, request.replicates, request.uncertainty, seed);
+    const auto simulated =
+        simulate(model, parameters,
+                 {.replicates = request.replicates, .seed = seed, .threads = request.from.threads});
+    count_failures(simulated);
+    table_sink out(request.from.output);
+    out.write(simulation_header(model));
+    for (int r = 0; r < request.replicates; ++r) out.write(simulation_rows(model, simulated, r));
+    out.finish();
+  });
+}
+
+exit_status predict_data(const predict_request& request, const job& peers) {
+  return at_root(peers, [&] {
+    data_wish wish{.file = request.from.data, .values_needed = false, .missing_counts = true};
+    std::vector<double> grid;
+    if (!request.times.empty()) {
+      grid = grid_of(request.times);
+      wish.doses_until = grid.back();
+    }
+    const model_source source(request.from.path, wish);
+    const population_model given(source.specification(), observed_part(source.data()));
+    const auto endpoints = static_cast<int>(source.specification().endpoints.size());
+    const population_model wanted(
+        source.specification(),
+        grid.empty() ? source.data() : on_grid(source.data(), grid, endpoints));
+    std::vector<conditional_moments> moments;
+    if (source.fit() && source.has_own_data())
+      for (const stored_subject& s : source.fit()->by_subject)
+        moments.push_back({s.eta_mean, s.eta_covariance});
+    const auto predicted = predict(given, wanted, source.parameters(given), moments,
+                                   {.samples = request.samples,
+                                    .seed = seed_of(request.from, source),
+                                    .threads = request.from.threads});
+    table_sink out(request.from.output);
+    out.write(predictions_csv(wanted, predicted));
+    out.finish();
+  });
+}
+
+exit_status check_visually(const vpc_request& request, const job& peers) {
+  return at_root(peers, [&] {
+    vpc_plan plan;
+    plan.prediction_corrected = request.prediction_corrected;
+    plan.time_after_dose = request.time_after_dose;
+    plan.stratify = request.stratify;
+    if (!request.bins.empty()) {
+      const std::vector<double> numbers = ascending_numbers("--bins", request.bins);
+      if (numbers.size() > 1)
+        plan.edges = numbers;
+      else if (numbers.front() >= 1.0 && numbers.front() == std::floor(numbers.front()))
+        plan.bins = static_cast<int>(numbers.front());
+      else
+        throw bad_option("--bins", request.bins, "write a whole number, or the edges: 0,2,8,24");
+    }
+    const model_source source(request.from.path, {.file = request.from.data});
+    const population_model model(source.specification(), source.data());
+    const int seed = seed_of(request.from, source);
+    const std::vector<parameter_values> parameters =
+        parameters_of(source, model, request.replicates, request.uncertainty, seed);
+    const auto simulated =
+        simulate(model, parameters,
+                 {.replicates = request.replicates, .seed = seed, .threads = request.from.threads});
+    count_failures(simulated);
+    const vpc_result result =
+        visual_predictive_check(model, source.parameters(model), simulated, plan);
+    if (request.from.output.empty()) {
+      table_sink out("");
+      out.write(vpc_text(model, result));
+      return out.finish();
+    }
+    table_sink out(request.from.output);
+    out.write(vpc_csv(model, result));
+    out.finish();
+  });
+}
+
+}  // namespace varda

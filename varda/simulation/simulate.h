@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Data as a model would make them: individual parameters from the population, predictions, residual
+// errors.
+#pragma once
+
+#include <Eigen/Core>
+#include <vector>
+
+#include "varda/model/density.h"
+#include "varda/model/population.h"
+#include "varda/simulation/deviates.h"
+
+namespace varda {
+
+// Parameters of a population: theta on its scale (varda/model/population.h), omega.
+struct parameter_values {
+  Eigen::VectorXd theta;
+  Eigen::MatrixXd omega;
+};
+
+// A matrix F with F F' = omega: the lower Cholesky factor, or, where omega is singular, another
+// one.
+Eigen::MatrixXd factor_of(const Eigen::MatrixXd& omega);
+
+// Individuals with the design and the covariates of one subject.
+class subject_simulator {
+ public:
+  // `model` outlives it.
+  subject_simulator(const population_model& model, int subject, const parameter_values& at);
+
+  // Of one more individual: the predictions `f` of the subject's observations and the values `y`
+  // with residual error; not finite where the model cannot be evaluated. Draws a deviate for each
+  // random effect, then one for each observation.
+  void simulate(deviates& draw, Eigen::VectorXd& f, Eigen::VectorXd& y);
+
+ private:
+  const population_model& model_;
+  int subject_;
+  Eigen::VectorXd theta_;
+  Eigen::VectorXd mu_;
+  Eigen::MatrixXd factor_;
+  density joint_;
+  density_workspace scratch_;
+  Eigen::MatrixXd predictions_;
+};
+
+struct simulation_plan {
+  int replicates = 1;
+  int seed = 1;
+  int threads = 1;
+};
+
+// The observations of one subject, simulated: observations x replicates. NaN where the model could
+// not be evaluated.
+struct simulated_subject {
+  Eigen::MatrixXd individual;  // without residual error
+  Eigen::MatrixXd values;      // with it
+};
+
+// Replicates of the whole data set. `parameters`: one set for all replicates, or one for each. The
+// draws follow from the seed, the subject's position and the replicate; the result is the same for
+// any number of threads.
+std::vector<simulated_subject> simulate(const population_model& model,
+                                        const std::vector<parameter_values>& parameters,
+                                        const simulation_plan& plan);
+
+// Predictions at eta = 0.
+Eigen::VectorXd population_predictions(const population_model& model, int subject,
+                                       const Eigen::VectorXd& theta);
+
+// Between which values an observation is quantified, infinite where there is no limit. An
+// observation that is censored tells its own limit. One that is not has those of its endpoint: the
+// largest value below which something is censored in the data, and the smallest above which.
+struct quantified_range {
+  double lower;
+  double upper;
+};
+
+class quantification {
+ public:
+  explicit quantification(const population_model& model);
+  quantified_range range_of(const observation& at) const;
+
+ private:
+  std::vector<quantified_range> by_endpoint_;
+};
+
+}  // namespace varda
