@@ -11,7 +11,6 @@
 #include "tests/varda/compartment_reference.h"
 #include "tests/varda/theophylline.h"
 #include "varda/model/closed/compartment_model.h"
-#include "varda/model/closed/decays.h"
 #include "varda/model/structural_model.h"
 
 namespace varda {
@@ -167,22 +166,26 @@ TEST(Compartments, KeepTheirDigitsWhereRatesAreClose) {
   }
 }
 
-TEST(Decays, AreExponentialsToTheLastPlace) {
-  for (const double most : {1e-18, 0.1, 3.0, 70.0, 707.0}) {
-    double t[32], f[32];
-    for (int j = 0; j < 31; ++j) t[j] = most * std::sqrt(j / 31.0);
-    decays(1.0, t, 31, f);
-    for (int j = 0; j < 31; ++j) {
-      const long double exact = std::exp(-static_cast<long double>(t[j]));
-      EXPECT_NEAR(static_cast<double>(f[j] / exact - 1.0L), 0.0, 2.3e-16) << t[j];
+// A bolus into one compartment of volume 1 is an exponential.
+TEST(Compartments, DecayToTheLastPlace) {
+  const auto model = make_structural_model(
+      {.name = "one-compartment bolus", .by = parametrisation::rate_constant});
+  for (const double most : {1e-18, 0.1, 3.0, 70.0, 707.0, 1e300}) {
+    subject who;
+    who.segments.resize(1);
+    append(who, dose{.amount = 1.0});
+    for (int j = 0; j < 31; ++j) append(who, observation{.time = most * std::sqrt(j / 31.0)});
+    const std::vector<double> f = test::predict(*model, who, {1.0, 1.0});
+    for (std::size_t j = 0; j < 31; ++j) {
+      const double t = who.observations[j].time;
+      if (t > 708.0)
+        EXPECT_EQ(f[j], 0.0) << t;
+      else
+        EXPECT_NEAR(static_cast<double>(f[j] / std::exp(-static_cast<long double>(t)) - 1.0L), 0.0,
+                    2.3e-16)
+            << t;
     }
   }
-  const double far[] = {709.0, 1e300, 0.0, std::nan("")};
-  double f[4];
-  decays(1.0, far, 4, f);
-  EXPECT_EQ(f[0] + f[1], 0.0);
-  EXPECT_EQ(f[2], 1.0);
-  EXPECT_TRUE(std::isnan(f[3]));
 }
 
 // The example of docs/structural-models.md.

@@ -20,6 +20,18 @@ using testing::Pointwise;
 
 constexpr double infinite = std::numeric_limits<double>::infinity();
 
+// With the deviation 1 about the prediction 0 it is the logarithm of a normal probability that a
+// censored observation counts with.
+double log_probability(const observation& at) {
+  const endpoints model({{"", {error_kind::additive, 1.0, 0.0, false, false}}}, 0, {});
+  subject who;
+  append(who, at);
+  const double f = 0.0, theta = 1.0;
+  double objective = 0.0, squares = 0.0;
+  model.objectives(who, &f, 1, 1, &theta, &objective, &squares);
+  return -objective;
+}
+
 TEST(ResidualModel, NormalProbabilitiesKeepTheirDigitsInBothTails) {
   const std::array<std::pair<double, double>, 8> one_sided = {{{-200.0, -20006.217280898190402},
                                                                {-40.0, -804.60844201375378817},
@@ -29,16 +41,23 @@ TEST(ResidualModel, NormalProbabilitiesKeepTheirDigitsInBothTails) {
                                                                {-1.0, -1.8410216450092635058},
                                                                {3.0, -0.0013508099647481937988},
                                                                {9.0, -1.1285884059538406478e-19}}};
-  for (const auto& [z, exact] : one_sided)
-    EXPECT_NEAR(log_normal_probability(z) / exact, 1.0, 4e-14) << z;
   const std::array<std::array<double, 3>, 5> intervals = {{{-2.0, 1.0, -0.20016629432446257995},
                                                            {3.0, 4.0, -6.6314677865382250655},
                                                            {8.0, 8.5, -35.02879250857974781},
                                                            {-40.0, -39.0, -765.08315656437754441},
                                                            {30.0, 31.0, -454.32124395634325204}}};
-  for (const auto& [lower, upper, exact] : intervals)
-    EXPECT_NEAR(log_normal_probability(lower, upper) / exact, 1.0, 1e-13) << lower;
-  EXPECT_EQ(log_normal_probability(-infinite, -1.0), log_normal_probability(-1.0));
+  for (const auto& [z, exact] : one_sided) {
+    EXPECT_NEAR(log_probability({.value = z, .censored = censoring::left}) / exact, 1.0, 4e-14)
+        << z;
+    EXPECT_NEAR(log_probability({.value = -z, .censored = censoring::right}) / exact, 1.0, 4e-14)
+        << z;
+  }
+  for (const auto& [lower, upper, exact] : intervals) {
+    const observation between = {.value = upper, .limit = lower, .censored = censoring::interval};
+    EXPECT_NEAR(log_probability(between) / exact, 1.0, 1e-13) << lower;
+  }
+  EXPECT_EQ(log_probability({.value = -1.0, .limit = -infinite, .censored = censoring::interval}),
+            log_probability({.value = -1.0, .censored = censoring::left}));
 }
 
 // Two endpoints, observations of every kind of censoring; prediction 2 throughout.

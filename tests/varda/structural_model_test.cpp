@@ -16,12 +16,21 @@
 #include <utility>
 #include <vector>
 
-#include "varda/model/closed/exponentials.h"
-
 namespace varda {
 namespace {
 
 constexpr double infinite = std::numeric_limits<double>::infinity();
+
+// A dose through a depot into one compartment of volume 1, per unit of ka.
+double bateman(double ka, double k, double t) {
+  const auto model =
+      make_structural_model({.name = "one-compartment oral", .by = parametrisation::rate_constant});
+  subject who;
+  who.segments.resize(1);
+  append(who, dose{.amount = 1.0});
+  append(who, observation{.time = t});
+  return test::predict(*model, who, {ka, k, 1.0})[0] / ka;
+}
 
 TEST(Bateman, AgreesWithHighPrecision) {
   // ka = k, apart by 1e-12 to 1e-3 to either side, faster and slower absorption, huge and tiny

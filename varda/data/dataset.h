@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "varda/data/observation.h"
 #include "varda/model/specification.h"
 #include "varda/support/finding.h"
 
@@ -28,20 +29,6 @@ struct dose {
   // steady state has run for ever and ends at `time`.
   bool steady_state = false;
   double interval = 0.0;
-  int row = 0;
-};
-
-// What is known of a value y: it was observed, or lies below `value`, above it, or between `limit`
-// and `value`.
-enum class censoring { none, left, right, interval };
-
-struct observation {
-  double time = 0.0;
-  double value = 0.0;
-  double limit = 0.0;  // lower end, for censoring::interval
-  censoring censored = censoring::none;
-  int endpoint = 0;  // position among the model's endpoints
-  int segment = 0;   // of the subject, in force at the observation
   int row = 0;
 };
 

@@ -2,39 +2,35 @@
 #include "varda/model/endpoint.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <limits>
-#include <numbers>
+#include <vector>
+
+#include "varda/model/lanes/kernel.h"
 
 namespace varda {
 
 namespace {
 
-const double log_2pi = std::log(2.0 * std::numbers::pi);
+// The laws of the endpoints at theta: memory of the caller's for the usual number.
+class law_list {
+ public:
+  explicit law_list(std::size_t count) {
+    if (count > few_.size()) many_.resize(count);
+    first_ = count > few_.size() ? many_.data() : few_.data();
+  }
+  law_list(const law_list&) = delete;
+  law_list& operator=(const law_list&) = delete;
+  residual_law* data() { return first_; }
 
-double sum_of_contributions(double squares, double log_variance, double n) {
-  return 0.5 * (squares + log_variance + n * log_2pi);
-}
+ private:
+  std::array<residual_law, 4> few_;
+  std::vector<residual_law> many_;
+  residual_law* first_;
+};
 
 }  // namespace
-
-double log_normal_probability(double z) {
-  // erfc underflows in the far tail; there Mills' ratio by its asymptotic series, whose first term
-  // left out is below 1e-14.
-  constexpr double far = -30.0;
-  if (z > 0.0) return std::log1p(-0.5 * std::erfc(z / std::numbers::sqrt2));
-  if (z > far) return std::log(0.5 * std::erfc(-z / std::numbers::sqrt2));
-  const double w = 1.0 / (z * z);
-  const double series = -w * (1.0 - w * (3.0 - w * (15.0 - w * (105.0 - w * 945.0))));
-  return -0.5 * (z * z + log_2pi) - std::log(-z) + std::log1p(series);
-}
-
-double log_normal_probability(double lower, double upper) {
-  // In the upper half the complements are the small numbers, whose difference keeps its digits.
-  if (lower > 0.0) return log_normal_probability(-upper, -lower);
-  const double whole = log_normal_probability(upper);
-  return whole + std::log1p(-std::exp(log_normal_probability(lower) - whole));
-}
 
 endpoints::endpoints(const std::vector<endpoint>& described, int first_theta, const dataset& data)
     : first_theta_(first_theta) {
@@ -68,54 +64,40 @@ endpoints::endpoints(const std::vector<endpoint>& described, int first_theta, co
 
 void endpoints::objectives(const subject& who, const double* f, std::size_t stride, std::size_t n,
                            const double* theta, double* objective, double* scaled_squares) const {
-  if (plain_) return plain_objectives(who, f, stride, n, theta, objective, scaled_squares);
-  std::fill_n(objective, n, 0.0);
-  std::fill_n(scaled_squares, n, 0.0);
-  for (const observation& at : who.observations) {
-    for (std::size_t j = 0; j < n; ++j) {
-      double square = 0.0;
-      objective[j] += contribution(at, f[j], theta, square);
-      scaled_squares[j] += square;
-    }
-    f += stride;
-  }
+  objectives(who, f, stride, n, theta, objective, scaled_squares, best_lane_kernel());
 }
 
-void endpoints::plain_objectives(const subject& who, const double* f, std::size_t stride,
-                                 std::size_t n, const double* theta, double* objective,
-                                 double* scaled_squares) const {
-  const entry& e = endpoints_.front();
-  const double a2 = e.additive < 0 ? 0.0 : theta[e.additive] * theta[e.additive];
-  const double b2 = e.proportional < 0 ? 0.0 : theta[e.proportional] * theta[e.proportional];
-  const auto count = static_cast<double>(who.observations.size());
-  std::fill_n(scaled_squares, n, 0.0);
-  if (e.proportional < 0) {
-    for (const observation& at : who.observations) {
-      for (std::size_t j = 0; j < n; ++j) {
-        const double r = at.value - f[j];
-        scaled_squares[j] += r * r;
-      }
-      f += stride;
-    }
-    const double log_variance = count * std::log(a2);
-    for (std::size_t j = 0; j < n; ++j) {
-      scaled_squares[j] /= a2;
-      objective[j] = sum_of_contributions(scaled_squares[j], log_variance, count);
-    }
-    return;
+void endpoints::objectives(const subject& who, const double* f, std::size_t stride, std::size_t n,
+                           const double* theta, double* objective, double* scaled_squares,
+                           const lane_kernel& with) const {
+  objectives(who.observations.data(), who.observations.size(), f, stride, n, theta, objective,
+             scaled_squares, with);
+}
+
+void endpoints::objectives(const observation* observed, std::size_t count, const double* f,
+                           std::size_t stride, std::size_t n, const double* theta,
+                           double* objective, double* scaled_squares,
+                           const lane_kernel& with) const {
+  law_list laws(endpoints_.size());
+  for (std::size_t k = 0; k < endpoints_.size(); ++k) {
+    const entry& e = endpoints_[k];
+    const double a = e.additive < 0 ? 0.0 : theta[e.additive];
+    const double b = e.proportional < 0 ? 0.0 : theta[e.proportional];
+    laws.data()[k] = {.kind = e.kind,
+                      .additive = a,
+                      .proportional = b,
+                      .per_additive_square = 1.0 / (a * a),
+                      .per_proportional_square = 1.0 / (b * b)};
   }
-  std::fill_n(objective, n, 0.0);
-  for (const observation& at : who.observations) {
-    for (std::size_t j = 0; j < n; ++j) {
-      const double r = at.value - f[j];
-      const double variance = a2 + b2 * f[j] * f[j];
-      scaled_squares[j] += r * r / variance;
-      objective[j] += std::log(variance);
-    }
-    f += stride;
-  }
-  for (std::size_t j = 0; j < n; ++j)
-    objective[j] = sum_of_contributions(scaled_squares[j], objective[j], count);
+  with.residuals({.observed = observed,
+                  .observations = count,
+                  .laws = laws.data(),
+                  .endpoints = endpoints_.size(),
+                  .individuals = n,
+                  .f = f,
+                  .stride = stride,
+                  .objective = objective,
+                  .squares = scaled_squares});
 }
 
 // With v the variance of an observation, q = r^2 / v and l = -(q + log v) / 2:
@@ -171,46 +153,51 @@ void endpoints::add_differences(const observation& at, const double* f, const do
                                 const Eigen::VectorXd& weights, Eigen::MatrixXd& gradient,
                                 Eigen::MatrixXd& hessian) const {
   constexpr double step = 1e-3;
-  const double up = std::exp(step);
+  const Eigen::Index n = gradient.rows();
   std::vector<double> moved(theta, theta + first_theta_ + static_cast<int>(parameters_.size()));
   std::vector<int> own;
   for (const int position : {of(at).additive, of(at).proportional})
     if (position >= 0) own.push_back(position);
-  const auto value = [&](double prediction) {
-    double square = 0.0;
-    return -contribution(at, prediction, moved.data(), square);
-  };
-  const auto with = [&](int position, double factor, double prediction) {
-    const double kept = moved[static_cast<std::size_t>(position)];
-    moved[static_cast<std::size_t>(position)] = kept * factor;
-    const double result = value(prediction);
-    moved[static_cast<std::size_t>(position)] = kept;
-    return result;
-  };
-  for (Eigen::Index j = 0; j < gradient.rows(); ++j) {
-    if (weights(j) == 0.0) continue;
-    const double here = value(f[j]);
-    for (const int p : own) {
-      const Eigen::Index k = p - first_theta_;
-      const double above = with(p, up, f[j]);
-      const double below = with(p, 1.0 / up, f[j]);
-      gradient(j, k) += (above - below) / (2.0 * step);
-      hessian(k, k) += weights(j) * (above - 2.0 * here + below) / (step * step);
+  Eigen::VectorXd squares(n);
+  // log p with the logarithms of one deviation or both moved by so many steps.
+  const auto value = [&](double first, double second) {
+    const double by[] = {first, second};
+    for (std::size_t k = 0; k < own.size(); ++k) {
+      const auto p = static_cast<std::size_t>(own[k]);
+      moved[p] = theta[p] * std::exp(by[k] * step);
     }
-    if (own.size() < 2) continue;
-    // (++ and -- less what each alone does), as in difference stencils of seven points.
-    double mixed = 2.0 * here;
-    for (const double factor : {up, 1.0 / up}) {
-      mixed -= with(own[0], factor, f[j]) + with(own[1], factor, f[j]);
-      const auto first = static_cast<std::size_t>(own[0]);
-      moved[first] *= factor;
-      mixed += with(own[1], factor, f[j]);
-      moved[first] = theta[own[0]];
-    }
-    const double both = weights(j) * mixed / (2.0 * step * step);
-    hessian(own[0] - first_theta_, own[1] - first_theta_) += both;
-    hessian(own[1] - first_theta_, own[0] - first_theta_) += both;
+    Eigen::VectorXd result(n);
+    objectives(&at, 1, f, static_cast<std::size_t>(n), static_cast<std::size_t>(n), moved.data(),
+               result.data(), squares.data(), best_lane_kernel());
+    return Eigen::VectorXd(-result);
+  };
+  // A weight of 0 stands for a sample that is of no use, whose density may not be finite.
+  const auto add = [&](auto to, const Eigen::VectorXd& slope) {
+    for (Eigen::Index j = 0; j < n; ++j)
+      if (weights(j) != 0.0) to(j) += slope(j);
+  };
+  const auto weighted = [&](const Eigen::VectorXd& curvature) {
+    double sum = 0.0;
+    for (Eigen::Index j = 0; j < n; ++j)
+      if (weights(j) != 0.0) sum += weights(j) * curvature(j);
+    return sum;
+  };
+  const Eigen::VectorXd here = value(0.0, 0.0);
+  Eigen::VectorXd alone = Eigen::VectorXd::Zero(n);  // what each does alone
+  for (std::size_t k = 0; k < own.size(); ++k) {
+    const Eigen::VectorXd above = k == 0 ? value(1.0, 0.0) : value(0.0, 1.0);
+    const Eigen::VectorXd below = k == 0 ? value(-1.0, 0.0) : value(0.0, -1.0);
+    const Eigen::Index place = own[k] - first_theta_;
+    add(gradient.col(place), (above - below) / (2.0 * step));
+    hessian(place, place) += weighted((above - 2.0 * here + below) / (step * step));
+    alone += above + below;
   }
+  if (own.size() < 2) return;
+  // (++ and -- less that), as in difference stencils of seven points.
+  const Eigen::VectorXd mixed = value(1.0, 1.0) + value(-1.0, -1.0) + 2.0 * here - alone;
+  const double both = weighted(mixed / (2.0 * step * step));
+  hessian(own[0] - first_theta_, own[1] - first_theta_) += both;
+  hessian(own[1] - first_theta_, own[0] - first_theta_) += both;
 }
 
 double endpoints::deviation(const observation& at, double f, const double* theta) const {
@@ -237,35 +224,13 @@ double endpoints::simulated(const observation& at, double f, double e, const dou
   return of(at).kind == error_kind::log_normal ? f * std::exp(s * e) : f + s * e;
 }
 
-double endpoints::contribution(const observation& at, double f, const double* theta,
-                               double& square) const {
-  const bool logarithmic = of(at).kind == error_kind::log_normal;
-  const double s = deviation(at, f, theta);
-  if (!(s > 0.0)) return std::numeric_limits<double>::quiet_NaN();
-  const double z = scaled_residual(at, f, theta);
-  switch (at.censored) {
-    case censoring::left:
-      return -log_normal_probability(z);
-    case censoring::right:
-      return -log_normal_probability(-z);
-    case censoring::interval: {
-      const double lower = logarithmic ? std::log(std::max(at.limit, 0.0) / f) : at.limit - f;
-      return -log_normal_probability(lower / s, z);
-    }
-    case censoring::none:
-      break;
-  }
-  square = z * z;
-  const double jacobian = logarithmic ? 2.0 * std::log(at.value) : 0.0;
-  return sum_of_contributions(square, 2.0 * std::log(s) + jacobian, 1.0);
-}
-
 int endpoints::first_failure(const subject& who, const double* f, const double* theta) const {
   for (std::size_t k = 0; k < who.observations.size(); ++k) {
+    double objective = 0.0;
     double square = 0.0;
-    if (!std::isfinite(f[k]) ||
-        !std::isfinite(contribution(who.observations[k], f[k], theta, square)))
-      return static_cast<int>(k);
+    objectives(&who.observations[k], 1, &f[k], 1, 1, theta, &objective, &square,
+               best_lane_kernel());
+    if (!std::isfinite(f[k]) || !std::isfinite(objective)) return static_cast<int>(k);
   }
   return -1;
 }

@@ -22,6 +22,8 @@
 
 namespace varda {
 
+struct lane_kernel;
+
 class endpoints {
  public:
   // The parameters of the endpoints stand in theta from `first_theta` on, endpoint by endpoint, the
@@ -39,6 +41,10 @@ class endpoints {
   // error model cannot take.
   void objectives(const subject& who, const double* f, std::size_t stride, std::size_t n,
                   const double* theta, double* objective, double* scaled_squares) const;
+  // With another kernel than the best one: results are the same.
+  void objectives(const subject& who, const double* f, std::size_t stride, std::size_t n,
+                  const double* theta, double* objective, double* scaled_squares,
+                  const lane_kernel& with) const;
 
   // The derivatives of log p(y | f) by the logarithms of the endpoints' parameters. f: individuals
   // x observations. `gradient` becomes individuals x parameters(); `hessian` the sum of the
@@ -68,9 +74,9 @@ class endpoints {
   const entry& of(const observation& at) const {
     return endpoints_[static_cast<std::size_t>(at.endpoint)];
   }
-  void plain_objectives(const subject& who, const double* f, std::size_t stride, std::size_t n,
-                        const double* theta, double* objective, double* scaled_squares) const;
-  double contribution(const observation& at, double f, const double* theta, double& square) const;
+  void objectives(const observation* observed, std::size_t count, const double* f,
+                  std::size_t stride, std::size_t n, const double* theta, double* objective,
+                  double* scaled_squares, const lane_kernel& with) const;
   void add_differences(const observation& at, const double* f, const double* theta,
                        const Eigen::VectorXd& weights, Eigen::MatrixXd& gradient,
                        Eigen::MatrixXd& hessian) const;
@@ -78,13 +84,7 @@ class endpoints {
   int first_theta_ = 0;
   std::vector<entry> endpoints_;
   std::vector<fixed_effect> parameters_;
-  bool plain_ = false;  // one endpoint, nothing censored, no logarithms: the hot path
+  bool plain_ = false;  // one endpoint, nothing censored, no logarithms
 };
-
-// log of the standard normal distribution function, to 1e-14 in either tail.
-double log_normal_probability(double z);
-
-// log(Phi(upper) - Phi(lower)) for lower < upper.
-double log_normal_probability(double lower, double upper);
 
 }  // namespace varda

@@ -7,6 +7,8 @@
 #include <cmath>
 #include <utility>
 
+#include "varda/model/lanes/kernel.h"
+
 namespace varda {
 
 namespace {
@@ -245,24 +247,32 @@ void population_model::individual_parameters(int subject, const double* theta,
       const int kappa = of_occasion == nullptr ? -1 : (*of_occasion)[at_k];
       const double change = direct_effects_.empty() ? 0.0 : direct_change(subject, set, k, theta);
       double* const to = p.col(set * count + k).data();
-      for (Eigen::Index j = 0; j < phi.cols(); ++j) {
+      const Eigen::Index n = phi.cols();
+      for (Eigen::Index j = 0; j < n; ++j) {
         double x = effect < 0 ? 0.0 : phi(effect, j);
         if (kappa >= 0) x += phi(kappa, j);
-        x += change;
-        switch (t.law) {
-          case distribution::log_normal:
-            to[j] = std::exp(x);
-            break;
-          case distribution::normal:
-            to[j] = x;
-            break;
-          case distribution::logit_normal:
-            to[j] = t.natural(x);
-            break;
-          case distribution::none:
-            to[j] = x == 0.0 ? theta[k] : theta[k] * std::exp(x);
-            break;
-        }
+        to[j] = x + change;
+      }
+      const auto exponentials = [&] {
+        best_lane_kernel().exponentials(to, to, static_cast<std::size_t>(n));
+      };
+      switch (t.law) {
+        case distribution::log_normal:
+          exponentials();
+          break;
+        case distribution::normal:
+          break;
+        case distribution::logit_normal:
+          for (Eigen::Index j = 0; j < n; ++j) to[j] = t.natural(to[j]);
+          break;
+        case distribution::none:
+          if (kappa >= 0 || change != 0.0) {
+            exponentials();
+            for (Eigen::Index j = 0; j < n; ++j) to[j] *= theta[k];
+          } else {
+            std::fill_n(to, n, theta[k]);
+          }
+          break;
       }
     }
   }

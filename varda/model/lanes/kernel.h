@@ -12,7 +12,9 @@
 #include <cstdint>
 #include <string_view>
 
+#include "varda/model/lanes/closed_forms.h"
 #include "varda/model/lanes/operation.h"
+#include "varda/model/lanes/residuals.h"
 
 namespace varda {
 
@@ -104,6 +106,18 @@ struct lane_kernel {
   // x from time to stop.
   void (*propagate)(const linear_lanes& system, double* x, const double* time, const double* stop,
                     const lane_shape& shape);
+
+  // The next take any number of individuals.
+
+  // Concentrations in the central compartment; [number of compartments - 1]. All of an individual's
+  // are NaN where a rate, the volume or a duration is not above 0 and finite, or a lag time or
+  // bioavailability below 0.
+  void (*closed_forms[3])(const closed_problem& problem);
+
+  // Not finite where a prediction is not, or the error model cannot take it.
+  void (*residuals)(const residual_problem& problem);
+
+  void (*exponentials)(const double* from, double* to, std::size_t count);
 };
 
 // The set chosen when the program began: the widest that the processor has, or the one that

@@ -20,5 +20,6 @@ inline unsigned sign_bits(vec x) {
 }  // namespace
 
 #define VARDA_SLEEF(function) Sleef_cinz_##function##d4_u10avx
+#define VARDA_SLEEF_U15(function) Sleef_cinz_##function##d4_u15avx
 #define VARDA_KERNEL avx2_lane_kernel
 #include "varda/model/lanes/kernel_body.h"

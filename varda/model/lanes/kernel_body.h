@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The loops of a kernel, included by the source file of each instruction set, which defines vec,
-// root, sign_bits, kernel_name, VARDA_SLEEF and VARDA_KERNEL. Everything is local to that file.
+// root, sign_bits, kernel_name, VARDA_SLEEF, VARDA_SLEEF_U15 and VARDA_KERNEL. Everything is local
+// to that file.
 #include <cstddef>
 #include <cstdint>
 
@@ -594,11 +595,18 @@ void propagate(const linear_lanes& system, double* x, const double* time, const 
   loops[system.size - 1][system.input == nullptr ? 0 : 1](system, x, time, stop, shape);
 }
 
+#include "varda/model/lanes/closed_forms_body.h"
+#include "varda/model/lanes/residuals_body.h"
+
 }  // namespace
 
 extern const lane_kernel VARDA_KERNEL;
-constinit const lane_kernel VARDA_KERNEL = {kernel_name,  run,          combine,
-                                            first_steps,  choose_steps, measure_errors,
-                                            finish_steps, near_limit,   propagate};
+constinit const lane_kernel VARDA_KERNEL = {
+    kernel_name,  run,
+    combine,      first_steps,
+    choose_steps, measure_errors,
+    finish_steps, near_limit,
+    propagate,    {closed_forms<1>, closed_forms<2>, closed_forms<3>},
+    residuals,    exponentials};
 
 }  // namespace varda

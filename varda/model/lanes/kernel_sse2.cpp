@@ -17,5 +17,6 @@ inline unsigned sign_bits(vec x) {
 }  // namespace
 
 #define VARDA_SLEEF(function) Sleef_cinz_##function##d2_u10sse2
+#define VARDA_SLEEF_U15(function) Sleef_cinz_##function##d2_u15sse2
 #define VARDA_KERNEL sse2_lane_kernel
 #include "varda/model/lanes/kernel_body.h"

@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The density of a subject's observations as the loops over lanes take it.
+#pragma once
+
+#include <cstddef>
+
+#include "varda/data/observation.h"
+#include "varda/model/specification.h"
+
+namespace varda {
+
+// The error of an endpoint: deviations, 0 where there is none. The additive one is that of the
+// logarithm for log-normal error.
+struct residual_law {
+  error_kind kind = error_kind::additive;
+  double additive = 0.0;
+  double proportional = 0.0;
+  double per_additive_square = 0.0;  // 1 over the squares
+  double per_proportional_square = 0.0;
+};
+
+struct residual_problem {
+  const observation* observed = nullptr;
+  std::size_t observations = 0;
+  const residual_law* laws = nullptr;  // by endpoint
+  std::size_t endpoints = 0;
+  std::size_t individuals = 0;
+  const double* f = nullptr;  // of observation k: individuals from f + k stride on
+  std::size_t stride = 0;
+  // One number for each individual: -log of the density, every constant included, and the sum of
+  // squared scaled residuals of what is not censored.
+  double* objective = nullptr;
+  double* squares = nullptr;
+};
+
+}  // namespace varda

@@ -1,0 +1,262 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The density of observations in lanes: a part of kernel_body.h.
+
+// A positive number as mantissa in [1, 2) and exponent.
+struct parted {
+  vec mantissa;
+  vec exponent;
+};
+
+inline parted part(vec x) {
+  const mask tiny = x < all(0x1p-1022);
+  vec shift = all(1023.0);
+  if (which(tiny) != 0) {
+    x = choose(tiny, x * 0x1p54, x);
+    shift = choose(tiny, all(1023.0 + 54.0), shift);
+  }
+  const bits whole = bits_of(x);
+  return {number_of((whole & (bits{} + 0x000fffffffffffffU)) | bits_of(all(1.0))),
+          (number_of((whole >> 52) | bits_of(all(0x1p52))) - 0x1p52) - shift};
+}
+
+// The logarithm of a product of many positive numbers: one logarithm for all of them.
+class log_product {
+ public:
+  void multiply(vec x) {
+    const parted p = part(x);
+    join(p.mantissa, p.exponent);
+  }
+  void multiply_square(vec x) {
+    const parted p = part(x);
+    join(p.mantissa * p.mantissa, p.exponent + p.exponent);
+  }
+  vec value() const {
+    if (!any_) return vec{};
+    return VARDA_SLEEF(log)(mantissa_) + exponent_ * log_2_low + exponent_ * log_2_high;
+  }
+
+ private:
+  void join(vec mantissa, vec exponent) {
+    any_ = true;
+    mantissa_ = mantissa_ * mantissa;
+    exponent_ = exponent_ + exponent;
+    if (++joined_ < most_joined) return;
+    const parted p = part(mantissa_);
+    mantissa_ = p.mantissa;
+    exponent_ = exponent_ + p.exponent;
+    joined_ = 0;
+  }
+
+  static constexpr int most_joined = 400;  // of squares below 4
+  vec mantissa_ = all(1.0);
+  vec exponent_{};
+  int joined_ = 0;
+  bool any_ = false;
+};
+
+// log(y / f) for positive y and f, by one division: with the quotient 2^k q, q between 2^-1/2 and
+// 2^1/2, it is k log 2 + 2 artanh((q - 1) / (q + 1)). The series goes to s^21, where |s| <= 0.1716;
+// the first term left out is below 1e-18 of the sum.
+inline vec log_ratio(const parted& y, vec f) {
+  const parted d = part(f);
+  vec above = y.mantissa;
+  vec below = d.mantissa;
+  vec k = y.exponent - d.exponent;
+  constexpr double root_2 = 0x1.6a09e667f3bcdp+0;
+  const mask high = above > root_2 * below;
+  const mask low = below > root_2 * above;
+  below = choose(high, below + below, below);
+  above = choose(low, above + above, above);
+  k = choose(high, k + 1.0, choose(low, k - 1.0, k));
+  const vec s = (above - below) / (above + below);
+  const vec s2 = s * s;
+  constexpr double over[] = {2.0 / 3,  2.0 / 5,  2.0 / 7,  2.0 / 9,  2.0 / 11,
+                             2.0 / 13, 2.0 / 15, 2.0 / 17, 2.0 / 19, 2.0 / 21};
+  const vec s4 = s2 * s2;
+  const vec s8 = s4 * s4;
+  const vec p0 = (over[0] + s2 * over[1]) + s4 * (over[2] + s2 * over[3]);
+  const vec p4 = (over[4] + s2 * over[5]) + s4 * (over[6] + s2 * over[7]);
+  const vec p8 = over[8] + s2 * over[9];
+  const vec rest = (s * s2) * (p0 + s8 * (p4 + s8 * p8));
+  const vec logarithm = k * log_2_high + (2.0 * s + (rest + k * log_2_low));
+  return choose((f > vec{}) & (f <= all(largest)), logarithm, all(__builtin_nan("")));
+}
+
+// log(y / f) for a bound y: 0 is below everything.
+inline vec log_bound_ratio(double y, vec f) {
+  if (!(y > 0.0)) {
+    const double limit = y == 0.0 ? -__builtin_inf() : __builtin_nan("");
+    return choose(f > vec{}, all(limit), all(__builtin_nan("")));
+  }
+  return log_ratio(part(all(y)), f);
+}
+
+// log of the standard normal distribution function, to 1e-14 in either tail. The complementary
+// error function underflows in the far tail; there Mills' ratio by its asymptotic series, whose
+// first term left out is below 1e-14.
+inline vec log_normal_probability(vec z) {
+  constexpr double log_2pi = 0x1.d67f1c864beb5p+0;
+  constexpr double root_half = 0x1.6a09e667f3bcdp-1;
+  const mask up = z > vec{};
+  const mask far = z <= all(-30.0);
+  const vec tail = 0.5 * VARDA_SLEEF_U15(erfc)(magnitude(z) * root_half);
+  vec result = choose(up, VARDA_SLEEF(log1p)(-tail), VARDA_SLEEF(log)(tail));
+  if (which(far) == 0) return result;
+  const vec w = 1.0 / (z * z);
+  const vec series = -w * (1.0 - w * (3.0 - w * (15.0 - w * (105.0 - w * 945.0))));
+  const vec distant = -0.5 * (z * z + log_2pi) - VARDA_SLEEF(log)(-z) + VARDA_SLEEF(log1p)(series);
+  return choose(far, distant, result);
+}
+
+// log(Phi(upper) - Phi(lower)) for lower < upper. In the upper half the complements are the small
+// numbers, whose difference keeps its digits.
+inline vec log_normal_probability(vec lower, vec upper) {
+  const mask high = lower > vec{};
+  const vec from = choose(high, -upper, lower);
+  const vec to = choose(high, -lower, upper);
+  const vec whole = log_normal_probability(to);
+  return whole + VARDA_SLEEF(log1p)(-VARDA_SLEEF(exp)(log_normal_probability(from) - whole));
+}
+
+// Squares, logarithms of variances and probabilities, of one vector of individuals.
+class residual_sums {
+ public:
+  template <error_kind Kind>
+  void add(const observation& at, const residual_law& law, vec f) {
+    const vec difference = at.value - f;
+    if constexpr (Kind == error_kind::additive) {
+      squares_ = squares_ + (difference * difference) * law.per_additive_square;
+    } else if constexpr (Kind == error_kind::proportional) {
+      const vec r = difference / f;
+      squares_ = squares_ + (r * r) * law.per_proportional_square;
+      scales_.multiply_square(magnitude(f));
+    } else if constexpr (Kind == error_kind::combined) {
+      const vec variance =
+          law.additive * law.additive + (law.proportional * law.proportional) * (f * f);
+      squares_ = squares_ + difference * difference / variance;
+      scales_.multiply(variance);
+    } else {
+      const vec r = log_bound_ratio(at.value, f);
+      squares_ = squares_ + (r * r) * law.per_additive_square;
+    }
+  }
+  void add(const observation& at, const residual_law& law, vec f) {
+    if (at.censored != censoring::none) return add_censored(at, law, f);
+    switch (law.kind) {
+      case error_kind::additive:
+        return add<error_kind::additive>(at, law, f);
+      case error_kind::proportional:
+        return add<error_kind::proportional>(at, law, f);
+      case error_kind::combined:
+        return add<error_kind::combined>(at, law, f);
+      case error_kind::log_normal:
+        return add<error_kind::log_normal>(at, law, f);
+    }
+  }
+  vec squares() const { return squares_; }
+  // -log of the density but for what no prediction enters.
+  vec objective() const { return 0.5 * (squares_ + scales_.value()) - probability_; }
+
+ private:
+  void add_censored(const observation& at, const residual_law& law, vec f) {
+    const bool logarithmic = law.kind == error_kind::log_normal;
+    const bool relative = law.kind == error_kind::proportional;
+    vec deviation = all(law.additive);
+    if (relative) deviation = magnitude(law.proportional * f);
+    if (law.kind == error_kind::combined)
+      deviation =
+          root(law.additive * law.additive + (law.proportional * law.proportional) * (f * f));
+    const auto scaled = [&](double y) {
+      return (logarithmic ? log_bound_ratio(y, f) : y - f) / deviation;
+    };
+    const vec z = scaled(at.value);
+    vec value{};
+    if (at.censored == censoring::left) value = log_normal_probability(z);
+    if (at.censored == censoring::right) value = log_normal_probability(-z);
+    if (at.censored == censoring::interval) {
+      const double limit = logarithmic && at.limit < 0.0 ? 0.0 : at.limit;
+      value = log_normal_probability(scaled(limit), z);
+    }
+    probability_ = probability_ + choose(deviation > vec{}, value, all(__builtin_nan("")));
+  }
+
+  vec squares_{};
+  vec probability_{};
+  log_product scales_;
+};
+
+// What of -log of the density no prediction enters: half the logarithms of 2 pi, of the deviations
+// that stand alone, and of the values that have log-normal errors.
+inline vec constant_part(const residual_problem& problem) {
+  constexpr double log_2pi = 0x1.d67f1c864beb5p+0;
+  vec sum{};
+  log_product values;
+  double seen = 0.0;
+  for (std::size_t e = 0; e < problem.endpoints; ++e) {
+    const residual_law& law = problem.laws[e];
+    double count = 0.0;
+    for (std::size_t k = 0; k < problem.observations; ++k) {
+      const observation& at = problem.observed[k];
+      if (at.censored != censoring::none || static_cast<std::size_t>(at.endpoint) != e) continue;
+      count += 1.0;
+      if (law.kind == error_kind::log_normal) values.multiply_square(all(at.value));
+    }
+    seen += count;
+    if (count == 0.0 || law.kind == error_kind::combined) continue;
+    const double s = law.kind == error_kind::proportional ? law.proportional : law.additive;
+    sum = sum + count * VARDA_SLEEF(log)(all(s * s));
+  }
+  return 0.5 * (sum + values.value() + seen * log_2pi);
+}
+
+inline bool is_uniform(const residual_problem& problem) {
+  if (problem.endpoints != 1) return false;
+  for (std::size_t k = 0; k < problem.observations; ++k)
+    if (problem.observed[k].censored != censoring::none) return false;
+  return true;
+}
+
+template <class Term>
+inline void add_all(const residual_problem& problem, const double* f, std::size_t left, Term term) {
+  for (std::size_t k = 0; k < problem.observations; ++k) {
+    term(problem.observed[k], take(f, left));
+    f += problem.stride;
+  }
+}
+
+void residuals(const residual_problem& problem) {
+  const vec constant = constant_part(problem);
+  const bool uniform = is_uniform(problem);
+  const residual_law& first = problem.laws[0];
+  for (std::size_t lane = 0; lane < problem.individuals; lane += width) {
+    const std::size_t left = problem.individuals - lane;
+    const double* const f = problem.f + lane;
+    residual_sums sums;
+    const auto add_of_kind = [&]<error_kind Kind>() {
+      add_all(problem, f, left,
+              [&](const observation& at, vec value) { sums.add<Kind>(at, first, value); });
+    };
+    if (!uniform)
+      add_all(problem, f, left, [&](const observation& at, vec value) {
+        sums.add(at, problem.laws[at.endpoint], value);
+      });
+    else if (first.kind == error_kind::additive)
+      add_of_kind.operator()<error_kind::additive>();
+    else if (first.kind == error_kind::proportional)
+      add_of_kind.operator()<error_kind::proportional>();
+    else if (first.kind == error_kind::combined)
+      add_of_kind.operator()<error_kind::combined>();
+    else
+      add_of_kind.operator()<error_kind::log_normal>();
+    put(problem.objective + lane, sums.objective() + constant, left);
+    put(problem.squares + lane, sums.squares(), left);
+  }
+}
+
+void exponentials(const double* from, double* to, std::size_t count) {
+  for (std::size_t i = 0; i < count; i += width) {
+    const std::size_t left = count - i;
+    put(to + i, VARDA_SLEEF(exp)(take(from + i, left)), left);
+  }
+}
