@@ -7,12 +7,12 @@ _varda() {
       mapfile -t COMPREPLY < <(compgen -d -- "$current")
       return
       ;;
-    --seed | --samples) return ;;
+    --seed | --samples | --threads) return ;;
   esac
   if [ "$COMP_CWORD" -eq 1 ]; then
     mapfile -t COMPREPLY < <(compgen -W "fit evaluate check --help --version" -- "$current")
   elif [[ $current == -* ]]; then
-    local options="--output --seed --samples --quiet --records --help"
+    local options="--output --seed --samples --threads --quiet --records --help"
     [ "${COMP_WORDS[1]}" = check ] && options="--json --help"
     mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current")
   else

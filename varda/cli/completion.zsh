@@ -7,6 +7,7 @@ _arguments \
   '(-o --output)'{-o,--output}'[folder for the results]:folder:_directories' \
   '--seed[instead of the seed of the model file]:seed:' \
   '--samples[instead of the samples of the model file]:samples:' \
+  '--threads[threads of each process]:threads:' \
   '(-q --quiet)'{-q,--quiet}'[no progress]' \
   '--records[print the records of the library]' \
   '--json[print what check found as JSON]' \

@@ -18,7 +18,7 @@ namespace {
 void describe(CLI::App* command, varda::run_request& request) {
   command->add_option("model", request.model_path, "model file (TOML)")->required();
   command->add_option("-o,--output", request.output_path, "folder for the results")->required();
-  for (const std::string name : {"seed", "samples"}) {
+  for (const std::string name : {"seed", "samples", "threads"}) {
     const varda::whole_number_setting& row = varda::whole_number_called(name);
     command
         ->add_option_function<int>(
@@ -31,11 +31,7 @@ void describe(CLI::App* command, varda::run_request& request) {
                     "print the library's own records instead of writing records.txt");
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  const varda::job peers(&argc, &argv);
-
+int run_program(int argc, char** argv, varda::job& peers) {
   CLI::App app("Exact maximum likelihood for nonlinear mixed-effects models", "varda");
   app.set_version_flag("--version", std::string("varda ") + varda::version);
   app.require_subcommand(1);
@@ -52,19 +48,47 @@ int main(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     const int status = peers.is_root() ? app.exit(error) : error.get_exit_code();
+    if (!peers.all_are_leaving()) {
+      if (!peers.is_root()) app.exit(error);
+      peers.abort(varda::exit_status::unusable_input);
+    }
     return status == 0 ? 0 : varda::exit_status::unusable_input;
   }
   request.what = evaluate->parsed() ? varda::task::evaluate : varda::task::fit;
 
+  if (check->parsed()) return varda::check(inspected, peers);
+  return varda::run(request, peers);
+}
+
+// What all processes refuse alike the root tells. A failure of one alone ends the others too, which
+// would wait for it for ever.
+int run_with_peers(int argc, char** argv, varda::job& peers) {
   try {
-    if (check->parsed()) return varda::check(inspected, peers);
-    return varda::run(request, peers);
+    return run_program(argc, argv, peers);
   } catch (const varda::bad_input& error) {
     if (peers.is_root()) fmt::print(stderr, "{}\n", error.what());
+    if (!peers.all_are_leaving()) {
+      if (!peers.is_root()) fmt::print(stderr, "{}\n", error.what());
+      peers.abort(varda::exit_status::unusable_input);
+    }
     return varda::exit_status::unusable_input;
   } catch (const std::exception& error) {
     fmt::print(stderr, "varda: {}\n", error.what());
-    if (peers.size() > 1) peers.abort(varda::exit_status::failure);
-    return varda::exit_status::failure;
+  } catch (...) {
+    fmt::print(stderr, "varda: an exception of no known kind\n");
+  }
+  if (peers.size() > 1) peers.abort(varda::exit_status::failure);
+  return varda::exit_status::failure;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    varda::job peers(&argc, &argv);
+    return run_with_peers(argc, argv, peers);
+  } catch (const varda::bad_input& error) {
+    fmt::print(stderr, "{}\n", error.what());
+    return varda::exit_status::unusable_input;
   }
 }

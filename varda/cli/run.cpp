@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "statsubs/state/output_units.h"
+#include "varda/cli/shared_files.h"
 #include "varda/host/engine_host.h"
 #include "varda/inference/quadrature.h"
 #include "varda/input/model_file.h"
@@ -23,7 +24,8 @@ namespace varda {
 
 namespace {
 
-// The library's lines, kept until the run is over.
+// The library's lines, kept until the run is over. Each process has a library that takes itself for
+// the only one: those of the root are shown.
 class record_keeper {
  public:
   explicit record_keeper(bool to_terminal) {
@@ -52,9 +54,11 @@ void on_interrupt(int signal) {
   std::signal(signal, SIG_DFL);
 }
 
-population_model prepare(const run_request& request, findings& warnings) {
-  model_specification file = read_model_file(request.model_path, warnings, request.overrides);
-  dataset data = read_dataset(file.data, warnings);
+population_model prepare(const run_request& request, const job& peers, findings& warnings) {
+  const file_access files = shared_files(peers);
+  model_specification file =
+      read_model_file(request.model_path, warnings, request.overrides, files);
+  dataset data = read_dataset(file.data, warnings, files);
   population_model model(std::move(file), std::move(data));
   check_start(model);
   check_grid(model);
@@ -73,10 +77,9 @@ std::unique_ptr<output_folder> open_folder(const std::string& path, const job& p
       refusal = std::current_exception();
     }
   }
-  double refused = refusal ? 1.0 : 0.0;
-  peers.sum(&refused, 1);
+  const bool refused = peers.any(refusal != nullptr);
   if (refusal) std::rethrow_exception(refusal);
-  if (refused > 0.0) throw bad_input({.code = "E-RUN-OUTPUT", .message = "refused by the root"});
+  if (refused) throw bad_input({.code = "E-RUN-OUTPUT", .message = "refused by the root"});
   return folder;
 }
 
@@ -101,15 +104,16 @@ void write_reports(const output_folder& folder, const population_model& model,
 
 }  // namespace
 
-exit_status run(const run_request& request, const job& peers) {
+exit_status run(const run_request& request, job& peers) {
   const auto begin = std::chrono::steady_clock::now();
   findings warnings;
-  const population_model model = prepare(request, warnings);
+  const population_model model = prepare(request, peers, warnings);
   const std::unique_ptr<output_folder> folder = open_folder(request.output_path, peers);
+  peers.use_threads(model.specification().estimation.threads);
 
   const bool silent = request.quiet || !peers.is_root();
   const progress_style style = silent ? progress_style::quiet : progress_style_of_error_stream();
-  const record_keeper records(request.records_to_terminal);
+  const record_keeper records(request.records_to_terminal && peers.is_root());
   std::signal(SIGINT, on_interrupt);
   std::signal(SIGTERM, on_interrupt);
 
@@ -117,6 +121,8 @@ exit_status run(const run_request& request, const job& peers) {
   const progress_listener progress = make_progress(style);
   fit_result result = request.what == task::fit ? fit(host, progress) : evaluate(host, progress);
   finish_progress(style);
+  result.threads = peers.threads().size();
+  result.why_one_thread = peers.why_one_thread();
   result.warnings.insert(result.warnings.begin(), warnings.begin(), warnings.end());
   result.times.total =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();

@@ -28,8 +28,8 @@ struct run_request {
   bool records_to_terminal = false;  // the library's own records; otherwise records.txt
 };
 
-// Reads, runs, reports. Only the root process prints and writes. Throws bad_input and
-// std::exception; returns converged or not_converged.
-exit_status run(const run_request& request, const job& peers);
+// Reads, runs, reports. Takes the threads that the settings ask for. Only the root process prints
+// and writes. Throws bad_input and std::exception; returns converged or not_converged.
+exit_status run(const run_request& request, job& peers);
 
 }  // namespace varda

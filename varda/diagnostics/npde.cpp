@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "statsubs/estep/proposals.h"
+#include "varda/host/subjects.h"
 
 namespace varda {
 
@@ -36,21 +37,32 @@ Eigen::MatrixXd simulate(const population_model& model, int subject, const Eigen
   const Eigen::MatrixXd factor = omega.llt().matrixL();
   Eigen::VectorXd mu(model.random_effects());
   model.means(subject, theta.data(), mu.data());
-  Eigen::VectorXd z(mu.size());
   const density joint(model);
   density_workspace scratch(model);
-  Eigen::MatrixXd f;
   const Eigen::Index n = model.observations(subject);
   Eigen::MatrixXd result(n, simulations);
   Eigen::Index usable = 0;
-  for (int k = 0; k < simulations; ++k) {
-    for (double& value : z) value = draw.normal();
-    const Eigen::VectorXd phi = mu + factor * z;
-    joint.predict(subject, theta.data(), phi, f, scratch);
-    for (Eigen::Index j = 0; j < n; ++j)
-      result(j, usable) = model.observed().simulated(observed[static_cast<std::size_t>(j)], f(0, j),
-                                                     draw.normal(), theta.data());
-    if (result.col(usable).allFinite()) ++usable;
+  // Predictions of many are made at once, from deviates that are drawn one simulation after the
+  // other: first those of the random effects, then those of the residuals.
+  constexpr int block = 256;
+  Eigen::VectorXd z(mu.size());
+  Eigen::MatrixXd phi(mu.size(), std::min(block, simulations));
+  Eigen::MatrixXd residuals(n, phi.cols());
+  Eigen::MatrixXd f;
+  for (int first = 0; first < simulations; first += block) {
+    const Eigen::Index count = std::min(block, simulations - first);
+    for (Eigen::Index k = 0; k < count; ++k) {
+      for (double& value : z) value = draw.normal();
+      phi.col(k) = mu + factor * z;
+      for (double& value : residuals.col(k)) value = draw.normal();
+    }
+    joint.predict(subject, theta.data(), phi.leftCols(count), f, scratch);
+    for (Eigen::Index k = 0; k < count; ++k) {
+      for (Eigen::Index j = 0; j < n; ++j)
+        result(j, usable) = model.observed().simulated(observed[static_cast<std::size_t>(j)],
+                                                       f(k, j), residuals(j, k), theta.data());
+      if (result.col(usable).allFinite()) ++usable;
+    }
   }
   result.conservativeResize(Eigen::NoChange, usable);
   return result;
@@ -102,7 +114,9 @@ Eigen::VectorXd npde(const population_model& model, int subject, const Eigen::Ve
 
   const Eigen::VectorXd mean = y.rowwise().mean();
   y.colwise() -= mean;
-  const Eigen::LLT<Eigen::MatrixXd> llt(y * y.transpose() / static_cast<double>(y.cols() - 1));
+  Eigen::MatrixXd covariance = Eigen::MatrixXd::Zero(n, n);
+  covariance.selfadjointView<Eigen::Lower>().rankUpdate(y, 1.0 / static_cast<double>(y.cols() - 1));
+  const Eigen::LLT<Eigen::MatrixXd> llt(covariance);
   if (llt.info() != Eigen::Success) return unknown;
   const Eigen::MatrixXd factor = llt.matrixL();
   factor.triangularView<Eigen::Lower>().solveInPlace(y);
@@ -130,15 +144,26 @@ std::vector<Eigen::VectorXd> npde(const population_model& model, const Eigen::Ve
                                   const progress_listener& progress) {
   const estimation_settings& settings = model.specification().estimation;
   if (settings.npde_samples == 0) return {};
-  std::vector<Eigen::VectorXd> result;
+  // All of them in the order of the subjects, each simulated by the process that owns it.
+  std::vector<std::ptrdiff_t> sizes;
+  std::vector<std::ptrdiff_t> places = {0};
   for (int i = 0; i < model.subjects(); ++i) {
-    Eigen::VectorXd& errors = result.emplace_back(Eigen::VectorXd::Zero(model.observations(i)));
-    if (errors.size() > 0 && i % peers.size() == peers.rank())
-      errors = npde(model, i, theta, omega, settings.npde_samples, settings.seed);
-    progress({.stage = run_stage::npde, .step = i + 1, .of = model.subjects()});
+    sizes.push_back(model.observations(i));
+    places.push_back(places.back() + sizes.back());
   }
-  // Each subject stands on one process.
-  for (Eigen::VectorXd& errors : result) peers.sum(errors.data(), static_cast<int>(errors.size()));
+  Eigen::VectorXd all(places.back());
+  const std::vector<int> own = own_subjects(model, peers);
+  subject_progress shown(progress, run_stage::npde, model.subjects(), peers);
+  peers.threads().for_each(static_cast<int>(own.size()), [&](int k, int) {
+    const int i = own[static_cast<std::size_t>(k)];
+    all.segment(places[static_cast<std::size_t>(i)], model.observations(i)) =
+        npde(model, i, theta, omega, settings.npde_samples, settings.seed);
+    shown.done_one();
+  });
+  peers.gather(all.data(), sizes);
+  std::vector<Eigen::VectorXd> result;
+  for (std::size_t i = 0; i < sizes.size(); ++i)
+    result.emplace_back(all.segment(places[i], sizes[i]));
   return result;
 }
 

@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "varda/host/scores.h"
 
+#include "statsubs/state/global_variables.h"
 #include "statsubs/stderr/checktight.h"
 #include "statsubs/stderr/scoretheta.h"
 #include "statsubs/stderr/stderromega.h"
 
 namespace varda {
+
+namespace gv = statsubs::global_variables;
 
 Eigen::MatrixXi packed_positions(const population_model& model) {
   const int effects = model.random_effects();
@@ -17,10 +20,13 @@ Eigen::MatrixXi packed_positions(const population_model& model) {
   return packed;
 }
 
-void add_score(engine_host& host, int subject, weighted_samples& drawn, Eigen::MatrixXd& sums) {
-  const auto thetas = static_cast<Eigen::Index>(host.model().thetas().size());
+Eigen::VectorXd score_of(engine_host& host, int subject, weighted_samples& drawn) {
+  const auto thetas = static_cast<int>(host.model().thetas().size());
+  const int elements = packed_positions(host.model()).maxCoeff() + 1;
+  Eigen::MatrixXd outer_product = Eigen::MatrixXd::Zero(thetas + elements, thetas + elements);
   statsubs::scoretheta(subject + 1, static_cast<int>(drawn.weights.size()), drawn.etas.data(),
-                       drawn.weights.data(), sums.data(), static_cast<int>(sums.rows() - thetas));
+                       drawn.weights.data(), outer_product.data(), elements);
+  return Eigen::Map<const Eigen::VectorXd>(gv::scorevec_expanded.data(), thetas + elements);
 }
 
 bool is_at_bound(engine_host&) {

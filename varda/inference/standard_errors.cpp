@@ -13,6 +13,7 @@
 #include "statsubs/stderr/eigencor.h"
 #include "statsubs/stderr/geteigenvalues.h"
 #include "varda/host/scores.h"
+#include "varda/host/subjects.h"
 #include "varda/inference/e_step.h"
 #include "varda/inference/minimise.h"
 #include "varda/inference/sampled_likelihood.h"
@@ -33,28 +34,57 @@ struct subject_pass {
   Eigen::MatrixXd scores;  // all of theta, then omega; the library's scale and signs
 };
 
+// Samples of subjects that wait for the threads.
+struct waiting_samples {
+  int subject = 0;
+  weighted_samples drawn;
+};
+
 subject_pass pass_over_subjects(engine_host& host, const proposals& frozen,
                                 const sampled_likelihood& likelihood, Eigen::Index points,
                                 int samples, const progress_listener& progress) {
   const population_model& model = host.model();
-  const int scored =
-      static_cast<int>(model.thetas().size()) + packed_positions(model).maxCoeff() + 1;
-  Eigen::MatrixXd by_subject = Eigen::MatrixXd::Zero(points, model.subjects());
-  subject_pass result;
-  result.scores.setZero(scored, scored);
+  const thread_team& threads = host.peers().threads();
+  const Eigen::Index scored =
+      static_cast<Eigen::Index>(model.thetas().size()) + packed_positions(model).maxCoeff() + 1;
+  // Changes of the log-likelihood, then scores.
+  Eigen::MatrixXd by_subject = Eigen::MatrixXd::Zero(points + scored, model.subjects());
+  subject_progress shown(progress, run_stage::standard_errors, model.subjects(), host.peers());
+  // The library draws one subject after the other; the threads then take some together.
+  const auto most_waiting = static_cast<std::size_t>(threads.size() == 1 ? 1 : 4 * threads.size());
+  std::vector<waiting_samples> waiting(most_waiting);
+  std::size_t count = 0;
+  const auto work_off = [&] {
+    threads.for_each(static_cast<int>(count), [&](int k, int) {
+      const waiting_samples& own = waiting[static_cast<std::size_t>(k)];
+      by_subject.col(own.subject).head(points) =
+          likelihood.changes(own.subject, own.drawn.etas, own.drawn.weights);
+      shown.done_one();
+    });
+    count = 0;
+  };
   e_step found;
-  integrate_all(
-      host, frozen, {point_pass::purpose::standard_errors, 0}, samples, found,
-      [&](int i, weighted_samples& drawn) {
-        add_score(host, i, drawn, result.scores);
-        if ((i + 1) % host.peers().size() == host.peers().rank())
-          by_subject.col(i) = likelihood.changes(i, drawn.etas, drawn.weights);
-        progress({.stage = run_stage::standard_errors, .step = i + 1, .of = model.subjects()});
-      });
+  integrate_all(host, frozen, {point_pass::purpose::standard_errors, 0}, samples, found,
+                [&](int i, weighted_samples& drawn) {
+                  by_subject.col(i).tail(scored) = score_of(host, i, drawn);
+                  waiting_samples& own = waiting[count++];
+                  own.subject = i;
+                  own.drawn.etas.resizeLike(drawn.etas);
+                  own.drawn.weights.resizeLike(drawn.weights);
+                  own.drawn.etas.swap(drawn.etas);
+                  own.drawn.weights.swap(drawn.weights);
+                  if (count == most_waiting) work_off();
+                });
+  subject_pass result;
   if (!found.complete) return result;
-  // Each subject stands on one process; the sums run over the subjects in their order.
-  host.peers().sum(by_subject.data(), static_cast<int>(by_subject.size()));
-  result.values = -by_subject.rowwise().sum();
+  work_off();
+  if (!engine_host::share(by_subject)) return result;
+  result.values = -by_subject.topRows(points).rowwise().sum();
+  result.scores.setZero(scored, scored);
+  for (int i = 0; i < model.subjects(); ++i) {
+    const auto score = by_subject.col(i).tail(scored);
+    result.scores += score * score.transpose();
+  }
   result.complete = true;
   return result;
 }

@@ -183,8 +183,9 @@ ordered_json quadrature(const fit_result& result) {
 ordered_json settings(const population_model& model) {
   ordered_json entry;
   for (const setting& row : every_setting())
-    entry[row.name] = std::visit([](const auto& value) { return ordered_json(value); },
-                                 value_of(row, model.specification().estimation));
+    if (row.decides_results)
+      entry[row.name] = std::visit([](const auto& value) { return ordered_json(value); },
+                                   value_of(row, model.specification().estimation));
   return entry;
 }
 
@@ -278,15 +279,12 @@ std::string json_report(const population_model& model, const fit_result& result)
   report["warnings"] = to_json(result.warnings);
   report["settings"] = settings(model);
   report["versions"] = {{"varda", version}, {"compiler", compiler}};
-  report["times"] = {{"processes", result.processes},
-                     {"evaluations", result.evaluations},
-                     {"start", result.times.start},
-                     {"iterations", result.times.iterations},
-                     {"likelihood", result.times.likelihood},
-                     {"quadrature", result.times.quadrature},
-                     {"standard_errors", result.times.standard_errors},
-                     {"diagnostics", result.times.diagnostics},
-                     {"total", result.times.total}};
+  report["times"] = {
+      {"processes", result.processes},           {"threads", result.threads},
+      {"evaluations", result.evaluations},       {"start", result.times.start},
+      {"iterations", result.times.iterations},   {"likelihood", result.times.likelihood},
+      {"quadrature", result.times.quadrature},   {"standard_errors", result.times.standard_errors},
+      {"diagnostics", result.times.diagnostics}, {"total", result.times.total}};
   return report.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
 }
 

@@ -193,12 +193,21 @@ void write_quality(sink out, const population_model& model, const fit_result& re
                  result.omega_condition);
 }
 
-void write_times(sink out, const timings& t) {
+std::string plural(int count, const char* one, const char* several) {
+  return fmt::format("{} {}", count, count == 1 ? one : several);
+}
+
+void write_times(sink out, const fit_result& result) {
+  const timings& t = result.times;
   fmt::format_to(out,
                  "\nTime: start {:.3f} s, iterations {:.3f} s, likelihood {:.3f} s, quadrature "
-                 "{:.3f} s, standard errors {:.3f} s, diagnostics {:.3f} s, total {:.3f} s\n",
+                 "{:.3f} s, standard errors {:.3f} s, diagnostics {:.3f} s, total {:.3f} s; {}, {}",
                  t.start, t.iterations, t.likelihood, t.quadrature, t.standard_errors,
-                 t.diagnostics, t.total);
+                 t.diagnostics, t.total, plural(result.processes, "process", "processes"),
+                 plural(result.threads, "thread", "threads"));
+  if (result.processes > 1) fmt::format_to(out, " each");
+  if (!result.why_one_thread.empty()) fmt::format_to(out, ": {}", result.why_one_thread);
+  fmt::format_to(out, "\n");
 }
 
 }  // namespace
@@ -221,7 +230,7 @@ std::string summary(const population_model& model, const fit_result& result) {
   write_errors(out, result);
   write_quality(out, model, result);
   for (const finding& w : result.warnings) fmt::format_to(out, "\n{}\n", to_text(w));
-  write_times(out, result.times);
+  write_times(out, result);
   return text;
 }
 

@@ -11,7 +11,7 @@
 #include <cmath>
 #include <limits>
 
-#include "varda/host/map_np.h"
+#include "varda/host/subjects.h"
 
 namespace varda {
 
@@ -178,16 +178,11 @@ bool newton_method::draw(const run_state& state, const point_pass& pass, int sam
   const population_model& model = host_.model();
   drawn.subjects.assign(static_cast<std::size_t>(model.subjects()), {});
   drawn.theta = host_.theta();
-  {
-    const engine_host::solitude alone(host_);
-    for (int i = 0; i < model.subjects(); ++i) {
-      if ((i + 1) % host_.peers().size() != host_.peers().rank() || model.observations(i) == 0)
-        continue;
-      const auto at = static_cast<std::size_t>(i);
-      if (!draw_subject(host_, i, state.newton.proposals[at], pass, samples, groups,
-                        drawn.subjects[at]))
-        break;
-    }
+  for (const int i : own_subjects(host_)) {
+    const auto at = static_cast<std::size_t>(i);
+    if (!draw_subject(host_, i, state.newton.proposals[at], pass, samples, groups,
+                      drawn.subjects[at]))
+      break;
   }
   return !host_.agree_on_stop();
 }
@@ -207,17 +202,22 @@ draw_measure newton_method::measure(const whole_draw& drawn, const Eigen::Vector
   // A column of figures for each subject, summed over the processes: each column stands on one.
   const Eigen::Index figures = wanted == detail::value ? 2 : 9 + p + 2 * p * p;
   Eigen::MatrixXd packed = Eigen::MatrixXd::Zero(figures, model.subjects());
-  subject_sampler sampler(host_.joint(), scale_);
-  std::int64_t evaluations = 0;
-  for (int i = 0; i < model.subjects(); ++i) {
+  struct worker_of_measure {
+    subject_sampler sampler;
+    std::int64_t evaluations;
+  };
+  std::vector<worker_of_measure> workers;
+  for (int w = 0; w < host_.peers().threads().size(); ++w)
+    workers.push_back({subject_sampler(host_.joint(), scale_), 0});
+  for_each_own_subject(host_, verdict_samples, [&](int i, int w) {
     const auto own = static_cast<std::size_t>(i);
-    if (drawn.subjects[own].phi.size() == 0) continue;
+    worker_of_measure& worker = workers[static_cast<std::size_t>(w)];
     subject_measure& m = result.subjects[own];
-    m = sampler.measure(i, drawn.subjects[own], drawn.theta, at, wanted, evaluations);
+    m = worker.sampler.measure(i, drawn.subjects[own], drawn.theta, at, wanted, worker.evaluations);
     const bool finite = std::isfinite(m.log_likelihood);
     packed(0, i) = finite ? m.log_likelihood : -1e10;
     packed(1, i) = m.effective_share;
-    if (wanted == detail::value || !finite) continue;
+    if (wanted == detail::value || !finite) return;
     const Eigen::Index groups = m.group_log_likelihood.size();
     const auto r = static_cast<double>(groups);
     double variance = 0.0;
@@ -235,9 +235,9 @@ draw_measure newton_method::measure(const whole_draw& drawn, const Eigen::Vector
     packed.col(i).segment(9, p) = m.gradient;
     packed.col(i).segment(9 + p, p * p) = m.information.reshaped();
     packed.col(i).segment(9 + p + p * p, p * p) = scatter.reshaped();
-  }
-  host_.count_evaluations(evaluations);
-  host_.peers().sum(packed.data(), static_cast<int>(packed.size()));
+  });
+  for (const worker_of_measure& worker : workers) host_.count_evaluations(worker.evaluations);
+  host_.peers().gather(packed.data(), packed.rows(), packed.cols());
   double variance = 0.0;
   result.finite = true;
   for (int i = 0; i < model.subjects(); ++i) {
@@ -371,7 +371,7 @@ void newton_method::follow(const draw_measure& found, newton_state& state) const
     if (is_sick(m) || Eigen::LLT<Eigen::MatrixXd>(m.covariance).info() != Eigen::Success) continue;
     packed.col(i) << m.mean, m.covariance.reshaped(), 1.0;
   }
-  host_.peers().sum(packed.data(), static_cast<int>(packed.size()));
+  host_.peers().gather(packed.data(), packed.rows(), packed.cols());
   for (int i = 0; i < model.subjects(); ++i) {
     if (packed(d + d * d, i) < 0.5) continue;
     std::vector<draw_component>& own = state.proposals[static_cast<std::size_t>(i)];
@@ -390,9 +390,11 @@ bool newton_method::look_widely(run_state& state, const draw_measure& found, boo
   const parameter_values at(state.theta, state.omega);
   const Eigen::Index d = model.random_effects();
   Eigen::MatrixXd packed = Eigen::MatrixXd::Zero(1 + d + d * d, model.subjects());
-  mode_finder finder(host_.joint());
-  for (int i = 0; i < model.subjects() && !engine_host::stop_requested(); ++i) {
-    if (!owns(host_, i) || model.observations(i) == 0) continue;
+  std::vector<mode_finder> finders;
+  for (int w = 0; w < host_.peers().threads().size(); ++w) finders.emplace_back(host_.joint());
+  for_each_own_subject(host_, population_points, [&](int i, int worker) {
+    if (engine_host::stop_requested()) return;
+    mode_finder& finder = finders[static_cast<std::size_t>(worker)];
     const auto own = static_cast<std::size_t>(i);
     const Eigen::MatrixXd far = population_samples(host_, i, population_points, at);
     const Eigen::VectorXd data = finder.log_data(i, far, at);
@@ -428,20 +430,15 @@ bool newton_method::look_widely(run_state& state, const draw_measure& found, boo
       packed.col(i) << 2.0, mode.usable && sick ? mode.phi : mu,
           (mode.usable && sick ? Eigen::MatrixXd(4.0 * mode.covariance) : state.omega).reshaped();
     }
-  }
-  // The mixture has found samples that its main component misses: a mode near them.
-  for (int i = 0; i < model.subjects() && !engine_host::stop_requested(); ++i) {
-    const auto own = static_cast<std::size_t>(i);
+    // The mixture has found samples that its main component misses: a mode near them.
     const subject_measure& m = found.subjects[own];
-    if (!owns(host_, i) || model.observations(i) == 0 || !is_sick(m) || packed(0, i) > 0.0 ||
-        m.mean.size() != d || !m.mean.allFinite())
-      continue;
+    if (!is_sick(m) || packed(0, i) > 0.0 || m.mean.size() != d || !m.mean.allFinite()) return;
     const normal_posterior mode = finder.search(i, m.mean, at);
     if (mode.usable) packed.col(i) << 1.0, mode.phi, mode.covariance.reshaped();
-  }
-  host_.count_evaluations(finder.evaluations());
+  });
+  for (const mode_finder& finder : finders) host_.count_evaluations(finder.evaluations());
   if (host_.agree_on_stop()) return false;
-  host_.peers().sum(packed.data(), static_cast<int>(packed.size()));
+  host_.peers().gather(packed.data(), packed.rows(), packed.cols());
   changed = false;
   for (int i = 0; i < model.subjects(); ++i) {
     if (packed(0, i) < 0.5) continue;
