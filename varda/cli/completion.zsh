@@ -18,6 +18,7 @@ _varda() {
     '--from[start at the estimates of a fit]:folder:_directories'
     '--seed[instead of the seed of the model file]:seed:'
     '--samples[instead of the samples of the model file]:samples:'
+    '--threads[threads of each process]:threads:'
     '(-q --quiet)'{-q,--quiet}'[no progress]'
     '--records[print the records of the library]'
   )

@@ -6,13 +6,14 @@
 
 #include "varda/input/model_file.h"
 #include "varda/support/digest.h"
+#include "varda/support/files.h"
 
 namespace varda {
 
 namespace {
 
 void check_data(const stored_fit& fit) {
-  const std::optional<std::string> bytes = bytes_of(fit.about.data_path);
+  const std::optional<std::string> bytes = read_from_disk(fit.about.data_path);
   if (bytes && sha256(*bytes) == fit.about.data_sha256) return;
   throw bad_input({.code = "E-RUN-DATA",
                    .message = bytes ? "the data file is not the one that the fit has seen"

@@ -229,8 +229,9 @@ ordered_json quadrature(const fit_result& result) {
 ordered_json settings(const population_model& model) {
   ordered_json entry;
   for (const setting& row : every_setting())
-    entry[row.name] = std::visit([](const auto& value) { return ordered_json(value); },
-                                 value_of(row, model.specification().estimation));
+    if (row.decides_results)
+      entry[row.name] = std::visit([](const auto& value) { return ordered_json(value); },
+                                   value_of(row, model.specification().estimation));
   return entry;
 }
 
@@ -344,6 +345,7 @@ std::string run_json(const fit_result& result, const std::vector<std::string>& c
   report["command"] = command;
   report["versions"] = {{"varda", version}, {"compiler", compiler}};
   report["processes"] = result.processes;
+  report["threads"] = result.threads;
   report["evaluations"] = result.evaluations;
   report["seconds"] = {{"start", result.times.start},
                        {"iterations", result.times.iterations},
