@@ -40,8 +40,7 @@ void describe(CLI::App* command, varda::simulate_request& request) {
 
 void describe(CLI::App* command, varda::predict_request& request) {
   describe(command, request.from);
-  command->add_option("--times", request.times,
-                      "FROM:TO:STEP or a list, else the data's rows");
+  command->add_option("--times", request.times, "FROM:TO:STEP or a list, else the data's rows");
   command->add_option("--samples", request.samples, "samples behind a subject's band")
       ->check(CLI::Range(100, 10000000));
 }

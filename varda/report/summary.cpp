@@ -33,10 +33,9 @@ void write_verdict(sink out, const fit_result& result) {
 void write_quadrature(sink out, const fit_result& result) {
   const quadrature_estimate& q = result.quadrature;
   if (!q.complete) return;
-  const std::string grid =
-      q.is_laplace()
-          ? "mode and curvature of every subject"
-          : fmt::format("{} nodes an effect, {} points", q.nodes, q.points);
+  const std::string grid = q.is_laplace()
+                               ? "mode and curvature of every subject"
+                               : fmt::format("{} nodes an effect, {} points", q.nodes, q.points);
   fmt::format_to(out, "  {:<20} {:14.4f}   {}\n",
                  q.is_laplace() ? "Laplace's method" : "by quadrature", q.minus2ll, grid);
   fmt::format_to(out, "  less the sampled one {:14.4f}   {:.1f} Monte Carlo errors\n",
