@@ -17,15 +17,16 @@ namespace {
 // Observations x simulations; fewer columns where the model failed.
 Eigen::MatrixXd simulate(const population_model& model, int subject, const Eigen::VectorXd& theta,
                          const Eigen::MatrixXd& omega, int simulations, deviates& draw) {
-  subject_simulator from(model, subject, {theta, omega});
-  Eigen::VectorXd f;
-  Eigen::VectorXd y;
-  Eigen::MatrixXd result(model.observations(subject), simulations);
+  Eigen::MatrixXd f;
+  Eigen::MatrixXd result;
+  subject_simulator(model, subject, {theta, omega})
+      .simulate(
+          simulations, [&](int) -> deviates& { return draw; }, f, result);
   Eigen::Index usable = 0;
-  for (int k = 0; k < simulations; ++k) {
-    from.simulate(draw, f, y);
-    result.col(usable) = y;
-    if (y.allFinite()) ++usable;
+  for (Eigen::Index k = 0; k < result.cols(); ++k) {
+    if (!result.col(k).allFinite()) continue;
+    if (usable < k) result.col(usable) = result.col(k);
+    ++usable;
   }
   result.conservativeResize(Eigen::NoChange, usable);
   return result;
