@@ -45,7 +45,7 @@ done
 [ -z "$(awk 'length > 80' stdout)" ] || fail "page one is wider than 80 columns"
 sha256sum -c --quiet <(sed -nE 's/^      "(name|sha256)": "([^"]*)".*/\2/p' one/manifest.json |
   paste - - | awk '{ print $2 "  one/" $1 }') || fail "the manifest does not hold"
-cmp -s one/model.toml theophylline.toml || fail "the model file is not kept"
+cmp -s one/model-used.toml theophylline.toml || fail "the model file is not kept"
 expect_status 0 "the same fit" "$varda" fit theophylline.toml --output two --quiet
 [ -s stderr ] && fail "a quiet run writes on the error stream"
 same_results one two

@@ -41,7 +41,7 @@ model_source::model_source(const std::string& path, const data_wish& wish)
   const std::filesystem::path given(path);
   if (std::filesystem::is_directory(given)) {
     fit_ = read_stored_fit(path);
-    file_ = read_model_file((given / "model.toml").string(), warnings);
+    file_ = read_model_file((given / "model-used.toml").string(), warnings);
     file_.data.file = fit_->about.data_path;
     file_.estimation.seed = fit_->about.seed;
     if (own_data_) check_data(*fit_);

@@ -91,9 +91,9 @@ const char* name_of(task what) {
 
 // The files that a run may write.
 std::vector<std::string> result_names(task what) {
-  std::vector<std::string> names = {"model.toml",    "run.json",     "page_one.txt",
-                                    "estimates.csv", "subjects.csv", "iterations.csv",
-                                    "rows.csv",      "legend.csv",   "records.txt"};
+  std::vector<std::string> names = {"model-used.toml", "run.json",     "page_one.txt",
+                                    "estimates.csv",   "subjects.csv", "iterations.csv",
+                                    "rows.csv",        "legend.csv",   "records.txt"};
   for (const char* ending : {".json", ".ext", ".phi", ".cov", ".cor"})
     names.push_back(name_of(what) + std::string(ending));
   return names;
@@ -212,7 +212,7 @@ exit_status run(const run_request& request, job& peers) {
   if (peers.is_root()) {
     const std::string page = summary(model, result) + (started.empty() ? "" : "\n" + started);
     add_reports(*folder, model, result);
-    folder->add("model.toml", model_text);
+    folder->add("model-used.toml", model_text);
     folder->add("run.json", run_json(result, request.command));
     folder->add("page_one.txt", page);
     if (!records.text().empty()) folder->add("records.txt", records.text());

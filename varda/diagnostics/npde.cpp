@@ -18,36 +18,16 @@ namespace {
 // Observations x simulations; fewer columns where the model failed.
 Eigen::MatrixXd simulate(const population_model& model, int subject, const Eigen::VectorXd& theta,
                          const Eigen::MatrixXd& omega, int simulations, deviates& draw) {
-  const auto& observed = model.data().subjects[static_cast<std::size_t>(subject)].observations;
-  const Eigen::MatrixXd factor = omega.llt().matrixL();
-  Eigen::VectorXd mu(model.random_effects());
-  model.means(subject, theta.data(), mu.data());
-  const density joint(model);
-  density_workspace scratch(model);
-  const Eigen::Index n = model.observations(subject);
-  Eigen::MatrixXd result(n, simulations);
-  Eigen::Index usable = 0;
-  // Predictions of many are made at once, from deviates that are drawn one simulation after the
-  // other: first those of the random effects, then those of the residuals.
-  constexpr int block = 256;
-  Eigen::VectorXd z(mu.size());
-  Eigen::MatrixXd phi(mu.size(), std::min(block, simulations));
-  Eigen::MatrixXd residuals(n, phi.cols());
   Eigen::MatrixXd f;
-  for (int first = 0; first < simulations; first += block) {
-    const Eigen::Index count = std::min(block, simulations - first);
-    for (Eigen::Index k = 0; k < count; ++k) {
-      for (double& value : z) value = draw.normal();
-      phi.col(k) = mu + factor * z;
-      for (double& value : residuals.col(k)) value = draw.normal();
-    }
-    joint.predict(subject, theta.data(), phi.leftCols(count), f, scratch);
-    for (Eigen::Index k = 0; k < count; ++k) {
-      for (Eigen::Index j = 0; j < n; ++j)
-        result(j, usable) = model.observed().simulated(observed[static_cast<std::size_t>(j)],
-                                                       f(k, j), residuals(j, k), theta.data());
-      if (result.col(usable).allFinite()) ++usable;
-    }
+  Eigen::MatrixXd result;
+  subject_simulator(model, subject, {theta, omega})
+      .simulate(
+          simulations, [&](int) -> deviates& { return draw; }, f, result);
+  Eigen::Index usable = 0;
+  for (Eigen::Index k = 0; k < result.cols(); ++k) {
+    if (!result.col(k).allFinite()) continue;
+    if (usable < k) result.col(usable) = result.col(k);
+    ++usable;
   }
   result.conservativeResize(Eigen::NoChange, usable);
   return result;

@@ -6,6 +6,7 @@
 #include "varda/model/words.h"
 #include "varda/report/check_report.h"
 #include "varda/report/reports.h"
+#include "varda/support/commit.h"
 #include "varda/version.h"
 
 namespace varda {
@@ -335,7 +336,7 @@ std::string json_report(const population_model& model, const fit_result& result)
   if (!result.starts.empty()) report["starts"] = starts(model, result);
   report["warnings"] = to_json(result.warnings);
   report["settings"] = settings(model);
-  report["versions"] = {{"varda", version}};
+  report["versions"] = {{"varda", version}, {"commit", commit()}};
   return report.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
 }
 
