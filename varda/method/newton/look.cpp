@@ -17,6 +17,7 @@ namespace {
 constexpr int population_points = 128;
 constexpr double most_outside = 0.02;
 constexpr double defensive_share = 0.25;
+constexpr int most_repairs = 4;  // of a subject's proposal: what does not help will not
 
 }  // namespace
 
@@ -77,8 +78,11 @@ bool newton_method::look_widely(run_state& state, const draw_measure& found, boo
   if (host_.agree_on_stop()) return false;
   host_.peers().gather(packed.data(), packed.rows(), packed.cols());
   changed = false;
+  state.newton.repairs.resize(static_cast<std::size_t>(model.subjects()), 0);
   for (int i = 0; i < model.subjects(); ++i) {
-    if (packed(0, i) < 0.5) continue;
+    int& repairs = state.newton.repairs[static_cast<std::size_t>(i)];
+    if (packed(0, i) < 0.5 || repairs >= most_repairs) continue;
+    ++repairs;
     changed = true;
     std::vector<draw_component>& own = state.newton.proposals[static_cast<std::size_t>(i)];
     const Eigen::VectorXd centre = packed.col(i).segment(1, d);

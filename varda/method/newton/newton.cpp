@@ -375,6 +375,11 @@ bool newton_method::advance(run_state& state) const {
   };
   newton_state& n = state.newton;
   if (!n.started) return start(state) || stopped();
+  if (n.draws >= std::min(most_draws, settings_.max_iterations)) {
+    n.trouble = fmt::format("not at rest after {} draws", n.draws);
+    state.ended = true;
+    return true;
+  }
 
   // Fresh points; what they say before any step on them is the test.
   // A setting above its default is a floor.
@@ -467,10 +472,6 @@ bool newton_method::advance(run_state& state) const {
       state.ended = true;
     }
     n.vain = 0;
-  }
-  if (!state.ended && n.draws >= std::min(most_draws, settings_.max_iterations)) {
-    n.trouble = fmt::format("not at rest after {} draws", n.draws);
-    state.ended = true;
   }
   n.held.clear();
   const Eigen::VectorXd end = psi_in_force();

@@ -19,6 +19,7 @@ struct newton_state {
   int removals = 0;       // times that the steps went on without a direction
   bool inflated = false;  // a stationary point near a singular omega has been left once
   std::vector<std::vector<draw_component>> proposals;  // by subject
+  std::vector<int> repairs;                            // of each subject's proposal
   // The last draw's verdict in figures.
   double gain_ahead = 0.0;
   double noise = 0.0;
@@ -32,8 +33,8 @@ struct newton_state {
 
   template <class A>
   void visit(A& archive) {
-    archive(started, draws, samples, vain, checked, removals, inflated, proposals, gain_ahead,
-            noise, arrived, sick, most_failed, singular, indistinct, held, trouble);
+    archive(started, draws, samples, vain, checked, removals, inflated, proposals, repairs,
+            gain_ahead, noise, arrived, sick, most_failed, singular, indistinct, held, trouble);
   }
 };
 
