@@ -11,6 +11,7 @@
 
 #include "varda/cli/check.h"
 #include "varda/cli/compare.h"
+#include "varda/cli/report.h"
 #include "varda/cli/run.h"
 #include "varda/cli/simulate.h"
 #include "varda/host/job.h"
@@ -40,8 +41,7 @@ void describe(CLI::App* command, varda::simulate_request& request) {
 
 void describe(CLI::App* command, varda::predict_request& request) {
   describe(command, request.from);
-  command->add_option("--times", request.times,
-                      "FROM:TO:STEP or a list, else the data's rows");
+  command->add_option("--times", request.times, "FROM:TO:STEP or a list, else the data's rows");
   command->add_option("--samples", request.samples, "samples behind a subject's band")
       ->check(CLI::Range(100, 10000000));
 }
@@ -57,6 +57,15 @@ void describe(CLI::App* command, varda::vpc_request& request) {
   command->add_flag("--time-after-dose", request.time_after_dose, "instead of time");
   command->add_option("--bins", request.bins, "how many, or their edges with commas between");
   command->add_option("--stratify", request.stratify, "a panel for each value of a covariate");
+}
+
+void describe(CLI::App* command, varda::report_request& request) {
+  command->add_option("folder", request.folder, "folder of a run")->required();
+  command->add_option("-o,--output", request.output, "file, else report.html in the folder");
+  command->add_option("-n,--replicates", request.replicates, "simulations behind the checks")
+      ->check(CLI::Range(20, 100000));
+  command->add_option("--threads", request.threads, "threads (the results are the same)")
+      ->check(CLI::Range(1, 1024));
 }
 
 // What was probably meant by a command that does not exist, or nothing.
@@ -85,6 +94,7 @@ void describe(CLI::App* command, const std::string& folder, varda::run_request& 
             "instead of the model file's estimation." + name)
         ->check(CLI::Range(row.least, row.most));
   }
+  command->add_flag("--report", request.report, "write report.html into the folder");
   command->add_flag("-q,--quiet", request.quiet, "no progress");
   command->add_flag("--records", request.records_to_terminal,
                     "print the library's records, no records.txt");
@@ -112,6 +122,9 @@ int main(int argc, char** argv) {
       ->required();
   comparing->add_flag("--nested", compared.nested, "likelihood-ratio tests against the first run");
   comparing->add_flag("--json", compared.json, "print JSON instead of text");
+  varda::report_request reported;
+  describe(app.add_subcommand("report", "one HTML file with the results and their drawings"),
+           reported);
   varda::simulate_request simulated;
   varda::predict_request predicted;
   varda::vpc_request checked;
@@ -145,7 +158,11 @@ int main(int argc, char** argv) {
     if (vpc->parsed()) return varda::check_visually(checked, peers);
     if (comparing->parsed()) return varda::compare_runs(compared, peers);
     if (check->parsed()) return varda::check(inspected, peers);
-    return varda::run(request, peers);
+    if (app.got_subcommand("report")) return varda::write_report(reported, peers);
+    const varda::exit_status ended = varda::run(request, peers);
+    if (request.report && ended != varda::exit_status::failure)
+      varda::write_report({.folder = request.output_path}, peers);
+    return ended;
   } catch (const varda::bad_input& error) {
     if (peers.is_root()) std::fputs(fmt::format("{}\n", error.what()).c_str(), stderr);
     return varda::exit_status::unusable_input;
