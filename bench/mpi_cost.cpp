@@ -1,18 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The constants of docs/processes.md: what a model evaluation, the work that every process repeats,
-// and an all-reduce cost. Run it alone for the first two and under mpirun for the third:
+// The constants of docs/processes.md. Alone: what a subject costs in a pass of theophylline's
+// closed form and in equations, and what it costs to hand work to threads. Under mpirun: exchanges.
 //
-//   build/bench/bin/mpi_cost
+//   build/bench/bin/mpi_cost [THREADS]
 //   mpirun -n 2 build/bench/bin/mpi_cost
-#include <mpi.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <string>
 #include <vector>
 
-#include "statsubs/state/global_variables.h"
+#include "statsubs/state/output_units.h"
 #include "varda/host/engine_host.h"
 #include "varda/inference/proposals.h"
 #include "varda/input/model_file.h"
@@ -32,49 +32,56 @@ double fastest(int runs, Work work) {
   return best;
 }
 
-void measure_integration(const varda::job& peers) {
+void measure_pass(const char* name, const varda::job& peers) {
   varda::findings warnings;
-  varda::model_specification file =
-      varda::read_model_file(SOURCE_FOLDER "/examples/theophylline/theophylline.toml", warnings);
+  varda::model_specification file = varda::read_model_file(
+      std::string(SOURCE_FOLDER "/examples/theophylline/") + name + ".toml", warnings);
   varda::dataset data = varda::read_dataset(file.data, warnings);
   const varda::population_model model(std::move(file), std::move(data));
   varda::engine_host host(model, peers);
   const varda::proposals proposals(model, host.omega());
-
-  constexpr int samples = 3000;
-  const double eta[] = {0.1, -0.1, 0.05};
-  const double evaluation = fastest(200,
-                                    [&] {
-                                      for (int j = 0; j < samples; ++j) host.objective(0, eta);
-                                    }) /
-                            samples;
+  constexpr int samples = 256;
   varda::weighted_samples drawn{Eigen::MatrixXd(3, samples), Eigen::VectorXd(samples)};
   varda::subject_integral found;
-  const double whole =
-      fastest(200, [&] { varda::integrate(host, 0, proposals.of(0), {}, drawn, found); }) / samples;
-  std::printf("model evaluation           %8.1f ns\n", 1e9 * evaluation);
-  std::printf("repeated by every process  %8.1f ns a sample\n", 1e9 * (whole - evaluation));
+  const double seconds =
+      fastest(200, [&] { varda::integrate(host, 0, proposals.of(0), {}, drawn, found); });
+  std::printf("%-14s a subject of %d samples, %d threads  %9.1f us\n", name, samples,
+              peers.threads().size(), 1e6 * seconds);
 }
 
-void measure_all_reduce(const varda::job& peers) {
-  for (const int count : {1, 300, 3000, 30000}) {
-    std::vector<double> from(static_cast<std::size_t>(count), 1.0);
-    std::vector<double> to(from.size());
-    const double seconds = fastest(500, [&] {
-      MPI_Allreduce(from.data(), to.data(), count, MPI_DOUBLE, MPI_SUM, MPI_COMM_WORLD);
-    });
-    if (peers.is_root())
-      std::printf("all-reduce of %5d reals, %d processes  %8.2f us\n", count, peers.size(),
-                  1e6 * seconds);
+void measure_threads(const varda::job& peers) {
+  const varda::thread_team& threads = peers.threads();
+  const double seconds = fastest(2000, [&] { threads.for_each(threads.size(), [](int, int) {}); });
+  std::printf("handing work to %d threads  %9.2f us\n", threads.size(), 1e6 * seconds);
+}
+
+void measure_exchange(const varda::job& peers) {
+  for (const int subjects : {1, 100, 1000, 10000}) {
+    constexpr int reals = 100;
+    std::vector<double> columns(static_cast<std::size_t>(reals * subjects), 1.0);
+    for (const int rows : {1, reals}) {
+      const double seconds = fastest(300, [&] { peers.gather(columns.data(), rows, subjects); });
+      if (peers.is_root())
+        std::printf("exchange of %3d reals of %5d subjects, %d processes  %9.1f us\n", rows,
+                    subjects, peers.size(), 1e6 * seconds);
+    }
   }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const varda::job peers(&argc, &argv);
-  if (peers.size() == 1)
-    measure_integration(peers);
-  else
-    measure_all_reduce(peers);
+  varda::job peers(&argc, &argv);
+  statsubs::take_unit(
+      statsubs::standard_output_unit, [](void*, const char*, int) {}, nullptr);
+  if (peers.size() > 1) {
+    measure_exchange(peers);
+    return 0;
+  }
+  for (const int threads : {1, argc > 1 ? std::atoi(argv[1]) : 2}) {
+    peers.use_threads(threads);
+    measure_pass("theophylline", peers);
+    measure_pass("equations", peers);
+    measure_threads(peers);
+  }
 }

@@ -2,12 +2,11 @@
 # SPDX-License-Identifier: Apache-2.0
 #
 # The program from outside: exit statuses, output files, reproducibility.
-#   cli_test.sh VARDA SOURCE_FOLDER [MPIEXEC]
+#   cli_test.sh VARDA SOURCE_FOLDER
 set -uo pipefail
 
 varda=$1
 example=$2/examples/theophylline
-mpiexec=${3:-}
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cp "$example"/theophylline.{toml,csv} "$work"
@@ -46,7 +45,7 @@ done
 [ -z "$(awk 'length > 80' stdout)" ] || fail "page one is wider than 80 columns"
 sha256sum -c --quiet <(sed -nE 's/^      "(name|sha256)": "([^"]*)".*/\2/p' one/manifest.json |
   paste - - | awk '{ print $2 "  one/" $1 }') || fail "the manifest does not hold"
-cmp -s one/model.toml theophylline.toml || fail "the model file is not kept"
+cmp -s one/model-used.toml theophylline.toml || fail "the model file is not kept"
 expect_status 0 "the same fit" "$varda" fit theophylline.toml --output two --quiet
 [ -s stderr ] && fail "a quiet run writes on the error stream"
 same_results one two
@@ -167,38 +166,6 @@ expect_status 2 "an unknown option" "$varda" fit theophylline.toml --output none
 expect_status 2 "an output folder that is a file" "$varda" fit theophylline.toml --output occupied
 grep -q 'E-RUN-OUTPUT' stderr || fail "the folder is not named"
 expect_status 0 "the version" "$varda" --version
-
-if [ -n "$mpiexec" ]; then
-  for count in 1 2 3 4; do
-    expect_status 0 "a fit by $count processes" \
-      timeout 120 "$mpiexec" -n "$count" "$varda" fit theophylline.toml --output "by$count" --quiet
-    same_results one "by$count"
-    [ "$(grep -c '^Converged' stdout)" -eq 1 ] || fail "$count processes do not print once"
-  done
-  # A subject without observations, and one process more than there are points for.
-  { cat theophylline.csv; echo "13,0,300,0,1,70"; } >sparse.csv
-  sed 's/^file = .*/file = "sparse.csv"/; s/^samples = .*/samples = 6/' theophylline.toml >sparse.toml
-  printf 'start = "presample"\nlikelihood = "agq"\nagq_nodes = 5\n' >>sparse.toml
-  "$varda" fit sparse.toml --output sparse --quiet >/dev/null
-  grep -q '"quadrature": {' sparse/fit.json || fail "no quadrature in fit.json"
-  for count in 2 3 4; do
-    "$mpiexec" -n "$count" "$varda" fit sparse.toml --output "sparse$count" --quiet >/dev/null 2>&1
-    same_results sparse "sparse$count"
-  done
-  # A process that dies takes the job down.
-  sed 's/^samples = 300/samples = 30000\nmethod = "em"\nrun_all = true/' theophylline.toml >long.toml
-  timeout 120 "$mpiexec" -n 2 "$varda" fit long.toml --output long --quiet >/dev/null 2>stderr &
-  limited=$!
-  sleep 2
-  worker=$(pgrep -n -P "$(pgrep -n -P "$limited")") && kill -KILL "$worker" ||
-    fail "the long run has ended too early"
-  wait "$limited"
-  status=$?
-  [ "$status" -ne 0 ] && [ "$status" -ne 124 ] || fail "a dead process leaves status $status"
-  [ -s stderr ] || fail "a dead process leaves no message"
-  expect_status 2 "refused by two processes" \
-    timeout 120 "$mpiexec" -n 2 "$varda" fit theophylline.toml --output occupied
-fi
 
 [ "$failures" -eq 0 ] && echo "all as expected"
 exit $((failures > 0))

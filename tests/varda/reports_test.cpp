@@ -183,6 +183,7 @@ fit_result made_up_result(const population_model& model) {
   r.source = {digest('a'), digest('b'), digest('c'), digest('d')};
   r.times = {0.125, 0.25, 0.375, 0.5, 0.625, 0.75, 2.75};
   r.processes = 3;
+  r.why_one_thread = "the cores are few";
   r.evaluations = 1234;
   return r;
 }

@@ -16,6 +16,7 @@
 #include <random>
 
 #include "varda/support/digest.h"
+#include "varda/support/files.h"
 #include "varda/support/finding.h"
 #include "varda/support/text.h"
 
@@ -39,7 +40,7 @@ void write(const fs::path& path, const std::string& text) {
 }
 
 std::string read(const fs::path& path) {
-  return bytes_of(path.string()).value_or("missing");
+  return read_from_disk(path.string()).value_or("missing");
 }
 
 void run_into(const fs::path& path, const std::vector<std::string>& files,

@@ -12,19 +12,17 @@ namespace varda {
 // The root works; the others learn whether it was refused.
 template <class Work>
 exit_status at_root(const job& peers, Work work) {
-  double refused = 0.0;
   std::optional<bad_input> refusal;
   if (peers.is_root()) {
     try {
       work();
     } catch (const bad_input& error) {
       refusal = error;
-      refused = 1.0;
     }
   }
-  peers.sum(&refused, 1);
+  const bool refused = peers.any(refusal.has_value());
   if (refusal) throw *refusal;
-  return refused > 0.0 ? exit_status::unusable_input : exit_status::sound;
+  return refused ? exit_status::unusable_input : exit_status::sound;
 }
 
 }  // namespace varda

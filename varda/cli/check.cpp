@@ -45,14 +45,13 @@ check_result inspect(const std::string& model_path) {
 
 exit_status check(const check_request& request, const job& peers) {
   // The others learn the verdict: mpirun reports the status of every process.
-  double refused = 0.0;
+  bool refused = false;
   if (peers.is_root()) {
     const check_result result = inspect(request.model_path);
     fmt::print("{}", request.json ? check_json(result) : check_text(result));
-    refused = result.errors.empty() ? 0.0 : 1.0;
+    refused = !result.errors.empty();
   }
-  peers.sum(&refused, 1);
-  return refused > 0.0 ? exit_status::unusable_input : exit_status::sound;
+  return peers.any(refused) ? exit_status::unusable_input : exit_status::sound;
 }
 
 }  // namespace varda

@@ -24,7 +24,7 @@ _varda() {
     local commands="fit evaluate check report compare simulate predict vpc"
     mapfile -t COMPREPLY < <(compgen -W "$commands --help --version" -- "$current")
   elif [[ $current == -* ]]; then
-    local options="--output --from --seed --samples --report --quiet --records --help"
+    local options="--output --from --seed --samples --threads --report --quiet --records --help"
     local source="--data --output --seed --threads --help"
     case $command in
       check) options="--json --help" ;;

@@ -20,6 +20,7 @@ _varda() {
     '--seed[instead of the seed of the model file]:seed:'
     '--samples[instead of the samples of the model file]:samples:'
     '--report[write report.html into the folder]'
+    '--threads[threads of each process]:threads:'
     '(-q --quiet)'{-q,--quiet}'[no progress]'
     '--records[print the records of the library]'
   )

@@ -86,7 +86,7 @@ void describe(CLI::App* command, const std::string& folder, varda::run_request& 
   command->add_option("model", request.model_path, "model file (TOML)")->required();
   command->add_option("-o,--output", request.output_path, "folder for the results, else " + folder);
   command->add_option("--from", request.from, "folder of a fit whose estimates to start at");
-  for (const std::string name : {"seed", "samples"}) {
+  for (const std::string name : {"seed", "samples", "threads"}) {
     const varda::whole_number_setting& row = varda::whole_number_called(name);
     command
         ->add_option_function<int>(
@@ -100,11 +100,11 @@ void describe(CLI::App* command, const std::string& folder, varda::run_request& 
                     "print the library's records, no records.txt");
 }
 
-}  // namespace
+void say(const std::string& line) {
+  std::fputs((line + "\n").c_str(), stderr);
+}
 
-int main(int argc, char** argv) {
-  const varda::job peers(&argc, &argv);
-
+int run_program(int argc, char** argv, varda::job& peers) {
   CLI::App app("Exact maximum likelihood for nonlinear mixed-effects models", "varda");
   app.set_version_flag("--version", std::string("varda ") + varda::version);
   app.require_subcommand(1);
@@ -141,9 +141,14 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     if (const std::string near = meant(app, argc, argv); !near.empty()) {
       if (peers.is_root()) std::fputs(near.c_str(), stderr);
+      if (!peers.all_are_leaving()) peers.abort(varda::exit_status::unusable_input);
       return varda::exit_status::unusable_input;
     }
     const int status = peers.is_root() ? app.exit(error) : error.get_exit_code();
+    if (!peers.all_are_leaving()) {
+      if (!peers.is_root()) app.exit(error);
+      peers.abort(varda::exit_status::unusable_input);
+    }
     return status == 0 ? 0 : varda::exit_status::unusable_input;
   }
   request.what = evaluate->parsed() ? varda::task::evaluate : varda::task::fit;
@@ -152,23 +157,47 @@ int main(int argc, char** argv) {
     request.output_path = std::filesystem::path(request.model_path).replace_extension().string() +
                           (evaluate->parsed() ? "-evaluation" : "-out");
 
+  if (simulate->parsed()) return varda::simulate_data(simulated, peers);
+  if (predict->parsed()) return varda::predict_data(predicted, peers);
+  if (vpc->parsed()) return varda::check_visually(checked, peers);
+  if (comparing->parsed()) return varda::compare_runs(compared, peers);
+  if (check->parsed()) return varda::check(inspected, peers);
+  if (app.got_subcommand("report")) return varda::write_report(reported, peers);
+  const varda::exit_status ended = varda::run(request, peers);
+  if (request.report && ended != varda::exit_status::failure)
+    varda::write_report({.folder = request.output_path}, peers);
+  return ended;
+}
+
+// What all processes refuse alike the root tells. A failure of one alone ends the others too, which
+// would wait for it for ever.
+int run_with_peers(int argc, char** argv, varda::job& peers) {
   try {
-    if (simulate->parsed()) return varda::simulate_data(simulated, peers);
-    if (predict->parsed()) return varda::predict_data(predicted, peers);
-    if (vpc->parsed()) return varda::check_visually(checked, peers);
-    if (comparing->parsed()) return varda::compare_runs(compared, peers);
-    if (check->parsed()) return varda::check(inspected, peers);
-    if (app.got_subcommand("report")) return varda::write_report(reported, peers);
-    const varda::exit_status ended = varda::run(request, peers);
-    if (request.report && ended != varda::exit_status::failure)
-      varda::write_report({.folder = request.output_path}, peers);
-    return ended;
+    return run_program(argc, argv, peers);
   } catch (const varda::bad_input& error) {
-    if (peers.is_root()) std::fputs(fmt::format("{}\n", error.what()).c_str(), stderr);
+    if (peers.is_root()) say(error.what());
+    if (!peers.all_are_leaving()) {
+      if (!peers.is_root()) say(error.what());
+      peers.abort(varda::exit_status::unusable_input);
+    }
     return varda::exit_status::unusable_input;
   } catch (const std::exception& error) {
-    std::fputs(fmt::format("varda: {}\n", error.what()).c_str(), stderr);
-    if (peers.size() > 1) peers.abort(varda::exit_status::failure);
-    return varda::exit_status::failure;
+    say(fmt::format("varda: {}", error.what()));
+  } catch (...) {
+    say("varda: an exception of no known kind");
+  }
+  if (peers.size() > 1) peers.abort(varda::exit_status::failure);
+  return varda::exit_status::failure;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    varda::job peers(&argc, &argv);
+    return run_with_peers(argc, argv, peers);
+  } catch (const varda::bad_input& error) {
+    say(error.what());
+    return varda::exit_status::unusable_input;
   }
 }

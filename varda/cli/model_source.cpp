@@ -6,13 +6,14 @@
 
 #include "varda/input/model_file.h"
 #include "varda/support/digest.h"
+#include "varda/support/files.h"
 
 namespace varda {
 
 namespace {
 
 void check_data(const stored_fit& fit) {
-  const std::optional<std::string> bytes = bytes_of(fit.about.data_path);
+  const std::optional<std::string> bytes = read_from_disk(fit.about.data_path);
   if (bytes && sha256(*bytes) == fit.about.data_sha256) return;
   throw bad_input({.code = "E-RUN-DATA",
                    .message = bytes ? "the data file is not the one that the fit has seen"
@@ -40,7 +41,7 @@ model_source::model_source(const std::string& path, const data_wish& wish)
   const std::filesystem::path given(path);
   if (std::filesystem::is_directory(given)) {
     fit_ = read_stored_fit(path);
-    file_ = read_model_file((given / "model.toml").string(), warnings);
+    file_ = read_model_file((given / "model-used.toml").string(), warnings);
     file_.data.file = fit_->about.data_path;
     file_.estimation.seed = fit_->about.seed;
     if (own_data_) check_data(*fit_);

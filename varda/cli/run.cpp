@@ -14,6 +14,7 @@
 
 #include "statsubs/state/output_units.h"
 #include "varda/cli/report.h"
+#include "varda/cli/shared_files.h"
 #include "varda/cli/start_from.h"
 #include "varda/data/fingerprint.h"
 #include "varda/folder/run_folder.h"
@@ -27,6 +28,7 @@
 #include "varda/report/reports.h"
 #include "varda/run/fit.h"
 #include "varda/support/digest.h"
+#include "varda/support/files.h"
 #include "varda/support/text.h"
 #include "varda/version.h"
 
@@ -34,7 +36,8 @@ namespace varda {
 
 namespace {
 
-// The library's lines, kept until the run is over.
+// The library's lines, kept until the run is over. Each process has a library that takes itself for
+// the only one: those of the root are shown.
 class record_keeper {
  public:
   explicit record_keeper(bool to_terminal) {
@@ -64,16 +67,19 @@ void on_interrupt(int signal) {
 }
 
 // `started`: where the start values are from, for page one.
-population_model prepare(const run_request& request, findings& warnings, std::string& started) {
-  model_specification file = read_model_file(request.model_path, warnings, request.overrides);
+population_model prepare(const run_request& request, const job& peers, findings& warnings,
+                         std::string& started) {
+  const file_access files = shared_files(peers);
+  model_specification file =
+      read_model_file(request.model_path, warnings, request.overrides, files);
   if (!request.from.empty()) {
-    const std::vector<std::string> taken = start_from(read_stored_fit(request.from), file);
+    const std::vector<std::string> taken = start_from(read_stored_fit(request.from, files), file);
     started = wrapped(fmt::format("Start values from {}: {}\n", request.from,
                                   taken.empty() ? "none, no name is the same"
                                                 : fmt::format("{}", fmt::join(taken, ", "))),
                       2);
   }
-  dataset data = read_dataset(file.data, warnings);
+  dataset data = read_dataset(file.data, warnings, files);
   population_model model(std::move(file), std::move(data));
   check_start(model);
   check_grid(model);
@@ -86,9 +92,9 @@ const char* name_of(task what) {
 
 // The files that a run may write.
 std::vector<std::string> result_names(task what, bool with_report) {
-  std::vector<std::string> names = {"model.toml",    "run.json",     "page_one.txt",
-                                    "estimates.csv", "subjects.csv", "iterations.csv",
-                                    "rows.csv",      "legend.csv",   "records.txt"};
+  std::vector<std::string> names = {"model-used.toml", "run.json",     "page_one.txt",
+                                    "estimates.csv",   "subjects.csv", "iterations.csv",
+                                    "rows.csv",        "legend.csv",   "records.txt"};
   for (const char* ending : {".json", ".ext", ".phi", ".cov", ".cor"})
     names.push_back(name_of(what) + std::string(ending));
   if (with_report) names.emplace_back(report_name);
@@ -108,10 +114,9 @@ std::unique_ptr<run_folder> open_folder(const run_request& request, const job& p
       refusal = std::current_exception();
     }
   }
-  double refused = refusal ? 1.0 : 0.0;
-  peers.sum(&refused, 1);
+  const bool refused = peers.any(refusal != nullptr);
   if (refusal) std::rethrow_exception(refusal);
-  if (refused > 0.0) throw bad_input({.code = "E-RUN-OUTPUT", .message = "refused by the root"});
+  if (refused) throw bad_input({.code = "E-RUN-OUTPUT", .message = "refused by the root"});
   return folder;
 }
 
@@ -121,9 +126,9 @@ manifest origin_of(const run_request& request, const population_model& model) {
   about.task = name_of(request.what);
   about.version = version;
   about.model_path = std::filesystem::absolute(request.model_path).lexically_normal().string();
-  about.model_sha256 = sha256(bytes_of(request.model_path).value_or(""));
+  about.model_sha256 = sha256(read_from_disk(request.model_path).value_or(""));
   about.data_path = std::filesystem::absolute(model.data().file).lexically_normal().string();
-  about.data_sha256 = sha256(bytes_of(model.data().file).value_or(""));
+  about.data_sha256 = sha256(read_from_disk(model.data().file).value_or(""));
   about.observations_sha256 = observations_fingerprint(model.data());
   about.doses_sha256 = doses_fingerprint(model.data());
   const estimation_settings& settings = model.specification().estimation;
@@ -174,18 +179,19 @@ bool deliver(run_folder& folder, const manifest& origin, const std::string& page
 
 }  // namespace
 
-exit_status run(const run_request& request, const job& peers) {
+exit_status run(const run_request& request, job& peers) {
   const auto begin = std::chrono::steady_clock::now();
   findings warnings;
   std::string started;
-  const population_model model = prepare(request, warnings, started);
+  const population_model model = prepare(request, peers, warnings, started);
+  peers.use_threads(model.specification().estimation.threads);
   const manifest origin = origin_of(request, model);
-  const std::string model_text = bytes_of(request.model_path).value_or("");
+  const std::string model_text = read_from_disk(request.model_path).value_or("");
   const std::unique_ptr<run_folder> folder = open_folder(request, peers);
 
   const bool silent = request.quiet || !peers.is_root();
   const progress_style style = silent ? progress_style::quiet : progress_style_of_error_stream();
-  const record_keeper records(request.records_to_terminal);
+  const record_keeper records(request.records_to_terminal && peers.is_root());
   std::signal(SIGINT, on_interrupt);
   std::signal(SIGTERM, on_interrupt);
   std::signal(SIGHUP, on_interrupt);
@@ -195,6 +201,8 @@ exit_status run(const run_request& request, const job& peers) {
   const progress_listener progress = make_progress(style);
   fit_result result = request.what == task::fit ? fit(host, progress) : evaluate(host, progress);
   finish_progress(style);
+  result.threads = peers.threads().size();
+  result.why_one_thread = peers.why_one_thread();
   result.warnings.insert(result.warnings.begin(), warnings.begin(), warnings.end());
   result.times.total =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
@@ -202,18 +210,17 @@ exit_status run(const run_request& request, const job& peers) {
   result.source = {origin.model_sha256, origin.data_sha256, origin.observations_sha256,
                    origin.doses_sha256};
 
-  double failed = 0.0;
+  bool failed = false;
   if (peers.is_root()) {
     const std::string page = summary(model, result) + (started.empty() ? "" : "\n" + started);
     add_reports(*folder, model, result);
-    folder->add("model.toml", model_text);
+    folder->add("model-used.toml", model_text);
     folder->add("run.json", run_json(result, request.command));
     folder->add("page_one.txt", page);
     if (!records.text().empty()) folder->add("records.txt", records.text());
-    failed = deliver(*folder, origin, page) ? 0.0 : 1.0;
+    failed = !deliver(*folder, origin, page);
   }
-  peers.sum(&failed, 1);
-  if (failed > 0.0) return exit_status::failure;
+  if (peers.any(failed)) return exit_status::failure;
   return result.converged ? exit_status::converged : exit_status::not_converged;
 }
 

@@ -32,8 +32,8 @@ struct run_request {
   std::vector<std::string> command;  // as it was typed
 };
 
-// Reads, runs, reports. Only the root process prints and writes. Throws bad_input and
-// std::exception; returns converged or not_converged.
-exit_status run(const run_request& request, const job& peers);
+// Reads, runs, reports. Takes the threads that the settings ask for. Only the root process prints
+// and writes. Throws bad_input and std::exception; returns converged or not_converged.
+exit_status run(const run_request& request, job& peers);
 
 }  // namespace varda

@@ -5,9 +5,7 @@
 
 #include <algorithm>
 #include <charconv>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
+#include <utility>
 
 #include "varda/support/text.h"
 
@@ -17,24 +15,21 @@ namespace {
 
 constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
 
-std::string whole_file(const std::string& file) {
-  std::ifstream in(file, std::ios::binary);
-  if (!in || std::filesystem::is_directory(file))
+std::string whole_file(const std::string& file, const file_access& text_of) {
+  std::optional<std::string> text = text_of(file);
+  if (!text)
     throw bad_input({.code = "E-DATA-FILE",
                      .message = "the data file cannot be opened",
                      .remedy = "check data.file; a relative path is taken from the model file's "
                                "folder",
                      .file = file});
-  std::ostringstream content;
-  content << in.rdbuf();
-  std::string text = content.str();
   // Spreadsheets save "Unicode text" in two bytes a character.
-  if (text.find('\0') != std::string::npos)
+  if (text->find('\0') != std::string::npos)
     throw bad_input({.code = "E-DATA-FILE",
                      .message = "the data file is not plain text",
                      .remedy = "save it as CSV in UTF-8",
                      .file = file});
-  return text;
+  return *std::move(text);
 }
 
 constexpr char runs_of_blanks = ' ';
@@ -124,8 +119,8 @@ std::string_view next_line(std::string_view& rest) {
 
 }  // namespace
 
-csv_table read_csv(const std::string& file, findings& refused_rows) {
-  const std::string content = whole_file(file);
+csv_table read_csv(const std::string& file, findings& refused_rows, const file_access& text_of) {
+  const std::string content = whole_file(file, text_of);
   std::string_view rest = content;
   if (rest.starts_with(byte_order_mark)) rest.remove_prefix(byte_order_mark.size());
 

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "varda/support/files.h"
 #include "varda/support/finding.h"
 
 namespace varda {
@@ -29,7 +30,8 @@ struct csv_table {
 // Reads a file, or throws bad_input: no such file, not plain text, nothing in it, a column name
 // twice. Rows of another length and quotes that are not closed are passed over and added to
 // `refused_rows`.
-csv_table read_csv(const std::string& file, findings& refused_rows);
+csv_table read_csv(const std::string& file, findings& refused_rows,
+                   const file_access& text_of = read_from_disk);
 
 // ".", an empty field and "NA" stand for a missing value.
 bool is_missing(std::string_view field);

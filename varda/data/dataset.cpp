@@ -149,11 +149,11 @@ int dataset::occasions() const {
 }
 
 dataset inspect_dataset(const data_source& source, findings& warnings, findings& errors,
-                        std::size_t most) {
+                        std::size_t most, const file_access& text_of) {
   findings wrong;
   dataset data;
   try {
-    const csv_table table = read_csv(source.file, wrong);
+    const csv_table table = read_csv(source.file, wrong, text_of);
     // With rows missing, what is said about their subjects would mislead.
     if (wrong.empty()) {
       file_reader reader(source, table, wrong, most);
@@ -169,9 +169,9 @@ dataset inspect_dataset(const data_source& source, findings& warnings, findings&
   return data;
 }
 
-dataset read_dataset(const data_source& source, findings& warnings) {
+dataset read_dataset(const data_source& source, findings& warnings, const file_access& text_of) {
   findings errors;
-  dataset data = inspect_dataset(source, warnings, errors, 1);
+  dataset data = inspect_dataset(source, warnings, errors, 1, text_of);
   if (!errors.empty()) throw bad_input(errors.front());
   return data;
 }

@@ -11,6 +11,7 @@
 
 #include "varda/data/observation.h"
 #include "varda/model/specification.h"
+#include "varda/support/files.h"
 #include "varda/support/finding.h"
 
 namespace varda {
@@ -85,13 +86,15 @@ struct dataset {
 const std::vector<std::string>& data_roles();
 
 // Reads a data set, or throws bad_input. What is odd but legal is added to `warnings`.
-dataset read_dataset(const data_source& source, findings& warnings);
+dataset read_dataset(const data_source& source, findings& warnings,
+                     const file_access& text_of = read_from_disk);
 
 inline constexpr std::size_t most_data_errors = 50;
 
 // The same for a look at the whole file: reads on after a record that is refused and adds what is
 // wrong to `errors`, `most` at most. The data set can only be used where none was added.
 dataset inspect_dataset(const data_source& source, findings& warnings, findings& errors,
-                        std::size_t most = most_data_errors);
+                        std::size_t most = most_data_errors,
+                        const file_access& text_of = read_from_disk);
 
 }  // namespace varda

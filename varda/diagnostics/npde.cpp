@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "statsubs/estep/proposals.h"
+#include "varda/host/subjects.h"
 #include "varda/simulation/simulate.h"
 
 namespace varda {
@@ -17,15 +18,16 @@ namespace {
 // Observations x simulations; fewer columns where the model failed.
 Eigen::MatrixXd simulate(const population_model& model, int subject, const Eigen::VectorXd& theta,
                          const Eigen::MatrixXd& omega, int simulations, deviates& draw) {
-  subject_simulator from(model, subject, {theta, omega});
-  Eigen::VectorXd f;
-  Eigen::VectorXd y;
-  Eigen::MatrixXd result(model.observations(subject), simulations);
+  Eigen::MatrixXd f;
+  Eigen::MatrixXd result;
+  subject_simulator(model, subject, {theta, omega})
+      .simulate(
+          simulations, [&](int) -> deviates& { return draw; }, f, result);
   Eigen::Index usable = 0;
-  for (int k = 0; k < simulations; ++k) {
-    from.simulate(draw, f, y);
-    result.col(usable) = y;
-    if (y.allFinite()) ++usable;
+  for (Eigen::Index k = 0; k < result.cols(); ++k) {
+    if (!result.col(k).allFinite()) continue;
+    if (usable < k) result.col(usable) = result.col(k);
+    ++usable;
   }
   result.conservativeResize(Eigen::NoChange, usable);
   return result;
@@ -77,7 +79,9 @@ Eigen::VectorXd npde(const population_model& model, int subject, const Eigen::Ve
 
   const Eigen::VectorXd mean = y.rowwise().mean();
   y.colwise() -= mean;
-  const Eigen::LLT<Eigen::MatrixXd> llt(y * y.transpose() / static_cast<double>(y.cols() - 1));
+  Eigen::MatrixXd covariance = Eigen::MatrixXd::Zero(n, n);
+  covariance.selfadjointView<Eigen::Lower>().rankUpdate(y, 1.0 / static_cast<double>(y.cols() - 1));
+  const Eigen::LLT<Eigen::MatrixXd> llt(covariance);
   if (llt.info() != Eigen::Success) return unknown;
   const Eigen::MatrixXd factor = llt.matrixL();
   factor.triangularView<Eigen::Lower>().solveInPlace(y);
@@ -105,15 +109,26 @@ std::vector<Eigen::VectorXd> npde(const population_model& model, const Eigen::Ve
                                   const progress_listener& progress) {
   const estimation_settings& settings = model.specification().estimation;
   if (settings.npde_samples == 0) return {};
-  std::vector<Eigen::VectorXd> result;
+  // All of them in the order of the subjects, each simulated by the process that owns it.
+  std::vector<std::ptrdiff_t> sizes;
+  std::vector<std::ptrdiff_t> places = {0};
   for (int i = 0; i < model.subjects(); ++i) {
-    Eigen::VectorXd& errors = result.emplace_back(Eigen::VectorXd::Zero(model.observations(i)));
-    if (errors.size() > 0 && i % peers.size() == peers.rank())
-      errors = npde(model, i, theta, omega, settings.npde_samples, settings.seed);
-    progress({.stage = run_stage::npde, .step = i + 1, .of = model.subjects()});
+    sizes.push_back(model.observations(i));
+    places.push_back(places.back() + sizes.back());
   }
-  // Each subject stands on one process.
-  for (Eigen::VectorXd& errors : result) peers.sum(errors.data(), static_cast<int>(errors.size()));
+  Eigen::VectorXd all(places.back());
+  const std::vector<int> own = own_subjects(model, peers);
+  subject_progress shown(progress, run_stage::npde, model.subjects(), peers);
+  peers.threads().for_each(static_cast<int>(own.size()), [&](int k, int) {
+    const int i = own[static_cast<std::size_t>(k)];
+    all.segment(places[static_cast<std::size_t>(i)], model.observations(i)) =
+        npde(model, i, theta, omega, settings.npde_samples, settings.seed);
+    shown.done_one();
+  });
+  peers.gather(all.data(), sizes);
+  std::vector<Eigen::VectorXd> result;
+  for (std::size_t i = 0; i < sizes.size(); ++i)
+    result.emplace_back(all.segment(places[i], sizes[i]));
   return result;
 }
 

@@ -67,8 +67,8 @@ std::optional<manifest> read_manifest(const std::string& text) {
   }
 }
 
-std::optional<manifest> manifest_of(const std::string& folder) {
-  const auto bytes = bytes_of((std::filesystem::path(folder) / manifest_name).string());
+std::optional<manifest> manifest_of(const std::string& folder, const file_access& files) {
+  const auto bytes = files((std::filesystem::path(folder) / manifest_name).string());
   return bytes ? read_manifest(*bytes) : std::nullopt;
 }
 

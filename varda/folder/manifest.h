@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "varda/support/files.h"
+
 namespace varda {
 
 inline constexpr const char* manifest_name = "manifest.json";
@@ -38,6 +40,7 @@ std::string manifest_text(const manifest& what);
 std::optional<manifest> read_manifest(const std::string& text);
 
 // That of a folder, nothing where it has none.
-std::optional<manifest> manifest_of(const std::string& folder);
+std::optional<manifest> manifest_of(const std::string& folder,
+                                    const file_access& files = read_from_disk);
 
 }  // namespace varda

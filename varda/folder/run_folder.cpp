@@ -16,6 +16,7 @@
 #include <system_error>
 
 #include "varda/support/digest.h"
+#include "varda/support/files.h"
 #include "varda/support/finding.h"
 
 namespace varda {
@@ -217,7 +218,7 @@ void run_folder::check_old(const std::string& task, const std::vector<std::strin
       refuse(fmt::format("it holds {}, which is not in the manifest of an earlier run", name),
              "choose another folder, or move the file away");
   for (const manifest::file& f : old_.files) {
-    const std::optional<std::string> bytes = bytes_of((path_ / f.name).string());
+    const std::optional<std::string> bytes = read_from_disk((path_ / f.name).string());
     if (bytes && !f.sha256.empty() && sha256(*bytes) != f.sha256)
       refuse(f.name + " was changed after the run that wrote it",
              "choose another folder, or move the file away");

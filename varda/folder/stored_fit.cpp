@@ -91,8 +91,9 @@ void read_results(const json& from, stored_fit& to) {
 
 }  // namespace
 
-std::string read_result(const std::string& folder, const manifest& about, const std::string& name) {
-  const std::optional<std::string> text = bytes_of((std::filesystem::path(folder) / name).string());
+std::string read_result(const std::string& folder, const manifest& about, const std::string& name,
+                        const file_access& files) {
+  const std::optional<std::string> text = files((std::filesystem::path(folder) / name).string());
   if (!text) throw no_results(folder, name + " is missing");
   for (const manifest::file& f : about.files)
     if (f.name == name && f.sha256 != sha256(*text))
@@ -100,15 +101,15 @@ std::string read_result(const std::string& folder, const manifest& about, const 
   return *text;
 }
 
-stored_fit read_stored_fit(const std::string& folder) {
+stored_fit read_stored_fit(const std::string& folder, const file_access& files) {
   stored_fit result;
   result.folder = folder;
   while (result.folder.size() > 1 && result.folder.back() == '/') result.folder.pop_back();
-  const std::optional<manifest> about = manifest_of(folder);
+  const std::optional<manifest> about = manifest_of(folder, files);
   if (!about) throw no_results(folder, "it has no manifest");
   result.about = *about;
   const std::string name = about->task + ".json";
-  const std::string text = read_result(folder, *about, name);
+  const std::string text = read_result(folder, *about, name, files);
   try {
     read_results(json::parse(text), result);
   } catch (const json::exception& error) {

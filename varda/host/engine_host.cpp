@@ -70,10 +70,20 @@ bool engine_host::stop_requested() noexcept {
   return stop_signal != 0;
 }
 
+// From then on every process has been asked itself.
+bool engine_host::note_stop(bool asked) {
+  if (asked) request_stop();
+  sv::globalstop = asked ? 1 : 0;
+  return asked;
+}
+
 bool engine_host::agree_on_stop() {
-  int asked = statsubs::host::stoprequested();
-  statsubs::host::checkforstop(asked);
-  return stopped();
+  return note_stop(current().peers_.any(stop_requested() || stopped()));
+}
+
+bool engine_host::share(Eigen::MatrixXd& by_subject) {
+  return !note_stop(current().peers_.gather(by_subject.data(), by_subject.rows(), by_subject.cols(),
+                                            stop_requested() || stopped()));
 }
 
 void engine_host::request_stop() noexcept {
@@ -81,13 +91,17 @@ void engine_host::request_stop() noexcept {
 }
 
 engine_host::engine_host(const population_model& model, const job& peers)
-    : density_(model), peers_(peers), scratch_(model) {
+    : density_(model),
+      peers_(peers),
+      scratch_(model),
+      costly_(model.specification().structure.name == equation_structure) {
   assert(the_host == nullptr);
   the_host = this;
   stop_signal = 0;
   sv::globalstop = 0;
-  gv::myid = peers.rank();
-  gv::numprocs = peers.size();
+  // Processes share subjects: each has the library to itself.
+  gv::myid = 0;
+  gv::numprocs = 1;
 
   const int effects = model.random_effects();
   eta_.setZero(effects);
@@ -155,15 +169,12 @@ void engine_host::install() {
   };
 
   table.stoprequested = [] { return static_cast<int>(stop_signal); };
-  table.checkforstop = [](int& flag) {
-    double asked = flag != 0 ? 1.0 : 0.0;
-    if (!current().alone_) current().peers_.sum(&asked, 1);
-    sv::globalstop = asked > 0.0 ? 1 : 0;
-  };
+  table.checkforstop = [](int& flag) { sv::globalstop = flag != 0 ? 1 : 0; };
   table.dran3 = [](int& state) { return current().uniform(state); };
-  table.globalvec = [](double* vector, const int& length) {
-    if (!current().alone_) current().peers_.sum(vector, length);
-  };
+
+  // The library's one process owns every subject.
+  table.globalvec = [](double*, const int&) {};
+  table.globalblups2 = [] {};
 
   table.packparameters1 = [](const double* theta, const double* omega, const double& sigma,
                              double* x, const int& leneta, int& count) {
@@ -375,8 +386,12 @@ void engine_host::evaluate_block(int n, const double* etas, double* f, double* s
   refresh_means();
   const Eigen::Map<const Eigen::MatrixXd> eta(etas, phi_.size(), n);
   block_phi_ = eta.colwise() + means_;
-  density_.predict(subject_, theta_.data(), block_phi_, block_predictions_, scratch_);
-  density_.of_data(subject_, theta_.data(), block_predictions_, block_objective_, block_score_);
+  if (costly_ && peers_.threads().size() > 1) {
+    evaluate_in_parts(n);
+  } else {
+    density_.predict(subject_, theta_.data(), block_phi_, block_predictions_, scratch_);
+    density_.of_data(subject_, theta_.data(), block_predictions_, block_objective_, block_score_);
+  }
   for (Eigen::Index j = 0; j < n; ++j) {
     f[j] = block_objective_(j) + prior_.negative_log(eta.col(j).data());
     scores[j] = block_score_(j);
@@ -386,16 +401,29 @@ void engine_host::evaluate_block(int n, const double* etas, double* f, double* s
   next_kept_ += n;
 }
 
-engine_host::solitude::solitude(engine_host& host) : host_(host) {
-  host_.alone_ = true;
-  gv::numprocs = 1;
-  gv::myid = 0;
-}
-
-engine_host::solitude::~solitude() {
-  host_.alone_ = false;
-  gv::numprocs = host_.peers_.size();
-  gv::myid = host_.peers_.rank();
+// An individual's figures do not depend on those that it is computed with.
+void engine_host::evaluate_in_parts(int n) {
+  constexpr int least_part = 16;
+  constexpr int parts_a_thread = 2;
+  const thread_team& threads = peers_.threads();
+  while (static_cast<int>(block_parts_.size()) < threads.size()) block_parts_.emplace_back(model());
+  // Whole multiples of what individuals are computed in together.
+  const int parts = parts_a_thread * threads.size();
+  const int size = std::max((n / parts + least_part - 1) / least_part, 1) * least_part;
+  block_predictions_.resize(n, model().observations(subject_));
+  block_objective_.resize(n);
+  block_score_.resize(n);
+  threads.for_each((n + size - 1) / size, [&](int part, int worker) {
+    block_part& own = block_parts_[static_cast<std::size_t>(worker)];
+    const int first = part * size;
+    const int count = std::min(size, n - first);
+    density_.predict(subject_, theta_.data(), block_phi_.middleCols(first, count), own.predictions,
+                     own.scratch);
+    density_.of_data(subject_, theta_.data(), own.predictions, own.objective, own.score);
+    block_predictions_.middleRows(first, count) = own.predictions;
+    block_objective_.segment(first, count) = own.objective;
+    block_score_.segment(first, count) = own.score;
+  });
 }
 
 void engine_host::place_points(const point_pass& pass, int subject, int samples) {

@@ -33,6 +33,8 @@ class engine_host {
   const population_model& model() const { return density_.model(); }
   const density& joint() const { return density_; }
   const job& peers() const { return peers_; }
+  // Whether an evaluation of the model takes so long that threads may share a few dozen.
+  bool model_is_costly() const { return costly_; }
 
   // Fixed effects, in the shared state: theta, sigmalchol, sigmasq.
   void set_theta(const Eigen::VectorXd& theta);
@@ -66,23 +68,14 @@ class engine_host {
     next_kept_ = from;
   }
 
-  // While this lives the library takes this process for the only one: each process then works on
-  // subjects of its own, and a stop is its own too until the processes agree on it.
-  class solitude {
-   public:
-    explicit solitude(engine_host& host);
-    ~solitude();
-    solitude(const solitude&) = delete;
-    solitude& operator=(const solitude&) = delete;
-
-   private:
-    engine_host& host_;
-  };
-
-  // A stop was asked for (interrupt) and every process knows it.
+  // A stop was asked for (interrupt) and has been seen. In the middle of a pass over subjects that
+  // is this process's own affair; at the end of each pass the processes agree.
   static bool stopped();
   // Has the processes agree whether one was; collective. The same as stopped() afterwards.
   static bool agree_on_stop();
+  // Makes what each process has of its own subjects, a column each, known to all. Collective. False
+  // when a stop was asked for, which the processes agree on here too.
+  static bool share(Eigen::MatrixXd& by_subject);
   // Whether this process alone has been asked.
   static bool stop_requested() noexcept;
   // To be called from a signal handler.
@@ -93,11 +86,13 @@ class engine_host {
   void allocate(int hessian_dimension);
   void evaluate(const double* eta, double& f);
   void evaluate_block(int n, const double* etas, double* f, double* scores);
+  void evaluate_in_parts(int n);
   void refresh_means();
   int sigma_position() const;
   double uniform(int& state) const;
 
   static engine_host& current();
+  static bool note_stop(bool asked);
 
   const density density_;
   const job& peers_;
@@ -121,11 +116,19 @@ class engine_host {
   Eigen::VectorXd means_theta_, means_;
   Eigen::VectorXd eta_, phi_;
 
+  // A block of random effects, and the part of one that a thread works on.
+  struct block_part {
+    explicit block_part(const population_model& model) : scratch(model) {}
+    density_workspace scratch;
+    Eigen::MatrixXd predictions;
+    Eigen::VectorXd objective, score;
+  };
+  bool costly_;
   Eigen::MatrixXd block_phi_, block_predictions_;
   Eigen::VectorXd block_objective_, block_score_;
+  std::vector<block_part> block_parts_;  // one for each thread, of a costly model
   Eigen::MatrixXd* kept_ = nullptr;
   Eigen::Index next_kept_ = 0;
-  bool alone_ = false;
 
   std::uint64_t stream_ = 0;
   std::int64_t evaluations_ = 0;

@@ -34,25 +34,26 @@ struct subject_integral {
 };
 
 // Integrates over the random effects of a subject (from 0) with observations, at the parameters in
-// force. `drawn` has the size of the samples wanted and receives them. Collective where samples are
-// shared among processes. False when a stop was asked for; the results are then of no use.
+// force. `drawn` has the size of the samples wanted and receives them. This process alone. False
+// when a stop was asked for; the results are then of no use.
 bool integrate(engine_host& host, int subject, const proposal& from, const point_pass& pass,
                weighted_samples& drawn, subject_integral& found);
 
 // Conditional mean and lower Cholesky factor of the conditional covariance of a subject from
-// samples of the population, whose number the setting `presamples` gives. Collective. False when a
-// stop was asked for.
+// samples of the population, whose number the setting `presamples` gives. This process alone. False
+// when a stop was asked for.
 bool presample(engine_host& host, int subject, const point_pass& pass, proposal& found);
 
 // The lower Cholesky factor of the conditional covariance that a mode's curvature stands for.
-// `hessian_factor`: lower Cholesky factor of the Hessian there, needed on the process that owns the
-// subject alone. Collective. False where the covariance is not positive definite.
+// `hessian_factor`: lower Cholesky factor of the Hessian there. This process alone. False where the
+// covariance is not positive definite.
 bool covariance_factor(engine_host& host, int subject, const Eigen::MatrixXd& hessian_factor,
                        Eigen::MatrixXd& factor);
 
 // The log-likelihood of a subject by adaptive Gauss-Hermite quadrature with `nodes` per random
 // effect about its mode, scaled by the curvature there. `placed` becomes false where the curvature
-// is of no use and omega places the grid. Collective. False when a stop was asked for. Throws
+// is of no use and omega places the grid. This process alone. False when a stop was asked for.
+// Throws
 // std::runtime_error when the nodes cannot be had.
 bool integrate_on_grid(engine_host& host, int subject, const Eigen::VectorXd& mode,
                        const Eigen::MatrixXd& hessian_factor, int nodes, double& log_likelihood,

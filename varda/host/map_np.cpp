@@ -37,10 +37,6 @@ bool map_np_start(engine_host& host, const map_np_steps& steps) {
     const double value = running->steps.fit_fixed_effects(eta_table(), gv::iflathess != 0);
     if (!std::isnan(value)) objective = value;
   };
-  table.globalblups2 = [] {
-    auto etas = eta_table();
-    running->host.peers().sum(etas.data(), static_cast<int>(etas.size()));
-  };
   Eigen::MatrixXd etas(host.model().random_effects(), host.model().subjects());
   statsubs::itmapnp(host.model().random_effects(), etas.data());
   // theta was moved through its shared storage; sigmalchol and sigmasq follow it.

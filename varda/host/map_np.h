@@ -10,8 +10,7 @@ namespace varda {
 
 // What the library's MAP-NP start-up asks of an engine.
 struct map_np_steps {
-  // Modes of the subjects that this process owns into `etas` (random effects x subjects), zero
-  // elsewhere; the sum of all objectives.
+  // Modes of all subjects into `etas` (random effects x subjects); the sum of all objectives.
   std::function<double(Eigen::Map<Eigen::MatrixXd> etas)> find_modes;
   // Fixed effects in the host that maximise the likelihood at these random effects; `near` says
   // that the ones in force are good already. The objective there; NaN where none are free.
@@ -22,11 +21,5 @@ struct map_np_steps {
 // that explain the subjects' modes; omega and the residual deviations keep their start values.
 // Collective. False when a stop was asked for.
 bool map_np_start(engine_host& host, const map_np_steps& steps);
-
-// Whether the process of this host owns a subject (from 0) in what the library shares by subjects:
-// subject i, from 1, belongs to the process mod(i, numprocs).
-inline bool owns(const engine_host& host, int subject) {
-  return (subject + 1) % host.peers().size() == host.peers().rank();
-}
 
 }  // namespace varda

@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "varda/host/scores.h"
 
+#include "statsubs/state/global_variables.h"
 #include "statsubs/stderr/checktight.h"
 #include "statsubs/stderr/stderromega.h"
 
 namespace varda {
+
+namespace gv = statsubs::global_variables;
 
 Eigen::MatrixXi packed_positions(const population_model& model) {
   const int effects = model.random_effects();

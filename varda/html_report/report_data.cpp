@@ -271,7 +271,7 @@ ordered_json model_of(const report_source& from) {
           {"structure", account.structure},
           {"individuals", account.individuals},
           {"observations", account.observations},
-          {"file", read_result(from.fit.folder, from.fit.about, "model.toml")}};
+          {"file", read_result(from.fit.folder, from.fit.about, "model-used.toml")}};
 }
 
 }  // namespace

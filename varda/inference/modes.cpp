@@ -12,7 +12,7 @@
 #include <cmath>
 #include <optional>
 
-#include "varda/host/map_np.h"
+#include "varda/host/subjects.h"
 #include "varda/inference/minimise.h"
 
 namespace varda {
@@ -20,6 +20,8 @@ namespace varda {
 namespace {
 
 constexpr int most_steps = 30;
+// About so many are made for a mode with few random effects.
+constexpr int evaluations_of_a_mode = 64;
 // Of the differences: in the coordinates at first, then in conditional standard deviations, where
 // truncation and rounding are both near 1e-7.
 constexpr double first_difference = 1e-2;
@@ -35,21 +37,44 @@ constexpr int most_halvings = 12;
 constexpr double search_step = 0.5;
 constexpr double search_precision = 1e-5;
 
+// The parameters in force, as all searches need them.
+struct search_parameters {
+  explicit search_parameters(const engine_host& host)
+      : joint(host.joint()),
+        theta(host.theta()),
+        omega(host.omega()),
+        prior(omega),
+        scale(omega.diagonal().cwiseSqrt()) {}
+  const density& joint;
+  Eigen::VectorXd theta;
+  Eigen::MatrixXd omega;
+  random_effect_density prior;
+  Eigen::VectorXd scale;
+};
+
+// One subject's negative log joint density; of one thread.
 class scaled_objective {
  public:
-  scaled_objective(engine_host& host, int subject)
-      : host_(host), subject_(subject), scale_(host.omega().diagonal().cwiseSqrt()) {}
+  scaled_objective(const search_parameters& at, int subject, worker_scratch& scratch)
+      : at_(at), subject_(subject), scratch_(scratch), means_(at.scale.size()) {
+    at.joint.model().means(subject, at.theta.data(), means_.data());
+  }
 
   double operator()(const Eigen::VectorXd& x) const {
-    const Eigen::VectorXd eta = x.cwiseProduct(scale_);
-    return host_.objective(subject_, eta.data());
+    const Eigen::VectorXd eta = x.cwiseProduct(at_.scale);
+    double squares = 0.0;
+    ++scratch_.evaluations;
+    return at_.joint.of_data(subject_, at_.theta.data(), means_ + eta, squares,
+                             scratch_.densities) +
+           at_.prior.negative_log(eta.data());
   }
-  const Eigen::VectorXd& scale() const { return scale_; }
+  const Eigen::VectorXd& scale() const { return at_.scale; }
 
  private:
-  engine_host& host_;
+  const search_parameters& at_;
   int subject_;
-  Eigen::VectorXd scale_;
+  worker_scratch& scratch_;
+  Eigen::VectorXd means_;
 };
 
 struct local_model {
@@ -128,50 +153,68 @@ scaled_mode search_without_derivatives(const scaled_objective& f) {
   return {lowest.x, lowest.value, curvature};
 }
 
-}  // namespace
-
-posterior_mode find_mode(engine_host& host, int subject) {
-  const scaled_objective f(host, subject);
+posterior_mode find_mode(const search_parameters& at, int subject, worker_scratch& scratch) {
+  const scaled_objective f(at, subject, scratch);
   const std::optional<scaled_mode> by_newton = newton_search(f);
   const scaled_mode found = by_newton ? *by_newton : search_without_derivatives(f);
   const Eigen::VectorXd inverse_scale = f.scale().cwiseInverse();
   Eigen::MatrixXd hessian = inverse_scale.asDiagonal() * found.hessian * inverse_scale.asDiagonal();
   const bool definite = is_positive_definite(hessian);
   if (!definite)
-    hessian = host.omega().llt().solve(
-        Eigen::MatrixXd::Identity(host.omega().rows(), host.omega().cols()));
+    hessian = at.omega.llt().solve(Eigen::MatrixXd::Identity(at.omega.rows(), at.omega.cols()));
   return {found.x.cwiseProduct(f.scale()), found.value, hessian.llt().matrixL(), definite};
+}
+
+}  // namespace
+
+posterior_mode find_mode(engine_host& host, int subject) {
+  worker_scratch scratch(host.model());
+  const posterior_mode found = find_mode(search_parameters(host), subject, scratch);
+  host.count_evaluations(scratch.evaluations);
+  return found;
+}
+
+std::vector<posterior_mode> find_own_modes(engine_host& host) {
+  const search_parameters at(host);
+  std::vector<posterior_mode> modes(static_cast<std::size_t>(host.model().subjects()));
+  scratch_of_workers scratch(host);
+  for_each_own_subject(host, evaluations_of_a_mode, [&](int i, int worker) {
+    if (engine_host::stop_requested()) return;
+    modes[static_cast<std::size_t>(i)] = find_mode(at, i, scratch[worker]);
+  });
+  host.count_evaluations(scratch.evaluations());
+  return modes;
 }
 
 mode_search find_every_mode(engine_host& host) {
   const population_model& model = host.model();
   const int effects = model.random_effects();
-  const Eigen::Index packed_size = effects * (effects + 1) / 2;
   mode_search found;
   found.modes.setZero(effects, model.subjects());
-  Eigen::VectorXd indefinite = Eigen::VectorXd::Zero(model.subjects());
-  Eigen::MatrixXd packed = Eigen::MatrixXd::Zero(packed_size, model.subjects());
-  for (int i = 0; i < model.subjects() && !engine_host::stop_requested(); ++i) {
-    if (!owns(host, i) || model.observations(i) == 0) continue;
-    const posterior_mode mode = find_mode(host, i);
-    found.modes.col(i) = mode.eta;
-    indefinite(i) = mode.definite ? 0.0 : 1.0;
-    int row_of_packed = 0;
-    for (int column = 0; column < effects; ++column)
-      for (int row = column; row < effects; ++row)
-        packed(row_of_packed++, i) = mode.factor(row, column);
+  // Whether the Hessian was indefinite, the mode and the factor's lower triangle.
+  Eigen::MatrixXd packed =
+      Eigen::MatrixXd::Zero(1 + effects + effects * (effects + 1) / 2, model.subjects());
+  {
+    const std::vector<posterior_mode> own = find_own_modes(host);
+    for (const int i : own_subjects(host)) {
+      const posterior_mode& mode = own[static_cast<std::size_t>(i)];
+      if (mode.eta.size() != effects) continue;  // a stop came first
+      packed(0, i) = mode.definite ? 0.0 : 1.0;
+      packed.col(i).segment(1, effects) = mode.eta;
+      int at = 1 + effects;
+      for (int column = 0; column < effects; ++column)
+        for (int row = column; row < effects; ++row) packed(at++, i) = mode.factor(row, column);
+    }
   }
-  if (engine_host::agree_on_stop()) return found;
-  host.peers().sum(found.modes.data(), static_cast<int>(found.modes.size()));
-  host.peers().sum(packed.data(), static_cast<int>(packed.size()));
-  host.peers().sum(indefinite.data(), static_cast<int>(indefinite.size()));
+  if (!engine_host::share(packed)) return found;
   for (int i = 0; i < model.subjects(); ++i) {
-    if (indefinite(i) > 0.0) found.indefinite.push_back(i);
+    if (packed(0, i) > 0.0) found.indefinite.push_back(i);
+    found.modes.col(i) = packed.col(i).segment(1, effects);
     Eigen::MatrixXd& factor =
         found.hessian_factors.emplace_back(Eigen::MatrixXd::Zero(effects, effects));
-    int row_of_packed = 0;
+    int at = 1 + effects;
     for (int column = 0; column < effects; ++column)
-      for (int row = column; row < effects; ++row) factor(row, column) = packed(row_of_packed++, i);
+      for (int row = column; row < effects; ++row) factor(row, column) = packed(at++, i);
   }
   found.complete = true;
   return found;

@@ -22,6 +22,10 @@ struct posterior_mode {
 // the objective cannot be differenced or Newton's method does not arrive.
 posterior_mode find_mode(engine_host& host, int subject);
 
+// Those of the subjects of this process that have observations, by subject, found by its threads;
+// not all of them after a stop.
+std::vector<posterior_mode> find_own_modes(engine_host& host);
+
 // Modes of all subjects, one a column, zero for a subject without observations. Subjects are shared
 // among the processes; every one ends with the same. Collective. Not complete when a stop was asked
 // for.

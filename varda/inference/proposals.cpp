@@ -4,6 +4,7 @@
 #include <Eigen/Cholesky>
 #include <cmath>
 
+#include "varda/host/subjects.h"
 #include "varda/inference/modes.h"
 
 namespace varda {
@@ -57,29 +58,61 @@ void proposals::follow(int subject, const Eigen::VectorXd& mean, const Eigen::Ma
   if (blended_lower.info() == Eigen::Success) factors_[at] = blended_lower.matrixL();
 }
 
+namespace {
+
+// Centres and factors that each process has found of its own subjects, a column each.
+struct own_proposals {
+  explicit own_proposals(const population_model& model)
+      : effects(model.random_effects()),
+        packed(Eigen::MatrixXd::Zero(1 + effects + Eigen::Index{effects} * effects,
+                                     model.subjects())) {}
+
+  void keep(int subject, bool known, const Eigen::VectorXd& centre, const Eigen::MatrixXd& factor) {
+    packed.col(subject) << (known ? 1.0 : 0.0), centre, factor.reshaped();
+  }
+  bool known(int subject) const { return packed(0, subject) != 0.0; }
+  Eigen::VectorXd centre(int subject) const { return packed.col(subject).segment(1, effects); }
+  Eigen::MatrixXd factor(int subject) const {
+    return packed.col(subject).tail(Eigen::Index{effects} * effects).reshaped(effects, effects);
+  }
+
+  int effects;
+  Eigen::MatrixXd packed;
+};
+
+}  // namespace
+
 bool propose_from_modes(engine_host& host, proposals& to) {
   const mode_search found = find_every_mode(host);
   if (!found.complete) return false;
-  for (int i = 0; i < host.model().subjects(); ++i) {
+  own_proposals own(host.model());
+  Eigen::MatrixXd factor(own.effects, own.effects);
+  for (const int i : own_subjects(host)) {
+    factor.setZero();
     const auto at = static_cast<std::size_t>(i);
-    Eigen::MatrixXd factor = host.omega().llt().matrixL();
-    if (host.model().observations(i) > 0 &&
-        !covariance_factor(host, i, found.hessian_factors[at], factor))
-      to.count_kept_factor();
-    to.set(i, found.modes.col(i), factor);
+    const bool known = covariance_factor(host, i, found.hessian_factors[at], factor);
+    own.keep(i, known, found.modes.col(i), factor);
+  }
+  if (!engine_host::share(own.packed)) return false;
+  const Eigen::MatrixXd population = host.omega().llt().matrixL();
+  for (int i = 0; i < host.model().subjects(); ++i) {
+    if (host.model().observations(i) > 0 && !own.known(i)) to.count_kept_factor();
+    to.set(i, found.modes.col(i), own.known(i) ? own.factor(i) : population);
   }
   return true;
 }
 
 bool propose_from_presamples(engine_host& host, proposals& to) {
+  own_proposals own(host.model());
   proposal found;
-  for (int i = 0; i < host.model().subjects(); ++i) {
-    found = {Eigen::VectorXd::Zero(host.omega().rows()), host.omega().llt().matrixL()};
-    if (host.model().observations(i) > 0 &&
-        !presample(host, i, {point_pass::purpose::presampling, 0}, found))
-      return false;
-    to.set(i, found.centre, found.factor);
+  for (const int i : own_subjects(host)) {
+    if (!presample(host, i, {point_pass::purpose::presampling, 0}, found)) break;
+    own.keep(i, true, found.centre, found.factor);
   }
+  if (!engine_host::share(own.packed)) return false;
+  const Eigen::MatrixXd population = host.omega().llt().matrixL();
+  for (int i = 0; i < host.model().subjects(); ++i)
+    to.set(i, own.centre(i), own.known(i) ? own.factor(i) : population);
   return true;
 }
 

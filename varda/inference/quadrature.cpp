@@ -10,6 +10,7 @@
 #include "statsubs/quadrature/agqgrid.h"
 #include "statsubs/quadrature/getghnodes.h"
 #include "varda/host/integration.h"
+#include "varda/host/subjects.h"
 #include "varda/inference/modes.h"
 
 namespace varda {
@@ -60,21 +61,27 @@ quadrature_estimate integrate_by_quadrature(engine_host& host, int nodes,
   const mode_search found = find_every_mode(host);
   if (!found.complete) return result;
 
+  Eigen::MatrixXd own = Eigen::MatrixXd::Zero(2, model.subjects());
+  double sum = 0.0;
+  int done = 0;
+  for (const int i : own_subjects(host)) {
+    const auto at = static_cast<std::size_t>(i);
+    bool placed = true;
+    if (!integrate_on_grid(host, i, found.modes.col(i), found.hessian_factors[at], nodes, own(0, i),
+                           placed))
+      break;
+    own(1, i) = placed ? 0.0 : 1.0;
+    sum -= 2.0 * own(0, i);
+    done = std::min(done + host.peers().size(), model.subjects());
+    progress(
+        {.stage = run_stage::quadrature, .step = done, .of = model.subjects(), .minus2ll = sum});
+  }
+  if (!engine_host::share(own)) return result;
   for (int i = 0; i < model.subjects(); ++i) {
-    if (model.observations(i) > 0) {
-      const auto at = static_cast<std::size_t>(i);
-      bool placed = true;
-      if (!integrate_on_grid(host, i, found.modes.col(i), found.hessian_factors[at], nodes,
-                             result.log_likelihoods[at], placed))
-        return result;
-      const bool indefinite = std::count(found.indefinite.begin(), found.indefinite.end(), i) > 0;
-      if (!placed || indefinite) result.placed_by_omega.push_back(i);
-      result.minus2ll -= 2.0 * result.log_likelihoods[at];
-    }
-    progress({.stage = run_stage::quadrature,
-              .step = i + 1,
-              .of = model.subjects(),
-              .minus2ll = result.minus2ll});
+    result.log_likelihoods[static_cast<std::size_t>(i)] = own(0, i);
+    const bool indefinite = std::count(found.indefinite.begin(), found.indefinite.end(), i) > 0;
+    if (own(1, i) != 0.0 || indefinite) result.placed_by_omega.push_back(i);
+    result.minus2ll -= 2.0 * own(0, i);
   }
   result.complete = true;
   return result;

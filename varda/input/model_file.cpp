@@ -57,17 +57,18 @@ void raise_samples(const std::string& key, int& samples, const std::string& path
 }  // namespace
 
 model_specification read_model_file(const std::string& path, findings& warnings,
-                                    const setting_overrides& overrides) {
+                                    const setting_overrides& overrides,
+                                    const file_access& text_of) {
   model_specification file;
   file.path = path;
-  section root = section::of_file(path);
+  section root = section::of_file(path, text_of);
   file.title = root.text("title").value_or("");
   read_data(root.needed_table("data", "the data set"), file);
 
   section model = root.needed_table("model", "the structural model");
   const section parameters = root.needed_table("parameters", "the parameters of the model");
   file.structure.equations.parameters = parameters.keys();
-  read_structure(std::move(model), file);
+  read_structure(std::move(model), text_of, file);
   read_parameters(parameters, file);
   read_omega(root.needed_table("omega", "the variances of the random effects"), file);
   read_residual(root.needed_table("residual", "the residual error"), file);

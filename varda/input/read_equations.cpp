@@ -59,11 +59,11 @@ solver_settings read_solver(section from) {
 // Refuses what the formulas call by a name that no column of the data set has. A data set that
 // cannot be read is refused where it is read.
 void check_columns(const std::vector<std::string>& covariates, const model_specification& file,
-                   const std::vector<formula_error>& places) {
+                   const std::vector<formula_error>& places, const file_access& text_of) {
   std::vector<std::string> columns;
   try {
     findings refused_rows;
-    columns = read_csv(file.data.file, refused_rows).header;
+    columns = read_csv(file.data.file, refused_rows, text_of).header;
   } catch (const bad_input&) {
     return;
   }
@@ -106,7 +106,7 @@ std::vector<formula_error> places_of(const std::vector<std::string>& covariates,
 
 }  // namespace
 
-void read_equations(section& from, model_specification& file) {
+void read_equations(section& from, const file_access& text_of, model_specification& file) {
   const bool system = file.structure.name == equation_structure;
   equation_text& text = file.structure.equations;
   const bool short_form = !system && from.has("prediction");
@@ -141,7 +141,7 @@ void read_equations(section& from, model_specification& file) {
       if (model->models_rate(c)) file.data.modelled_rate.push_back(c);
       if (model->models_duration(c)) file.data.modelled_duration.push_back(c);
     }
-    check_columns(model->covariates(), file, places_of(model->covariates(), text));
+    check_columns(model->covariates(), file, places_of(model->covariates(), text), text_of);
   } catch (const formula_error& e) {
     const bool top = short_form && e.section == "outputs";
     const section place = top ? from : *from.table(e.section);

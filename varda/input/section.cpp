@@ -6,7 +6,6 @@
 #include <toml++/toml.h>
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
 #include <utility>
 
 namespace varda {
@@ -39,14 +38,15 @@ std::vector<double> finite_numbers(const toml::node& list) {
   return all;
 }
 
-toml::table parse(const std::string& path) {
-  if (!std::filesystem::is_regular_file(path))
+toml::table parse(const std::string& path, const file_access& text_of) {
+  const std::optional<std::string> text = text_of(path);
+  if (!text)
     throw bad_input({.code = "E-MODEL-FILE",
                      .message = "the model file cannot be opened",
                      .remedy = "check its name",
                      .file = path});
   try {
-    return toml::parse_file(path);
+    return toml::parse(*text, path);
   } catch (const toml::parse_error& error) {
     throw bad_input({.code = "E-MODEL-SYNTAX",
                      .message = std::string(error.description()),
@@ -62,8 +62,8 @@ toml::table parse(const std::string& path) {
 section::section(std::shared_ptr<const source> from, std::string path)
     : source_(std::move(from)), path_(std::move(path)) {}
 
-section section::of_file(const std::string& path) {
-  const auto document = std::make_shared<const toml::table>(parse(path));
+section section::of_file(const std::string& path, const file_access& text_of) {
+  const auto document = std::make_shared<const toml::table>(parse(path, text_of));
   return section(std::make_shared<const source>(source{path, document, document.get()}), "");
 }
 

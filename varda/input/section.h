@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "varda/model/words.h"
+#include "varda/support/files.h"
 #include "varda/support/finding.h"
 
 namespace varda {
@@ -18,7 +19,7 @@ namespace varda {
 class section {
  public:
   // The root table of a file; throws bad_input when it cannot be read as TOML.
-  static section of_file(const std::string& path);
+  static section of_file(const std::string& path, const file_access& text_of);
 
   bad_input error(const std::string& code, const std::string& key, const std::string& message,
                   const std::string& remedy) const;

@@ -12,6 +12,7 @@ namespace varda {
 namespace {
 
 constexpr int many = 1000000;
+constexpr int most_threads = 1024;
 // Seeds are only hashed, so that any whole number would do.
 constexpr int largest_seed = 2147483647;
 
@@ -98,6 +99,8 @@ const std::vector<setting>& every_setting() {
        word(&settings::likelihood)},
       {"agq_nodes", "quadrature nodes per random effect",
        whole_number_setting{&settings::agq_nodes, 1, statsubs::most_ghnodes}},
+      {"threads", "threads of each process",
+       whole_number_setting{&settings::threads, 1, most_threads, true}, false},
   };
   return rows;
 }

@@ -45,6 +45,7 @@ struct setting {
   std::string name;     // the key
   std::string meaning;  // in a few words of Markdown
   std::variant<whole_number_setting, number_setting, flag_setting, word_setting> kind;
+  bool decides_results = true;  // false: the same results come whatever it says
 };
 
 // In the order in which they are read and reported.

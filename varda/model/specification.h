@@ -187,6 +187,7 @@ struct estimation_settings {
   int likelihood_samples = 0;  // points a subject for it; 0: varda chooses
   likelihood_kind likelihood = likelihood_kind::sampling;
   int agq_nodes = 11;  // per random effect
+  int threads = 0;     // of each process; 0: its share of the cores
 };
 
 // Those of all occasions counted: the Sobol sequence and the quadrature's grid have no more

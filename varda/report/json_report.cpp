@@ -6,6 +6,7 @@
 #include "varda/model/words.h"
 #include "varda/report/check_report.h"
 #include "varda/report/reports.h"
+#include "varda/support/commit.h"
 #include "varda/version.h"
 
 namespace varda {
@@ -229,8 +230,9 @@ ordered_json quadrature(const fit_result& result) {
 ordered_json settings(const population_model& model) {
   ordered_json entry;
   for (const setting& row : every_setting())
-    entry[row.name] = std::visit([](const auto& value) { return ordered_json(value); },
-                                 value_of(row, model.specification().estimation));
+    if (row.decides_results)
+      entry[row.name] = std::visit([](const auto& value) { return ordered_json(value); },
+                                   value_of(row, model.specification().estimation));
   return entry;
 }
 
@@ -334,7 +336,7 @@ std::string json_report(const population_model& model, const fit_result& result)
   if (!result.starts.empty()) report["starts"] = starts(model, result);
   report["warnings"] = to_json(result.warnings);
   report["settings"] = settings(model);
-  report["versions"] = {{"varda", version}};
+  report["versions"] = {{"varda", version}, {"commit", commit()}};
   return report.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
 }
 
@@ -344,6 +346,7 @@ std::string run_json(const fit_result& result, const std::vector<std::string>& c
   report["command"] = command;
   report["versions"] = {{"varda", version}, {"compiler", compiler}};
   report["processes"] = result.processes;
+  report["threads"] = result.threads;
   report["evaluations"] = result.evaluations;
   report["seconds"] = {{"start", result.times.start},
                        {"iterations", result.times.iterations},

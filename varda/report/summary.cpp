@@ -298,12 +298,20 @@ void write_starts(sink out, const fit_result& result) {
   fmt::format_to(out, "  Start 0 has the stated values.\n");
 }
 
-void write_times(sink out, const timings& t) {
-  const std::string text = fmt::format(
+std::string plural(int count, const char* one, const char* several) {
+  return fmt::format("{} {}", count, count == 1 ? one : several);
+}
+
+void write_times(sink out, const fit_result& result) {
+  const timings& t = result.times;
+  std::string text = fmt::format(
       "Time: start {:.3f} s, iterations {:.3f} s, likelihood {:.3f} s, quadrature {:.3f} s, "
-      "standard "
-      "errors {:.3f} s, diagnostics {:.3f} s, total {:.3f} s",
-      t.start, t.iterations, t.likelihood, t.quadrature, t.standard_errors, t.diagnostics, t.total);
+      "standard errors {:.3f} s, diagnostics {:.3f} s, total {:.3f} s; {}, {}",
+      t.start, t.iterations, t.likelihood, t.quadrature, t.standard_errors, t.diagnostics, t.total,
+      plural(result.processes, "process", "processes"),
+      plural(result.threads, "thread", "threads"));
+  if (result.processes > 1) text += " each";
+  if (!result.why_one_thread.empty()) text += ": " + result.why_one_thread;
   fmt::format_to(out, "\n{}\n", wrapped(text, 2));
 }
 
@@ -332,7 +340,7 @@ std::string summary(const population_model& model, const fit_result& result) {
   write_starts(out, result);
   for (const finding& w : result.warnings) fmt::format_to(out, "\n{}\n", to_lines(w));
   write_source(out, model, result);
-  write_times(out, result.times);
+  write_times(out, result);
   return text;
 }
 

@@ -17,9 +17,12 @@ void diagnose(const population_model& model, const job& peers, const progress_li
   result.effects = random_effect_figures_of(model, result.omega, result.likelihood);
   result.sampler = sampler_health_of(model, result.likelihood, result.health);
   if (!result.likelihood.complete) return;
-  for (int i = 0; i < model.subjects(); ++i)
-    result.predictions.push_back(predictions_of(
-        model, i, result.theta, result.likelihood.subjects[static_cast<std::size_t>(i)].mean));
+  result.predictions.resize(static_cast<std::size_t>(model.subjects()));
+  peers.threads().for_each(model.subjects(), [&](int i, int) {
+    const auto at = static_cast<std::size_t>(i);
+    result.predictions[at] =
+        predictions_of(model, i, result.theta, result.likelihood.subjects[at].mean);
+  });
   result.npde = npde(model, result.theta, result.omega, peers, progress);
 }
 

@@ -100,7 +100,9 @@ struct fit_result {
 
   timings times;
   int processes = 1;
-  long long evaluations = 0;  // of the model, by this process
+  int threads = 1;             // of each
+  std::string why_one_thread;  // empty where there are more
+  long long evaluations = 0;   // of the model, by this process
 };
 
 }  // namespace varda

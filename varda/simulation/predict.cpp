@@ -26,8 +26,7 @@ struct weighted_draw {
 class conditional_sampler {
  public:
   conditional_sampler(const population_model& model, int subject, const parameter_values& at)
-      : model_(model),
-        subject_(subject),
+      : subject_(subject),
         at_(at),
         joint_(model),
         prior_(at.omega),
@@ -80,10 +79,7 @@ class conditional_sampler {
     return result;
   }
 
-  const Eigen::VectorXd& mu() const { return mu_; }
-
  private:
-  const population_model& model_;
   int subject_;
   const parameter_values& at_;
   density joint_;

@@ -4,7 +4,9 @@
 #include <Eigen/Cholesky>
 #include <Eigen/Eigenvalues>
 #include <algorithm>
+#include <cmath>
 #include <limits>
+#include <optional>
 
 #include "varda/simulation/threads.h"
 
@@ -30,17 +32,31 @@ subject_simulator::subject_simulator(const population_model& model, int subject,
   model.means(subject, theta_.data(), mu_.data());
 }
 
-void subject_simulator::simulate(deviates& draw, Eigen::VectorXd& f, Eigen::VectorXd& y) {
-  Eigen::VectorXd z(mu_.size());
-  for (double& value : z) value = draw.normal();
-  const Eigen::VectorXd phi = mu_ + factor_ * z;
-  joint_.predict(subject_, theta_.data(), phi, predictions_, scratch_);
-  f = predictions_.transpose();
-  y.resize(f.size());
+void subject_simulator::simulate(int count, const std::function<deviates&(int)>& stream,
+                                 Eigen::MatrixXd& f, Eigen::MatrixXd& y) {
+  constexpr int block = 256;  // individuals whose predictions are made at once
   const auto& observed = model_.data().subjects[static_cast<std::size_t>(subject_)].observations;
-  for (Eigen::Index j = 0; j < f.size(); ++j)
-    y(j) = model_.observed().simulated(observed[static_cast<std::size_t>(j)], f(j), draw.normal(),
-                                       theta_.data());
+  const auto n = static_cast<Eigen::Index>(observed.size());
+  f.resize(n, count);
+  y.resize(n, count);
+  Eigen::VectorXd z(mu_.size());
+  Eigen::MatrixXd predictions;
+  for (int begin = 0; begin < count; begin += block) {
+    const int size = std::min(block, count - begin);
+    Eigen::MatrixXd phi(mu_.size(), size);
+    for (int k = 0; k < size; ++k) {
+      deviates& draw = stream(begin + k);
+      for (double& value : z) value = draw.normal();
+      phi.col(k) = mu_ + factor_ * z;
+      for (double& value : y.col(begin + k)) value = draw.normal();
+    }
+    joint_.predict(subject_, theta_.data(), phi, predictions, scratch_);
+    f.middleCols(begin, size) = predictions.transpose();
+  }
+  for (Eigen::Index k = 0; k < count; ++k)
+    for (Eigen::Index j = 0; j < n; ++j)
+      y(j, k) = model_.observed().simulated(observed[static_cast<std::size_t>(j)], f(j, k), y(j, k),
+                                            theta_.data());
 }
 
 namespace {
@@ -52,26 +68,27 @@ simulated_subject simulate_subject(const population_model& model, int subject,
   result.individual.resize(model.observations(subject), plan.replicates);
   result.values.resize(model.observations(subject), plan.replicates);
   if (model.observations(subject) == 0) return result;
-  Eigen::VectorXd f;
-  Eigen::VectorXd y;
-  const auto take = [&](subject_simulator& from, int replicate) {
-    deviates draw({plan.seed, static_cast<int>(stream::individuals), subject, replicate});
-    from.simulate(draw, f, y);
-    const double unknown = std::numeric_limits<double>::quiet_NaN();
-    for (double* value = y.data(); value != y.data() + y.size(); ++value)
-      if (!std::isfinite(*value)) *value = unknown;
-    result.individual.col(replicate) = f;
-    result.values.col(replicate) = y;
+  std::optional<deviates> draw;
+  const auto stream_of = [&](int replicate) -> deviates& {
+    return draw.emplace(std::initializer_list<int>{plan.seed, static_cast<int>(stream::individuals),
+                                                   subject, replicate});
   };
   if (parameters.size() == 1) {
-    subject_simulator all(model, subject, parameters.front());
-    for (int r = 0; r < plan.replicates; ++r) take(all, r);
+    subject_simulator(model, subject, parameters.front())
+        .simulate(plan.replicates, stream_of, result.individual, result.values);
   } else {
+    Eigen::MatrixXd f;
+    Eigen::MatrixXd y;
     for (int r = 0; r < plan.replicates; ++r) {
       subject_simulator one(model, subject, parameters[static_cast<std::size_t>(r)]);
-      take(one, r);
+      one.simulate(
+          1, [&](int) -> deviates& { return stream_of(r); }, f, y);
+      result.individual.col(r) = f;
+      result.values.col(r) = y;
     }
   }
+  for (double& value : result.values.reshaped())
+    if (!std::isfinite(value)) value = std::numeric_limits<double>::quiet_NaN();
   return result;
 }
 

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <Eigen/Core>
+#include <functional>
 #include <vector>
 
 #include "varda/model/density.h"
@@ -29,10 +30,12 @@ class subject_simulator {
   // `model` outlives it.
   subject_simulator(const population_model& model, int subject, const parameter_values& at);
 
-  // Of one more individual: the predictions `f` of the subject's observations and the values `y`
-  // with residual error; not finite where the model cannot be evaluated. Draws a deviate for each
-  // random effect, then one for each observation.
-  void simulate(deviates& draw, Eigen::VectorXd& f, Eigen::VectorXd& y);
+  // `count` individuals more: predictions `f` and values `y` with residual error, observations x
+  // individuals; not finite where the model cannot be evaluated. Individual k draws from stream(k)
+  // a deviate for each random effect and then one for each observation, in the order of k.
+  // Predictions are made of many at once.
+  void simulate(int count, const std::function<deviates&(int)>& stream, Eigen::MatrixXd& f,
+                Eigen::MatrixXd& y);
 
  private:
   const population_model& model_;
@@ -42,7 +45,6 @@ class subject_simulator {
   Eigen::MatrixXd factor_;
   density joint_;
   density_workspace scratch_;
-  Eigen::MatrixXd predictions_;
 };
 
 struct simulation_plan {

@@ -4,8 +4,6 @@
 #include <array>
 #include <bit>
 #include <cstdint>
-#include <fstream>
-#include <iterator>
 
 namespace varda {
 
@@ -80,14 +78,6 @@ std::string sha256(std::string_view bytes) {
   for (const word w : hash)
     for (unsigned shift = 32; shift > 0; shift -= 4)
       text += "0123456789abcdef"[w >> (shift - 4) & 0xfU];
-  return text;
-}
-
-std::optional<std::string> bytes_of(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) return std::nullopt;
-  std::string text{std::istreambuf_iterator<char>(file), {}};
-  if (file.bad()) return std::nullopt;
   return text;
 }
 

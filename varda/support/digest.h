@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -9,8 +8,5 @@ namespace varda {
 
 // SHA-256 (FIPS 180-4) as 64 hexadecimal digits.
 std::string sha256(std::string_view bytes);
-
-// The bytes of a file, or nothing where it cannot be read.
-std::optional<std::string> bytes_of(const std::string& path);
 
 }  // namespace varda

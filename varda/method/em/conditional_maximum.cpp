@@ -18,27 +18,19 @@ constexpr double newton_reach = 0.2;
 
 }  // namespace
 
-conditional_maximum::conditional_maximum(const density& joint,
+conditional_maximum::conditional_maximum(engine_host& host,
                                          const std::vector<resampled_points>& drawn,
                                          const Eigen::VectorXd& theta,
                                          const std::vector<int>& positions)
-    : joint_(joint),
-      scratch_(joint.model()),
+    : host_(host),
+      scratch_(host),
       positions_(positions),
       drawn_(drawn),
-      predictions_(drawn.size()) {
+      predictions_(drawn.size()),
+      predicted_at_(theta) {
   for (const int position : positions_)
-    if (joint.model().thetas()[static_cast<std::size_t>(position)].moves_predictions())
+    if (host.model().thetas()[static_cast<std::size_t>(position)].moves_predictions())
       moving_.push_back(position);
-  predict(theta);
-}
-
-void conditional_maximum::predict(const Eigen::VectorXd& theta) {
-  for (int i = 0; i < joint_.model().subjects(); ++i) {
-    const auto at = static_cast<std::size_t>(i);
-    joint_.predict(i, theta.data(), drawn_[at].phi, predictions_[at], scratch_);
-  }
-  predicted_at_ = theta;
 }
 
 bool conditional_maximum::predictions_hold(const Eigen::VectorXd& theta) const {
@@ -47,22 +39,33 @@ bool conditional_maximum::predictions_hold(const Eigen::VectorXd& theta) const {
 }
 
 double conditional_maximum::objective(const Eigen::VectorXd& theta) {
-  if (!predictions_hold(theta)) predict(theta);
-  double total = 0.0;
-  Eigen::VectorXd values;
-  Eigen::VectorXd squares;
-  for (int i = 0; i < joint_.model().subjects(); ++i) {
+  const bool hold = predictions_hold(theta);
+  Eigen::MatrixXd by_subject = Eigen::MatrixXd::Zero(1, host_.model().subjects());
+  const int points = host_.model().specification().estimation.resamples;
+  for_each_own_subject(host_, points, [&](int i, int worker) {
     const auto at = static_cast<std::size_t>(i);
-    joint_.of_data(i, theta.data(), predictions_[at], values, squares);
+    Eigen::MatrixXd& predictions = predictions_[at];
+    if (!hold || predictions.size() == 0)
+      host_.joint().predict(i, theta.data(), drawn_[at].phi, predictions,
+                            scratch_[worker].densities);
+    Eigen::VectorXd values;
+    Eigen::VectorXd squares;
+    host_.joint().of_data(i, theta.data(), predictions, values, squares);
     const Eigen::VectorXd& weights = drawn_[at].weights;
+    double sum = 0.0;
     for (Eigen::Index point = 0; point < weights.size(); ++point)
-      total += weights(point) * values(point);
-  }
+      sum += weights(point) * values(point);
+    by_subject(0, i) = sum;
+  });
+  predicted_at_ = theta;
+  engine_host::share(by_subject);
+  double total = 0.0;
+  for (const double value : by_subject.reshaped()) total += value;
   return total;
 }
 
 std::vector<int> conditional_maximum::move(Eigen::VectorXd& theta) {
-  const theta_search search(joint_.model(), theta, positions_);
+  const theta_search search(host_.model(), theta, positions_);
   const auto value = [&](const Eigen::VectorXd& x) { return objective(search.theta_at(x)); };
   if (!moving_.empty())
     if (const auto step = search.newton_step(value, newton_difference, newton_reach)) {

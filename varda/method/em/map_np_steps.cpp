@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "varda/host/map_np.h"
+#include "varda/host/subjects.h"
 #include "varda/inference/modes.h"
 #include "varda/method/em/theta_search.h"
 
@@ -12,26 +13,16 @@ namespace varda {
 
 namespace {
 
-bool is_own(const engine_host& host, int subject) {
-  return owns(host, subject) && host.model().observations(subject) > 0;
-}
-
-// The sum over the subjects in their order, from what each process holds of its own.
-double sum_over_subjects(const engine_host& host, Eigen::VectorXd& own) {
-  host.peers().sum(own.data(), static_cast<int>(own.size()));
-  return own.sum();
-}
-
 double find_modes(engine_host& host, Eigen::Map<Eigen::MatrixXd> etas) {
-  Eigen::VectorXd own = Eigen::VectorXd::Zero(host.model().subjects());
-  etas.setZero();
-  for (int i = 0; i < host.model().subjects(); ++i) {
-    if (!is_own(host, i)) continue;
-    const posterior_mode found = find_mode(host, i);
-    etas.col(i) = found.eta;
-    own(i) = found.objective;
+  Eigen::MatrixXd packed = Eigen::MatrixXd::Zero(1 + etas.rows(), etas.cols());
+  const std::vector<posterior_mode> own = find_own_modes(host);
+  for (const int i : own_subjects(host)) {
+    const posterior_mode& mode = own[static_cast<std::size_t>(i)];
+    if (mode.eta.size() == etas.rows()) packed.col(i) << mode.objective, mode.eta;
   }
-  return sum_over_subjects(host, own);
+  engine_host::share(packed);
+  etas = packed.bottomRows(etas.rows());
+  return packed.row(0).sum();
 }
 
 // The residual deviations stay.
@@ -44,15 +35,26 @@ double fit_fixed_effects(engine_host& host, const Eigen::Map<Eigen::MatrixXd>& e
   }
   if (positions.empty()) return std::numeric_limits<double>::quiet_NaN();
   theta_search search(host.model(), host.theta(), positions);
+  const random_effect_density prior(host.omega());
+  scratch_of_workers scratch(host);
   const auto value = [&](const Eigen::VectorXd& x) {
-    host.set_theta(search.theta_at(x));
-    Eigen::VectorXd own = Eigen::VectorXd::Zero(host.model().subjects());
-    for (int i = 0; i < host.model().subjects(); ++i)
-      if (is_own(host, i)) own(i) = host.objective(i, etas.col(i).data());
-    return sum_over_subjects(host, own);
+    const Eigen::VectorXd theta = search.theta_at(x);
+    Eigen::MatrixXd own = Eigen::MatrixXd::Zero(1, host.model().subjects());
+    for_each_own_subject(host, 1, [&](int i, int worker) {
+      Eigen::VectorXd phi(etas.rows());
+      host.model().means(i, theta.data(), phi.data());
+      phi += etas.col(i);
+      double squares = 0.0;
+      ++scratch[worker].evaluations;
+      own(0, i) = host.joint().of_data(i, theta.data(), phi, squares, scratch[worker].densities) +
+                  prior.negative_log(etas.col(i).data());
+    });
+    engine_host::share(own);
+    return own.row(0).sum();
   };
   const minimum best = search.minimise(value, near ? 0.05 : 0.3, 1e-5);
   host.set_theta(search.theta_at(best.x));
+  host.count_evaluations(scratch.evaluations());
   return best.value;
 }
 

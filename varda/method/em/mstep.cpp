@@ -40,7 +40,7 @@ maximisation_step::outcome maximisation_step::update(const e_step& found,
     update_residual(found, theta);
   else
     for (const int position :
-         conditional_maximum(host_.joint(), drawn, host_.theta(), numerical_).move(theta))
+         conditional_maximum(host_, drawn, host_.theta(), numerical_).move(theta))
       result.held_by_bounds.push_back(position);
 
   if (!freeze_omega) result.omega_is_sound = update_omega(found, moved);

@@ -39,7 +39,7 @@ class maximisation_step {
     }
   };
 
-  // `drawn`: by subject, where not every update has a closed form.
+  // `drawn`: by subject of this process, where not every update has a closed form. Collective.
   outcome update(const e_step& found, const std::vector<resampled_points>& drawn, proposals& follow,
                  bool freeze_omega) const;
 

@@ -17,7 +17,7 @@ struct resampled_points {
 // Which samples are drawn changes by leaps as the weights change, and an EM map that leaps never
 // comes to rest. While sample j stands for the same point of the sequence in every iteration, the
 // choice made for a subject is therefore kept, each sample weighted by how its weight has changed
-// since, until that weighting has become uneven.
+// since, until that weighting has become uneven. Each process chooses for its own subjects.
 class resampler {
  public:
   resampler() = default;

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <cmath>
+#include <vector>
 
-#include "varda/host/map_np.h"
+#include "varda/host/subjects.h"
 #include "varda/method/newton/limits.h"
 #include "varda/method/newton/newton.h"
 
@@ -26,9 +27,11 @@ bool newton_method::look_widely(run_state& state, const draw_measure& found, boo
   const parameter_values at(state.theta, state.omega);
   const Eigen::Index d = model.random_effects();
   Eigen::MatrixXd packed = Eigen::MatrixXd::Zero(1 + d + d * d, model.subjects());
-  mode_finder finder(host_.joint());
-  for (int i = 0; i < model.subjects() && !engine_host::stop_requested(); ++i) {
-    if (!owns(host_, i) || model.observations(i) == 0) continue;
+  std::vector<mode_finder> finders;
+  for (int w = 0; w < host_.peers().threads().size(); ++w) finders.emplace_back(host_.joint());
+  for_each_own_subject(host_, population_points, [&](int i, int worker) {
+    if (engine_host::stop_requested()) return;
+    mode_finder& finder = finders[static_cast<std::size_t>(worker)];
     const auto own = static_cast<std::size_t>(i);
     const Eigen::MatrixXd far = population_samples(host_, i, population_points, at);
     const Eigen::VectorXd data = finder.log_data(i, far, at);
@@ -64,20 +67,15 @@ bool newton_method::look_widely(run_state& state, const draw_measure& found, boo
       packed.col(i) << 2.0, mode.usable && sick ? mode.phi : mu,
           (mode.usable && sick ? Eigen::MatrixXd(4.0 * mode.covariance) : state.omega).reshaped();
     }
-  }
-  // The mixture has found samples that its main component misses: a mode near them.
-  for (int i = 0; i < model.subjects() && !engine_host::stop_requested(); ++i) {
-    const auto own = static_cast<std::size_t>(i);
+    // The mixture has found samples that its main component misses: a mode near them.
     const subject_measure& m = found.subjects[own];
-    if (!owns(host_, i) || model.observations(i) == 0 || !is_sick(m) || packed(0, i) > 0.0 ||
-        m.mean.size() != d || !m.mean.allFinite())
-      continue;
+    if (!is_sick(m) || packed(0, i) > 0.0 || m.mean.size() != d || !m.mean.allFinite()) return;
     const normal_posterior mode = finder.search(i, m.mean, at);
     if (mode.usable) packed.col(i) << 1.0, mode.phi, mode.covariance.reshaped();
-  }
-  host_.count_evaluations(finder.evaluations());
+  });
+  for (const mode_finder& finder : finders) host_.count_evaluations(finder.evaluations());
   if (host_.agree_on_stop()) return false;
-  host_.peers().sum(packed.data(), static_cast<int>(packed.size()));
+  host_.peers().gather(packed.data(), packed.rows(), packed.cols());
   changed = false;
   for (int i = 0; i < model.subjects(); ++i) {
     if (packed(0, i) < 0.5) continue;

@@ -11,7 +11,7 @@
 #include <cmath>
 #include <limits>
 
-#include "varda/host/map_np.h"
+#include "varda/host/subjects.h"
 #include "varda/method/newton/limits.h"
 
 namespace varda {
@@ -148,16 +148,11 @@ bool newton_method::draw(const run_state& state, const point_pass& pass, int sam
   drawn.subjects.assign(static_cast<std::size_t>(model.subjects()), {});
   drawn.theta = host_.theta();
   drawn.groups = groups;
-  {
-    const engine_host::solitude alone(host_);
-    for (int i = 0; i < model.subjects(); ++i) {
-      if ((i + 1) % host_.peers().size() != host_.peers().rank() || model.observations(i) == 0)
-        continue;
-      const auto at = static_cast<std::size_t>(i);
-      if (!draw_subject(host_, i, state.newton.proposals[at], pass, samples, groups,
-                        drawn.subjects[at]))
-        break;
-    }
+  for (const int i : own_subjects(host_)) {
+    const auto at = static_cast<std::size_t>(i);
+    if (!draw_subject(host_, i, state.newton.proposals[at], pass, samples, groups,
+                      drawn.subjects[at]))
+      break;
   }
   return !host_.agree_on_stop();
 }
@@ -178,17 +173,22 @@ draw_measure newton_method::measure(const whole_draw& drawn, const Eigen::Vector
   const Eigen::Index groups = drawn.groups;
   const Eigen::Index figures = wanted == detail::value ? 2 : 9 + p + 2 * p * p + groups;
   Eigen::MatrixXd packed = Eigen::MatrixXd::Zero(figures, model.subjects());
-  subject_sampler sampler(host_.joint(), scale_);
-  std::int64_t evaluations = 0;
-  for (int i = 0; i < model.subjects(); ++i) {
+  struct worker_of_measure {
+    subject_sampler sampler;
+    std::int64_t evaluations;
+  };
+  std::vector<worker_of_measure> workers;
+  for (int w = 0; w < host_.peers().threads().size(); ++w)
+    workers.push_back({subject_sampler(host_.joint(), scale_), 0});
+  for_each_own_subject(host_, verdict_samples, [&](int i, int w) {
     const auto own = static_cast<std::size_t>(i);
-    if (drawn.subjects[own].phi.size() == 0) continue;
+    worker_of_measure& worker = workers[static_cast<std::size_t>(w)];
     subject_measure& m = result.subjects[own];
-    m = sampler.measure(i, drawn.subjects[own], drawn.theta, at, wanted, evaluations);
+    m = worker.sampler.measure(i, drawn.subjects[own], drawn.theta, at, wanted, worker.evaluations);
     const bool finite = std::isfinite(m.log_likelihood);
     packed(0, i) = finite ? m.log_likelihood : -1e10;
     packed(1, i) = m.effective_share;
-    if (wanted == detail::value || !finite) continue;
+    if (wanted == detail::value || !finite) return;
     const auto r = static_cast<double>(groups);
     double variance = 0.0;
     Eigen::MatrixXd scatter = Eigen::MatrixXd::Zero(p, p);
@@ -206,9 +206,9 @@ draw_measure newton_method::measure(const whole_draw& drawn, const Eigen::Vector
     packed.col(i).segment(9 + p, p * p) = m.information.reshaped();
     packed.col(i).segment(9 + p + p * p, p * p) = scatter.reshaped();
     packed.col(i).tail(groups) = m.group_log_likelihood;
-  }
-  host_.count_evaluations(evaluations);
-  host_.peers().sum(packed.data(), static_cast<int>(packed.size()));
+  });
+  for (const worker_of_measure& worker : workers) host_.count_evaluations(worker.evaluations);
+  host_.peers().gather(packed.data(), packed.rows(), packed.cols());
   if (wanted == detail::derivatives) result.group_log_likelihood = packed.bottomRows(groups);
   double variance = 0.0;
   result.finite = true;
@@ -316,7 +316,7 @@ void newton_method::follow(const draw_measure& found, newton_state& state) const
     if (is_sick(m) || Eigen::LLT<Eigen::MatrixXd>(m.covariance).info() != Eigen::Success) continue;
     packed.col(i) << m.mean, m.covariance.reshaped(), 1.0;
   }
-  host_.peers().sum(packed.data(), static_cast<int>(packed.size()));
+  host_.peers().gather(packed.data(), packed.rows(), packed.cols());
   for (int i = 0; i < model.subjects(); ++i) {
     if (packed(d + d * d, i) < 0.5) continue;
     std::vector<draw_component>& own = state.proposals[static_cast<std::size_t>(i)];

@@ -102,7 +102,7 @@ newton_report report_at(engine_host& host, const newton_method& method, run_stat
     if (m.mean.size() != effects) continue;
     packed.col(i) << m.mean, m.covariance.reshaped(), m.gradient;
   }
-  host.peers().sum(packed.data(), static_cast<int>(packed.size()));
+  host.peers().gather(packed.data(), packed.rows(), packed.cols());
 
   likelihood_estimate& likelihood = result.likelihood;
   likelihood.minus2ll = -2.0 * found.log_likelihood;

@@ -9,7 +9,7 @@
 #include <limits>
 
 #include "statsubs/estep/proposals.h"
-#include "varda/host/map_np.h"
+#include "varda/host/subjects.h"
 #include "varda/method/newton/coordinates.h"
 
 namespace varda {
@@ -21,6 +21,7 @@ constexpr int candidates = 64;
 constexpr double wide = 1.0;  // standard deviation of logarithms
 constexpr double narrow = 0.3;
 constexpr double coefficient_share = 0.5;
+constexpr int most_values_at_once = 100000;  // of candidates x subjects
 
 constexpr int most_iterations = 20;
 constexpr int iterations_after_new_modes = 6;
@@ -49,7 +50,7 @@ class uniforms {
 
 // Reduces what each process computed of its own subjects, in the order of the subjects.
 double sum_of(const engine_host& host, Eigen::VectorXd& by_subject) {
-  host.peers().sum(by_subject.data(), static_cast<int>(by_subject.size()));
+  host.peers().gather(by_subject.data(), 1, by_subject.size());
   return by_subject.sum();
 }
 
@@ -57,38 +58,52 @@ bool counts(const engine_host& host, int subject) {
   return owns(host, subject) && host.model().observations(subject) > 0;
 }
 
-// The fit of all subjects at the typical values, residual deviations scaled by the best common
-// factor of a coarse ladder: a measure of start values that needs no random effects.
-double pooled_objective(const engine_host& host, const Eigen::VectorXd& theta, double* best_scale,
-                        std::int64_t& evaluations, density_workspace& scratch) {
+struct pooled_fit {
+  double value = 0.0;
+  double scale = 1.0;
+};
+
+// The fits of all subjects at the typical values, residual deviations scaled by the best common
+// factor of a coarse ladder: a measure of start values that needs no random effects. One for each
+// theta.
+std::vector<pooled_fit> pooled_fits(const engine_host& host,
+                                    const std::vector<Eigen::VectorXd>& thetas,
+                                    scratch_of_workers& scratch) {
   constexpr int rungs = 17;
   constexpr double ratio = 1.6;
   const population_model& model = host.model();
-  Eigen::MatrixXd by_subject = Eigen::MatrixXd::Zero(rungs, model.subjects());
-  for (int i = 0; i < model.subjects(); ++i) {
-    if (!counts(host, i)) continue;
+  const auto count = static_cast<Eigen::Index>(thetas.size());
+  Eigen::MatrixXd by_subject = Eigen::MatrixXd::Zero(rungs * count, model.subjects());
+  for_each_own_subject(host, static_cast<int>(count), [&](int i, int worker) {
     Eigen::VectorXd mu(model.random_effects());
     Eigen::MatrixXd f;
     Eigen::VectorXd objective;
     Eigen::VectorXd squares;
-    model.means(i, theta.data(), mu.data());
-    host.joint().predict(i, theta.data(), mu, f, scratch);
-    ++evaluations;
-    for (int r = 0; r < rungs; ++r) {
-      Eigen::VectorXd scaled = theta;
-      for (std::size_t k = 0; k < model.thetas().size(); ++k)
-        if (model.thetas()[k].role == theta_role::residual_deviation && !model.thetas()[k].fixed)
-          scaled(static_cast<Eigen::Index>(k)) *= std::pow(ratio, r - rungs / 2);
-      host.joint().of_data(i, scaled.data(), f, objective, squares);
-      by_subject(r, i) = std::isfinite(objective(0)) ? objective(0) : 1e100;
+    for (Eigen::Index c = 0; c < count; ++c) {
+      const Eigen::VectorXd& theta = thetas[static_cast<std::size_t>(c)];
+      model.means(i, theta.data(), mu.data());
+      host.joint().predict(i, theta.data(), mu, f, scratch[worker].densities);
+      ++scratch[worker].evaluations;
+      for (int r = 0; r < rungs; ++r) {
+        Eigen::VectorXd scaled = theta;
+        for (std::size_t k = 0; k < model.thetas().size(); ++k)
+          if (model.thetas()[k].role == theta_role::residual_deviation && !model.thetas()[k].fixed)
+            scaled(static_cast<Eigen::Index>(k)) *= std::pow(ratio, r - rungs / 2);
+        host.joint().of_data(i, scaled.data(), f, objective, squares);
+        by_subject(rungs * c + r, i) = std::isfinite(objective(0)) ? objective(0) : 1e100;
+      }
     }
+  });
+  host.peers().gather(by_subject.data(), by_subject.rows(), by_subject.cols());
+  std::vector<pooled_fit> result;
+  for (Eigen::Index c = 0; c < count; ++c) {
+    const Eigen::MatrixXd own = by_subject.middleRows(rungs * c, rungs);
+    const Eigen::VectorXd total = own.rowwise().sum();
+    Eigen::Index best = 0;
+    const double value = total.minCoeff(&best);
+    result.push_back({value, std::pow(ratio, static_cast<double>(best) - rungs / 2)});
   }
-  host.peers().sum(by_subject.data(), static_cast<int>(by_subject.size()));
-  const Eigen::VectorXd total = by_subject.rowwise().sum();
-  Eigen::Index best = 0;
-  const double value = total.minCoeff(&best);
-  if (best_scale != nullptr) *best_scale = std::pow(ratio, static_cast<double>(best) - rungs / 2);
-  return value;
+  return result;
 }
 
 Eigen::VectorXd perturbed(const population_model& model, const Eigen::VectorXd& theta,
@@ -113,30 +128,32 @@ Eigen::VectorXd perturbed(const population_model& model, const Eigen::VectorXd& 
 // The best of many perturbed start values, or the start itself.
 Eigen::VectorXd screen(engine_host& host, const Eigen::VectorXd& start) {
   const population_model& model = host.model();
-  density_workspace scratch(model);
-  std::int64_t evaluations = 0;
+  // So many at a time: fewer exchanges, and little memory for many subjects.
+  const int at_once = std::clamp(most_values_at_once / model.subjects(), 1, candidates);
+  scratch_of_workers scratch(host);
   uniforms draw(
       address_of(model.specification().estimation.seed, {point_pass::purpose::screening, 0}, 0));
-  double scale = 1.0;
   Eigen::VectorXd best = start;
-  double least = pooled_objective(host, best, &scale, evaluations, scratch);
-  double best_scale = scale;
+  pooled_fit least = pooled_fits(host, {start}, scratch).front();
   for (const double deviation : {wide, narrow}) {
     const Eigen::VectorXd about = best;
-    for (int c = 0; c < candidates; ++c) {
-      const Eigen::VectorXd theta = perturbed(model, about, deviation, draw);
-      const double value = pooled_objective(host, theta, &scale, evaluations, scratch);
-      if (!(value < least)) continue;
-      least = value;
-      best = theta;
-      best_scale = scale;
+    for (int first = 0; first < candidates; first += at_once) {
+      std::vector<Eigen::VectorXd> thetas;
+      for (int c = first; c < std::min(first + at_once, candidates); ++c)
+        thetas.push_back(perturbed(model, about, deviation, draw));
+      const std::vector<pooled_fit> fits = pooled_fits(host, thetas, scratch);
+      for (std::size_t c = 0; c < fits.size(); ++c) {
+        if (!(fits[c].value < least.value)) continue;
+        least = fits[c];
+        best = thetas[c];
+      }
     }
   }
-  host.count_evaluations(evaluations);
+  host.count_evaluations(scratch.evaluations());
   for (std::size_t k = 0; k < model.thetas().size(); ++k)
     if (model.thetas()[k].role == theta_role::residual_deviation && !model.thetas()[k].fixed &&
         best != start)
-      best(static_cast<Eigen::Index>(k)) *= best_scale;
+      best(static_cast<Eigen::Index>(k)) *= least.scale;
   return best;
 }
 
@@ -152,7 +169,7 @@ void share(const engine_host& host, std::vector<normal_posterior>& modes) {
         m.usable ? 1.0 : 0.0;
     if (!m.usable) packed.col(i).segment(effects + effects * effects, 2).setZero();
   }
-  host.peers().sum(packed.data(), static_cast<int>(packed.size()));
+  host.peers().gather(packed.data(), packed.rows(), packed.cols());
   for (int i = 0; i < host.model().subjects(); ++i) {
     normal_posterior& m = modes[static_cast<std::size_t>(i)];
     m.phi = packed.col(i).head(effects);
@@ -182,10 +199,12 @@ bool find_modes(engine_host& host, const parameter_values& at, bool widely,
   const population_model& model = host.model();
   const bool known = !modes.empty();
   modes.resize(static_cast<std::size_t>(model.subjects()));
-  mode_finder finder(host.joint());
-  Eigen::VectorXd mu(model.random_effects());
-  for (int i = 0; i < model.subjects() && !engine_host::stop_requested(); ++i) {
-    if (!counts(host, i)) continue;
+  std::vector<mode_finder> finders;
+  for (int w = 0; w < host.peers().threads().size(); ++w) finders.emplace_back(host.joint());
+  for_each_own_subject(host, wide_samples, [&](int i, int worker) {
+    if (engine_host::stop_requested()) return;
+    mode_finder& finder = finders[static_cast<std::size_t>(worker)];
+    Eigen::VectorXd mu(model.random_effects());
     normal_posterior& mode = modes[static_cast<std::size_t>(i)];
     model.means(i, at.theta.data(), mu.data());
     Eigen::VectorXd from = mu;
@@ -196,7 +215,7 @@ bool find_modes(engine_host& host, const parameter_values& at, bool widely,
       if (value(1) > value(0)) from = mode.phi;
     }
     mode = finder.search(i, from, at);
-    if (!widely) continue;
+    if (!widely) return;
     const Eigen::MatrixXd far = population_samples(host, i, wide_samples, at);
     const Eigen::VectorXd value = finder.log_density(i, far, at);
     const Eigen::LLT<Eigen::MatrixXd> factor(mode.covariance);
@@ -207,11 +226,11 @@ bool find_modes(engine_host& host, const parameter_values& at, bool widely,
           (best < 0 || value(j) > value(best)))
         best = j;
     }
-    if (best < 0) continue;
+    if (best < 0) return;
     const normal_posterior other = finder.search(i, far.col(best), at);
     if (other.usable && (!mode.usable || other.log_mass > mode.log_mass)) mode = other;
-  }
-  host.count_evaluations(finder.evaluations());
+  });
+  for (const mode_finder& finder : finders) host.count_evaluations(finder.evaluations());
   if (engine_host::agree_on_stop()) return false;
   share(host, modes);
   laplace = 0.0;
@@ -229,7 +248,10 @@ namespace {
 class two_stage {
  public:
   two_stage(engine_host& host)
-      : host_(host), model_(host.model()), scratch_(host.model()), scale_(host.model()) {}
+      : host_(host), model_(host.model()), scratch_(host), scale_(host.model()) {}
+  ~two_stage() { host_.count_evaluations(scratch_.evaluations()); }
+  two_stage(const two_stage&) = delete;
+  two_stage& operator=(const two_stage&) = delete;
 
   // Moves theta and omega; returns the largest change: of typical values in deviations of the
   // random effect, of logarithms of variances and residual deviations.
@@ -370,7 +392,7 @@ class two_stage {
         if (!g.allFinite() || !h.allFinite()) continue;
         packed.col(i) << g.transpose() * weights, h.reshaped();
       }
-      host_.peers().sum(packed.data(), static_cast<int>(packed.size()));
+      host_.peers().gather(packed.data(), packed.rows(), packed.cols());
       const Eigen::VectorXd total = packed.rowwise().sum();
       gradient = total.head(m);
       scatter = -total.tail(m * m).reshaped(m, m);
@@ -418,12 +440,13 @@ class two_stage {
   }
 
   void predict(const Eigen::VectorXd& theta) {
-    for (int i = 0; i < model_.subjects(); ++i) {
+    for_each_own_subject(host_, 2 * model_.random_effects(), [&](int i, int worker) {
       const auto at = static_cast<std::size_t>(i);
-      if (points_[at].size() == 0) continue;
-      host_.joint().predict(i, theta.data(), points_[at], predictions_[at], scratch_);
-      host_.count_evaluations(points_[at].cols());
-    }
+      if (points_[at].size() == 0) return;
+      host_.joint().predict(i, theta.data(), points_[at], predictions_[at],
+                            scratch_[worker].densities);
+      scratch_[worker].evaluations += points_[at].cols();
+    });
   }
 
   // One Newton step by differences at the sigma points, clipped.
@@ -496,7 +519,7 @@ class two_stage {
 
   engine_host& host_;
   const population_model& model_;
-  density_workspace scratch_;
+  scratch_of_workers scratch_;
   coordinates scale_;
   std::vector<Eigen::MatrixXd> points_, predictions_;
 };

@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "varda/host/job.h"
+
+#include <sched.h>
+
+#include "varda/host/launcher.h"
+
+namespace varda {
+
+void job::use_threads(int wanted) {
+  const int cores = own_cores();
+  const int count = wanted > 0 ? wanted : cores;
+  why_one_thread_.clear();
+  if (count == 1 && wanted == 1)
+    why_one_thread_ = "no more were asked for";
+  else if (count == 1 && size_ > 1)
+    why_one_thread_ = "that is this process's share of the cores";
+  else if (count == 1)
+    why_one_thread_ = "this process may use a single core";
+  threads_ = std::make_unique<thread_team>(count);
+}
+
+bool job::gather(double* values, std::ptrdiff_t rows, std::ptrdiff_t subjects, bool flag) const {
+  if (size_ == 1) return flag;
+  return gather(values, std::vector<std::ptrdiff_t>(static_cast<std::size_t>(subjects), rows),
+                flag);
+}
+
+bool job::any(bool flag) const {
+  return gather(nullptr, std::vector<std::ptrdiff_t>(), flag);
+}
+
+std::vector<int> allowed_cores() {
+  std::vector<int> cores;
+  cpu_set_t allowed;
+  CPU_ZERO(&allowed);
+  if (sched_getaffinity(0, sizeof allowed, &allowed) == 0)
+    for (int core = 0; core < CPU_SETSIZE; ++core)
+      if (CPU_ISSET(core, &allowed)) cores.push_back(core);
+  return cores;
+}
+
+}  // namespace varda
