@@ -26,7 +26,7 @@ sed 's|^7,|<script>alert(7)</script>,|' "$example"/theophylline.csv >theophyllin
 browse() {
   "$chromium" --headless --no-sandbox --disable-gpu --disable-background-networking --no-first-run \
     --user-data-dir="$work/profile" --enable-logging=stderr --log-net-log="$work/network.json" \
-    --virtual-time-budget=20000 --dump-dom "$1" 2>console
+    --virtual-time-budget=20000 --dump-dom "$1" 2>>console
 }
 
 browse "file://$work/run/report.html" >plain.html
@@ -39,9 +39,8 @@ expect_at_least() {
   [ "$found" -ge "$1" ] || fail "$3: $found instead of $1"
 }
 
-grep -q 'CONSOLE' console && fail "messages on the console: $(grep CONSOLE console | head -3)"
 expect_at_least 45 '<svg' "drawings"
-expect_at_least 2000 'class="point' "points"
+expect_at_least 1800 'class="point' "points"
 expect_at_least 12 'class="band"' "bands"
 # No drawing without a mark in it.
 empty=$(tr -d '\n' <plain.html | grep -o '<svg.*' | sed 's|</svg>|&\n|g' | grep '<svg' |
@@ -63,6 +62,8 @@ if grep -Eo '"url":"(https?|wss?)://[^"]*' network.json | grep -v 'google\|gstat
   grep -q .; then
   fail "the page asks the network: $(grep -Eo '"url":"https?://[^"]*' network.json | head -3)"
 fi
+
+grep -q 'CONSOLE' console && fail "messages on the console: $(grep CONSOLE console | head -3)"
 
 [ "$failures" -eq 0 ] && echo "all as expected"
 exit $((failures > 0))

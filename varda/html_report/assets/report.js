@@ -66,7 +66,8 @@
     return [low - margin, high + margin];
   }
 
-  // options: title, x, y (names), xs, ys (what has to fit), log ("", "y", "xy"), width, height.
+  // options: title, x, y (names), xs, ys (what has to fit), log ("", "y", "xy"), width, height, whole
+  // (x counts).
   function chart(to, options) {
     const width = options.width || 360;
     const height = options.height || 260;
@@ -84,6 +85,8 @@
       .range([height - margin.bottom, margin.top]);
     const ticks = (scale, count) => {
       const axis = scale === x ? d3.axisBottom(scale) : d3.axisLeft(scale);
+      if (scale === x && options.whole)
+        return axis.ticks(count).tickFormat((v) => (Number.isInteger(v) ? String(v) : ""));
       if (!scale.base) return axis.ticks(count);
       // Where a logarithmic axis spans little, all its ticks are named; else the powers of ten.
       const decades = Math.log10(scale.domain()[1] / scale.domain()[0]);
@@ -604,7 +607,7 @@
       const values = lines.map((l) => l[k]);
       const se = results.minus2ll_mc_se;
       const goal = k === 1 && isNumber(results.minus2ll) ? [results.minus2ll - 2 * se, results.minus2ll + 2 * se] : [];
-      const on = chart(charts, { title: k === 1 ? "-2 log-likelihood" : name, x: "iteration", y: "", width: 300,
+      const on = chart(charts, { title: k === 1 ? "-2 log-likelihood" : name, x: "iteration", y: "", whole: true, width: 300,
         height: 200, xs: at, ys: values.concat(goal), label: `${name} by iteration` });
       if (goal.length) band(on, "band", on.x.domain(), [goal[0], goal[0]], [goal[1], goal[1]]);
       line(on, "fitted", at, values);
@@ -622,10 +625,10 @@
     const alarming = (d) => d.bad;
     const most = d3.max(data, (d) => d.ess) * 1.05;
     scatter(charts, data, (d) => d.position, (d) => d.ess, { alarming, title: "Effective samples",
-      x: "subject, in the order of the data", y: `of ${results.likelihood_samples}`, yDomain: [0, most] });
+      whole: true, x: "subject, in the order of the data", y: `of ${results.likelihood_samples}`, yDomain: [0, most] });
     if (data.some((d) => isNumber(d.k)))
       scatter(charts, data, (d) => d.position, (d) => d.k, { alarming, title: "Pareto k",
-        x: "subject, in the order of the data", y: "Pareto k", levels: [0.7],
+        whole: true, x: "subject, in the order of the data", y: "Pareto k", levels: [0.7],
         ys: data.map((d) => d.k).concat([0.75]) });
     const bad = data.filter(alarming);
     to.append("p").attr("class", "note").text("Above 0.7 (dashed) the weights have so heavy a tail that the " +
