@@ -24,9 +24,12 @@ exit_status write_report(const report_request& request, const job& peers) {
     const population_model model(source.specification(), source.data());
     const parameter_values at = source.parameters(model);
     const stored_fit& fit = *source.fit();
+    const std::string title = fit.title.empty()
+                                  ? std::filesystem::path(fit.about.model_path).filename().string()
+                                  : fit.title;
     const std::string page = html_page(
-        fit.title, report_data({fit, model, at},
-                               {.replicates = request.replicates, .threads = request.threads}));
+        title, report_data({fit, model, at},
+                           {.replicates = request.replicates, .threads = request.threads}));
     std::string written = request.output;
     if (written.empty()) {
       run_folder folder(request.folder, fit.about.task, {report_name});
