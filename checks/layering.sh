@@ -51,7 +51,11 @@ varda_allowed_for() {
     diagnostics) echo "$below host inference simulation diagnostics" ;;
     run) echo "$below host inference method simulation diagnostics run" ;;
     report) echo "$below comparison inference simulation diagnostics run report" ;;
-    cli) echo "$below input folder comparison host inference method simulation diagnostics run report cli" ;;
+    html_report) echo "$below folder simulation html_report" ;;
+    cli)
+      echo "$below input folder comparison host inference method simulation diagnostics run report" \
+        "html_report cli"
+      ;;
   esac
 }
 

@@ -9,7 +9,7 @@ _varda() {
       ;;
     -o | --output)
       case $command in
-        simulate | predict | vpc) mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
+        report | simulate | predict | vpc) mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
         *) mapfile -t COMPREPLY < <(compgen -d -- "$current") ;;
       esac
       return
@@ -21,13 +21,14 @@ _varda() {
     --seed | --samples | --threads | -n | --replicates | --times | --bins | --stratify) return ;;
   esac
   if [ "$COMP_CWORD" -eq 1 ]; then
-    local commands="fit evaluate check compare simulate predict vpc"
+    local commands="fit evaluate check report compare simulate predict vpc"
     mapfile -t COMPREPLY < <(compgen -W "$commands --help --version" -- "$current")
   elif [[ $current == -* ]]; then
-    local options="--output --from --seed --samples --threads --quiet --records --help"
+    local options="--output --from --seed --samples --threads --report --quiet --records --help"
     local source="--data --output --seed --threads --help"
     case $command in
       check) options="--json --help" ;;
+      report) options="--output --replicates --threads --help" ;;
       compare) options="--nested --json --help" ;;
       simulate) options="--replicates --uncertainty $source" ;;
       predict) options="--times --samples $source" ;;
@@ -37,7 +38,7 @@ _varda() {
         ;;
     esac
     mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current")
-  elif [ "$command" = compare ]; then
+  elif [ "$command" = compare ] || [ "$command" = report ]; then
     mapfile -t COMPREPLY < <(compgen -d -- "$current")
   else
     mapfile -t COMPREPLY < <(compgen -d -- "$current"; compgen -f -X '!*.toml' -- "$current")

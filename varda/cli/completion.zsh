@@ -7,6 +7,7 @@ _varda() {
     'fit:estimate the parameters'
     'evaluate:the exact likelihood at the start values'
     'check:all that can be known before a fit'
+    'report:one HTML file with the results and their drawings'
     'compare:compare runs'
     'simulate:data as the model would make them'
     'predict:predictions of the population and subjects'
@@ -18,6 +19,7 @@ _varda() {
     '--from[start at the estimates of a fit]:folder:_directories'
     '--seed[instead of the seed of the model file]:seed:'
     '--samples[instead of the samples of the model file]:samples:'
+    '--report[write report.html into the folder]'
     '--threads[threads of each process]:threads:'
     '(-q --quiet)'{-q,--quiet}'[no progress]'
     '--records[print the records of the library]'
@@ -45,6 +47,10 @@ _varda() {
   case $command in
     fit | evaluate) _arguments $run ;;
     check) _arguments ':model file:_files -g "*.toml"' '--json[print JSON]' ;;
+    report)
+      _arguments ':folder:_directories' '(-o --output)'{-o,--output}'[file for the report]:file:_files' \
+        '(-n --replicates)'{-n,--replicates}'[simulations]:replicates:' '--threads[threads]:threads:'
+      ;;
     compare) _arguments '*:folder:_directories' '--nested[tests]' '--json[print JSON]' ;;
     simulate) _arguments $source $simulation ;;
     predict) _arguments $source '--times[FROM:TO:STEP or a list]:times:' '--samples[samples]:samples:' ;;

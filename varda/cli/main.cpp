@@ -11,6 +11,7 @@
 
 #include "varda/cli/check.h"
 #include "varda/cli/compare.h"
+#include "varda/cli/report.h"
 #include "varda/cli/run.h"
 #include "varda/cli/simulate.h"
 #include "varda/host/job.h"
@@ -58,6 +59,15 @@ void describe(CLI::App* command, varda::vpc_request& request) {
   command->add_option("--stratify", request.stratify, "a panel for each value of a covariate");
 }
 
+void describe(CLI::App* command, varda::report_request& request) {
+  command->add_option("folder", request.folder, "folder of a run")->required();
+  command->add_option("-o,--output", request.output, "file, else report.html in the folder");
+  command->add_option("-n,--replicates", request.replicates, "simulations behind the checks")
+      ->check(CLI::Range(20, 100000));
+  command->add_option("--threads", request.threads, "threads (the results are the same)")
+      ->check(CLI::Range(1, 1024));
+}
+
 // What was probably meant by a command that does not exist, or nothing.
 std::string meant(const CLI::App& app, int argc, char** argv) {
   if (argc < 2 || argv[1][0] == '-') return "";
@@ -84,6 +94,7 @@ void describe(CLI::App* command, const std::string& folder, varda::run_request& 
             "instead of the model file's estimation." + name)
         ->check(CLI::Range(row.least, row.most));
   }
+  command->add_flag("--report", request.report, "write report.html into the folder");
   command->add_flag("-q,--quiet", request.quiet, "no progress");
   command->add_flag("--records", request.records_to_terminal,
                     "print the library's records, no records.txt");
@@ -111,6 +122,9 @@ int run_program(int argc, char** argv, varda::job& peers) {
       ->required();
   comparing->add_flag("--nested", compared.nested, "likelihood-ratio tests against the first run");
   comparing->add_flag("--json", compared.json, "print JSON instead of text");
+  varda::report_request reported;
+  describe(app.add_subcommand("report", "one HTML file with the results and their drawings"),
+           reported);
   varda::simulate_request simulated;
   varda::predict_request predicted;
   varda::vpc_request checked;
@@ -148,7 +162,11 @@ int run_program(int argc, char** argv, varda::job& peers) {
   if (vpc->parsed()) return varda::check_visually(checked, peers);
   if (comparing->parsed()) return varda::compare_runs(compared, peers);
   if (check->parsed()) return varda::check(inspected, peers);
-  return varda::run(request, peers);
+  if (app.got_subcommand("report")) return varda::write_report(reported, peers);
+  const varda::exit_status ended = varda::run(request, peers);
+  if (request.report && ended != varda::exit_status::failure)
+    varda::write_report({.folder = request.output_path}, peers);
+  return ended;
 }
 
 // What all processes refuse alike the root tells. A failure of one alone ends the others too, which

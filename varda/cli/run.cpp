@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "statsubs/state/output_units.h"
+#include "varda/cli/report.h"
 #include "varda/cli/shared_files.h"
 #include "varda/cli/start_from.h"
 #include "varda/data/fingerprint.h"
@@ -90,12 +91,13 @@ const char* name_of(task what) {
 }
 
 // The files that a run may write.
-std::vector<std::string> result_names(task what) {
+std::vector<std::string> result_names(task what, bool with_report) {
   std::vector<std::string> names = {"model-used.toml", "run.json",     "page_one.txt",
                                     "estimates.csv",   "subjects.csv", "iterations.csv",
                                     "rows.csv",        "legend.csv",   "records.txt"};
   for (const char* ending : {".json", ".ext", ".phi", ".cov", ".cor"})
     names.push_back(name_of(what) + std::string(ending));
+  if (with_report) names.emplace_back(report_name);
   return names;
 }
 
@@ -107,7 +109,7 @@ std::unique_ptr<run_folder> open_folder(const run_request& request, const job& p
   if (peers.is_root()) {
     try {
       folder = std::make_unique<run_folder>(request.output_path, name_of(request.what),
-                                            result_names(request.what));
+                                            result_names(request.what, request.report));
     } catch (const bad_input&) {
       refusal = std::current_exception();
     }

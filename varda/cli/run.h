@@ -25,6 +25,7 @@ struct run_request {
   std::string model_path;
   std::string output_path;
   setting_overrides overrides;
+  bool report = false;  // report.html besides
   bool quiet = false;
   bool records_to_terminal = false;  // the library's own records; otherwise records.txt
   std::string from;  // folder of a fit whose estimates are the start values, or empty

@@ -253,6 +253,18 @@ void run_folder::exchange(manifest about) {
   flush_folder(path_.parent_path());
 }
 
+void run_folder::add_to_run(const std::string& name, const std::string& content) {
+  manifest about = old_;
+  std::erase_if(about.files, [&name](const manifest::file& f) { return f.name == name; });
+  about.files.push_back({name, content.size(), ""});
+  added_.assign(1, {name, content});
+  write_part(about);
+  write_manifest(path_, about);
+  rename_or_fail(part_ / name, path_ / name);
+  about.files.back().sha256 = sha256(content);
+  write_manifest(path_, about);
+}
+
 void run_folder::exchange_whole() {
   for (const std::string& name : working_names) ::unlink((part_ / name).c_str());
   if (!there(path_)) {

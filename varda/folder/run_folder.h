@@ -37,6 +37,10 @@ class run_folder {
   // manifest. Throws std::runtime_error, and then everything is as it was.
   void exchange(manifest about);
 
+  // Instead of an exchange: one more file beside those of the run that is there, and in its
+  // manifest, so that the next run replaces it with the others. Throws std::runtime_error.
+  void add_to_run(const std::string& name, const std::string& content);
+
   const std::filesystem::path& path() const { return given_; }  // as the user wrote it
 
  private:

@@ -91,6 +91,16 @@ void read_results(const json& from, stored_fit& to) {
 
 }  // namespace
 
+std::string read_result(const std::string& folder, const manifest& about, const std::string& name,
+                        const file_access& files) {
+  const std::optional<std::string> text = files((std::filesystem::path(folder) / name).string());
+  if (!text) throw no_results(folder, name + " is missing");
+  for (const manifest::file& f : about.files)
+    if (f.name == name && f.sha256 != sha256(*text))
+      throw no_results(folder, name + " is not as the run wrote it");
+  return *text;
+}
+
 stored_fit read_stored_fit(const std::string& folder, const file_access& files) {
   stored_fit result;
   result.folder = folder;
@@ -99,13 +109,9 @@ stored_fit read_stored_fit(const std::string& folder, const file_access& files) 
   if (!about) throw no_results(folder, "it has no manifest");
   result.about = *about;
   const std::string name = about->task + ".json";
-  const std::optional<std::string> text = files((std::filesystem::path(folder) / name).string());
-  if (!text) throw no_results(folder, name + " is missing");
-  for (const manifest::file& f : about->files)
-    if (f.name == name && f.sha256 != sha256(*text))
-      throw no_results(folder, name + " is not as the run wrote it");
+  const std::string text = read_result(folder, *about, name, files);
   try {
-    read_results(json::parse(*text), result);
+    read_results(json::parse(text), result);
   } catch (const json::exception& error) {
     throw no_results(folder, name + ": " + error.what());
   }

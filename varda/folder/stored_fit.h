@@ -57,6 +57,11 @@ struct stored_fit {
   Eigen::MatrixXd covariance;
 };
 
+// The bytes of one of a run's files. Throws bad_input where it is missing, or not as the run wrote
+// it.
+std::string read_result(const std::string& folder, const manifest& about, const std::string& name,
+                        const file_access& files = read_from_disk);
+
 // Reads the results of a fit or an evaluation. Throws bad_input where the folder holds none, or
 // where they are not as the run wrote them.
 stored_fit read_stored_fit(const std::string& folder, const file_access& files = read_from_disk);
