@@ -24,7 +24,7 @@ namespace {
 
 const double unknown = std::numeric_limits<double>::quiet_NaN();
 
-parameter_values start_of(const population_model& model) {
+drawn_parameters start_of(const population_model& model) {
   return {model.start_theta(), model.start_omega()};
 }
 
@@ -47,7 +47,7 @@ struct normal_grid {
 
 TEST(Simulate, HasTheMomentsOfTheModel) {
   const population_model model = test::theophylline();
-  const parameter_values at = start_of(model);
+  const drawn_parameters at = start_of(model);
   constexpr int replicates = 20000;
   const auto simulated = simulate(model, {at}, {.replicates = replicates, .seed = 1, .threads = 2});
   const normal_grid grid;
@@ -77,7 +77,7 @@ TEST(Simulate, HasTheMomentsOfTheModel) {
 
 TEST(Simulate, AReplicateFollowsFromItsAddressAlone) {
   const population_model model = test::theophylline();
-  const std::vector<parameter_values> at = {start_of(model)};
+  const std::vector<drawn_parameters> at = {start_of(model)};
   const auto one = simulate(model, at, {.replicates = 5, .seed = 7, .threads = 1});
   const auto many = simulate(model, at, {.replicates = 9, .seed = 7, .threads = 3});
   const auto other = simulate(model, at, {.replicates = 5, .seed = 8, .threads = 1});
@@ -117,7 +117,7 @@ TEST(Simulate, WritesADataSet) {
 
 TEST(Simulate, UncertainParametersHaveTheCovarianceOfTheEstimates) {
   const population_model model = test::theophylline();
-  const parameter_values at = start_of(model);
+  const drawn_parameters at = start_of(model);
   const estimation_scale scale(model, at.theta, at.omega);
   const int p = scale.size();
   Eigen::MatrixXd root = Eigen::MatrixXd::Zero(p, p);
@@ -158,7 +158,7 @@ TEST(Predict, TheBandHoldsNinetyPercentOfTheConditionalDistribution) {
   const population_model model = test::theophylline([](model_specification& file) {
     test::set_parameters(file, {1.5, 2.7, 32.0}, {0.4, 0.07, 0.02}, 0.7);
   });
-  const parameter_values at = start_of(model);
+  const drawn_parameters at = start_of(model);
   const population_model wanted(model.specification(), on_grid(model.data(), {1.0, 6.0, 30.0}, 1));
   const auto predicted =
       predict(model, wanted, at, {}, {.samples = 20000, .seed = 1, .threads = 2});

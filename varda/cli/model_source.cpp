@@ -55,8 +55,8 @@ model_source::model_source(const std::string& path, const data_wish& wish)
   data_ = read_dataset(file_.data, warnings);
 }
 
-parameter_values model_source::parameters(const population_model& model) const {
-  parameter_values at{model.start_theta(), model.start_omega()};
+drawn_parameters model_source::parameters(const population_model& model) const {
+  drawn_parameters at{model.start_theta(), model.start_omega()};
   if (!fit_) return at;
   for (std::size_t k = 0; k < model.thetas().size(); ++k)
     at.theta(static_cast<Eigen::Index>(k)) =

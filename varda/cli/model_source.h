@@ -34,7 +34,7 @@ class model_source {
 
   // The parameters for a model of this specification: the estimates by their names, or the start
   // values. Throws bad_input where the fit has no estimate for one.
-  parameter_values parameters(const population_model& model) const;
+  drawn_parameters parameters(const population_model& model) const;
 
  private:
   std::string path_;

@@ -22,7 +22,7 @@ exit_status write_report(const report_request& request, const job& peers) {
                        .file = request.folder});
     const model_source source(request.folder, {});
     const population_model model(source.specification(), source.data());
-    const parameter_values at = source.parameters(model);
+    const drawn_parameters at = source.parameters(model);
     const stored_fit& fit = *source.fit();
     const std::string title = fit.title.empty()
                                   ? std::filesystem::path(fit.about.model_path).filename().string()

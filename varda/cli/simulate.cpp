@@ -70,10 +70,10 @@ int seed_of(const source_request& request, const model_source& source) {
 }
 
 // One set of parameters for all replicates, or with their uncertainty one for each.
-std::vector<parameter_values> parameters_of(const model_source& source,
+std::vector<drawn_parameters> parameters_of(const model_source& source,
                                             const population_model& model, int replicates,
                                             bool uncertainty, int seed) {
-  const parameter_values at = source.parameters(model);
+  const drawn_parameters at = source.parameters(model);
   if (!uncertainty) return {at};
   if (!source.fit())
     throw bad_input({.code = "E-SIM-UNCERTAINTY",
@@ -111,7 +111,7 @@ exit_status simulate_data(const simulate_request& request, const job& peers) {
         request.from.path, {.file = request.from.data, .values_needed = request.from.data.empty()});
     const population_model model(source.specification(), source.data());
     const int seed = seed_of(request.from, source);
-    const std::vector<parameter_values> parameters =
+    const std::vector<drawn_parameters> parameters =
         parameters_of(source, model, request.replicates, request.uncertainty, seed);
     const auto simulated =
         simulate(model, parameters,
@@ -170,7 +170,7 @@ exit_status check_visually(const vpc_request& request, const job& peers) {
     const model_source source(request.from.path, {.file = request.from.data});
     const population_model model(source.specification(), source.data());
     const int seed = seed_of(request.from, source);
-    const std::vector<parameter_values> parameters =
+    const std::vector<drawn_parameters> parameters =
         parameters_of(source, model, request.replicates, request.uncertainty, seed);
     const auto simulated =
         simulate(model, parameters,

@@ -20,9 +20,10 @@ Eigen::MatrixXd simulate(const population_model& model, int subject, const Eigen
                          const Eigen::MatrixXd& omega, int simulations, deviates& draw) {
   Eigen::MatrixXd f;
   Eigen::MatrixXd result;
-  subject_simulator(model, subject, {theta, omega})
-      .simulate(
-          simulations, [&](int) -> deviates& { return draw; }, f, result);
+  const drawn_parameters at{theta, omega};
+  subject_simulator from(model, subject, at);
+  from.simulate(
+      simulations, [&](int) -> deviates& { return draw; }, f, result);
   Eigen::Index usable = 0;
   for (Eigen::Index k = 0; k < result.cols(); ++k) {
     if (!result.col(k).allFinite()) continue;

@@ -15,7 +15,7 @@ namespace varda {
 struct report_source {
   const stored_fit& fit;
   const population_model& model;
-  const parameter_values& at;
+  const drawn_parameters& at;
 };
 
 struct report_plan {

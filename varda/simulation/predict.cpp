@@ -25,7 +25,7 @@ struct weighted_draw {
 
 class conditional_sampler {
  public:
-  conditional_sampler(const population_model& model, int subject, const parameter_values& at)
+  conditional_sampler(const population_model& model, int subject, const drawn_parameters& at)
       : subject_(subject),
         at_(at),
         joint_(model),
@@ -81,7 +81,7 @@ class conditional_sampler {
 
  private:
   int subject_;
-  const parameter_values& at_;
+  const drawn_parameters& at_;
   density joint_;
   random_effect_density prior_;
   density_workspace scratch_;
@@ -107,7 +107,7 @@ double weighted_quantile(const Eigen::VectorXd& values, const Eigen::VectorXd& w
   return values(order.back());
 }
 
-weighted_draw sample(const population_model& given, int subject, const parameter_values& at,
+weighted_draw sample(const population_model& given, int subject, const drawn_parameters& at,
                      const conditional_moments* known, const prediction_plan& plan,
                      Eigen::VectorXd& mean) {
   deviates draw({plan.seed, static_cast<int>(stream::conditional), subject});
@@ -142,7 +142,7 @@ weighted_draw sample(const population_model& given, int subject, const parameter
 }  // namespace
 
 std::vector<predicted_subject> predict(const population_model& given,
-                                       const population_model& wanted, const parameter_values& at,
+                                       const population_model& wanted, const drawn_parameters& at,
                                        const std::vector<conditional_moments>& moments,
                                        const prediction_plan& plan) {
   std::vector<predicted_subject> result(static_cast<std::size_t>(wanted.subjects()));

@@ -39,7 +39,7 @@ struct predicted_subject {
 // band. `moments`: of every subject, or none at all. The draws follow from the seed and the
 // subject's position; the result is the same for any number of threads.
 std::vector<predicted_subject> predict(const population_model& given,
-                                       const population_model& wanted, const parameter_values& at,
+                                       const population_model& wanted, const drawn_parameters& at,
                                        const std::vector<conditional_moments>& moments,
                                        const prediction_plan& plan);
 

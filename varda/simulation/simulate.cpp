@@ -21,7 +21,7 @@ Eigen::MatrixXd factor_of(const Eigen::MatrixXd& omega) {
 }
 
 subject_simulator::subject_simulator(const population_model& model, int subject,
-                                     const parameter_values& at)
+                                     const drawn_parameters& at)
     : model_(model),
       subject_(subject),
       theta_(at.theta),
@@ -62,7 +62,7 @@ void subject_simulator::simulate(int count, const std::function<deviates&(int)>&
 namespace {
 
 simulated_subject simulate_subject(const population_model& model, int subject,
-                                   const std::vector<parameter_values>& parameters,
+                                   const std::vector<drawn_parameters>& parameters,
                                    const simulation_plan& plan) {
   simulated_subject result;
   result.individual.resize(model.observations(subject), plan.replicates);
@@ -95,7 +95,7 @@ simulated_subject simulate_subject(const population_model& model, int subject,
 }  // namespace
 
 std::vector<simulated_subject> simulate(const population_model& model,
-                                        const std::vector<parameter_values>& parameters,
+                                        const std::vector<drawn_parameters>& parameters,
                                         const simulation_plan& plan) {
   std::vector<simulated_subject> result(static_cast<std::size_t>(model.subjects()));
   for_each_subject(model.subjects(), plan.threads, [&](int i) {

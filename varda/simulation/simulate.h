@@ -15,7 +15,7 @@
 namespace varda {
 
 // Parameters of a population: theta on its scale (varda/model/population.h), omega.
-struct parameter_values {
+struct drawn_parameters {
   Eigen::VectorXd theta;
   Eigen::MatrixXd omega;
 };
@@ -28,7 +28,7 @@ Eigen::MatrixXd factor_of(const Eigen::MatrixXd& omega);
 class subject_simulator {
  public:
   // `model` outlives it.
-  subject_simulator(const population_model& model, int subject, const parameter_values& at);
+  subject_simulator(const population_model& model, int subject, const drawn_parameters& at);
 
   // `count` individuals more: predictions `f` and values `y` with residual error, observations x
   // individuals; not finite where the model cannot be evaluated. Individual k draws from stream(k)
@@ -64,7 +64,7 @@ struct simulated_subject {
 // draws follow from the seed, the subject's position and the replicate; the result is the same for
 // any number of threads.
 std::vector<simulated_subject> simulate(const population_model& model,
-                                        const std::vector<parameter_values>& parameters,
+                                        const std::vector<drawn_parameters>& parameters,
                                         const simulation_plan& plan);
 
 // Predictions at eta = 0.

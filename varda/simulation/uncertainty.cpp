@@ -17,8 +17,8 @@ bad_input refused(const std::string& why) {
 
 }  // namespace
 
-std::vector<parameter_values> draw_parameters(const population_model& model,
-                                              const parameter_values& estimates,
+std::vector<drawn_parameters> draw_parameters(const population_model& model,
+                                              const drawn_parameters& estimates,
                                               const std::vector<std::string>& names,
                                               const Eigen::MatrixXd& covariance, int replicates,
                                               int seed, int& again) {
@@ -32,7 +32,7 @@ std::vector<parameter_values> draw_parameters(const population_model& model,
   if (llt.info() != Eigen::Success) throw refused("their covariance is not positive definite");
   const Eigen::MatrixXd factor = llt.matrixL();
 
-  std::vector<parameter_values> result;
+  std::vector<drawn_parameters> result;
   Eigen::VectorXd z(scale.size());
   for (int r = 0; r < replicates; ++r) {
     deviates draw({seed, static_cast<int>(stream::parameters), r});

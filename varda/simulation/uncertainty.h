@@ -14,8 +14,8 @@ namespace varda {
 // whose omega is not positive definite is drawn again; `again` counts them. `names` and
 // `covariance` are those of the estimated quantities. Throws bad_input where these are not the
 // model's, or where no draw in a hundred can be used.
-std::vector<parameter_values> draw_parameters(const population_model& model,
-                                              const parameter_values& estimates,
+std::vector<drawn_parameters> draw_parameters(const population_model& model,
+                                              const drawn_parameters& estimates,
                                               const std::vector<std::string>& names,
                                               const Eigen::MatrixXd& covariance, int replicates,
                                               int seed, int& again);

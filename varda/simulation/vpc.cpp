@@ -281,7 +281,7 @@ std::vector<double> bin_edges(const std::vector<double>& times, int bins) {
   return edges;
 }
 
-vpc_result visual_predictive_check(const population_model& model, const parameter_values& estimates,
+vpc_result visual_predictive_check(const population_model& model, const drawn_parameters& estimates,
                                    const std::vector<simulated_subject>& simulated,
                                    const vpc_plan& plan) {
   vpc_result result;

@@ -73,7 +73,7 @@ double percentile_of(const std::vector<double>& ascending, double probability);
 
 // From simulations of the model's own data at `estimates`. Throws bad_input where the covariate
 // that is to stratify is not one of the model.
-vpc_result visual_predictive_check(const population_model& model, const parameter_values& estimates,
+vpc_result visual_predictive_check(const population_model& model, const drawn_parameters& estimates,
                                    const std::vector<simulated_subject>& simulated,
                                    const vpc_plan& plan);
 
