@@ -18,6 +18,9 @@
 # lie        converged with a gain above the limit; the same with status 3 is a false singular end
 # reference, better, other: converged or singular at a maximum that is the reference one, a lower one,
 #            or a higher one; refused: everything else that a run says about itself
+#
+# --exact none, for problems whose exact value takes too long: a table of the values that the fits state,
+# each beside the lowest of them.
 import argparse
 import concurrent.futures
 import csv
@@ -131,6 +134,32 @@ def summary(name, reference, rows):
             f"{statistics.median(numbers(rows, 'seconds')):.1f}"]
 
 
+def stated_values(options, name, data, work):
+    found = []
+    for seed in options.seeds:
+        for number in range(1, options.starts + 1):
+            folder = work / name / f"seed{seed}-start{number}"
+            fit = run_fit(options, name, data, folder, seed, number)
+            path = folder / "out" / "fit.json"
+            if fit["status"] not in (0, 3) or not path.exists():
+                found.append((fit["status"], math.inf, math.inf, math.nan, fit["seconds"]))
+                continue
+            result = json.loads(path.read_text(encoding="utf-8"))
+            run = json.loads((folder / "out" / "run.json").read_text(encoding="utf-8"))
+            found.append((fit["status"], result["minus2ll"], result["minus2ll_mc_se"],
+                          run["evaluations"] / result["data"]["subjects"] / 300, fit["seconds"]))
+            print(f"{name} seed {seed} start {number}: status {fit['status']} {result['minus2ll']:.3f} "
+                  f"+- {result['minus2ll_mc_se']:.3f}", file=sys.stderr, flush=True)
+    values = sorted(value for status, value, *_ in found if status == 0)
+    cost = [cost for _, _, _, cost, _ in found if math.isfinite(cost)]
+    if not values:
+        return f"| {name} | {len(found)} | 0 | | | | | | | |"
+    return (f"| {name} | {len(found)} | {len(values)} | {values[0]:.2f} | {statistics.median(values):.2f} "
+            f"| {values[-1]:.2f} | {max(error for status, _, error, _, _ in found if status == 0):.2f} "
+            f"| {statistics.median(cost):.1f} | {quantile(cost, 0.9):.1f} "
+            f"| {statistics.median(seconds for *_, seconds in found):.1f} |")
+
+
 def main():
     arguments = argparse.ArgumentParser(description="fits from random starts against exact values")
     arguments.add_argument("problems", nargs="*", default=[])
@@ -152,6 +181,13 @@ def main():
     temporary = None if options.work else tempfile.TemporaryDirectory()
     work = pathlib.Path(options.work or temporary.name).resolve()
     work.mkdir(parents=True, exist_ok=True)
+
+    if options.exact == "none":
+        print("| problem | fits | status 0 | lowest | median | highest | largest stated error "
+              "| cost median | cost 90 % | seconds median |\n" + "|---" * 10 + "|")
+        for name in names:
+            print(stated_values(options, name, problems.data_file(name, work, options.data), work))
+        return
 
     rows, table = [], []
     with concurrent.futures.ThreadPoolExecutor(options.jobs) as pool:

@@ -341,9 +341,29 @@ TEST(StandardErrors, MatchTheExactOnesOfEveryKind) {
   expect_errors(result.errors.by_information, "information", 1);
   expect_errors(result.errors.by_score, "score", 2);
   expect_errors(result.errors.by_sandwich, "sandwich", 3);
-  EXPECT_THAT(result.warnings,
-              testing::Contains(testing::Field(&varda::finding::code, "W-RUN-ERRORS-DISAGREE")));
+  EXPECT_THAT(result.warnings, testing::IsEmpty());
   EXPECT_NEAR(result.errors.eigenvalues.sum(), 7.0, 1e-10);
+}
+
+// Twelve subjects: factors up to exp(2.5 / sqrt(12)) = 2.058 are left to chance.
+TEST(StandardErrors, WarnOfFactorsThatChanceDoesNotExplain) {
+  const population_model model = test::theophylline();
+  const varda::job alone(nullptr, nullptr);
+  varda::engine_host host(model, alone);
+  varda::sampled_errors found;
+  found.information = {true, "", 0.01 * Eigen::MatrixXd::Identity(7, 7)};
+  found.known.assign(7, 1);
+  const auto warning = [&](double factor_of_V) {
+    Eigen::VectorXd squares = Eigen::VectorXd::Ones(7);
+    squares(2) = factor_of_V * factor_of_V;
+    found.scores = 100.0 * Eigen::MatrixXd(squares.asDiagonal());
+    const varda::findings warnings = varda::errors_from(host, found).warnings;
+    return warnings.empty() ? std::string() : warnings.front().message;
+  };
+  EXPECT_EQ(warning(2.05), "");
+  EXPECT_EQ(warning(1.0 / 2.05), "");
+  EXPECT_THAT(warning(2.07), testing::EndsWith(": V (2.1)"));
+  EXPECT_THAT(warning(0.48), testing::EndsWith(": V (0.48)"));
 }
 
 TEST(StandardErrors, TooFewSubjectsForScores) {

@@ -43,7 +43,7 @@ struct run_state {
 // How an estimation ended.
 struct method_conclusion {
   bool converged = false;
-  std::string reason;
+  std::string reason;                   // empty: what fresh points see is all there is to say
   std::vector<std::string> singular;    // what makes omega singular
   std::vector<std::string> indistinct;  // variances that cannot be told from 0
   std::vector<int> held_by_bounds;      // positions in theta

@@ -226,9 +226,13 @@ void warn_of_failures(const population_model& model, const newton_report& report
                  "that gives up"});
 }
 
+void put_first(const std::string& what, fit_result& result) {
+  result.reason = result.reason.empty() ? what : what + "; " + result.reason;
+}
+
 void refuse(const std::string& why, fit_result& result) {
   result.converged = false;
-  result.reason = why + "; " + result.reason;
+  put_first(why, result);
 }
 
 // No verdict stands on subjects that are badly sampled or cannot be evaluated.
@@ -251,12 +255,18 @@ void judge_identification(const newton_report& report, fit_result& result) {
            result);
 }
 
+// What is ahead of estimates that converged, by points that the fit has not used.
 void judge_gain(const newton_report& report, fit_result& result) {
-  if (!result.converged || report.gain - report.noise <= most_gain_at_report) return;
-  result.converged = false;
-  result.reason = fmt::format(
-      "points that the fit has not used see {:.2g} still ahead in -2 log-likelihood; {}",
-      report.gain - report.noise, result.reason);
+  if (!result.converged) return;
+  if (report.gain - report.noise > most_gain_at_report)
+    return refuse(
+        fmt::format("points that the fit has not used see {:.2g} still ahead in -2 log-likelihood",
+                    report.gain - report.noise),
+        result);
+  put_first(fmt::format("gain ahead {:.2g} +- {:.2g} in -2 log-likelihood on points that the fit "
+                        "has not used",
+                        report.gain, report.noise),
+            result);
 }
 
 void take_errors(engine_host& host, const newton_report& report, fit_result& result) {
@@ -334,15 +344,12 @@ newton_report conclude(engine_host& host, const newton_method& method, run_state
   newton_report report = report_likelihood(host, method, state, result);
   warn_of_failures(host.model(), report, result);
   if (!result.likelihood.complete) {
-    result.converged = false;
-    result.reason =
-        engine_host::stopped()
-            ? stop_reason
-            : result.reason + "; the likelihood of a subject is not finite at the estimates";
+    refuse("the likelihood of a subject is not finite at the estimates", result);
+    if (engine_host::stopped()) result.reason = stop_reason;
     return report;
   }
-  judge_health(host.model(), report, result);
   judge_gain(report, result);
+  judge_health(host.model(), report, result);
   judge_identification(report, result);
   return report;
 }

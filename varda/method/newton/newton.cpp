@@ -508,9 +508,9 @@ method_conclusion newton_method::conclude(const run_state& state) const {
   else if (n.most_failed > most_failures)
     result.reason = fmt::format("the model cannot be evaluated at {:.0f} % of a subject's samples",
                                 100.0 * n.most_failed);
-  else
-    result.reason = figures;
-  if (!sick.empty()) result.reason += fmt::format("; poorly sampled: {}", fmt::join(sick, ", "));
+  if (!sick.empty())
+    result.reason += fmt::format("{}poorly sampled: {}", result.reason.empty() ? "" : "; ",
+                                 fmt::join(sick, ", "));
   return result;
 }
 
