@@ -58,6 +58,15 @@ sed 's|^</body>|<script>document.querySelector("#predictions .point[data-subject
 browse "file://$work/clicking.html" | grep -q '<h2 id="subject-name">Subject 4</h2>' ||
   fail "a click does not open the subject"
 
+# Two endpoints: plots of both, for the population and for each subject.
+"$varda" fit "$2/examples/turnover/turnover.toml" --output turnover --report --quiet >/dev/null ||
+  fail "a fit of two endpoints with its report"
+browse "file://$work/turnover/report.html" >turnover.html
+for endpoint in concentration response; do
+  [ "$(grep -o ">subject [0-9]*, $endpoint<" turnover.html | wc -l)" -eq 24 ] ||
+    fail "not every subject has a plot of its $endpoint"
+done
+
 if grep -Eo '"url":"(https?|wss?)://[^"]*' network.json | grep -v 'google\|gstatic\|chromium\|gvt' |
   grep -q .; then
   fail "the page asks the network: $(grep -Eo '"url":"https?://[^"]*' network.json | head -3)"

@@ -345,7 +345,7 @@ TEST(StandardErrors, MatchTheExactOnesOfEveryKind) {
   EXPECT_NEAR(result.errors.eigenvalues.sum(), 7.0, 1e-10);
 }
 
-// Twelve subjects: factors up to exp(2.5 / sqrt(12)) = 2.058 are left to chance.
+// Twelve subjects: factors up to exp(3 / sqrt(12)) = 2.378 are left to chance.
 TEST(StandardErrors, WarnOfFactorsThatChanceDoesNotExplain) {
   const population_model model = test::theophylline();
   const varda::job alone(nullptr, nullptr);
@@ -360,10 +360,10 @@ TEST(StandardErrors, WarnOfFactorsThatChanceDoesNotExplain) {
     const varda::findings warnings = varda::errors_from(host, found).warnings;
     return warnings.empty() ? std::string() : warnings.front().message;
   };
-  EXPECT_EQ(warning(2.05), "");
-  EXPECT_EQ(warning(1.0 / 2.05), "");
-  EXPECT_THAT(warning(2.07), testing::EndsWith(": V (2.1)"));
-  EXPECT_THAT(warning(0.48), testing::EndsWith(": V (0.48)"));
+  EXPECT_EQ(warning(2.37), "");
+  EXPECT_EQ(warning(1.0 / 2.37), "");
+  EXPECT_THAT(warning(2.39), testing::EndsWith(": V (2.4)"));
+  EXPECT_THAT(warning(0.41), testing::EndsWith(": V (0.41)"));
 }
 
 TEST(StandardErrors, TooFewSubjectsForScores) {

@@ -26,7 +26,7 @@ constexpr double unidentified_condition = 1e6;
 // How far the logarithm of sandwich / information may be off where the model is true: of the
 // largest of all parameters, 95 % stay below this over the root of the number of subjects
 // (bench/error_kinds.py). With many subjects what matters is whether a user would notice.
-constexpr double chance_disagreement = 2.5;
+constexpr double chance_disagreement = 3.0;
 constexpr double noticeable_factor = 1.2;
 
 std::optional<Eigen::MatrixXd> inverse_of(const Eigen::MatrixXd& information) {

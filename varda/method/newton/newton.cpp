@@ -31,11 +31,15 @@ constexpr double last_step_ratio = 1.5;
 constexpr double last_step_slack = 0.001;
 
 constexpr int most_newton_steps = 15;
+// A gain so many times its noise is worth a step whatever the state of the samples.
+constexpr double clear_gain = 10.0;
 constexpr int steps_without_definiteness = 2;
 constexpr double longest_log_step = 1.0;
 constexpr double longest_row_share = 0.7;
-// No subject's effective samples may fall below this share of what they were at the draw.
+// No subject's effective samples may fall below this share of what they were at the draw, but for
+// those with as many left as `ample_samples`.
 constexpr double least_effective_share = 0.25;
+constexpr double ample_samples = 32.0;
 
 // A subject's samples are sick: few effective, or a heavy tail with not many.
 constexpr double sick_share = 0.10;
@@ -147,6 +151,7 @@ bool newton_method::draw(const run_state& state, const point_pass& pass, int sam
   const population_model& model = host_.model();
   drawn.subjects.assign(static_cast<std::size_t>(model.subjects()), {});
   drawn.theta = host_.theta();
+  drawn.samples = samples;
   drawn.groups = groups;
   for (const int i : own_subjects(host_)) {
     const auto at = static_cast<std::size_t>(i);
@@ -284,7 +289,8 @@ newton_method::ascent newton_method::climb(const whole_draw& drawn, const Eigen:
       for (std::size_t i = 0; i < there.subjects.size() && sound; ++i)
         if (host_.model().observations(static_cast<int>(i)) > 0)
           sound = there.subjects[i].effective_share >=
-                  least_effective_share * here.subjects[i].effective_share;
+                  std::min(least_effective_share * here.subjects[i].effective_share,
+                           ample_samples / static_cast<double>(drawn.samples));
       if (!sound) {
         damping = damping == 0.0 ? 0.5 : 4.0 * damping + 1.0;
         continue;
@@ -433,7 +439,8 @@ bool newton_method::advance(run_state& state) const {
     n.checked = true;
     if (changed) {
       n.checked = false;
-      return true;
+      // What lies ahead may show all the same.
+      if (arrived || here.gain < clear_gain * here.noise) return true;
     }
   }
   const bool healthy = n.sick.empty();

@@ -10,6 +10,7 @@
 
 #include "statsubs/estep/proposals.h"
 #include "varda/host/subjects.h"
+#include "varda/inference/minimise.h"
 #include "varda/method/newton/coordinates.h"
 
 namespace varda {
@@ -17,9 +18,9 @@ namespace varda {
 namespace {
 
 // Perturbed start values: so many about the start, as many again about the best of them.
-constexpr int candidates = 64;
+constexpr int candidates = 256;
+constexpr int climbed = 5;
 constexpr double wide = 1.0;  // standard deviation of logarithms
-constexpr double narrow = 0.3;
 constexpr double coefficient_share = 0.5;
 constexpr int most_values_at_once = 100000;  // of candidates x subjects
 
@@ -63,15 +64,23 @@ struct pooled_fit {
   double scale = 1.0;
 };
 
-// The fits of all subjects at the typical values, residual deviations scaled by the best common
-// factor of a coarse ladder: a measure of start values that needs no random effects. One for each
-// theta.
-std::vector<pooled_fit> pooled_fits(const engine_host& host,
-                                    const std::vector<Eigen::VectorXd>& thetas,
-                                    scratch_of_workers& scratch) {
+// Common factors of the residual deviations, about 1.
+std::vector<double> coarse_ladder() {
   constexpr int rungs = 17;
   constexpr double ratio = 1.6;
+  std::vector<double> factors;
+  for (int r = 0; r < rungs; ++r) factors.push_back(std::pow(ratio, r - rungs / 2));
+  return factors;
+}
+
+// The fits of all subjects at the typical values, residual deviations scaled by the best of the
+// factors: a measure of start values that needs no random effects. One for each theta.
+std::vector<pooled_fit> pooled_fits(const engine_host& host,
+                                    const std::vector<Eigen::VectorXd>& thetas,
+                                    const std::vector<double>& factors,
+                                    scratch_of_workers& scratch) {
   const population_model& model = host.model();
+  const auto rungs = static_cast<Eigen::Index>(factors.size());
   const auto count = static_cast<Eigen::Index>(thetas.size());
   Eigen::MatrixXd by_subject = Eigen::MatrixXd::Zero(rungs * count, model.subjects());
   for_each_own_subject(host, static_cast<int>(count), [&](int i, int worker) {
@@ -84,11 +93,11 @@ std::vector<pooled_fit> pooled_fits(const engine_host& host,
       model.means(i, theta.data(), mu.data());
       host.joint().predict(i, theta.data(), mu, f, scratch[worker].densities);
       ++scratch[worker].evaluations;
-      for (int r = 0; r < rungs; ++r) {
+      for (Eigen::Index r = 0; r < rungs; ++r) {
         Eigen::VectorXd scaled = theta;
         for (std::size_t k = 0; k < model.thetas().size(); ++k)
           if (model.thetas()[k].role == theta_role::residual_deviation && !model.thetas()[k].fixed)
-            scaled(static_cast<Eigen::Index>(k)) *= std::pow(ratio, r - rungs / 2);
+            scaled(static_cast<Eigen::Index>(k)) *= factors[static_cast<std::size_t>(r)];
         host.joint().of_data(i, scaled.data(), f, objective, squares);
         by_subject(rungs * c + r, i) = std::isfinite(objective(0)) ? objective(0) : 1e100;
       }
@@ -101,19 +110,22 @@ std::vector<pooled_fit> pooled_fits(const engine_host& host,
     const Eigen::VectorXd total = own.rowwise().sum();
     Eigen::Index best = 0;
     const double value = total.minCoeff(&best);
-    result.push_back({value, std::pow(ratio, static_cast<double>(best) - rungs / 2)});
+    result.push_back({value, factors[static_cast<std::size_t>(best)]});
   }
   return result;
 }
 
-Eigen::VectorXd perturbed(const population_model& model, const Eigen::VectorXd& theta,
-                          double deviation, uniforms& draw) {
+// Moves the free values that are no residual deviations, by so much each: logarithms of what is
+// positive, shares of what is not.
+Eigen::VectorXd moved_by(const population_model& model, const Eigen::VectorXd& theta,
+                         const Eigen::VectorXd& by) {
   Eigen::VectorXd result = theta;
+  Eigen::Index at = 0;
   for (std::size_t k = 0; k < model.thetas().size(); ++k) {
     const fixed_effect& t = model.thetas()[k];
-    double& value = result(static_cast<Eigen::Index>(k));
     if (t.fixed || t.role == theta_role::residual_deviation) continue;
-    const double z = deviation * draw.normal();
+    double& value = result(static_cast<Eigen::Index>(k));
+    const double z = by(at++);
     if (t.role == theta_role::covariate_effect || t.role == theta_role::direct_effect)
       value += coefficient_share * z;
     else if (t.is_positive())
@@ -125,7 +137,48 @@ Eigen::VectorXd perturbed(const population_model& model, const Eigen::VectorXd& 
   return result;
 }
 
-// The best of many perturbed start values, or the start itself.
+Eigen::Index values_to_move(const population_model& model) {
+  Eigen::Index count = 0;
+  for (const fixed_effect& t : model.thetas())
+    count += !t.fixed && t.role != theta_role::residual_deviation ? 1 : 0;
+  return count;
+}
+
+Eigen::VectorXd scaled_deviations(const population_model& model, Eigen::VectorXd theta,
+                                  double factor) {
+  for (std::size_t k = 0; k < model.thetas().size(); ++k)
+    if (model.thetas()[k].role == theta_role::residual_deviation && !model.thetas()[k].fixed)
+      theta(static_cast<Eigen::Index>(k)) *= factor;
+  return theta;
+}
+
+// The maximum of the pooled fit next to `from`.
+Eigen::VectorXd pooled_maximum(const engine_host& host, const Eigen::VectorXd& from,
+                               scratch_of_workers& scratch) {
+  constexpr double first_step = 0.3;
+  constexpr double precision = 0.02;
+  const population_model& model = host.model();
+  const Eigen::Index n = values_to_move(model);
+  const auto at = [&](const Eigen::VectorXd& x) {
+    return scaled_deviations(model, moved_by(model, from, x.head(n)), std::exp(x(n)));
+  };
+  const auto value = [&](const Eigen::VectorXd& x) {
+    return pooled_fits(host, {at(x)}, {1.0}, scratch).front().value;
+  };
+  return at(minimise(value, Eigen::VectorXd::Zero(n + 1),
+                     Eigen::VectorXd::Constant(n + 1, first_step), precision)
+                .x);
+}
+
+Eigen::VectorXd perturbed(const population_model& model, const Eigen::VectorXd& theta,
+                          double deviation, uniforms& draw) {
+  Eigen::VectorXd by(values_to_move(model));
+  for (double& z : by) z = deviation * draw.normal();
+  return moved_by(model, theta, by);
+}
+
+// The best maximum of the pooled fit that can be reached from the start and from the best of many
+// perturbed start values.
 Eigen::VectorXd screen(engine_host& host, const Eigen::VectorXd& start) {
   const population_model& model = host.model();
   // So many at a time: fewer exchanges, and little memory for many subjects.
@@ -133,28 +186,32 @@ Eigen::VectorXd screen(engine_host& host, const Eigen::VectorXd& start) {
   scratch_of_workers scratch(host);
   uniforms draw(
       address_of(model.specification().estimation.seed, {point_pass::purpose::screening, 0}, 0));
-  Eigen::VectorXd best = start;
-  pooled_fit least = pooled_fits(host, {start}, scratch).front();
-  for (const double deviation : {wide, narrow}) {
-    const Eigen::VectorXd about = best;
-    for (int first = 0; first < candidates; first += at_once) {
-      std::vector<Eigen::VectorXd> thetas;
-      for (int c = first; c < std::min(first + at_once, candidates); ++c)
-        thetas.push_back(perturbed(model, about, deviation, draw));
-      const std::vector<pooled_fit> fits = pooled_fits(host, thetas, scratch);
-      for (std::size_t c = 0; c < fits.size(); ++c) {
-        if (!(fits[c].value < least.value)) continue;
-        least = fits[c];
-        best = thetas[c];
-      }
-    }
+  struct candidate {
+    pooled_fit fit;
+    Eigen::VectorXd theta;
+  };
+  std::vector<candidate> all = {
+      {pooled_fits(host, {start}, coarse_ladder(), scratch).front(), start}};
+  for (int first = 0; first < candidates; first += at_once) {
+    std::vector<Eigen::VectorXd> thetas;
+    for (int c = first; c < std::min(first + at_once, candidates); ++c)
+      thetas.push_back(perturbed(model, start, wide, draw));
+    const std::vector<pooled_fit> fits = pooled_fits(host, thetas, coarse_ladder(), scratch);
+    for (std::size_t c = 0; c < fits.size(); ++c) all.push_back({fits[c], thetas[c]});
+  }
+  std::stable_sort(all.begin() + 1, all.end(), [](const candidate& one, const candidate& other) {
+    return one.fit.value < other.fit.value;
+  });
+  all.resize(1 + climbed);
+  candidate best = all.front();
+  for (const candidate& c : all) {
+    const Eigen::VectorXd top =
+        pooled_maximum(host, scaled_deviations(model, c.theta, c.fit.scale), scratch);
+    const pooled_fit reached = pooled_fits(host, {top}, {1.0}, scratch).front();
+    if (reached.value < best.fit.value) best = {reached, top};
   }
   host.count_evaluations(scratch.evaluations());
-  for (std::size_t k = 0; k < model.thetas().size(); ++k)
-    if (model.thetas()[k].role == theta_role::residual_deviation && !model.thetas()[k].fixed &&
-        best != start)
-      best(static_cast<Eigen::Index>(k)) *= least.scale;
-  return best;
+  return best.theta;
 }
 
 // One process's modes for all: phi, covariance, density and mass, by subject.
