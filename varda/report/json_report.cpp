@@ -7,6 +7,7 @@
 #include "varda/report/check_report.h"
 #include "varda/report/reports.h"
 #include "varda/support/commit.h"
+#include "varda/support/machine.h"
 #include "varda/version.h"
 
 namespace varda {
@@ -345,6 +346,8 @@ std::string run_json(const fit_result& result, const std::vector<std::string>& c
   report["schema_version"] = json_schema_version;
   report["command"] = command;
   report["versions"] = {{"varda", version}, {"compiler", compiler}};
+  report["blas"] = blas_library();
+  report["host"] = host_name();
   report["processes"] = result.processes;
   report["threads"] = result.threads;
   report["evaluations"] = result.evaluations;

@@ -22,6 +22,9 @@ namespace {
 
 constexpr int most_draws = 40;
 constexpr int most_draws_in_vain = 4;
+// Of several ends of the start-up: followed until well sampled with little ahead.
+constexpr int draws_of_a_choice = 8;
+constexpr double settled_gain = 1.0;
 
 // In -2 log-likelihood: converged when the gain ahead less its noise, and the noise, are below.
 constexpr double gain_limit = 0.01;
@@ -117,19 +120,34 @@ bool newton_method::leap_to(run_state& state, const Eigen::VectorXd& psi) const 
   return true;
 }
 
+// Where the start-up ends in several places, the first draws of each decide.
 bool newton_method::start(run_state& state) const {
-  start_result found;
-  if (!start_up(host_, found)) return false;
-  if (!host_.set_omega(found.omega)) {
-    state.ended = true;
-    state.newton.trouble = "the start-up left the positive definite matrices";
-    return true;
+  std::vector<start_result> ends;
+  if (!start_up(host_, ends)) return false;
+  const run_state begun = state;
+  double least = std::numeric_limits<double>::infinity();
+  state.ended = true;
+  state.newton.trouble = "the start-up left the positive definite matrices";
+  for (const start_result& end : ends) {
+    if (!host_.set_omega(end.omega)) continue;
+    host_.set_theta(end.theta);
+    run_state trial = begun;
+    trial.theta = end.theta;
+    trial.omega = end.omega;
+    propose_from(end.modes, trial);
+    trial.newton.started = true;
+    const newton_state& n = trial.newton;
+    for (int d = 0; ends.size() > 1 && d < draws_of_a_choice && !trial.ended; ++d) {
+      if (!step(trial)) return false;
+      if (n.gain_ahead < settled_gain && n.sick.empty()) break;
+    }
+    const double value = trial.records.empty() ? end.laplace : trial.records.back().minus2ll;
+    if (!(value < least)) continue;
+    least = value;
+    state = std::move(trial);
   }
-  host_.set_theta(found.theta);
-  state.theta = found.theta;
-  state.omega = found.omega;
-  propose_from(found.modes, state);
-  state.newton.started = true;
+  host_.set_theta(state.theta);
+  host_.set_omega(state.omega);
   return true;
 }
 

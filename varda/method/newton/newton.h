@@ -42,7 +42,7 @@ int points_factor(int random_effects);
 struct whole_draw {
   std::vector<subject_draw> subjects;
   Eigen::VectorXd theta;  // where the predictions were made
-  int samples = 0;  // of a subject
+  int samples = 0;        // of a subject
   int groups = 1;
   // Directions of psi that are left alone: no step is taken along them and no gain seen there.
   std::vector<Eigen::VectorXd> left_alone;

@@ -177,9 +177,26 @@ Eigen::VectorXd perturbed(const population_model& model, const Eigen::VectorXd& 
   return moved_by(model, theta, by);
 }
 
-// The best maximum of the pooled fit that can be reached from the start and from the best of many
-// perturbed start values.
-Eigen::VectorXd screen(engine_host& host, const Eigen::VectorXd& start) {
+// Whether some value that is no residual deviation lies far from the other's.
+bool are_apart(const population_model& model, const Eigen::VectorXd& one,
+               const Eigen::VectorXd& other) {
+  constexpr double far = 0.5;  // on the scale of a logarithm
+  for (std::size_t k = 0; k < model.thetas().size(); ++k) {
+    const fixed_effect& t = model.thetas()[k];
+    if (t.fixed || t.role == theta_role::residual_deviation) continue;
+    const auto at = static_cast<Eigen::Index>(k);
+    const double distance = t.is_positive()
+                                ? std::log(one(at) / other(at))
+                                : (one(at) - other(at)) / std::max(std::fabs(other(at)), 1.0);
+    if (std::fabs(distance) > far) return true;
+  }
+  return false;
+}
+
+// The maxima of the pooled fit that can be reached from the start and from the best of many
+// perturbed start values: the best, and the best that is far from it. What is second for the pooled
+// fit may be first for the population's.
+std::vector<Eigen::VectorXd> screen(engine_host& host, const Eigen::VectorXd& start) {
   const population_model& model = host.model();
   // So many at a time: fewer exchanges, and little memory for many subjects.
   const int at_once = std::clamp(most_values_at_once / model.subjects(), 1, candidates);
@@ -203,15 +220,19 @@ Eigen::VectorXd screen(engine_host& host, const Eigen::VectorXd& start) {
     return one.fit.value < other.fit.value;
   });
   all.resize(1 + climbed);
-  candidate best = all.front();
-  for (const candidate& c : all) {
-    const Eigen::VectorXd top =
-        pooled_maximum(host, scaled_deviations(model, c.theta, c.fit.scale), scratch);
-    const pooled_fit reached = pooled_fits(host, {top}, {1.0}, scratch).front();
-    if (reached.value < best.fit.value) best = {reached, top};
+  for (candidate& c : all) {
+    c.theta = pooled_maximum(host, scaled_deviations(model, c.theta, c.fit.scale), scratch);
+    c.fit = pooled_fits(host, {c.theta}, {1.0}, scratch).front();
   }
   host.count_evaluations(scratch.evaluations());
-  return best.theta;
+  std::stable_sort(all.begin(), all.end(), [](const candidate& one, const candidate& other) {
+    return one.fit.value < other.fit.value;
+  });
+  std::vector<Eigen::VectorXd> best = {all.front().theta};
+  for (const candidate& c : all)
+    if (best.size() == 1 && std::isfinite(c.fit.value) && are_apart(model, c.theta, best.front()))
+      best.push_back(c.theta);
+  return best;
 }
 
 // One process's modes for all: phi, covariance, density and mass, by subject.
@@ -592,28 +613,45 @@ bool iterate(engine_host& host, int most, start_result& at) {
   return find_modes(host, parameter_values(at.theta, at.omega), false, at.modes, at.laplace);
 }
 
-}  // namespace
-
-bool start_up(engine_host& host, start_result& found) {
-  found = {host.theta(), host.omega(), {}, 0.0};
-  const Eigen::VectorXd start = found.theta;
-  const Eigen::VectorXd better = screen(host, start);
-  if (!iterate(host, most_iterations, found)) return false;
-  if (better != start) {
-    start_result other{better, host.omega(), {}, 0.0};
-    if (!iterate(host, most_iterations, other)) return false;
-    if (other.laplace < found.laplace) found = other;
-  }
-  std::vector<normal_posterior> others = found.modes;
+// Second modes that hold more mass than the first, and what follows from them.
+bool take_second_modes(engine_host& host, start_result& at) {
+  std::vector<normal_posterior> others = at.modes;
   double laplace = 0.0;
-  const parameter_values at(found.theta, found.omega);
-  if (!find_modes(host, at, true, others, laplace)) return false;
+  if (!find_modes(host, parameter_values(at.theta, at.omega), true, others, laplace)) return false;
   bool changed = false;
   for (std::size_t i = 0; i < others.size(); ++i)
-    if (others[i].usable && others[i].log_mass > found.modes[i].log_mass + 1e-3) changed = true;
+    if (others[i].usable && others[i].log_mass > at.modes[i].log_mass + 1e-3) changed = true;
   if (!changed) return true;
-  found.modes = others;
-  return iterate(host, iterations_after_new_modes, found);
+  at.modes = others;
+  return iterate(host, iterations_after_new_modes, at);
+}
+
+}  // namespace
+
+bool start_up(engine_host& host, std::vector<start_result>& found) {
+  const Eigen::VectorXd start = host.theta();
+  std::vector<Eigen::VectorXd> beginnings = screen(host, start);
+  beginnings.insert(beginnings.begin(), start);
+  std::vector<start_result> ends;
+  for (const Eigen::VectorXd& theta : beginnings) {
+    start_result end{theta, host.omega(), {}, 0.0};
+    if (!iterate(host, most_iterations, end)) return false;
+    ends.push_back(std::move(end));
+  }
+  std::stable_sort(ends.begin(), ends.end(),
+                   [](const start_result& one, const start_result& other) {
+                     return one.laplace < other.laplace;
+                   });
+  found.clear();
+  for (start_result& end : ends) {
+    const bool is_new = std::all_of(found.begin(), found.end(), [&](const start_result& known) {
+      return are_apart(host.model(), end.theta, known.theta);
+    });
+    if (!is_new) continue;
+    if (!take_second_modes(host, end)) return false;
+    found.push_back(std::move(end));
+  }
+  return true;
 }
 
 }  // namespace varda

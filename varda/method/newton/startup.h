@@ -22,8 +22,9 @@ struct start_result {
   double laplace = 0.0;                 // -2 log-likelihood by Laplace's method
 };
 
-// From the parameters in force, which stay. Collective. False when a stop was asked for.
-bool start_up(engine_host& host, start_result& found);
+// From the parameters in force, which stay: the ends that are far from each other, the lowest first
+// by Laplace's method. Collective. False when a stop was asked for.
+bool start_up(engine_host& host, std::vector<start_result>& found);
 
 // The modes of every subject at given parameters, from `from` (random effects x subjects) or from
 // the population's means, whichever is better; second modes that hold more mass are looked for
