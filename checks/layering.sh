@@ -52,9 +52,12 @@ varda_allowed_for() {
     run) echo "$below host inference method simulation diagnostics run" ;;
     report) echo "$below comparison inference simulation diagnostics run report" ;;
     html_report) echo "$below folder simulation html_report" ;;
+    selftest)
+      echo "$below input host inference method simulation diagnostics run report selftest"
+      ;;
     cli)
       echo "$below input folder comparison host inference method simulation diagnostics run report" \
-        "html_report cli"
+        "html_report selftest cli"
       ;;
   esac
 }

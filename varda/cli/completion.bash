@@ -21,7 +21,7 @@ _varda() {
     --seed | --samples | --threads | -n | --replicates | --times | --bins | --stratify) return ;;
   esac
   if [ "$COMP_CWORD" -eq 1 ]; then
-    local commands="fit evaluate check report compare simulate predict vpc"
+    local commands="fit evaluate check report compare simulate predict vpc selftest"
     mapfile -t COMPREPLY < <(compgen -W "$commands --help --version" -- "$current")
   elif [[ $current == -* ]]; then
     local options="--output --from --seed --samples --threads --report --quiet --records --help"
@@ -29,6 +29,7 @@ _varda() {
     case $command in
       check) options="--json --help" ;;
       report) options="--output --replicates --threads --help" ;;
+      selftest) options="--json --quiet --help" ;;
       compare) options="--nested --json --help" ;;
       simulate) options="--replicates --uncertainty $source" ;;
       predict) options="--times --samples $source" ;;

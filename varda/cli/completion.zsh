@@ -12,6 +12,7 @@ _varda() {
     'simulate:data as the model would make them'
     'predict:predictions of the population and subjects'
     'vpc:visual predictive check'
+    'selftest:does this installation find what it should?'
   )
   run=(
     ':model file:_files -g "*.toml"'
@@ -51,6 +52,7 @@ _varda() {
       _arguments ':folder:_directories' '(-o --output)'{-o,--output}'[file for the report]:file:_files' \
         '(-n --replicates)'{-n,--replicates}'[simulations]:replicates:' '--threads[threads]:threads:'
       ;;
+    selftest) _arguments '--json[print JSON]' '(-q --quiet)'{-q,--quiet}'[no progress]' ;;
     compare) _arguments '*:folder:_directories' '--nested[tests]' '--json[print JSON]' ;;
     simulate) _arguments $source $simulation ;;
     predict) _arguments $source '--times[FROM:TO:STEP or a list]:times:' '--samples[samples]:samples:' ;;

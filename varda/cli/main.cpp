@@ -13,6 +13,7 @@
 #include "varda/cli/compare.h"
 #include "varda/cli/report.h"
 #include "varda/cli/run.h"
+#include "varda/cli/selftest.h"
 #include "varda/cli/simulate.h"
 #include "varda/host/job.h"
 #include "varda/model/settings_table.h"
@@ -122,6 +123,10 @@ int run_program(int argc, char** argv, varda::job& peers) {
       ->required();
   comparing->add_flag("--nested", compared.nested, "likelihood-ratio tests against the first run");
   comparing->add_flag("--json", compared.json, "print JSON instead of text");
+  varda::selftest_request tested;
+  CLI::App* testing = app.add_subcommand("selftest", "does this installation find what it should?");
+  testing->add_flag("--json", tested.json, "print JSON instead of text");
+  testing->add_flag("-q,--quiet", tested.quiet, "no progress");
   varda::report_request reported;
   describe(app.add_subcommand("report", "one HTML file with the results and their drawings"),
            reported);
@@ -161,6 +166,7 @@ int run_program(int argc, char** argv, varda::job& peers) {
   if (predict->parsed()) return varda::predict_data(predicted, peers);
   if (vpc->parsed()) return varda::check_visually(checked, peers);
   if (comparing->parsed()) return varda::compare_runs(compared, peers);
+  if (testing->parsed()) return varda::selftest(tested, peers);
   if (check->parsed()) return varda::check(inspected, peers);
   if (app.got_subcommand("report")) return varda::write_report(reported, peers);
   const varda::exit_status ended = varda::run(request, peers);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Files of the folder assets and of D3, made into a source when varda is built (embed.cmake).
+// Files of the folder assets and of D3, made into a source when varda is built (cmake/embed.cmake).
 #pragma once
 
 #include <string_view>

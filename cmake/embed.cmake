@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
 #
-# cmake -DOUTPUT=FILE -DNAMES=a;b -DFILES=...;... -P embed.cmake
-# writes a source with a function for each file that returns its bytes (assets.h).
-set(text "// Made by embed.cmake.\n#include \"varda/html_report/assets.h\"\n\nnamespace varda {\n")
+# cmake -DOUTPUT=FILE -DHEADER=... -DNAMES=a;b -DFILES=...;... -P embed.cmake
+# writes a source with a function for each file that returns its bytes, as the header declares.
+set(text "// Made by embed.cmake.\n#include \"${HEADER}\"\n\nnamespace varda {\n")
 foreach(name file IN ZIP_LISTS NAMES FILES)
   file(READ ${file} bytes HEX)
   string(REGEX REPLACE "(................................................................)" "\\1\n" bytes
