@@ -5,6 +5,7 @@
 // quadrature, and data that the model made.
 #include "varda/report/reports.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -18,6 +19,7 @@
 #include "varda/input/model_file.h"
 #include "varda/report/matrix_tables.h"
 #include "varda/run/diagnose.h"
+#include "varda/support/commit.h"
 #include "varda/version.h"
 
 namespace varda {
@@ -89,6 +91,7 @@ void replace_every(std::string& text, const std::string& what, const std::string
 void expect_file(const std::string& name, std::string text) {
   std::ifstream file(report_folder + name);
   const std::string expected{std::istreambuf_iterator<char>(file), {}};
+  replace_every(text, fmt::format("varda {}, commit {}\n", version, commit()), "");
   replace_every(text, std::string("varda ") + version, "varda VERSION");
   const std::size_t settings = text.find("  \"settings\": {");
   if (settings != std::string::npos) text.erase(settings);

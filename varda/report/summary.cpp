@@ -7,6 +7,7 @@
 #include <iterator>
 
 #include "varda/report/reports.h"
+#include "varda/support/commit.h"
 #include "varda/support/text.h"
 #include "varda/version.h"
 
@@ -259,6 +260,7 @@ void write_source(sink out, const population_model& model, const fit_result& res
   fmt::format_to(out, "\nSeed {}, SHA-256 of the model file {:.{}}, of the data {:.{}}\n",
                  model.specification().estimation.seed, result.source.model_sha256, shown,
                  result.source.data_sha256, shown);
+  if (*commit() != '\0') fmt::format_to(out, "varda {}, commit {}\n", version, commit());
 }
 
 // The maxima that the fits from several start values found, each with the fits that ended there.
