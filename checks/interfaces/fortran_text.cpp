@@ -112,7 +112,7 @@ std::string by_reference_source(const std::vector<routine>& routines) {
       "// The routines as Fortran without a module calls them: lower case, a trailing underscore, "
       "every\n// argument by reference. They stand on the C shells, so that a program without the "
       "C++ "
-      "runtime links\n// them; where a shell has a failure to tell, the process ends.\n"
+      "runtime\n// links them; where a shell has a failure to tell, the process ends.\n//\n"
       "// Made by checks/interfaces from the C++ headers; see CONTRIBUTING.md.\n"
       "// clang-format off\n"
       "#include <cstdio>\n#include <cstdlib>\n\n#include \"statsubs/c/statsubs.h\"\n\n"

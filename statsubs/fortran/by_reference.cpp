@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The routines as Fortran without a module calls them: lower case, a trailing underscore, every
-// argument by reference. They stand on the C shells, so that a program without the C++ runtime links
-// them; where a shell has a failure to tell, the process ends.
+// argument by reference. They stand on the C shells, so that a program without the C++ runtime
+// links them; where a shell has a failure to tell, the process ends.
+//
 // Made by checks/interfaces from the C++ headers; see CONTRIBUTING.md.
 // clang-format off
 #include <cstdio>

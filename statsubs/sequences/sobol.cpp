@@ -166,8 +166,8 @@ void insobl(bool* ok, const int& ndim, const int& maxpoints, int& tquality, doub
 }
 
 void gosobl(double* point) {
-  // Neighbours in Gray-code order differ in one column: that of the lowest zero bit of count. Bit 31
-  // counts as zero, which asks for a column that never is and spares the question for none.
+  // Neighbours in Gray-code order differ in one column: that of the lowest zero bit of count. Bit
+  // 31 counts as zero, which asks for a column that never is and spares the question for none.
   const unsigned zero_bits = ~static_cast<unsigned>(bd::count) | 1U << bd::max_digits;
   const int column = std::countr_zero(zero_bits) + 1;
   if (column > bd::maxcol) support::stop_process(" TOO MANY CALLS ON GOSOBL");
