@@ -129,14 +129,16 @@ TEST(Densities, GiveEveryIndividualItsOwnBits) {
       {"a", {error_kind::additive, 0.4, 0.0, false, false}},
       {"b", {error_kind::proportional, 0.0, 0.3, false, false}},
       {"c", {error_kind::combined, 0.2, 0.1, false, false}},
-      {"d", {error_kind::log_normal, 0.5, 0.0, false, false}}};
+      {"d", {error_kind::log_normal, 0.5, 0.0, false, false}},
+      {"e", {error_kind::combined_sd, 0.2, 0.1, false, false}},
+      {"f", {error_kind::power, 0.0, 0.3, false, false, 0.7, false}}};
   const endpoints model(described, 0, {});
   std::vector<double> theta;
   for (const fixed_effect& t : model.parameters()) theta.push_back(t.start);
   subject who;
   std::mt19937_64 engine(11);
   std::normal_distribution<double> normal;
-  for (int e = 0; e < 4; ++e)
+  for (int e = 0; e < static_cast<int>(described.size()); ++e)
     for (const censoring c :
          {censoring::none, censoring::left, censoring::right, censoring::interval, censoring::none})
       append(
@@ -170,7 +172,10 @@ TEST(Densities, GiveEveryIndividualItsOwnBits) {
       const auto at = static_cast<long double>(f[k * n + j]);
       const residual_error& r = described[static_cast<std::size_t>(o.endpoint)].residual;
       const bool logarithmic = r.kind == error_kind::log_normal;
-      const long double s = std::hypot(static_cast<long double>(r.additive), r.proportional * at);
+      long double s = std::hypot(static_cast<long double>(r.additive), r.proportional * at);
+      if (r.kind == error_kind::combined_sd) s = r.additive + r.proportional * at;
+      if (r.kind == error_kind::power)
+        s = r.proportional * std::pow(at, static_cast<long double>(r.exponent));
       const auto scaled = [&](double y) {
         return (logarithmic ? std::log(static_cast<long double>(y)) - std::log(at) : y - at) / s;
       };

@@ -18,10 +18,10 @@ namespace {
 
 using test::captured_unit;
 
-// A full omega, a covariate, a parameter without random effect, a combined error and a censored
-// observation: every kind of coordinate.
-population_model every_coordinate() {
-  const population_model plain = test::theophylline([](model_specification& file) {
+// A full omega, a covariate, a parameter without random effect, an error with two parameters and a
+// censored observation: every kind of coordinate.
+population_model every_coordinate(error_kind kind) {
+  const population_model plain = test::theophylline([kind](model_specification& file) {
     file.parameters[0].law = distribution::none;
     file.parameters[0].start = 1.5;
     covariate_effect weight;
@@ -32,17 +32,28 @@ population_model every_coordinate() {
     file.parameters[1].effects = {weight};
     file.data.covariates = {"WT"};
     file.omega = {{{"CL", "V"}, {0.08, 0.02, 0.02, 0.03}, false}};
-    file.endpoints.front().residual = {error_kind::combined, 0.5, 0.1, false, false};
+    file.endpoints.front().residual = {kind, 0.5, 0.1, false, false, 0.8, false};
   });
   dataset data = plain.data();
-  observation& first = data.subjects[2].observations[9];
-  first.censored = censoring::left;
+  data.subjects[2].observations[9].censored = censoring::left;
+  // At time 0 the prediction is 0, which an error that is a power cannot take.
+  for (subject& who : data.subjects) {
+    const subject whole = who;
+    who.observations.clear();
+    who.doses.clear();
+    who.timeline.clear();
+    for (const dose& given : whole.doses) append(who, given);
+    for (const observation& made : whole.observations)
+      if (made.time > 0.0) append(who, made);
+  }
   return {plain.specification(), data};
 }
 
 // Fisher's and Louis' identities against differences of the sampled log-likelihood itself.
-TEST(SubjectSampler, DerivativesAreThoseOfTheSampledLikelihood) {
-  const population_model model = every_coordinate();
+class SubjectSampler : public testing::TestWithParam<error_kind> {};
+
+TEST_P(SubjectSampler, DerivativesAreThoseOfTheSampledLikelihood) {
+  const population_model model = every_coordinate(GetParam());
   const job alone(nullptr, nullptr);
   const captured_unit swallowed;
   engine_host host(model, alone);
@@ -77,6 +88,10 @@ TEST(SubjectSampler, DerivativesAreThoseOfTheSampledLikelihood) {
           << name << " " << scale.entries()[static_cast<std::size_t>(l)].name;
   }
 }
+
+INSTANTIATE_TEST_SUITE_P(Errors, SubjectSampler,
+                         testing::Values(error_kind::combined, error_kind::combined_sd,
+                                         error_kind::power));
 
 // The integral of a likelihood that is normal in phi is known, whatever mixture samples it.
 TEST(DrawSubject, AMixtureIsWeighedByItsWholeDensity) {

@@ -146,8 +146,12 @@ std::string observation_line(const endpoint& what) {
       return y + " = f + proportional × f × ε";
     case error_kind::combined:
       return y + " = f + √(additive² + proportional² × f²) × ε";
+    case error_kind::combined_sd:
+      return y + " = f + (additive + proportional × |f|) × ε";
+    case error_kind::power:
+      return y + " = f + proportional × |f|^exponent × ε";
     case error_kind::log_normal:
-      return "log " + y + " = log f + additive × ε";
+      return "log " + y + " = log f + log_normal × ε";
   }
   return "";
 }

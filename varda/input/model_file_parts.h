@@ -12,7 +12,7 @@
 namespace varda {
 
 // Keys of the residual deviations, and their names in the results.
-inline constexpr std::array deviation_keys = {"additive", "proportional", "log_normal"};
+inline constexpr std::array deviation_keys = {"additive", "proportional", "exponent", "log_normal"};
 
 // Formulas may name columns of the data set, which is why this one reads its header.
 void read_structure(section from, const file_access& text_of, model_specification& file);

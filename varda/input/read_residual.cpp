@@ -15,8 +15,8 @@ double read_deviation(section& from, const std::string& key, bool& fixed) {
   const double value =
       from.fixable_number(key, "start", "a start value of the residual error", fixed);
   if (!(value > 0.0))
-    throw from.error("E-MODEL-RANGE", key, fmt::format("the deviation {} is not above 0", value),
-                     "standard deviations are positive");
+    throw from.error("E-MODEL-RANGE", key, fmt::format("{} is not above 0", value),
+                     "standard deviations and exponents are positive");
   return value;
 }
 
@@ -37,8 +37,13 @@ residual_error read_error(section& from) {
       read_proportional();
       break;
     case error_kind::combined:
+    case error_kind::combined_sd:
       read_additive("additive");
       read_proportional();
+      break;
+    case error_kind::power:
+      read_proportional();
+      r.exponent = read_deviation(from, "exponent", r.exponent_fixed);
       break;
     case error_kind::log_normal:
       read_additive("log_normal");

@@ -36,6 +36,7 @@ endpoints::endpoints(const std::vector<endpoint>& described, int first_theta, co
     : first_theta_(first_theta) {
   const auto add = [&](const endpoint& of, const char* name, double start, bool fixed) {
     fixed_effect t;
+    t.is_scale = name != std::string("exponent");
     t.name = of.name.empty() ? name : of.name + "." + name;
     t.role = theta_role::residual_deviation;
     t.start = start;
@@ -47,9 +48,11 @@ endpoints::endpoints(const std::vector<endpoint>& described, int first_theta, co
   for (const endpoint& of : described) {
     const residual_error& r = of.residual;
     entry e{.kind = r.kind};
-    if (r.kind == error_kind::proportional || r.kind == error_kind::combined)
+    if (r.kind != error_kind::additive && r.kind != error_kind::log_normal)
       e.proportional = add(of, "proportional", r.proportional, r.proportional_fixed);
-    if (r.kind != error_kind::proportional)
+    if (r.kind == error_kind::power)
+      e.exponent = add(of, "exponent", r.exponent, r.exponent_fixed);
+    else if (r.kind != error_kind::proportional)
       e.additive = add(of, r.kind == error_kind::log_normal ? "log_normal" : "additive", r.additive,
                        r.additive_fixed);
     endpoints_.push_back(e);
@@ -86,6 +89,7 @@ void endpoints::objectives(const observation* observed, std::size_t count, const
     laws.data()[k] = {.kind = e.kind,
                       .additive = a,
                       .proportional = b,
+                      .exponent = e.exponent < 0 ? 0.0 : theta[e.exponent],
                       .per_additive_square = 1.0 / (a * a),
                       .per_proportional_square = 1.0 / (b * b)};
   }
@@ -117,6 +121,10 @@ void endpoints::derivatives(const subject& who, const Eigen::MatrixXd& f, const 
       continue;
     }
     const entry& e = of(at);
+    if (e.kind == error_kind::combined_sd || e.kind == error_kind::power) {
+      add_derivatives_of_deviation(at, fk, theta, weights, gradient, hessian);
+      continue;
+    }
     const bool logarithmic = e.kind == error_kind::log_normal;
     const Eigen::Index a = e.additive < 0 ? -1 : e.additive - first_theta_;
     const Eigen::Index b = e.proportional < 0 ? -1 : e.proportional - first_theta_;
@@ -148,6 +156,46 @@ void endpoints::derivatives(const subject& who, const Eigen::MatrixXd& f, const 
   }
 }
 
+// With s the deviation, q = (y - f)^2 / s^2 and l = -q / 2 - log s: dl/dlog s = q - 1 and
+// d2l/d(log s)^2 = -2 q. log s moves with log a by a / s, with log b by the rest where there is an
+// a, else by 1, and with log c by c log |f|.
+void endpoints::add_derivatives_of_deviation(const observation& at, const double* f,
+                                             const double* theta, const Eigen::VectorXd& weights,
+                                             Eigen::MatrixXd& gradient,
+                                             Eigen::MatrixXd& hessian) const {
+  const entry& e = of(at);
+  const bool is_power = e.kind == error_kind::power;
+  const Eigen::Index one = e.proportional - first_theta_;
+  const Eigen::Index other = (is_power ? e.exponent : e.additive) - first_theta_;
+  for (Eigen::Index j = 0; j < gradient.rows(); ++j) {
+    if (weights(j) == 0.0) continue;
+    const double s = deviation(at, f[j], theta);
+    const double q = std::pow((at.value - f[j]) / s, 2);
+    // First and second derivatives of log s.
+    double by_one = 1.0;
+    double by_other = 0.0;
+    double one_one = 0.0;
+    double one_other = 0.0;
+    double other_other = 0.0;
+    if (is_power) {
+      by_other = other_other = theta[e.exponent] * std::log(std::fabs(f[j]));
+    } else {
+      by_other = theta[e.additive] / s;
+      by_one = 1.0 - by_other;
+      one_one = other_other = by_one * by_other;
+      one_other = -one_one;
+    }
+    gradient(j, one) += (q - 1.0) * by_one;
+    gradient(j, other) += (q - 1.0) * by_other;
+    const double w = weights(j);
+    hessian(one, one) += w * (-2.0 * q * by_one * by_one + (q - 1.0) * one_one);
+    hessian(other, other) += w * (-2.0 * q * by_other * by_other + (q - 1.0) * other_other);
+    const double mixed = w * (-2.0 * q * by_one * by_other + (q - 1.0) * one_other);
+    hessian(one, other) += mixed;
+    hessian(other, one) += mixed;
+  }
+}
+
 // What is known of a censored observation is a probability; central differences serve.
 void endpoints::add_differences(const observation& at, const double* f, const double* theta,
                                 const Eigen::VectorXd& weights, Eigen::MatrixXd& gradient,
@@ -156,10 +204,10 @@ void endpoints::add_differences(const observation& at, const double* f, const do
   const Eigen::Index n = gradient.rows();
   std::vector<double> moved(theta, theta + first_theta_ + static_cast<int>(parameters_.size()));
   std::vector<int> own;
-  for (const int position : {of(at).additive, of(at).proportional})
+  for (const int position : {of(at).additive, of(at).proportional, of(at).exponent})
     if (position >= 0) own.push_back(position);
   Eigen::VectorXd squares(n);
-  // log p with the logarithms of one deviation or both moved by so many steps.
+  // log p with the logarithms of one parameter or both moved by so many steps.
   const auto value = [&](double first, double second) {
     const double by[] = {first, second};
     for (std::size_t k = 0; k < own.size(); ++k) {
@@ -208,6 +256,10 @@ double endpoints::deviation(const observation& at, double f, const double* theta
       return theta[e.additive];
     case error_kind::proportional:
       return std::fabs(theta[e.proportional] * f);
+    case error_kind::combined_sd:
+      return theta[e.additive] + std::fabs(theta[e.proportional] * f);
+    case error_kind::power:
+      return theta[e.proportional] * std::pow(std::fabs(f), theta[e.exponent]);
     case error_kind::combined:
       break;
   }

@@ -6,6 +6,8 @@
 //   additive       y = f + a e
 //   proportional   y = f + b f e
 //   combined       variance a^2 + b^2 f^2
+//   combined-sd    y = f + (a + b |f|) e
+//   power          y = f + b |f|^c e
 //   log-normal     log y = log f + a e; the density is that of y itself
 //
 // A censored observation counts with the probability of what is known of it: that y lies below or
@@ -27,7 +29,7 @@ struct lane_kernel;
 class endpoints {
  public:
   // The parameters of the endpoints stand in theta from `first_theta` on, endpoint by endpoint, the
-  // proportional deviation before the additive one.
+  // proportional deviation before the additive one and the exponent.
   endpoints(const std::vector<endpoint>& described, int first_theta, const dataset& data);
 
   const std::vector<fixed_effect>& parameters() const { return parameters_; }
@@ -70,6 +72,7 @@ class endpoints {
     error_kind kind = error_kind::additive;
     int additive = -1;  // positions in theta, -1 for none
     int proportional = -1;
+    int exponent = -1;
   };
   const entry& of(const observation& at) const {
     return endpoints_[static_cast<std::size_t>(at.endpoint)];
@@ -77,6 +80,9 @@ class endpoints {
   void objectives(const observation* observed, std::size_t count, const double* f,
                   std::size_t stride, std::size_t n, const double* theta, double* objective,
                   double* scaled_squares, const lane_kernel& with) const;
+  void add_derivatives_of_deviation(const observation& at, const double* f, const double* theta,
+                                    const Eigen::VectorXd& weights, Eigen::MatrixXd& gradient,
+                                    Eigen::MatrixXd& hessian) const;
   void add_differences(const observation& at, const double* f, const double* theta,
                        const Eigen::VectorXd& weights, Eigen::MatrixXd& gradient,
                        Eigen::MatrixXd& hessian) const;

@@ -32,6 +32,7 @@ struct fixed_effect {
   double lower = 0.0;
   double upper = 0.0;
   bool fixed = false;
+  bool is_scale = true;  // of a residual deviation: residuals are in proportion to it
 
   // From theta to the scale that a user reads, and from theta to the regression scale and back.
   double natural(double theta) const;

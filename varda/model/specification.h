@@ -128,7 +128,7 @@ struct omega_block {
   bool fixed = false;
 };
 
-enum class error_kind { additive, proportional, combined, log_normal };
+enum class error_kind { additive, proportional, combined, combined_sd, power, log_normal };
 
 // Residual deviations with their start values; see residual_model.h.
 struct residual_error {
@@ -137,6 +137,8 @@ struct residual_error {
   double proportional = 0.0;
   bool additive_fixed = false;
   bool proportional_fixed = false;
+  double exponent = 0.0;
+  bool exponent_fixed = false;
 };
 
 // What is observed: an output of the structural model with its residual error. `name` is empty

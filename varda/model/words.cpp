@@ -63,6 +63,10 @@ const char* name_of(error_kind kind) {
       return "proportional";
     case error_kind::combined:
       return "combined";
+    case error_kind::combined_sd:
+      return "combined-sd";
+    case error_kind::power:
+      return "power";
     case error_kind::log_normal:
       return "log-normal";
   }

@@ -59,6 +59,10 @@ bool counts(const engine_host& host, int subject) {
   return owns(host, subject) && host.model().observations(subject) > 0;
 }
 
+bool is_free_scale(const fixed_effect& t) {
+  return t.role == theta_role::residual_deviation && t.is_scale && !t.fixed;
+}
+
 struct pooled_fit {
   double value = 0.0;
   double scale = 1.0;
@@ -96,7 +100,7 @@ std::vector<pooled_fit> pooled_fits(const engine_host& host,
       for (Eigen::Index r = 0; r < rungs; ++r) {
         Eigen::VectorXd scaled = theta;
         for (std::size_t k = 0; k < model.thetas().size(); ++k)
-          if (model.thetas()[k].role == theta_role::residual_deviation && !model.thetas()[k].fixed)
+          if (is_free_scale(model.thetas()[k]))
             scaled(static_cast<Eigen::Index>(k)) *= factors[static_cast<std::size_t>(r)];
         host.joint().of_data(i, scaled.data(), f, objective, squares);
         by_subject(rungs * c + r, i) = std::isfinite(objective(0)) ? objective(0) : 1e100;
@@ -147,8 +151,7 @@ Eigen::Index values_to_move(const population_model& model) {
 Eigen::VectorXd scaled_deviations(const population_model& model, Eigen::VectorXd theta,
                                   double factor) {
   for (std::size_t k = 0; k < model.thetas().size(); ++k)
-    if (model.thetas()[k].role == theta_role::residual_deviation && !model.thetas()[k].fixed)
-      theta(static_cast<Eigen::Index>(k)) *= factor;
+    if (is_free_scale(model.thetas()[k])) theta(static_cast<Eigen::Index>(k)) *= factor;
   return theta;
 }
 

@@ -16,6 +16,7 @@ struct residual_law {
   error_kind kind = error_kind::additive;
   double additive = 0.0;
   double proportional = 0.0;
+  double exponent = 0.0;
   double per_additive_square = 0.0;  // 1 over the squares
   double per_proportional_square = 0.0;
 };

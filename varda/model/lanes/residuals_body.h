@@ -119,6 +119,17 @@ inline vec log_normal_probability(vec lower, vec upper) {
   return whole + VARDA_SLEEF(log1p)(-VARDA_SLEEF(exp)(log_normal_probability(from) - whole));
 }
 
+// Whether the deviation, with all its factors, is computed for each prediction.
+inline bool is_whole(error_kind kind) {
+  return kind == error_kind::combined_sd || kind == error_kind::power;
+}
+
+// The deviation of such a kind: a sum or a power.
+inline vec deviation_at(const residual_law& law, vec f) {
+  if (law.kind == error_kind::combined_sd) return law.additive + law.proportional * magnitude(f);
+  return law.proportional * VARDA_SLEEF(exp)(law.exponent * VARDA_SLEEF(log)(magnitude(f)));
+}
+
 // Squares, logarithms of variances and probabilities, of one vector of individuals.
 class residual_sums {
  public:
@@ -136,6 +147,11 @@ class residual_sums {
           law.additive * law.additive + (law.proportional * law.proportional) * (f * f);
       squares_ = squares_ + difference * difference / variance;
       scales_.multiply(variance);
+    } else if constexpr (Kind == error_kind::combined_sd || Kind == error_kind::power) {
+      const vec deviation = deviation_at(law, f);
+      const vec r = difference / deviation;
+      squares_ = squares_ + r * r;
+      scales_.multiply_square(deviation);
     } else {
       const vec r = log_bound_ratio(at.value, f);
       squares_ = squares_ + (r * r) * law.per_additive_square;
@@ -150,6 +166,10 @@ class residual_sums {
         return add<error_kind::proportional>(at, law, f);
       case error_kind::combined:
         return add<error_kind::combined>(at, law, f);
+      case error_kind::combined_sd:
+        return add<error_kind::combined_sd>(at, law, f);
+      case error_kind::power:
+        return add<error_kind::power>(at, law, f);
       case error_kind::log_normal:
         return add<error_kind::log_normal>(at, law, f);
     }
@@ -167,6 +187,7 @@ class residual_sums {
     if (law.kind == error_kind::combined)
       deviation =
           root(law.additive * law.additive + (law.proportional * law.proportional) * (f * f));
+    if (is_whole(law.kind)) deviation = deviation_at(law, f);
     const auto scaled = [&](double y) {
       return (logarithmic ? log_bound_ratio(y, f) : y - f) / deviation;
     };
@@ -203,7 +224,7 @@ inline vec constant_part(const residual_problem& problem) {
       if (law.kind == error_kind::log_normal) values.multiply_square(all(at.value));
     }
     seen += count;
-    if (count == 0.0 || law.kind == error_kind::combined) continue;
+    if (count == 0.0 || law.kind == error_kind::combined || is_whole(law.kind)) continue;
     const double s = law.kind == error_kind::proportional ? law.proportional : law.additive;
     sum = sum + count * VARDA_SLEEF(log)(all(s * s));
   }
@@ -247,6 +268,10 @@ void residuals(const residual_problem& problem) {
       add_of_kind.operator()<error_kind::proportional>();
     else if (first.kind == error_kind::combined)
       add_of_kind.operator()<error_kind::combined>();
+    else if (first.kind == error_kind::combined_sd)
+      add_of_kind.operator()<error_kind::combined_sd>();
+    else if (first.kind == error_kind::power)
+      add_of_kind.operator()<error_kind::power>();
     else
       add_of_kind.operator()<error_kind::log_normal>();
     put(problem.objective + lane, sums.objective() + constant, left);
