@@ -27,6 +27,7 @@ _varda() {
     local options="--output --from --seed --samples --threads --report --quiet --records --help"
     local source="--data --output --seed --threads --help"
     case $command in
+      fit) options+=" --resume" ;;
       check) options="--json --help" ;;
       report) options="--output --replicates --threads --help" ;;
       selftest) options="--json --quiet --help" ;;

@@ -46,7 +46,8 @@ _varda() {
   shift words
   (( CURRENT-- ))
   case $command in
-    fit | evaluate) _arguments $run ;;
+    fit) _arguments $run '--resume[take up the fit in the folder that was killed or stopped]' ;;
+    evaluate) _arguments $run ;;
     check) _arguments ':model file:_files -g "*.toml"' '--json[print JSON]' ;;
     report)
       _arguments ':folder:_directories' '(-o --output)'{-o,--output}'[file for the report]:file:_files' \

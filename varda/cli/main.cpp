@@ -18,6 +18,7 @@
 #include "varda/host/job.h"
 #include "varda/model/settings_table.h"
 #include "varda/support/finding.h"
+#include "varda/support/stop.h"
 #include "varda/version.h"
 
 namespace {
@@ -140,6 +141,9 @@ int run_program(int argc, char** argv, varda::job& peers) {
   describe(predict, predicted);
   describe(vpc, checked);
   describe(fit, "MODEL-out", request);
+  fit->add_flag("--resume", request.resume,
+                "take up the fit in the folder that was killed or stopped")
+      ->excludes("--from");
   describe(evaluate, "MODEL-evaluation", request);
   try {
     app.parse(argc, argv);
@@ -170,8 +174,12 @@ int run_program(int argc, char** argv, varda::job& peers) {
   if (check->parsed()) return varda::check(inspected, peers);
   if (app.got_subcommand("report")) return varda::write_report(reported, peers);
   const varda::exit_status ended = varda::run(request, peers);
-  if (request.report && ended != varda::exit_status::failure)
+  if (!request.report || ended == varda::exit_status::failure) return ended;
+  if (!peers.any(varda::stop_requested()))
     varda::write_report({.folder = request.output_path}, peers);
+  else if (peers.is_root())
+    say(fmt::format("varda: stopped before the report; varda report {} writes it",
+                    request.output_path));
   return ended;
 }
 

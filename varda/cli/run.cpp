@@ -9,10 +9,12 @@
 #include <exception>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <utility>
 #include <vector>
 
 #include "statsubs/state/output_units.h"
+#include "varda/cli/checkpoint.h"
 #include "varda/cli/report.h"
 #include "varda/cli/shared_files.h"
 #include "varda/cli/start_from.h"
@@ -40,7 +42,8 @@ namespace {
 // the only one: those of the root are shown.
 class record_keeper {
  public:
-  explicit record_keeper(bool to_terminal) {
+  // `before`: those of the run that is taken up.
+  explicit record_keeper(bool to_terminal, std::string before = "") : text_(std::move(before)) {
     if (to_terminal) return;
     statsubs::take_unit(
         statsubs::standard_output_unit,
@@ -66,19 +69,40 @@ void on_interrupt(int signal) {
   std::signal(signal, SIG_DFL);
 }
 
-// `started`: where the start values are from, for page one.
+// What a run starts from, besides its settings.
+struct beginning {
+  std::optional<saved_fit> saved;  // where a fit is taken up
+  fit_session session;
+  std::string started;  // where the start values are from, for page one
+};
+
+void take_start_values(const run_request& request, const file_access& files, beginning& from,
+                       model_specification& file) {
+  stored_fit fit;
+  fit_session& session = from.session;
+  if (!request.from.empty()) {
+    fit = read_stored_fit(request.from, files);
+    session.from = request.from;
+    for (const stored_quantity& q : fit.quantities)
+      session.from_estimates.emplace_back(q.name, q.estimate);
+  }
+  if (session.from.empty()) return;
+  if (fit.quantities.empty())
+    for (const auto& [name, estimate] : session.from_estimates)
+      fit.quantities.push_back({name, estimate, false, {}});
+  const std::vector<std::string> taken = start_from(fit, file);
+  from.started = wrapped(fmt::format("Start values from {}: {}\n", session.from,
+                                     taken.empty() ? "none, no name is the same"
+                                                   : fmt::format("{}", fmt::join(taken, ", "))),
+                         2);
+}
+
 population_model prepare(const run_request& request, const job& peers, findings& warnings,
-                         std::string& started) {
+                         beginning& from) {
   const file_access files = shared_files(peers);
   model_specification file =
       read_model_file(request.model_path, warnings, request.overrides, files);
-  if (!request.from.empty()) {
-    const std::vector<std::string> taken = start_from(read_stored_fit(request.from, files), file);
-    started = wrapped(fmt::format("Start values from {}: {}\n", request.from,
-                                  taken.empty() ? "none, no name is the same"
-                                                : fmt::format("{}", fmt::join(taken, ", "))),
-                      2);
-  }
+  take_start_values(request, files, from, file);
   dataset data = read_dataset(file.data, warnings, files);
   population_model model(std::move(file), std::move(data));
   check_start(model);
@@ -97,19 +121,22 @@ std::vector<std::string> result_names(task what, bool with_report) {
                                     "rows.csv",        "legend.csv",   "records.txt"};
   for (const char* ending : {".json", ".ext", ".phi", ".cov", ".cor"})
     names.push_back(name_of(what) + std::string(ending));
+  if (what == task::fit) names.emplace_back(state_name);
   if (with_report) names.emplace_back(report_name);
   return names;
 }
 
 // The root tries the folder and every process learns the outcome: a refusal on one alone would
 // leave the others waiting. Null on processes other than the root.
-std::unique_ptr<run_folder> open_folder(const run_request& request, const job& peers) {
+std::unique_ptr<run_folder> open_folder(const run_request& request, const manifest& origin,
+                                        const job& peers) {
   std::unique_ptr<run_folder> folder;
   std::exception_ptr refusal;
   if (peers.is_root()) {
     try {
       folder = std::make_unique<run_folder>(request.output_path, name_of(request.what),
                                             result_names(request.what, request.report));
+      if (!request.resume) std::fputs(check_leftover(request.output_path, origin).c_str(), stderr);
     } catch (const bad_input&) {
       refusal = std::current_exception();
     }
@@ -182,29 +209,38 @@ bool deliver(run_folder& folder, const manifest& origin, const std::string& page
 exit_status run(const run_request& request, job& peers) {
   const auto begin = std::chrono::steady_clock::now();
   findings warnings;
-  std::string started;
-  const population_model model = prepare(request, peers, warnings, started);
+  beginning from;
+  if (request.resume) {
+    from.saved = take_up(request.output_path, peers);
+    from.session = from.saved->session;
+  }
+  const population_model model = prepare(request, peers, warnings, from);
   peers.use_threads(model.specification().estimation.threads);
   const manifest origin = origin_of(request, model);
+  if (from.saved) check_same(*from.saved, origin, request.output_path);
   const std::string model_text = read_from_disk(request.model_path).value_or("");
-  const std::unique_ptr<run_folder> folder = open_folder(request, peers);
+  const std::unique_ptr<run_folder> folder = open_folder(request, origin, peers);
 
   const bool silent = request.quiet || !peers.is_root();
   const progress_style style = silent ? progress_style::quiet : progress_style_of_error_stream();
-  const record_keeper records(request.records_to_terminal && peers.is_root());
-  std::signal(SIGINT, on_interrupt);
-  std::signal(SIGTERM, on_interrupt);
-  std::signal(SIGHUP, on_interrupt);
+  const record_keeper records(request.records_to_terminal && peers.is_root(), from.session.records);
+  engine_host host(model, peers);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) std::signal(signal, on_interrupt);
   std::signal(SIGPIPE, SIG_IGN);
 
-  engine_host host(model, peers);
   const progress_listener progress = make_progress(style);
-  fit_result result = request.what == task::fit ? fit(host, progress) : evaluate(host, progress);
+  checkpointer keeper(folder.get(), peers, model.specification().estimation.checkpoint,
+                      identity_of(origin), from.session, records.text());
+  fit_result result = request.what == task::evaluate ? evaluate(host, progress)
+                      : from.saved ? fit(host, progress, keeper, std::move(from.saved->state))
+                                   : fit(host, progress, keeper, {});
   finish_progress(style);
   result.threads = peers.threads().size();
   result.why_one_thread = peers.why_one_thread();
+  result.sessions = from.session.sessions + 1;
   result.warnings.insert(result.warnings.begin(), warnings.begin(), warnings.end());
   result.times.total =
+      from.session.seconds +
       std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
 
   result.source = {origin.model_sha256, origin.data_sha256, origin.observations_sha256,
@@ -212,14 +248,19 @@ exit_status run(const run_request& request, job& peers) {
 
   bool failed = false;
   if (peers.is_root()) {
-    const std::string page = summary(model, result) + (started.empty() ? "" : "\n" + started);
+    std::string page = summary(model, result) + (from.started.empty() ? "" : "\n" + from.started);
     add_reports(*folder, model, result);
     folder->add("model-used.toml", model_text);
     folder->add("run.json", run_json(result, request.command));
+    if (!keeper.at_stop().empty()) {
+      folder->add(state_name, keeper.at_stop());
+      page += "\n" + wrapped("Stopped: the same command with --resume goes on from here.\n", 2);
+    }
     folder->add("page_one.txt", page);
     if (!records.text().empty()) folder->add("records.txt", records.text());
     failed = !deliver(*folder, origin, page);
   }
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) std::signal(signal, SIG_DFL);
   if (peers.any(failed)) return exit_status::failure;
   return result.converged ? exit_status::converged : exit_status::not_converged;
 }

@@ -28,6 +28,7 @@ struct run_request {
   bool report = false;  // report.html besides
   bool quiet = false;
   bool records_to_terminal = false;  // the library's own records; otherwise records.txt
+  bool resume = false;               // take up the unfinished fit in the folder
   std::string from;  // folder of a fit whose estimates are the start values, or empty
   std::vector<std::string> command;  // as it was typed
 };

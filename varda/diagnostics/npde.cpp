@@ -10,6 +10,7 @@
 #include "statsubs/estep/proposals.h"
 #include "varda/host/subjects.h"
 #include "varda/simulation/simulate.h"
+#include "varda/support/stop.h"
 
 namespace varda {
 
@@ -121,6 +122,7 @@ std::vector<Eigen::VectorXd> npde(const population_model& model, const Eigen::Ve
   const std::vector<int> own = own_subjects(model, peers);
   subject_progress shown(progress, run_stage::npde, model.subjects(), peers);
   peers.threads().for_each(static_cast<int>(own.size()), [&](int k, int) {
+    if (stop_requested()) return;
     const int i = own[static_cast<std::size_t>(k)];
     all.segment(places[static_cast<std::size_t>(i)], model.observations(i)) =
         npde(model, i, theta, omega, settings.npde_samples, settings.seed);

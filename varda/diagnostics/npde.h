@@ -29,7 +29,8 @@ Eigen::VectorXd npde(const population_model& model, int subject, const Eigen::Ve
                      const Eigen::MatrixXd& omega, int simulations, int seed);
 
 // Those of every subject, by the settings of the model file; empty when they ask for none. Subjects
-// are shared among the processes; every one ends with the same. Collective.
+// are shared among the processes; every one ends with the same, of no use after a stop request.
+// Collective.
 std::vector<Eigen::VectorXd> npde(const population_model& model, const Eigen::VectorXd& theta,
                                   const Eigen::MatrixXd& omega, const job& peers,
                                   const progress_listener& progress);

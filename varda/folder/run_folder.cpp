@@ -15,6 +15,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "varda/folder/saved_run.h"
 #include "varda/support/digest.h"
 #include "varda/support/files.h"
 #include "varda/support/finding.h"
@@ -25,8 +26,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// What a run keeps in its working folder besides what its manifest lists.
-const std::vector<std::string> working_names = {"run.state", "run.state.new", "manifest.json.new"};
+// What a run keeps in its working folder besides its state and what its manifest lists.
+const std::vector<std::string> working_names = {"run.state.new", "manifest.json.new"};
 constexpr const char* part_inside = ".varda-part";
 
 std::string reason_of(int number) {
@@ -66,6 +67,10 @@ bool same_file(const fs::path& a, const fs::path& b) {
          of_a.st_dev == of_b.st_dev && of_a.st_ino == of_b.st_ino;
 }
 
+bool holds_state(const fs::path& path) {
+  return is_saved_run(read_from_disk(path.string()).value_or(""));
+}
+
 bool there(const fs::path& path) {
   std::error_code failure;
   return fs::symlink_status(path, failure).type() != fs::file_type::not_found;
@@ -83,12 +88,17 @@ std::vector<fs::path> entries_of(const fs::path& folder) {
 
 // Empties a working folder, of a run that was killed or of the results that were replaced: what its
 // manifest lists goes, what is a user's and not in `home` yet goes there. The name of what is left
-// and nobody's, or nothing.
-std::string tidy(const fs::path& part, const fs::path& home) {
+// and nobody's, or nothing. The state of a run goes only where it is not wanted any more.
+enum class state_is { wanted, done_with };
+std::string tidy(const fs::path& part, const fs::path& home, state_is state) {
   std::error_code ignored;
   const std::optional<manifest> known = manifest_of(part.string());
   std::string stranger;
   for (const fs::path& name : entries_of(part)) {
+    if (name == state_name && holds_state(part / name)) {
+      if (state == state_is::done_with) fs::remove(part / name, ignored);
+      continue;
+    }
     const bool working =
         std::find(working_names.begin(), working_names.end(), name.string()) != working_names.end();
     if (working || (known && known->lists(name.string()))) {
@@ -155,7 +165,8 @@ run_folder::run_folder(const std::string& path, const std::string& task,
 
 run_folder::~run_folder() {
   std::error_code ignored;
-  if (!done_ && tidy(part_, path_).empty()) fs::remove(part_, ignored);
+  // Stays where a state is in it.
+  if (!done_ && tidy(part_, path_, state_is::wanted).empty()) fs::remove(part_, ignored);
   ::close(held_);
 }
 
@@ -197,7 +208,7 @@ void run_folder::hold() {
   if (held_ < 0) refuse(part_.string() + ": " + reason_of(errno), "choose another folder");
   if (::flock(held_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK)
     refuse_and_close("another run is writing to it", "choose another folder, or wait for its end");
-  const std::string stranger = tidy(part_, path_);
+  const std::string stranger = tidy(part_, path_, state_is::wanted);
   if (!stranger.empty())
     refuse_and_close(fmt::format("{} holds {}, which no run wrote", part_.string(), stranger),
                      "move it away");
@@ -214,12 +225,14 @@ void run_folder::check_old(const std::string& task, const std::vector<std::strin
   std::vector<std::string> wanted = names;
   wanted.emplace_back(manifest_name);
   for (const std::string& name : wanted)
-    if (there(path_ / name) && !old_.lists(name) && (name != manifest_name || old_.task.empty()))
+    if (there(path_ / name) && !old_.lists(name) && (name != manifest_name || old_.task.empty()) &&
+        !(name == state_name && holds_state(path_ / name)))
       refuse(fmt::format("it holds {}, which is not in the manifest of an earlier run", name),
              "choose another folder, or move the file away");
   for (const manifest::file& f : old_.files) {
     const std::optional<std::string> bytes = read_from_disk((path_ / f.name).string());
-    if (bytes && !f.sha256.empty() && sha256(*bytes) != f.sha256)
+    if (bytes && !f.sha256.empty() && sha256(*bytes) != f.sha256 &&
+        !(f.name == state_name && is_saved_run(*bytes)))
       refuse(f.name + " was changed after the run that wrote it",
              "choose another folder, or move the file away");
   }
@@ -234,8 +247,37 @@ void run_folder::write_part(const manifest& about) {
   fs::create_directories(part_, ignored);
   // First, so that a run that is killed in between leaves nothing that the next one does not know.
   write_manifest(part_, about);
-  for (const auto& [name, content] : added_) write_file(part_ / name, content);
+  for (const auto& [name, content] : added_)
+    if (name == state_name)
+      write_state(content);
+    else
+      write_file(part_ / name, content);
   flush_folder(part_);
+}
+
+void run_folder::write_state(const std::string& content) {
+  const fs::path working = part_ / (std::string(state_name) + ".new");
+  write_file(working, content);
+  rename_or_fail(working, part_ / state_name);
+}
+
+void run_folder::keep_state(const std::string& content) {
+  std::error_code ignored;
+  fs::create_directories(part_, ignored);
+  write_state(content);
+  flush_folder(part_);
+}
+
+std::optional<run_folder::leftover> run_folder::left_in(const std::string& path) {
+  std::error_code failure;
+  fs::path home = fs::weakly_canonical(fs::absolute(path), failure);
+  if (!home.has_filename()) home = home.parent_path();
+  for (const fs::path& folder : {fs::path(home.string() + ".part"), home / part_inside, home}) {
+    const fs::path file = folder / state_name;
+    const std::optional<std::string> content = read_from_disk(file.string());
+    if (content && is_saved_run(*content)) return leftover{file, *content};
+  }
+  return std::nullopt;
 }
 
 void run_folder::exchange(manifest about) {
@@ -246,10 +288,12 @@ void run_folder::exchange(manifest about) {
   if (in_place_)
     exchange_in_place(about);
   else
-    exchange_whole();
+    exchange_whole(about);
   done_ = true;
   std::error_code ignored;
-  if (tidy(part_, path_).empty()) fs::remove(part_, ignored);
+  if (!about.lists(state_name) && holds_state(path_ / state_name))
+    fs::remove(path_ / state_name, ignored);
+  if (tidy(part_, path_, state_is::done_with).empty()) fs::remove(part_, ignored);
   flush_folder(path_.parent_path());
 }
 
@@ -265,18 +309,28 @@ void run_folder::add_to_run(const std::string& name, const std::string& content)
   write_manifest(path_, about);
 }
 
-void run_folder::exchange_whole() {
+// The state of a run that has ended leaves with the results before it. Until these two have changed
+// places it stands among them, where the run can still be taken up.
+void run_folder::move_state_away(const manifest& about) {
+  if (about.lists(state_name)) return;
+  std::error_code ignored;
+  fs::rename(part_ / state_name, path_ / state_name, ignored);
+}
+
+void run_folder::exchange_whole(const manifest& about) {
   for (const std::string& name : working_names) ::unlink((part_ / name).c_str());
   if (!there(path_)) {
-    if (rename_atomically(part_, path_, rename_kind::no_replace)) return;
-    return rename_or_fail(part_, path_);
+    if (!rename_atomically(part_, path_, rename_kind::no_replace)) rename_or_fail(part_, path_);
+    return;
   }
+  move_state_away(about);
   struct stat old {};
   if (::stat(path_.c_str(), &old) == 0) ::chmod(part_.c_str(), old.st_mode & 07777U);
   // A user's files are in both folders for a moment. What cannot be linked, folders among it, is
   // carried over by tidy() when the two have changed places.
   for (const fs::path& name : entries_of(path_)) {
     if (name == manifest_name || old_.lists(name.string())) continue;
+    if (name == state_name && holds_state(path_ / name)) continue;
     ::linkat(AT_FDCWD, (path_ / name).c_str(), AT_FDCWD, (part_ / name).c_str(), 0);
   }
   if (rename_atomically(part_, path_, rename_kind::exchange)) return;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,21 +15,36 @@ namespace varda {
 // results of one run. What else stands in DIR stays there. What a run wrote is what its manifest
 // lists.
 //
+// A fit that lasts keeps its state in DIR.part, where a kill leaves it for the run that takes it
+// up. A fit that was stopped keeps it in DIR, beside the results so far. What is found of either
+// stays until a run has kept a state of its own, or exchanges its results.
+//
 // A folder that cannot be renamed (the working directory, the root of a file system, one whose
 // parent is read-only) gets its files one by one; between the first and the last its manifest says
 // so (exchanging).
 class run_folder {
  public:
+  // The state that an earlier run has left in a folder or beside it, and where.
+  struct leftover {
+    std::filesystem::path path;
+    std::string content;
+  };
+  static std::optional<leftover> left_in(const std::string& path);
+
   // Takes the folder for one run, of whose possible files `names` are the names, and tries it out;
   // tidies up after a run that was killed. Throws bad_input where it cannot be written to, another
   // run holds it, it holds a fit that an evaluation would replace, or a file that is not an earlier
   // run's would be lost.
   run_folder(const std::string& path, const std::string& task,
              const std::vector<std::string>& names);
-  // Without an exchange nothing is left behind but what was there.
+  // Without an exchange nothing is left behind but what was there, and the state that was kept.
   ~run_folder();
   run_folder(const run_folder&) = delete;
   run_folder& operator=(const run_folder&) = delete;
+
+  // Keeps the run's state where it is found after a kill: always a whole one, this or the one
+  // before. Throws std::runtime_error.
+  void keep_state(const std::string& content);
 
   // Keeps a file for the exchange.
   void add(const std::string& name, const std::string& content);
@@ -48,7 +64,9 @@ class run_folder {
   void hold();
   void check_old(const std::string& task, const std::vector<std::string>& names);
   void write_part(const manifest& about);
-  void exchange_whole();
+  void write_state(const std::string& content);
+  void move_state_away(const manifest& about);
+  void exchange_whole(const manifest& about);
   void exchange_in_place(const manifest& about);
   [[noreturn]] void refuse(const std::string& why, const std::string& remedy) const;
 

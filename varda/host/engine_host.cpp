@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cassert>
 #include <cmath>
-#include <csignal>
 #include <cstring>
 #include <numeric>
 
@@ -14,6 +13,7 @@
 #include "statsubs/state/qrpemlocalvariables.h"
 #include "statsubs/state/saveearlyvars.h"
 #include "statsubs/state/standarderrorvariables.h"
+#include "varda/support/stop.h"
 
 namespace varda {
 
@@ -25,7 +25,6 @@ namespace sv = statsubs::saveearlyvars;
 namespace {
 
 engine_host* the_host = nullptr;
-volatile std::sig_atomic_t stop_signal = 0;
 
 // The method code of the quasi-random EM.
 constexpr int qrpem_engine = 1;
@@ -67,7 +66,7 @@ bool engine_host::stopped() {
 }
 
 bool engine_host::stop_requested() noexcept {
-  return stop_signal != 0;
+  return varda::stop_requested();
 }
 
 // From then on every process has been asked itself.
@@ -87,7 +86,7 @@ bool engine_host::share(Eigen::MatrixXd& by_subject) {
 }
 
 void engine_host::request_stop() noexcept {
-  stop_signal = 1;
+  varda::request_stop();
 }
 
 engine_host::engine_host(const population_model& model, const job& peers)
@@ -97,7 +96,7 @@ engine_host::engine_host(const population_model& model, const job& peers)
       costly_(model.specification().structure.name == equation_structure) {
   assert(the_host == nullptr);
   the_host = this;
-  stop_signal = 0;
+  withdraw_stop();
   sv::globalstop = 0;
   // Processes share subjects: each has the library to itself.
   gv::myid = 0;
@@ -168,7 +167,7 @@ void engine_host::install() {
     }
   };
 
-  table.stoprequested = [] { return static_cast<int>(stop_signal); };
+  table.stoprequested = [] { return varda::stop_requested() ? 1 : 0; };
   table.checkforstop = [](int& flag) { sv::globalstop = flag != 0 ? 1 : 0; };
   table.dran3 = [](int& state) { return current().uniform(state); };
 

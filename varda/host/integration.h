@@ -31,6 +31,11 @@ struct subject_integral {
   double scaled_squares = 0.0;     // weighted mean of the squared scaled residuals per observation
   double effective_samples = 0.0;  // 1 / sum of squared weights
   double largest_weight = 0.0;     // share of the total
+
+  template <class A>
+  void visit(A& archive) {
+    archive(log_likelihood, mean, covariance, scaled_squares, effective_samples, largest_weight);
+  }
 };
 
 // Integrates over the random effects of a subject (from 0) with observations, at the parameters in

@@ -31,7 +31,9 @@ void for_each_own_subject(const engine_host& host, int evaluations,
   const auto count = static_cast<int>(own.size());
   const double all = static_cast<double>(count) * evaluations *
                      (host.model_is_costly() ? evaluations_worth_equations : 1.0);
-  const auto one = [&](int k, int worker) { work(own[static_cast<std::size_t>(k)], worker); };
+  const auto one = [&](int k, int worker) {
+    if (!engine_host::stop_requested()) work(own[static_cast<std::size_t>(k)], worker);
+  };
   if (all >= least_shared_evaluations) return host.peers().threads().for_each(count, one);
   for (int k = 0; k < count; ++k) one(k, 0);
 }

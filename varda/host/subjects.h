@@ -24,7 +24,8 @@ std::vector<int> own_subjects(const population_model& model, const job& peers);
 
 // Calls work(subject, worker) for each of these, in no order: see thread_team. Where all that is
 // too little to be shared by the threads of the process, one does it: `evaluations` says how many
-// of the model a subject takes, or what is worth as much. `work` leaves the host alone.
+// of the model a subject takes, or what is worth as much. `work` leaves the host alone. After a
+// stop request the subjects that are left are left out.
 void for_each_own_subject(const engine_host& host, int evaluations,
                           const std::function<void(int subject, int worker)>& work);
 

@@ -17,6 +17,11 @@ struct subject_health {
   double failed = 0.0;  // share of the samples in the bulk that cannot be evaluated
   double error = 0.0;   // of the subject's -2 log-likelihood
   bool sick = false;
+
+  template <class A>
+  void visit(A& archive) {
+    archive(effective_share, largest_weight, shape, failed, error, sick);
+  }
 };
 
 // The exact -2 log-likelihood at the parameters in force, with the error of its own.
@@ -29,6 +34,11 @@ struct likelihood_estimate {
   // Per subject the means over the replicates, of the likelihood itself and not of its logarithm;
   // the largest weight is the largest of all.
   std::vector<subject_integral> subjects;
+
+  template <class A>
+  void visit(A& archive) {
+    archive(complete, minus2ll, mc_se, replicates, by_subject, subjects);
+  }
 };
 
 }  // namespace varda

@@ -20,6 +20,11 @@ struct quadrature_estimate {
 
   // One node per random effect is Laplace's approximation.
   bool is_laplace() const { return nodes == 1; }
+
+  template <class A>
+  void visit(A& archive) {
+    archive(complete, nodes, points, minus2ll, log_likelihoods, placed_by_omega);
+  }
 };
 
 // The most nodes per random effect whose product grid over `effects` of them has a number of points

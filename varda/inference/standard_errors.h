@@ -19,6 +19,11 @@ struct covariance_estimate {
   bool known = false;
   std::string reason;  // why not
   Eigen::MatrixXd covariance;
+
+  template <class A>
+  void visit(A& archive) {
+    archive(known, reason, covariance);
+  }
 };
 
 // One estimated quantity with its errors on the scale that a user reads.
@@ -76,6 +81,11 @@ struct sampled_errors {
   covariance_estimate information;
   std::vector<char> known;  // by quantity
   Eigen::MatrixXd scores;   // sum of outer products of the subjects' scores
+
+  template <class A>
+  void visit(A& archive) {
+    archive(information, known, scores);
+  }
 };
 
 // Standard errors of all three kinds at the parameters in force.

@@ -62,6 +62,8 @@ class estimation_method {
   // step.
   virtual bool step(run_state& state) const = 0;
   virtual method_conclusion conclude(const run_state& state) const = 0;
+  // What still moves, in a few words; empty where nothing is known.
+  virtual std::string moving(const run_state& state) const = 0;
 };
 
 }  // namespace varda

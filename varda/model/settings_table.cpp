@@ -13,6 +13,7 @@ namespace {
 
 constexpr int many = 1000000;
 constexpr int most_threads = 1024;
+constexpr int seconds_of_a_day = 86400;
 // Seeds are only hashed, so that any whole number would do.
 constexpr int largest_seed = 2147483647;
 
@@ -101,6 +102,8 @@ const std::vector<setting>& every_setting() {
        whole_number_setting{&settings::agq_nodes, 1, statsubs::most_ghnodes}},
       {"threads", "threads of each process",
        whole_number_setting{&settings::threads, 1, most_threads, true}, false},
+      {"checkpoint", "seconds between two states that a fit keeps for `--resume`; 0 for every step",
+       whole_number_setting{&settings::checkpoint, 0, seconds_of_a_day}, false},
   };
   return rows;
 }

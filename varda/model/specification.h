@@ -188,8 +188,9 @@ struct estimation_settings {
   int npde_samples = 1000;     // simulations behind the NPDE; 0 leaves them out
   int likelihood_samples = 0;  // points a subject for it; 0: varda chooses
   likelihood_kind likelihood = likelihood_kind::sampling;
-  int agq_nodes = 11;  // per random effect
-  int threads = 0;     // of each process; 0: its share of the cores
+  int agq_nodes = 11;   // per random effect
+  int threads = 0;      // of each process; 0: its share of the cores
+  int checkpoint = 10;  // seconds; 0: every step
 };
 
 // Those of all occasions counted: the Sobol sequence and the quadrature's grid have no more

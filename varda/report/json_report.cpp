@@ -350,6 +350,7 @@ std::string run_json(const fit_result& result, const std::vector<std::string>& c
   report["host"] = host_name();
   report["processes"] = result.processes;
   report["threads"] = result.threads;
+  report["sessions"] = result.sessions;
   report["evaluations"] = result.evaluations;
   report["seconds"] = {{"start", result.times.start},
                        {"iterations", result.times.iterations},

@@ -182,7 +182,7 @@ std::string phi_table(const population_model& model, const fit_result& result) {
   for (int i = 1; i <= effects; ++i)
     for (int j = 1; j <= i; ++j) table += heading(fmt::format("PHC({},{})", i, j));
   table += " OBJ\n";
-  if (!result.likelihood.complete) return table;
+  if (result.predictions.empty()) return table;
   for (int i = 0; i < model.subjects(); ++i) {
     const auto at = static_cast<std::size_t>(i);
     const Eigen::MatrixXd& covariance = result.likelihood.subjects[at].covariance;

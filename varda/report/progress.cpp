@@ -20,10 +20,16 @@ constexpr auto redraw_every = std::chrono::milliseconds(100);
 
 const char* title_of(run_stage stage) {
   switch (stage) {
+    case run_stage::start:
+      return "start-up";
     case run_stage::iterations:
       return "iteration";
-    case run_stage::pilot_passes:
-      return "pilot pass";
+    case run_stage::judging:
+      return "proposals of the verdict";
+    case run_stage::likelihood:
+      return "likelihood";
+    case run_stage::standard_errors:
+      return "standard errors";
     case run_stage::quadrature:
       return "quadrature, subject";
     case run_stage::npde:
@@ -33,11 +39,13 @@ const char* title_of(run_stage stage) {
 }
 
 bool is_by_subject(run_stage stage) {
-  return stage != run_stage::iterations && stage != run_stage::pilot_passes;
+  return stage == run_stage::quadrature || stage == run_stage::npde;
 }
 
-std::string objective(const run_progress& at) {
-  return at.minus2ll ? fmt::format("  -2LL {:.4f}", *at.minus2ll) : "";
+std::string figures(const run_progress& at) {
+  std::string text = at.minus2ll ? fmt::format("  -2LL {:.4f}", *at.minus2ll) : "";
+  if (!at.note.empty()) text += "  " + at.note;
+  return text;
 }
 
 // A full disk or a closed terminal costs the progress, not the run.
@@ -50,8 +58,9 @@ void print_to_error_stream(const std::string& text) {
 // Subjects may be many: a tenth of them is worth a line.
 void print_line(const run_progress& at) {
   const int every = is_by_subject(at.stage) ? std::max(line_every, at.of / 10) : line_every;
-  if (at.step != 1 && at.step % every != 0) return;
-  print_to_error_stream(fmt::format("{} {:>4}{}\n", title_of(at.stage), at.step, objective(at)));
+  if (at.of > 0 && at.step != 1 && at.step % every != 0) return;
+  const std::string number = at.of > 0 ? fmt::format(" {:>4}", at.step) : "";
+  print_to_error_stream(fmt::format("{}{}{}\n", title_of(at.stage), number, figures(at)));
 }
 
 // One line for each stage.
@@ -60,14 +69,15 @@ class bar {
   void draw(const run_progress& at) {
     const auto now = std::chrono::steady_clock::now();
     if (at.step > 1 && now - drawn_ < redraw_every) return;
-    if (stage_ && *stage_ != at.stage) print_to_error_stream("\n");
+    if (stage_ && (*stage_ != at.stage || at.of == 0)) print_to_error_stream("\n");
     stage_ = at.stage;
     drawn_ = now;
+    if (at.of == 0) return print_to_error_stream(std::string(title_of(at.stage)) + figures(at));
     const int filled = bar_width * at.step / at.of;
     print_to_error_stream(fmt::format("\r{} [{:<{}}] {} ({} {}){} ", title_of(at.stage),
                                       std::string(static_cast<std::size_t>(filled), '#'), bar_width,
                                       at.step, is_by_subject(at.stage) ? "of" : "at most", at.of,
-                                      objective(at)));
+                                      figures(at)));
   }
 
  private:

@@ -45,7 +45,7 @@ std::string rows_csv(const population_model& model, const fit_result& result) {
   std::string table = "ID,TIME,DV,DVID,CENS,LIMIT,PRED,IPRED,RES,IWRES,NPDE";
   for (const parameter& p : model.specification().parameters) table += "," + csv_field(p.name);
   table += "\n";
-  if (!result.likelihood.complete) return table;
+  if (result.predictions.empty()) return table;
   for (int i = 0; i < model.subjects(); ++i)
     if (model.observations(i) > 0) table += rows_of(model, result, i);
   return table;

@@ -313,6 +313,7 @@ void write_times(sink out, const fit_result& result) {
       plural(result.processes, "process", "processes"),
       plural(result.threads, "thread", "threads"));
   if (result.processes > 1) text += " each";
+  if (result.sessions > 1) text += fmt::format("; in {} sessions", result.sessions);
   if (!result.why_one_thread.empty()) text += ": " + result.why_one_thread;
   fmt::format_to(out, "\n{}\n", wrapped(text, 2));
 }

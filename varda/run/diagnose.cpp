@@ -3,10 +3,22 @@
 
 #include "varda/diagnostics/natural_scale.h"
 #include "varda/diagnostics/npde.h"
+#include "varda/support/stop.h"
 
 namespace varda {
 
-void diagnose(const population_model& model, const job& peers, const progress_listener& progress,
+namespace {
+
+// Whether any process was asked to stop; all of them know then.
+bool must_stop(const job& peers) {
+  const bool asked = peers.any(stop_requested());
+  if (asked) request_stop();
+  return asked;
+}
+
+}  // namespace
+
+bool diagnose(const population_model& model, const job& peers, const progress_listener& progress,
               fit_result& result) {
   result.natural_theta = natural_theta(model, result.theta);
   for (const iteration_record& r : result.iterations)
@@ -16,14 +28,22 @@ void diagnose(const population_model& model, const job& peers, const progress_li
   result.objective = objective_figures_of(model, result.likelihood, result.quadrature);
   result.effects = random_effect_figures_of(model, result.omega, result.likelihood);
   result.sampler = sampler_health_of(model, result.likelihood, result.health);
-  if (!result.likelihood.complete) return;
+  if (must_stop(peers)) return false;
+  if (!result.likelihood.complete) return true;
   result.predictions.resize(static_cast<std::size_t>(model.subjects()));
   peers.threads().for_each(model.subjects(), [&](int i, int) {
     const auto at = static_cast<std::size_t>(i);
     result.predictions[at] =
         predictions_of(model, i, result.theta, result.likelihood.subjects[at].mean);
   });
-  result.npde = npde(model, result.theta, result.omega, peers, progress);
+  if (must_stop(peers)) {
+    result.predictions.clear();
+    return false;
+  }
+  std::vector<Eigen::VectorXd> errors = npde(model, result.theta, result.omega, peers, progress);
+  if (must_stop(peers)) return false;
+  result.npde = std::move(errors);
+  return true;
 }
 
 }  // namespace varda

@@ -8,8 +8,8 @@
 namespace varda {
 
 // The diagnostics of a result: what follows from its estimates, their likelihood and their errors.
-// Collective.
-void diagnose(const population_model& model, const job& peers, const progress_listener& progress,
+// Collective. False when a stop was asked for: what it left unfinished is left out.
+bool diagnose(const population_model& model, const job& peers, const progress_listener& progress,
               fit_result& result);
 
 }  // namespace varda

@@ -7,6 +7,9 @@
 #include <chrono>
 #include <cmath>
 #include <limits>
+#include <memory>
+#include <string>
+#include <utility>
 
 #include "varda/diagnostics/random_effects.h"
 #include "varda/inference/dispersed_start.h"
@@ -56,20 +59,6 @@ finding odd_curvatures(const population_model& model, const std::vector<int>& su
           .remedy = "raise estimation.agq_nodes until the value settles"};
 }
 
-// The quadrature beside the sampled likelihood. Nothing when it is not wanted or a stop came first.
-void integrate_besides(engine_host& host, const progress_listener& progress, fit_result& result) {
-  const estimation_settings& settings = host.model().specification().estimation;
-  if (settings.likelihood != likelihood_kind::agq || !result.likelihood.complete) return;
-  stopwatch watch;
-  result.quadrature = integrate_by_quadrature(host, settings.agq_nodes, progress);
-  result.times.quadrature = watch.lap();
-  if (!result.quadrature.placed_by_omega.empty())
-    result.warnings.push_back(odd_curvatures(host.model(), result.quadrature.placed_by_omega));
-  if (result.quadrature.complete) return;
-  result.converged = false;
-  result.reason = stop_reason;
-}
-
 void take_estimates(const engine_host& host, fit_result& result) {
   result.theta = host.theta();
   result.omega = host.omega();
@@ -77,16 +66,28 @@ void take_estimates(const engine_host& host, fit_result& result) {
   result.processes = host.peers().size();
 }
 
-void note_stop(fit_result& result) {
+// A stop in the middle of something; what was known before is still true.
+void note_stop(const std::string& before_what, fit_result& result) {
+  const bool knew = !before_what.empty() && result.likelihood.complete;
+  std::string reason = stop_reason;
+  if (!before_what.empty()) reason += " before " + before_what;
+  if (knew)
+    reason +=
+        fmt::format("; until then: {}{}", result.converged ? "" : "not converged, ", result.reason);
   result.converged = false;
-  result.reason = stop_reason;
+  result.reason = reason;
 }
 
-void finish(const engine_host& host, const progress_listener& progress, fit_result& result) {
+// False when a stop was asked for, now or before.
+bool finish(const engine_host& host, const progress_listener& progress, fit_result& result) {
   stopwatch watch;
+  const bool stopped_before = engine_host::stopped();
+  const bool whole = diagnose(host.model(), host.peers(), progress, result);
+  if (!whole && !stopped_before) note_stop("the diagnostics were done", result);
+  result.processes = host.peers().size();
   result.evaluations = host.evaluations();
-  diagnose(host.model(), host.peers(), progress, result);
-  result.times.diagnostics = watch.lap();
+  result.times.diagnostics += watch.lap();
+  return whole;
 }
 
 }  // namespace
@@ -97,26 +98,12 @@ void check_fit(const population_model& model) {
 
 namespace {
 
-// Steps until the method has ended. False when a stop was asked for.
-bool take_steps(const estimation_method& method, int most, const progress_listener& progress,
-                run_state& state) {
-  while (!state.ended) {
-    if (!method.step(state)) return false;
-    const iteration_record& last = state.records.back();
-    progress({.stage = run_stage::iterations,
-              .step = last.iteration,
-              .of = most,
-              .minus2ll = last.minus2ll});
-  }
-  return true;
-}
-
-void take_conclusion(const estimation_method& method, const run_state& state, bool went_through,
-                     fit_result& result) {
+void take_conclusion(const estimation_method& method, const run_state& state, fit_result& result) {
   const method_conclusion end = method.conclude(state);
   result.iterations = state.records;
-  result.converged = went_through && end.converged;
-  result.reason = went_through ? end.reason : stop_reason;
+  result.kept_factors = state.adaptive.kept_factors();
+  result.converged = end.converged;
+  result.reason = end.reason;
   result.singular = end.singular;
   result.held_by_bounds = end.held_by_bounds;
   if (!end.indistinct.empty())
@@ -144,24 +131,29 @@ double likelihood_goal(const population_model& model) {
   return error_goal * std::sqrt(std::max(1.0, model.subjects() / subjects_of_goal));
 }
 
-// The likelihood from points that nothing was tuned on, as many as its error needs.
-newton_report report_likelihood(engine_host& host, const newton_method& method, run_state& state,
-                                fit_result& result) {
-  const estimation_settings& settings = host.model().specification().estimation;
-  const bool automatic = settings.likelihood_samples == 0;
-  const int factor = points_factor(host.model().random_effects());
-  int samples = automatic ? factor * first_report_samples : settings.likelihood_samples;
-  if (automatic && result.what == task::evaluate) samples = std::max(samples, settings.samples);
-  const double goal = likelihood_goal(host.model());
-  newton_report report = report_at(host, method, state, settings.replicates, samples);
-  while (automatic && report.likelihood.complete && report.likelihood.mc_se > goal &&
-         2 * samples <= factor * most_report_samples) {
-    samples *= 2;
-    report = report_at(host, method, state, settings.replicates, samples);
-  }
+// Points a subject in each randomisation: of the first draw for the likelihood.
+int first_report_points(const population_model& model, task what) {
+  const estimation_settings& settings = model.specification().estimation;
+  if (settings.likelihood_samples > 0) return settings.likelihood_samples;
+  const int samples = points_factor(model.random_effects()) * first_report_samples;
+  return what == task::evaluate ? std::max(samples, settings.samples) : samples;
+}
+
+// Whether a draw with twice the points is worth it.
+bool wants_more_points(const population_model& model, const likelihood_estimate& found,
+                       int samples) {
+  return model.specification().estimation.likelihood_samples == 0 && found.complete &&
+         found.mc_se > likelihood_goal(model) &&
+         2 * samples <= points_factor(model.random_effects()) * most_report_samples;
+}
+
+// The likelihood from points that nothing was tuned on.
+void take_likelihood(const population_model& model, const newton_report& report, int samples,
+                     fit_result& result) {
   result.likelihood = report.likelihood;
   result.likelihood_samples = samples;
   result.health = report.health;
+  const double goal = likelihood_goal(model);
   if (report.likelihood.complete && report.likelihood.mc_se > goal)
     result.warnings.push_back(
         {.level = severity::warning,
@@ -171,7 +163,6 @@ newton_report report_likelihood(engine_host& host, const newton_method& method, 
                          report.likelihood.mc_se, goal),
          .remedy = fmt::format("set estimation.likelihood_samples to about {:.0f}",
                                samples * std::ceil(std::pow(report.likelihood.mc_se / goal, 2)))});
-  return report;
 }
 
 std::vector<std::string> ids_of(const population_model& model, const std::vector<int>& subjects) {
@@ -321,8 +312,7 @@ void judge_evaluation(const population_model& model, const newton_report& report
   result.converged = result.likelihood.complete && sick.empty() && failures.empty() &&
                      result.likelihood.mc_se <= goal;
   if (!result.likelihood.complete)
-    result.reason =
-        engine_host::stopped() ? stop_reason : "the likelihood of a subject is not finite";
+    result.reason = "the likelihood of a subject is not finite";
   else if (!sick.empty())
     result.reason = fmt::format("poorly sampled: {}", fmt::join(sick, ", "));
   else if (!failures.empty())
@@ -337,85 +327,16 @@ void judge_evaluation(const population_model& model, const newton_report& report
                     result.likelihood.mc_se, goal);
 }
 
-// The likelihood from fresh points, and the verdict by what they say.
-newton_report conclude(engine_host& host, const newton_method& method, run_state& state,
-                       fit_result& result) {
-  take_estimates(host, result);
-  newton_report report = report_likelihood(host, method, state, result);
-  warn_of_failures(host.model(), report, result);
+// The verdict by what fresh points say.
+void judge(const population_model& model, const newton_report& report, fit_result& result) {
+  warn_of_failures(model, report, result);
   if (!result.likelihood.complete) {
     refuse("the likelihood of a subject is not finite at the estimates", result);
-    if (engine_host::stopped()) result.reason = stop_reason;
-    return report;
+    return;
   }
   judge_gain(report, result);
-  judge_health(host.model(), report, result);
+  judge_health(model, report, result);
   judge_identification(report, result);
-  return report;
-}
-
-void fit_by_em(engine_host& host, const progress_listener& progress, fit_result& result) {
-  const estimation_settings& settings = host.model().specification().estimation;
-  stopwatch watch;
-  const em_method method(host);
-  run_state state;
-  bool going = settings.map_np <= 0 || start_by_map_np(host);
-  state.adaptive = proposals(host.model(), host.omega());
-  going = going && propose(host, state.adaptive);
-  method.begin(state);
-  result.times.start = watch.lap();
-  going = going && take_steps(method, settings.max_iterations, progress, state);
-  result.times.iterations = watch.lap();
-  take_conclusion(method, state, going, result);
-  result.kept_factors = state.adaptive.kept_factors();
-
-  // The points of the iterations have been fitted; the verdict is that of points of its own.
-  const newton_method judge(host);
-  run_state fresh;
-  judge.begin(fresh);
-  if (!judge.settle(fresh)) {
-    take_estimates(host, result);
-    return note_stop(result);
-  }
-  const newton_report report = conclude(host, judge, fresh, result);
-  result.times.likelihood = watch.lap();
-  if (engine_host::stopped()) return note_stop(result);
-  integrate_besides(host, progress, result);
-  warn_of_flip_flop(host.model(), result);
-  watch.lap();
-  take_errors(host, report, result);
-  result.times.standard_errors = watch.lap();
-}
-
-// A fit from one set of start values, up to its verdict.
-struct newton_attempt {
-  fit_result result;
-  newton_report report;
-  bool stopped = false;
-};
-
-newton_attempt attempt_from(engine_host& host, const newton_method& method, int number,
-                            const progress_listener& progress) {
-  const estimation_settings& settings = host.model().specification().estimation;
-  newton_attempt tried;
-  fit_result& result = tried.result;
-  result.what = task::fit;
-  stopwatch watch;
-  run_state state;
-  const start_values start = dispersed_start(host.model(), number);
-  host.set_theta(start.theta);
-  bool going = host.set_omega(start.omega);
-  going = going && (settings.map_np <= 0 || start_by_map_np(host));
-  method.begin(state);
-  if (going && !state.ended) going = method.step(state);
-  result.times.start = watch.lap();
-  going = going && take_steps(method, settings.max_iterations, progress, state);
-  result.times.iterations = watch.lap();
-  take_conclusion(method, state, going, result);
-  tried.report = conclude(host, method, state, result);
-  result.times.likelihood = watch.lap();
-  tried.stopped = engine_host::stopped();
-  return tried;
 }
 
 start_record record_of(int number, const fit_result& result) {
@@ -441,82 +362,333 @@ bool is_better(const fit_result& one, const fit_result& other) {
   return lower > 0.0;
 }
 
-void add_times(const timings& of, timings& to) {
-  to.start += of.start;
-  to.iterations += of.iterations;
-  to.likelihood += of.likelihood;
+// False when a stop was asked for. Collective.
+bool integrate_besides(engine_host& host, const progress_listener& progress, fit_result& result) {
+  const estimation_settings& settings = host.model().specification().estimation;
+  if (settings.likelihood != likelihood_kind::agq || !result.likelihood.complete)
+    return !engine_host::agree_on_stop();
+  quadrature_estimate found = integrate_by_quadrature(host, settings.agq_nodes, progress);
+  if (engine_host::agree_on_stop()) return false;
+  result.quadrature = std::move(found);
+  if (!result.quadrature.placed_by_omega.empty())
+    result.warnings.push_back(odd_curvatures(host.model(), result.quadrature.placed_by_omega));
+  return true;
 }
 
-void fit_by_newton(engine_host& host, const progress_listener& progress, fit_result& result) {
-  const estimation_settings& settings = host.model().specification().estimation;
-  const newton_method method(host);
-  newton_attempt best;
-  std::vector<start_record> starts;
-  timings spent;
-  std::size_t kept = 0;
-  for (int number = 0; number < settings.starts; ++number) {
-    newton_attempt tried = attempt_from(host, method, number, progress);
-    add_times(tried.result.times, spent);
-    starts.push_back(record_of(number, tried.result));
-    const bool stopped = tried.stopped;
-    if (number == 0 || is_better(tried.result, best.result)) {
-      best = std::move(tried);
-      kept = starts.size() - 1;
-    }
-    if (stopped) break;
+std::unique_ptr<estimation_method> method_of(engine_host& host) {
+  switch (host.model().specification().estimation.method) {
+    case method_kind::newton:
+      return std::make_unique<newton_method>(host);
+    case method_kind::em:
+      return std::make_unique<em_method>(host);
   }
-  result = std::move(best.result);
-  result.times = spent;
-  if (settings.starts > 1) {
-    starts[kept].kept = true;
-    result.starts = std::move(starts);
-    host.set_theta(result.theta);
-    host.set_omega(result.omega);
-  }
-  if (engine_host::stopped()) return note_stop(result);
-  integrate_besides(host, progress, result);
-  warn_of_flip_flop(host.model(), result);
-  stopwatch watch;
-  take_errors(host, best.report, result);
-  result.times.standard_errors = watch.lap();
+  return nullptr;
 }
+
+// A fit as a walk through its states. A step works on a copy of the state, which it takes over when
+// the processes have agreed that no stop was asked for: whatever a stop has left unfinished is
+// never seen.
+class fit_run {
+ public:
+  fit_run(engine_host& host, const progress_listener& progress, fit_listener& listener,
+          fit_state& state)
+      : host_(host),
+        model_(host.model()),
+        settings_(model_.specification().estimation),
+        by_newton_(settings_.method == method_kind::newton),
+        progress_(progress),
+        listener_(listener),
+        method_(method_of(host)),
+        judge_(host),
+        s_(state) {}
+
+  fit_result go() {
+    put_in_force();
+    host_.count_evaluations(s_.evaluations);
+    watch_.lap();
+    bool going = true;
+    while (going && s_.next != fit_stage::diagnostics) going = advance();
+    put_in_force();
+    newton_report report = s_.best_report;
+    fit_result result = going ? s_.best : result_at_stop(report);
+    result.times = s_.spent;
+    if (result.likelihood.complete) {
+      warn_of_flip_flop(model_, result);
+      announce(run_stage::standard_errors, "");
+      take_errors(host_, report, result);
+    }
+    result.times.standard_errors = watch_.lap();
+    if (!finish(host_, progress_, result)) keep(true);
+    return result;
+  }
+
+ private:
+  // False when a stop was asked for, and nothing has changed.
+  bool advance() {
+    switch (s_.next) {
+      case fit_stage::start:
+        return start();
+      case fit_stage::iterations:
+        return iterate();
+      case fit_stage::judging:
+        return settle();
+      case fit_stage::likelihood:
+        return draw_likelihood();
+      case fit_stage::quadrature:
+        return integrate();
+      case fit_stage::diagnostics:
+        break;
+    }
+    return true;
+  }
+
+  void announce(run_stage what, const std::string& note) {
+    progress_({.stage = what, .note = note});
+  }
+
+  void reached(double timings::*by) {
+    s_.spent.*by += watch_.lap();
+    s_.evaluations = host_.evaluations();
+    if (listener_.reached()) keep(false);
+  }
+
+  void keep(bool stopped) {
+    s_.method.em.resampling.share(host_.peers());
+    listener_.keep(s_, stopped);
+  }
+
+  // The parameters of the state, in the host.
+  void put_in_force() {
+    const auto put = [this](const Eigen::VectorXd& theta, const Eigen::MatrixXd& omega) {
+      host_.set_theta(theta);
+      return host_.set_omega(omega);
+    };
+    if (s_.next == fit_stage::start) {
+      const start_values start = dispersed_start(model_, s_.number);
+      put(start.theta, start.omega);
+    } else if (s_.next < fit_stage::quadrature) {
+      put(s_.method.theta, s_.method.omega);
+    } else {
+      put(s_.best.theta, s_.best.omega);
+    }
+  }
+
+  bool start() {
+    put_in_force();
+    announce(run_stage::start, by_newton_ && settings_.starts > 1
+                                   ? fmt::format("{} of {}", s_.number + 1, settings_.starts)
+                                   : "");
+    if (settings_.map_np > 0) start_by_map_np(host_);
+    run_state fresh;
+    if (!by_newton_) {
+      fresh.adaptive = proposals(model_, host_.omega());
+      propose(host_, fresh.adaptive);
+    }
+    method_->begin(fresh);
+    if (engine_host::agree_on_stop()) return false;
+    s_.method = std::move(fresh);
+    take_next(fit_stage::iterations);
+    reached(&timings::start);
+    return true;
+  }
+
+  bool iterate() {
+    const bool starts_up = by_newton_ && !s_.method.newton.started;
+    run_state next = s_.method;
+    method_->step(next);
+    if (engine_host::agree_on_stop()) return false;
+    const bool told = next.records.size() > s_.method.records.size();
+    s_.method = std::move(next);
+    if (told)
+      progress_({.stage = run_stage::iterations,
+                 .step = s_.method.records.back().iteration,
+                 .of = settings_.max_iterations,
+                 .minus2ll = s_.method.records.back().minus2ll,
+                 .note = method_->moving(s_.method)});
+    take_next(fit_stage::iterations);
+    reached(starts_up ? &timings::start : &timings::iterations);
+    return true;
+  }
+
+  // From the iterations onwards, as soon as they have ended.
+  void take_next(fit_stage otherwise) {
+    s_.next = otherwise;
+    if (!s_.method.ended) return;
+    s_.next = by_newton_ ? fit_stage::likelihood : fit_stage::judging;
+    if (!by_newton_) return;
+    s_.verdict = s_.method;
+    s_.verdict.records.clear();
+  }
+
+  // The points of an EM algorithm's iterations have been fitted; the verdict is that of others.
+  bool settle() {
+    announce(run_stage::judging, "");
+    run_state fresh;
+    judge_.begin(fresh);
+    judge_.settle(fresh);
+    if (engine_host::agree_on_stop()) return false;
+    s_.verdict = std::move(fresh);
+    s_.next = fit_stage::likelihood;
+    reached(&timings::likelihood);
+    return true;
+  }
+
+  bool draw_likelihood() {
+    const int samples =
+        s_.report_samples == 0 ? first_report_points(model_, task::fit) : 2 * s_.report_samples;
+    announce(run_stage::likelihood,
+             fmt::format("{} x {} points a subject", settings_.replicates, samples));
+    run_state next = s_.verdict;
+    newton_report found = report_at(host_, judge_, next, settings_.replicates, samples);
+    if (engine_host::agree_on_stop()) return false;
+    s_.verdict = std::move(next);
+    s_.report = std::move(found);
+    s_.report_samples = samples;
+    if (s_.report.likelihood.complete)
+      progress_({.stage = run_stage::likelihood,
+                 .minus2ll = s_.report.likelihood.minus2ll,
+                 .note = fmt::format("+- {:.2g}", s_.report.likelihood.mc_se)});
+    if (!wants_more_points(model_, s_.report.likelihood, samples)) conclude();
+    reached(&timings::likelihood);
+    return true;
+  }
+
+  // What the iterations of the fit in work have led to, and its likelihood where it is known.
+  fit_result result_so_far() const {
+    fit_result result;
+    result.what = task::fit;
+    take_conclusion(*method_, s_.method, result);
+    take_estimates(host_, result);
+    if (s_.report_samples > 0) take_likelihood(model_, s_.report, s_.report_samples, result);
+    return result;
+  }
+
+  // The verdict on the fit in work, and what comes after it.
+  void conclude() {
+    fit_result tried = result_so_far();
+    judge(model_, s_.report, tried);
+    take_place(std::move(tried));
+    ++s_.number;
+    s_.method = {};
+    s_.verdict = {};
+    s_.report = {};
+    s_.report_samples = 0;
+    s_.next = by_newton_ && s_.number < settings_.starts ? fit_stage::start : fit_stage::quadrature;
+    put_in_force();
+    if (s_.next == fit_stage::quadrature) list_starts();
+  }
+
+  void take_place(fit_result tried) {
+    s_.starts.push_back(record_of(s_.number, tried));
+    if (s_.number > 0 && !is_better(tried, s_.best)) return;
+    s_.best = std::move(tried);
+    s_.best_report = s_.report;
+    s_.kept = s_.starts.size() - 1;
+  }
+
+  void list_starts() {
+    if (!by_newton_ || settings_.starts == 1) return;
+    s_.best.starts = s_.starts;
+    s_.best.starts[s_.kept].kept = true;
+  }
+
+  bool integrate() {
+    fit_result next = s_.best;
+    if (!integrate_besides(host_, progress_, next)) return false;
+    s_.best = std::move(next);
+    s_.next = fit_stage::diagnostics;
+    reached(&timings::quadrature);
+    return true;
+  }
+
+  // `report`: what the likelihood of the result is from.
+  fit_result result_at_stop(newton_report& report) {
+    if (s_.next == fit_stage::quadrature) {
+      fit_result result = s_.best;
+      note_stop("the quadrature was done", result);
+      return result;
+    }
+    const fit_state reached = s_;
+    fit_result tried = result_so_far();
+    note_stop(s_.next >= fit_stage::judging ? "the likelihood was known" : "", tried);
+    take_place(std::move(tried));
+    list_starts();
+    fit_result result = s_.best;
+    report = s_.best_report;
+    if (s_.kept + 1 < s_.starts.size()) note_stop("every start was tried", result);
+    s_ = reached;
+    return result;
+  }
+
+  engine_host& host_;
+  const population_model& model_;
+  const estimation_settings& settings_;
+  bool by_newton_;
+  const progress_listener& progress_;
+  fit_listener& listener_;
+  std::unique_ptr<estimation_method> method_;
+  newton_method judge_;
+  fit_state& s_;
+  stopwatch watch_;
+};
+
+// Of a fit that nobody will take up.
+class nobody final : public fit_listener {
+ public:
+  bool reached() override { return false; }
+  void keep(fit_state& /*state*/, bool /*stopped*/) override {}
+};
 
 }  // namespace
 
+fit_result fit(engine_host& host, const progress_listener& progress, fit_listener& listener,
+               fit_state state) {
+  return fit_run(host, progress, listener, state).go();
+}
+
 fit_result fit(engine_host& host, const progress_listener& progress) {
-  fit_result result;
-  result.what = task::fit;
-  switch (host.model().specification().estimation.method) {
-    case method_kind::newton:
-      fit_by_newton(host, progress, result);
-      break;
-    case method_kind::em:
-      fit_by_em(host, progress, result);
-      break;
-  }
-  finish(host, progress, result);
-  return result;
+  nobody listener;
+  return fit(host, progress, listener, {});
 }
 
 fit_result evaluate(engine_host& host, const progress_listener& progress) {
   fit_result result;
   result.what = task::evaluate;
+  const population_model& model = host.model();
+  const int replicates = model.specification().estimation.replicates;
   stopwatch watch;
   const newton_method method(host);
   run_state state;
   method.begin(state);
-  const bool going = method.settle(state);
+  progress({.stage = run_stage::judging});
+  method.settle(state);
+  const bool settled = !engine_host::agree_on_stop();
   result.times.start = watch.lap();
-  result.iterations = state.records;
+  if (settled) result.iterations = state.records;
   take_estimates(host, result);
-  result.reason = stop_reason;
-  if (going) {
-    const newton_report report = report_likelihood(host, method, state, result);
-    result.times.likelihood = watch.lap();
-    judge_evaluation(host.model(), report, result);
-    warn_of_failures(host.model(), report, result);
-    integrate_besides(host, progress, result);
+  bool going = settled;
+  newton_report report;
+  int samples = 0;
+  while (going && (samples == 0 || wants_more_points(model, report.likelihood, samples))) {
+    const int next = samples == 0 ? first_report_points(model, task::evaluate) : 2 * samples;
+    progress({.stage = run_stage::likelihood,
+              .note = fmt::format("{} x {} points a subject", replicates, next)});
+    newton_report found = report_at(host, method, state, replicates, next);
+    going = !engine_host::agree_on_stop();
+    if (!going) break;
+    report = std::move(found);
+    samples = next;
   }
+  result.times.likelihood = watch.lap();
+  if (samples > 0) {
+    take_likelihood(model, report, samples, result);
+    judge_evaluation(model, report, result);
+    warn_of_failures(model, report, result);
+  }
+  if (!going) note_stop(samples > 0 ? "the likelihood was known well enough" : "", result);
+  if (going && !integrate_besides(host, progress, result))
+    note_stop("the quadrature was done", result);
+  result.times.quadrature = watch.lap();
   finish(host, progress, result);
   return result;
 }

@@ -37,6 +37,11 @@ struct timings {
   double standard_errors = 0.0;
   double diagnostics = 0.0;  // predictions, residuals, NPDE
   double total = 0.0;        // of the run, reading included
+
+  template <class A>
+  void visit(A& archive) {
+    archive(start, iterations, likelihood, quadrature, standard_errors, diagnostics, total);
+  }
 };
 
 // How the fit from one of several start values ended.
@@ -50,6 +55,11 @@ struct start_record {
   Eigen::VectorXd theta;
   Eigen::MatrixXd omega;
   bool kept = false;
+
+  template <class A>
+  void visit(A& archive) {
+    archive(number, converged, singular, reason, minus2ll, mc_se, theta, omega, kept);
+  }
 };
 
 // Where a result comes from, as SHA-256.
@@ -94,15 +104,25 @@ struct fit_result {
   objective_figures objective;
   random_effect_figures effects;
   sampler_health sampler;
-  std::vector<subject_predictions> predictions;  // empty where the likelihood is not known
-  // Of every subject's observations; empty where the likelihood is not known or none were wanted.
+  // Empty where the likelihood is not known, or a stop came first.
+  std::vector<subject_predictions> predictions;
+  // Of every subject's observations; empty as well where none were wanted.
   std::vector<Eigen::VectorXd> npde;
 
   timings times;
   int processes = 1;
   int threads = 1;             // of each
   std::string why_one_thread;  // empty where there are more
+  int sessions = 1;            // more than one where the run was taken up
   long long evaluations = 0;   // of the model, by this process
+
+  // What a fit has found before its standard errors and diagnostics, which follow from it.
+  template <class A>
+  void visit(A& archive) {
+    archive(what, converged, reason, singular, unidentified, iterations, starts, theta, omega,
+            held_by_bounds, likelihood, likelihood_samples, health, quadrature, omega_condition,
+            kept_factors, warnings, times);
+  }
 };
 
 }  // namespace varda

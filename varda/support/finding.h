@@ -22,6 +22,11 @@ struct finding {
   int row = 0;            // line of the file, from 1; the header line of a data set is 1
   std::string column{};   // column of a data set, or key of a model file ("parameters.ka.start")
   std::string subject{};  // identifier as it stands in the data
+
+  template <class A>
+  void visit(A& archive) {
+    archive(level, code, message, remedy, file, row, column, subject);
+  }
 };
 
 // "theophylline.csv, row 7, column DV, subject 1: error E-DATA-NUMBER: ... " on one line.

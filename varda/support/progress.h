@@ -5,16 +5,18 @@
 
 #include <functional>
 #include <optional>
+#include <string>
 
 namespace varda {
 
-enum class run_stage { iterations, pilot_passes, quadrature, npde };
+enum class run_stage { start, iterations, judging, likelihood, quadrature, standard_errors, npde };
 
 struct run_progress {
   run_stage stage = run_stage::iterations;
-  int step = 0;                      // from 1: an iteration, a pilot pass, a subject that is done
-  int of = 0;                        // how many there are, or the most
+  int step = 0;                      // from 1: an iteration, a draw, a subject that is done
+  int of = 0;                        // how many there are, or the most; 0 where nobody knows
   std::optional<double> minus2ll{};  // every constant included; of the subjects that are done
+  std::string note{};                // in a few words: what still moves, what begins
 };
 
 // Told after every step; never null where a function takes one.

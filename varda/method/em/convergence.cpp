@@ -78,6 +78,15 @@ void convergence_monitor::judge(double rate) {
   calm_ = calm ? calm_ + 1 : 0;
 }
 
+std::string convergence_monitor::slowest() const {
+  if (movements_.empty()) return "";
+  const auto most =
+      std::max_element(movements_.begin(), movements_.end() - 1,
+                       [](const movement& a, const movement& b) { return a.ahead < b.ahead; });
+  return fmt::format("{} {:.2g} ahead", names_[static_cast<std::size_t>(most - movements_.begin())],
+                     most->ahead);
+}
+
 verdict convergence_monitor::conclusion() const {
   if (movements_.empty()) return {false, "too few iterations to see a trend"};
   const auto quantities = movements_.end() - 1;

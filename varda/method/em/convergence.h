@@ -37,6 +37,8 @@ class convergence_monitor {
   bool converged() const { return calm_ >= (noisy_ ? noisy_calm_iterations : calm_iterations); }
   // The rule in words with the figures that decided, or what still moves.
   verdict conclusion() const;
+  // The quantity that has most ahead of it: "CL 0.02 ahead". Empty where no trend is known yet.
+  std::string slowest() const;
 
   template <class A>
   void visit(A& archive) {

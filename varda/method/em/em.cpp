@@ -81,6 +81,10 @@ method_conclusion em_method::conclude(const run_state& state) const {
   return result;
 }
 
+std::string em_method::moving(const run_state& state) const {
+  return state.em.monitor.slowest();
+}
+
 bool em_method::step(run_state& state) const {
   e_step found;
   const run_state before = state;

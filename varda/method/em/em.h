@@ -22,6 +22,7 @@ class em_method final : public estimation_method {
   // An iteration. Ends with convergence, an omega that becomes singular or the most iterations.
   bool step(run_state& state) const override;
   method_conclusion conclude(const run_state& state) const override;
+  std::string moving(const run_state& state) const override;
 
  private:
   bool burning_in(const em_state& em) const { return em.iteration <= settings_.burn_in; }

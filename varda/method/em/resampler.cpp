@@ -48,4 +48,37 @@ resampled_points resampler::draw(int subject, const Eigen::VectorXd& mu,
   return result;
 }
 
+void resampler::share(const job& peers) {
+  if (peers.size() == 1) return;
+  Eigen::VectorXd made(static_cast<Eigen::Index>(choices_.size()));
+  for (std::size_t i = 0; i < choices_.size(); ++i)
+    made(static_cast<Eigen::Index>(i)) = choices_[i].samples.empty() ? 0.0 : 1.0;
+  peers.gather(made.data(), 1, made.size());
+  std::vector<std::ptrdiff_t> sizes;
+  std::ptrdiff_t total = 0;
+  for (const double one : made) {
+    sizes.push_back(one > 0.0 ? 2 * points_ : 0);
+    total += sizes.back();
+  }
+  // Positions are whole numbers that a real holds exactly.
+  Eigen::VectorXd all = Eigen::VectorXd::Zero(total);
+  std::ptrdiff_t at = 0;
+  for (std::size_t i = 0; i < choices_.size(); at += sizes[i++]) {
+    const choice& own = choices_[i];
+    if (sizes[i] == 0 || !peers.owns(static_cast<int>(i))) continue;
+    for (int k = 0; k < points_; ++k)
+      all(at + k) = static_cast<double>(own.samples[static_cast<std::size_t>(k)]);
+    all.segment(at + points_, points_) = own.drawn_at;
+  }
+  peers.gather(all.data(), sizes);
+  at = 0;
+  for (std::size_t i = 0; i < choices_.size(); at += sizes[i++]) {
+    choice& own = choices_[i];
+    own = {};
+    if (sizes[i] == 0) continue;
+    for (int k = 0; k < points_; ++k) own.samples.push_back(static_cast<Eigen::Index>(all(at + k)));
+    own.drawn_at = all.segment(at + points_, points_);
+  }
+}
+
 }  // namespace varda

@@ -4,6 +4,8 @@
 #include <Eigen/Core>
 #include <vector>
 
+#include "varda/host/job.h"
+
 namespace varda {
 
 // A few of an E-step's samples with weights of their own, for updates without a closed form.
@@ -27,6 +29,9 @@ class resampler {
   // `mu`: C beta of the subject (from 0) at which the etas (random effects x samples) were drawn.
   resampled_points draw(int subject, const Eigen::VectorXd& mu, const Eigen::MatrixXd& etas,
                         const Eigen::VectorXd& weights);
+
+  // Makes the choices that each process has made known to all. Collective.
+  void share(const job& peers);
 
   template <class A>
   void visit(A& archive) {

@@ -231,7 +231,7 @@ draw_measure newton_method::measure(const whole_draw& drawn, const Eigen::Vector
     packed.col(i).tail(groups) = m.group_log_likelihood;
   });
   for (const worker_of_measure& worker : workers) host_.count_evaluations(worker.evaluations);
-  host_.peers().gather(packed.data(), packed.rows(), packed.cols());
+  if (!engine_host::share(packed)) return result;
   if (wanted == detail::derivatives) result.group_log_likelihood = packed.bottomRows(groups);
   double variance = 0.0;
   result.finite = true;
@@ -507,6 +507,11 @@ bool newton_method::advance(run_state& state) const {
   state.theta = host_.theta();
   state.omega = host_.omega();
   return true;
+}
+
+std::string newton_method::moving(const run_state& state) const {
+  const newton_state& n = state.newton;
+  return n.draws > 0 ? fmt::format("{:.2g} +- {:.1g} ahead", n.gain_ahead, n.noise) : "";
 }
 
 method_conclusion newton_method::conclude(const run_state& state) const {

@@ -58,6 +58,7 @@ class newton_method final : public estimation_method {
   void begin(run_state& state) const override;
   bool step(run_state& state) const override;
   method_conclusion conclude(const run_state& state) const override;
+  std::string moving(const run_state& state) const override;
 
   // Proposals for the parameters in force, which stay: modes, then draws that the proposals follow,
   // and a look for likelihood where they have no points. Collective. False when a stop was asked
@@ -68,6 +69,7 @@ class newton_method final : public estimation_method {
   // says. Collective. False when a stop was asked for.
   bool draw(const run_state& state, const point_pass& pass, int samples, int groups,
             whole_draw& drawn) const;
+  // Not finite after a stop request.
   draw_measure measure(const whole_draw& drawn, const Eigen::VectorXd& psi, detail wanted) const;
 
   const coordinates& scale() const { return scale_; }

@@ -90,6 +90,7 @@ newton_report report_at(engine_host& host, const newton_method& method, run_stat
     if (!method.look_widely(state, found, changed)) return result;
     if (!changed) break;
   }
+  if (engine_host::stopped()) return result;
   result.gain = found.gain;
   result.noise = found.noise;
 

@@ -16,6 +16,11 @@ struct newton_report {
   std::vector<std::string> unidentified;
   double gain = 0.0;  // still ahead by these points, in -2 log-likelihood
   double noise = 0.0;
+
+  template <class A>
+  void visit(A& archive) {
+    archive(likelihood, health, errors, unidentified, gain, noise);
+  }
 };
 
 // One draw of `replicates` randomisations x `samples` points a subject, with the state's proposals:

@@ -464,6 +464,7 @@ class two_stage {
       for (int i = 0; i < model_.subjects(); ++i) {
         if (!usable(modes, i)) continue;
         const Eigen::MatrixXd& f = predictions_[static_cast<std::size_t>(i)];
+        if (f.size() == 0) continue;  // a stop came first
         const Eigen::VectorXd weights =
             Eigen::VectorXd::Constant(f.rows(), 1.0 / static_cast<double>(f.rows()));
         Eigen::MatrixXd g;
@@ -557,8 +558,9 @@ class two_stage {
       Eigen::VectorXd squares;
       for (int i = 0; i < model_.subjects(); ++i) {
         if (!usable(modes, i)) continue;
-        host_.joint().of_data(i, at.data(), predictions_[static_cast<std::size_t>(i)], value,
-                              squares);
+        const Eigen::MatrixXd& f = predictions_[static_cast<std::size_t>(i)];
+        if (f.size() == 0) continue;  // a stop came first
+        host_.joint().of_data(i, at.data(), f, value, squares);
         by_subject(i) = value.mean();
       }
       return sum_of(host_, by_subject);

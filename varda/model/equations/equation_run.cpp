@@ -7,6 +7,8 @@
 #include <cmath>
 #include <limits>
 
+#include "varda/support/stop.h"
+
 namespace varda {
 
 namespace {
@@ -38,8 +40,15 @@ void equation_run::predict(const subject& who, const parameter_block& p,
   if (who.timeline.empty()) return;
   who_ = &who;
   scale_ = largest_dose(who);
-  for (std::size_t first = 0; first < p.individuals; first += most_individuals)
-    predict_some(who, p, first, std::min(most_individuals, p.individuals - first), positions, f);
+  for (std::size_t first = 0; first < p.individuals; first += most_individuals) {
+    const std::size_t count = std::min(most_individuals, p.individuals - first);
+    if (!stop_requested()) {
+      predict_some(who, p, first, count, positions, f);
+      continue;
+    }
+    for (std::size_t k = 0; k < f.observations; ++k)
+      std::fill_n(f.values + k * f.stride + first, count, std::numeric_limits<double>::quiet_NaN());
+  }
 }
 
 void equation_run::predict_some(const subject& who, const parameter_block& p, std::size_t first,
