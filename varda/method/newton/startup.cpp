@@ -33,6 +33,9 @@ constexpr double least_variance = 0.04;
 
 constexpr int wide_samples = 64;
 
+// Parameters to start from follow from so many subjects, spread over all of them.
+constexpr int most_subjects = 1000;
+
 // A stream of uniform numbers that nothing but its address decides.
 class uniforms {
  public:
@@ -58,6 +61,30 @@ bool counts(const engine_host& host, int subject) {
   return owns(host, subject) && host.model().observations(subject) > 0;
 }
 
+// The subjects with observations, or as many of them as parameters to start from follow from.
+struct participants {
+  participants(const engine_host& host, bool few) : included(subjects_of(host)) {
+    const auto n = static_cast<std::int64_t>(included.size());
+    for (std::int64_t i = 0; i < n; ++i) {
+      const auto subject = static_cast<int>(i);
+      const bool chosen =
+          !few || n <= most_subjects || (i + 1) * most_subjects / n != i * most_subjects / n;
+      if (!chosen || host.model().observations(subject) == 0) continue;
+      included[static_cast<std::size_t>(i)] = 1;
+      if (owns(host, subject)) own.push_back(subject);
+    }
+  }
+  bool includes(int subject) const { return included[static_cast<std::size_t>(subject)] != 0; }
+
+  std::vector<char> included;
+  std::vector<int> own;  // of this process
+
+ private:
+  static std::vector<char> subjects_of(const engine_host& host) {
+    return std::vector<char>(static_cast<std::size_t>(host.model().subjects()), 0);
+  }
+};
+
 struct pooled_fit {
   double value = 0.0;
   double scale = 1.0;
@@ -66,7 +93,7 @@ struct pooled_fit {
 // The fits of all subjects at the typical values, residual deviations scaled by the best common
 // factor of a coarse ladder: a measure of start values that needs no random effects. One for each
 // theta.
-std::vector<pooled_fit> pooled_fits(const engine_host& host,
+std::vector<pooled_fit> pooled_fits(const engine_host& host, const participants& among,
                                     const std::vector<Eigen::VectorXd>& thetas,
                                     scratch_of_workers& scratch) {
   constexpr int rungs = 17;
@@ -74,7 +101,7 @@ std::vector<pooled_fit> pooled_fits(const engine_host& host,
   const population_model& model = host.model();
   const auto count = static_cast<Eigen::Index>(thetas.size());
   Eigen::MatrixXd by_subject = Eigen::MatrixXd::Zero(rungs * count, model.subjects());
-  for_each_own_subject(host, static_cast<int>(count), [&](int i, int worker) {
+  for_each_subject(host, among.own, static_cast<int>(count), [&](int i, int worker) {
     Eigen::VectorXd mu(model.random_effects());
     Eigen::MatrixXd f;
     Eigen::VectorXd objective;
@@ -126,7 +153,7 @@ Eigen::VectorXd perturbed(const population_model& model, const Eigen::VectorXd& 
 }
 
 // The best of many perturbed start values, or the start itself.
-Eigen::VectorXd screen(engine_host& host, const Eigen::VectorXd& start) {
+Eigen::VectorXd screen(engine_host& host, const participants& among, const Eigen::VectorXd& start) {
   const population_model& model = host.model();
   // So many at a time: fewer exchanges, and little memory for many subjects.
   const int at_once = std::clamp(most_values_at_once / model.subjects(), 1, candidates);
@@ -134,14 +161,14 @@ Eigen::VectorXd screen(engine_host& host, const Eigen::VectorXd& start) {
   uniforms draw(
       address_of(model.specification().estimation.seed, {point_pass::purpose::screening, 0}, 0));
   Eigen::VectorXd best = start;
-  pooled_fit least = pooled_fits(host, {start}, scratch).front();
+  pooled_fit least = pooled_fits(host, among, {start}, scratch).front();
   for (const double deviation : {wide, narrow}) {
     const Eigen::VectorXd about = best;
     for (int first = 0; first < candidates; first += at_once) {
       std::vector<Eigen::VectorXd> thetas;
       for (int c = first; c < std::min(first + at_once, candidates); ++c)
         thetas.push_back(perturbed(model, about, deviation, draw));
-      const std::vector<pooled_fit> fits = pooled_fits(host, thetas, scratch);
+      const std::vector<pooled_fit> fits = pooled_fits(host, among, thetas, scratch);
       for (std::size_t c = 0; c < fits.size(); ++c) {
         if (!(fits[c].value < least.value)) continue;
         least = fits[c];
@@ -158,12 +185,13 @@ Eigen::VectorXd screen(engine_host& host, const Eigen::VectorXd& start) {
 }
 
 // One process's modes for all: phi, covariance, density and mass, by subject.
-void share(const engine_host& host, std::vector<normal_posterior>& modes) {
+void share(const engine_host& host, const participants& among,
+           std::vector<normal_posterior>& modes) {
   const int effects = host.model().random_effects();
   const int size = effects + effects * effects + 3;
   Eigen::MatrixXd packed = Eigen::MatrixXd::Zero(size, host.model().subjects());
   for (int i = 0; i < host.model().subjects(); ++i) {
-    if (!counts(host, i)) continue;
+    if (!counts(host, i) || !among.includes(i)) continue;
     const normal_posterior& m = modes[static_cast<std::size_t>(i)];
     packed.col(i) << m.phi, m.covariance.reshaped(), m.log_density, m.log_mass,
         m.usable ? 1.0 : 0.0;
@@ -194,14 +222,16 @@ Eigen::MatrixXd population_samples(const engine_host& host, int subject, int cou
   return (at.prior.factor().triangularView<Eigen::Lower>() * z).colwise() + mu;
 }
 
-bool find_modes(engine_host& host, const parameter_values& at, bool widely,
-                std::vector<normal_posterior>& modes, double& laplace) {
+namespace {
+
+bool find_modes(engine_host& host, const participants& among, const parameter_values& at,
+                bool widely, std::vector<normal_posterior>& modes, double& laplace) {
   const population_model& model = host.model();
   const bool known = !modes.empty();
   modes.resize(static_cast<std::size_t>(model.subjects()));
   std::vector<mode_finder> finders;
   for (int w = 0; w < host.peers().threads().size(); ++w) finders.emplace_back(host.joint());
-  for_each_own_subject(host, wide_samples, [&](int i, int worker) {
+  for_each_subject(host, among.own, wide_samples, [&](int i, int worker) {
     if (engine_host::stop_requested()) return;
     mode_finder& finder = finders[static_cast<std::size_t>(worker)];
     Eigen::VectorXd mu(model.random_effects());
@@ -232,14 +262,21 @@ bool find_modes(engine_host& host, const parameter_values& at, bool widely,
   });
   for (const mode_finder& finder : finders) host.count_evaluations(finder.evaluations());
   if (engine_host::agree_on_stop()) return false;
-  share(host, modes);
+  share(host, among, modes);
   laplace = 0.0;
   for (int i = 0; i < model.subjects(); ++i)
-    if (model.observations(i) > 0) {
+    if (among.includes(i)) {
       const normal_posterior& m = modes[static_cast<std::size_t>(i)];
       laplace += m.usable ? -2.0 * m.log_mass : 1e10;
     }
   return true;
+}
+
+}  // namespace
+
+bool find_modes(engine_host& host, const parameter_values& at, bool widely,
+                std::vector<normal_posterior>& modes, double& laplace) {
+  return find_modes(host, participants(host, false), at, widely, modes, laplace);
 }
 
 namespace {
@@ -524,39 +561,46 @@ class two_stage {
   std::vector<Eigen::MatrixXd> points_, predictions_;
 };
 
-bool iterate(engine_host& host, int most, start_result& at) {
+bool iterate(engine_host& host, const participants& among, int most, start_result& at) {
   two_stage update(host);
   for (int k = 0; k < most; ++k) {
     const parameter_values now(at.theta, at.omega);
-    if (!now.prior.is_definite() || !find_modes(host, now, false, at.modes, at.laplace))
+    if (!now.prior.is_definite() || !find_modes(host, among, now, false, at.modes, at.laplace))
       return !engine_host::stopped();
     if (update.step(at.modes, at.theta, at.omega) < settled) break;
   }
-  return find_modes(host, parameter_values(at.theta, at.omega), false, at.modes, at.laplace);
+  return find_modes(host, among, parameter_values(at.theta, at.omega), false, at.modes, at.laplace);
 }
 
 }  // namespace
 
 bool start_up(engine_host& host, start_result& found) {
   found = {host.theta(), host.omega(), {}, 0.0};
+  const participants few(host, true);
   const Eigen::VectorXd start = found.theta;
-  const Eigen::VectorXd better = screen(host, start);
-  if (!iterate(host, most_iterations, found)) return false;
+  const Eigen::VectorXd better = screen(host, few, start);
+  if (!iterate(host, few, most_iterations, found)) return false;
   if (better != start) {
     start_result other{better, host.omega(), {}, 0.0};
-    if (!iterate(host, most_iterations, other)) return false;
+    if (!iterate(host, few, most_iterations, other)) return false;
     if (other.laplace < found.laplace) found = other;
   }
   std::vector<normal_posterior> others = found.modes;
   double laplace = 0.0;
   const parameter_values at(found.theta, found.omega);
-  if (!find_modes(host, at, true, others, laplace)) return false;
+  if (!find_modes(host, few, at, true, others, laplace)) return false;
   bool changed = false;
   for (std::size_t i = 0; i < others.size(); ++i)
     if (others[i].usable && others[i].log_mass > found.modes[i].log_mass + 1e-3) changed = true;
-  if (!changed) return true;
-  found.modes = others;
-  return iterate(host, iterations_after_new_modes, found);
+  if (changed) {
+    found.modes = others;
+    if (!iterate(host, few, iterations_after_new_modes, found)) return false;
+  }
+  if (host.model().subjects() <= most_subjects) return true;
+  // The others have no modes yet.
+  found.modes.clear();
+  return find_modes(host, parameter_values(found.theta, found.omega), true, found.modes,
+                    found.laplace);
 }
 
 }  // namespace varda
