@@ -2,7 +2,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <cmath>
+#include <vector>
 
 #include "statsubs/sequences/sobol.h"
 #include "tests/support/fake_host.h"
@@ -97,6 +100,23 @@ TEST(PointSource, PointsHaveAnAddress) {
     for (int r = 1; r <= 20; ++r)
       addresses.insert(address_of(seed, {point_pass::purpose::report, r}, 4));
   EXPECT_EQ(addresses.size(), 400U);
+}
+
+// What threads take of the points is what the library draws from there.
+TEST(PointSource, FillsInWhatTheGeneratorGives) {
+  const point_source points(3, 7, 1);
+  const point_pass pass{point_pass::purpose::draw, 2};
+  for (const int samples : {256, 100}) {
+    std::vector<double> filled(3 * static_cast<std::size_t>(samples));
+    points.fill(pass, 4, samples, filled.data());
+    points.place(pass, 4, samples);
+    std::array<double, 3> x{};
+    for (std::size_t j = 0; j < filled.size(); j += 3) {
+      statsubs::gosobl(x.data());
+      for (std::size_t i = 0; i < 3; ++i)
+        ASSERT_EQ(filled[j + i], std::clamp(x[i], 1e-6, 0.999999)) << samples << " " << j;
+    }
+  }
 }
 
 // A shifted net has one point in each of 2^8 boxes of every elementary shape.

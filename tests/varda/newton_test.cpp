@@ -62,9 +62,9 @@ TEST_P(SubjectSampler, DerivativesAreThoseOfTheSampledLikelihood) {
   subject_draw drawn;
   const draw_component about{1.0, Eigen::Vector2d(1.1, 3.4),
                              Eigen::Vector2d(0.25, 0.2).asDiagonal()};
-  ASSERT_TRUE(draw_subject(host, 2, {about}, {}, 64, 4, drawn));
   const Eigen::VectorXd psi = scale.of(host.theta(), host.omega());
   const Eigen::VectorXd drawn_at = host.theta();
+  subject_drawer(host.joint(), host.points()).draw(2, drawn_at, {about}, {{}, 16, 4, 0, 4}, drawn);
   subject_sampler sampler(host.joint(), scale);
   std::int64_t evaluations = 0;
   const auto at = [&](const Eigen::VectorXd& where, detail wanted) {
@@ -104,7 +104,8 @@ TEST(DrawSubject, AMixtureIsWeighedByItsWholeDensity) {
   subject_sampler sampler(host.joint(), scale);
   const auto value = [&](const std::vector<draw_component>& from) {
     subject_draw drawn;
-    EXPECT_TRUE(draw_subject(host, 0, from, {}, 16384, 4, drawn));
+    subject_drawer(host.joint(), host.points())
+        .draw(0, host.theta(), from, {{}, 4096, 4, 0, 4}, drawn);
     std::int64_t evaluations = 0;
     return sampler
         .measure(0, drawn, host.theta(), measure_point(scale, psi, host.theta(), host.omega()),
@@ -126,6 +127,52 @@ TEST(DrawSubject, AMixtureIsWeighedByItsWholeDensity) {
   far.centre.array() += 0.5;
   EXPECT_NEAR(value({near, far, population}), alone_value, 0.003);
   EXPECT_NEAR(mode.log_mass, alone_value, 0.1);
+}
+
+// A group that is drawn by itself is that group of the whole, mixtures included.
+TEST(DrawSubject, AGroupIsTheSameAlone) {
+  const population_model model = test::theophylline();
+  const job alone(nullptr, nullptr);
+  const captured_unit swallowed;
+  engine_host host(model, alone);
+  const draw_component near{0.7, Eigen::Vector3d(0.3, 1.1, 3.4), 0.2 * Eigen::Matrix3d::Identity()};
+  const draw_component far{0.3, Eigen::Vector3d(0.1, 1.0, 3.5), 0.5 * Eigen::Matrix3d::Identity()};
+  const draw_plan plan{{point_pass::purpose::trial, 3}, 64, 4, 0, 4};
+  subject_drawer drawer(host.joint(), host.points());
+  subject_draw whole;
+  subject_draw part;
+  drawer.draw(5, host.theta(), {near, far}, plan, whole);
+  drawer.draw(5, host.theta(), {near, far}, plan.alone(2), part);
+  EXPECT_EQ(part.phi, whole.phi.middleCols(128, 64));
+  EXPECT_EQ(part.predictions, whole.predictions.middleRows(128, 64));
+  EXPECT_EQ(part.log_proposal, whole.log_proposal.segment(128, 64));
+}
+
+// Draws that there is no memory for are made again, to the last bit: a fit takes the same steps.
+TEST(NewtonMethod, StepsDoNotDependOnTheMemoryForDraws) {
+  const population_model model = test::theophylline();
+  const job alone(nullptr, nullptr);
+  const captured_unit swallowed;
+  const auto steps_with = [&](std::size_t memory) {
+    engine_host host(model, alone);
+    const newton_method method(host, memory);
+    run_state state;
+    method.begin(state);
+    while (!state.ended) EXPECT_TRUE(method.step(state));
+    return state;
+  };
+  // Of twelve subjects, some at 256 points and more.
+  const run_state some = steps_with(200000);
+  const run_state none = steps_with(0);
+  const run_state all = steps_with(1UL << 30);
+  ASSERT_GT(all.records.size(), 2U);
+  for (const run_state* other : {&some, &none}) {
+    EXPECT_EQ(other->theta, all.theta);
+    EXPECT_EQ(other->omega, all.omega);
+    ASSERT_EQ(other->records.size(), all.records.size());
+    EXPECT_EQ(other->records.back().minus2ll, all.records.back().minus2ll);
+    EXPECT_EQ(other->newton.gain_ahead, all.newton.gain_ahead);
+  }
 }
 
 TEST(ParetoShape, TellsHeavyTailsFromLightOnes) {

@@ -1,21 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "varda/host/draws.h"
 
-#include <cassert>
+#include <algorithm>
 #include <cmath>
 #include <numbers>
 
-#include "statsubs/estep/fgintegrate.h"
-#include "statsubs/state/global_variables.h"
+#include "statsubs/estep/proposals.h"
 
 namespace varda {
 
-namespace gv = statsubs::global_variables;
-
 namespace {
 
+constexpr int most_at_once = 1024;
+
 // log of share x density of a component at every sample.
-Eigen::ArrayXd log_density(const draw_component& of, const Eigen::MatrixXd& phi) {
+Eigen::ArrayXd log_density(const draw_component& of, const Eigen::Ref<const Eigen::MatrixXd>& phi) {
   const Eigen::MatrixXd z =
       of.factor.triangularView<Eigen::Lower>().solve(phi.colwise() - of.centre);
   const double constant = std::log(of.share) - of.factor.diagonal().array().log().sum() -
@@ -37,52 +36,69 @@ std::vector<int> split(const std::vector<draw_component>& from, int samples) {
 
 }  // namespace
 
-bool draw_subject(engine_host& host, int subject, const std::vector<draw_component>& from,
-                  const point_pass& pass, int samples, int groups, subject_draw& drawn) {
-  const population_model& model = host.model();
+void subject_drawer::make_room(const population_model& model, int subject, const draw_plan& plan,
+                               subject_draw& drawn) {
+  drawn.groups = plan.groups;
+  drawn.phi.resize(model.random_effects(), plan.samples());
+  drawn.log_proposal.resize(plan.samples());
+  drawn.predictions.resize(plan.samples(), model.observations(subject));
+}
+
+std::size_t bytes_of_draw(const population_model& model, int subject, const draw_plan& plan) {
+  return sizeof(double) * static_cast<std::size_t>(plan.samples()) *
+         static_cast<std::size_t>(model.random_effects() + 1 + model.observations(subject));
+}
+
+void subject_drawer::draw(int subject, const Eigen::VectorXd& theta,
+                          const std::vector<draw_component>& from, const draw_plan& plan,
+                          subject_draw& drawn) {
+  make_room(joint_.model(), subject, plan, drawn);
+  for (int g = 0; g < plan.groups; ++g) draw_group(subject, theta, from, plan, g, drawn);
+}
+
+void subject_drawer::draw_group(int subject, const Eigen::VectorXd& theta,
+                                const std::vector<draw_component>& from, const draw_plan& plan,
+                                int group, subject_draw& drawn) {
+  const population_model& model = joint_.model();
   const int effects = model.random_effects();
-  assert(samples % groups == 0);
-  const int group_size = samples / groups;
   Eigen::VectorXd mu(effects);
-  model.means(subject, host.theta().data(), mu.data());
-  drawn.groups = groups;
-  drawn.phi.resize(effects, samples);
-  drawn.predictions.resize(samples, model.observations(subject));
-  const std::vector<int> counts = split(from, group_size);
-  // Whatever family the settings name: the density of the mixture is that of normal components.
-  const int family = gv::impsampdof;
-  gv::impsampdof = 0;
-  Eigen::MatrixXd etas(effects, group_size);
-  Eigen::VectorXd weights(group_size);
-  int at = 0;
-  for (int g = 0; g < groups; ++g)
-    for (std::size_t c = 0; c < from.size(); ++c) {
-      const int count = counts[c];
-      Eigen::Map<Eigen::VectorXd>(gv::xmusub.data(), effects) = from[c].centre - mu;
-      Eigen::Map<Eigen::MatrixXd>(gv::omegacholsub.data(), effects, effects) = from[c].factor;
-      const int address =
-          (pass.index * groups + g) * static_cast<int>(from.size()) + static_cast<int>(c);
-      host.place_points({pass.why, address}, subject, count);
-      double unused = 0.0;
-      host.keep_predictions(&drawn.predictions, at);
-      statsubs::fgintegrate(subject + 1, count, etas.data(), weights.data(), unused);
-      host.keep_predictions(nullptr, 0);
-      if (engine_host::stopped()) {
-        gv::impsampdof = family;
-        return false;
-      }
-      drawn.phi.middleCols(at, count) = etas.leftCols(count).colwise() + mu;
-      at += count;
+  model.means(subject, theta.data(), mu.data());
+  const std::vector<int> counts = split(from, plan.group_size);
+  const int first = group * plan.group_size;
+  int at = first;
+  Eigen::VectorXd eta(effects);
+  for (std::size_t c = 0; c < from.size(); ++c) {
+    const int count = counts[c];
+    const int address = (plan.pass.index * plan.groups_of_pass + plan.first_group + group) *
+                            static_cast<int>(from.size()) +
+                        static_cast<int>(c);
+    normals_.resize(effects, count);
+    points_.fill({plan.pass.why, address}, subject, count, normals_.data());
+    for (double& u : normals_.reshaped()) u = statsubs::dnorminv(u);
+    const Eigen::VectorXd centre = from[c].centre - mu;
+    for (int j = 0; j < count; ++j) {
+      statsubs::simmn(effects, centre.data(), from[c].factor.data(), effects,
+                      normals_.col(j).data(), eta.data());
+      drawn.phi.col(at + j) = eta + mu;
     }
-  gv::impsampdof = family;
-  Eigen::ArrayXd mixture = log_density(from.front(), drawn.phi);
+    // A block's predictions stay in the cache until they are put in their place.
+    for (int done = 0; done < count; done += most_at_once) {
+      const int now = std::min(most_at_once, count - done);
+      joint_.predict(subject, theta.data(), drawn.phi.middleCols(at + done, now), predictions_,
+                     scratch_);
+      drawn.predictions.middleRows(at + done, now) = predictions_;
+    }
+    evaluations_ += count;
+    at += count;
+  }
+  const auto phi = drawn.phi.middleCols(first, plan.group_size);
+  Eigen::ArrayXd mixture = log_density(from.front(), phi);
   for (std::size_t c = 1; c < from.size(); ++c) {
-    const Eigen::ArrayXd next = log_density(from[c], drawn.phi);
+    const Eigen::ArrayXd next = log_density(from[c], phi);
     const Eigen::ArrayXd larger = mixture.max(next);
     mixture = larger + ((mixture - larger).exp() + (next - larger).exp()).log();
   }
-  drawn.log_proposal = mixture;
-  return true;
+  drawn.log_proposal.segment(first, plan.group_size) = mixture;
 }
 
 }  // namespace varda

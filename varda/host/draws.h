@@ -7,9 +7,12 @@
 #pragma once
 
 #include <Eigen/Core>
+#include <cstddef>
+#include <cstdint>
 #include <vector>
 
-#include "varda/host/engine_host.h"
+#include "varda/host/points.h"
+#include "varda/model/density.h"
 
 namespace varda {
 
@@ -33,12 +36,57 @@ struct subject_draw {
   int groups = 1;
 };
 
-// Draws `samples` of a subject (from 0) with observations through the library, at the parameters in
-// force, in `groups` randomisations (both powers of two, samples at least 16 a group). The samples
-// of every component are weighed by the density of the whole mixture: A. Owen and Y. Zhou, "Safe
-// and effective importance sampling", J. Am. Stat. Assoc. 95 (2000) 135-143. This process alone.
-// False when a stop was asked for.
-bool draw_subject(engine_host& host, int subject, const std::vector<draw_component>& from,
-                  const point_pass& pass, int samples, int groups, subject_draw& drawn);
+// What a pass draws of every subject: `groups` of its randomisations, from `first_group` on, with
+// `group_size` samples each (both numbers powers of two, at least 16 samples).
+struct draw_plan {
+  point_pass pass;
+  int group_size = 0;
+  int groups_of_pass = 1;
+  int first_group = 0;
+  int groups = 1;
+
+  int samples() const { return group_size * groups; }
+  // One of these groups (from 0) by itself.
+  draw_plan alone(int group) const {
+    return {pass, group_size, groups_of_pass, first_group + group, 1};
+  }
+};
+
+// Draws individual parameters of subjects from 0 with observations, at fixed effects `theta`. What
+// a subject's samples are follows from the plan, theta and the proposal alone, so that they can be
+// drawn again instead of kept. One for each thread; nothing is shared but what the constructor
+// takes, which outlives it.
+class subject_drawer {
+ public:
+  subject_drawer(const density& joint, const point_source& points)
+      : joint_(joint), points_(points), scratch_(joint.model()) {}
+
+  // All samples of a subject. The samples of every component are weighed by the density of the
+  // whole mixture: A. Owen and Y. Zhou, "Safe and effective importance sampling", J. Am. Stat.
+  // Assoc. 95 (2000) 135-143.
+  void draw(int subject, const Eigen::VectorXd& theta, const std::vector<draw_component>& from,
+            const draw_plan& plan, subject_draw& drawn);
+
+  // The same group by group, those of a subject in any order and by any drawer, once there is room
+  // for all. `group` counts from 0 in the plan.
+  static void make_room(const population_model& model, int subject, const draw_plan& plan,
+                        subject_draw& drawn);
+  void draw_group(int subject, const Eigen::VectorXd& theta,
+                  const std::vector<draw_component>& from, const draw_plan& plan, int group,
+                  subject_draw& drawn);
+
+  // Of the model, so far.
+  std::int64_t evaluations() const { return evaluations_; }
+
+ private:
+  const density& joint_;
+  const point_source& points_;
+  density_workspace scratch_;
+  Eigen::MatrixXd normals_, predictions_;
+  std::int64_t evaluations_ = 0;
+};
+
+// What make_room takes.
+std::size_t bytes_of_draw(const population_model& model, int subject, const draw_plan& plan);
 
 }  // namespace varda

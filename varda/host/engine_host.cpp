@@ -118,7 +118,7 @@ engine_host::engine_host(const population_model& model, const job& peers)
   omega_mask_ = model.omega_mask();
   select_every_column();
   const estimation_settings& chosen = model.specification().estimation;
-  points_.emplace(effects, chosen.seed, chosen.scramble);
+  points_.emplace(effects, chosen.seed, chosen.scramble, chosen.points);
 }
 
 engine_host::~engine_host() {
@@ -395,9 +395,6 @@ void engine_host::evaluate_block(int n, const double* etas, double* f, double* s
     f[j] = block_objective_(j) + prior_.negative_log(eta.col(j).data());
     scores[j] = block_score_(j);
   }
-  if (kept_ == nullptr) return;
-  kept_->middleRows(next_kept_, n) = block_predictions_;
-  next_kept_ += n;
 }
 
 // An individual's figures do not depend on those that it is computed with.
@@ -433,10 +430,9 @@ void engine_host::place_points(const point_pass& pass, int subject, int samples)
 // The library restarts `state` at 1 for every subject; the address of the subject's points is mixed
 // in, so that subjects and passes draw apart.
 double engine_host::uniform(int& state) const {
-  constexpr std::uint64_t golden = 0x9e3779b97f4a7c15U;
   const auto counter = static_cast<std::uint32_t>(state);
   state = static_cast<int>(counter + 1);
-  return (static_cast<double>(mixed(stream_ + counter * golden) >> 12) + 0.5) * 0x1p-52;
+  return uniform_at(stream_, counter);
 }
 
 }  // namespace varda

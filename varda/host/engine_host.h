@@ -57,16 +57,12 @@ class engine_host {
   // pseudo-random ones alike.
   void place_points(const point_pass& pass, int subject, int samples);
 
+  // The points of all passes.
+  const point_source& points() const { return *points_; }
+
   std::int64_t evaluations() const { return evaluations_; }
   // Evaluations that were made of the joint density itself.
   void count_evaluations(std::int64_t more) { evaluations_ += more; }
-
-  // Keeps the predictions of the evaluations that follow, of the subject in work, as rows of `to`
-  // from row `from` on; null ends that.
-  void keep_predictions(Eigen::MatrixXd* to, Eigen::Index from) {
-    kept_ = to;
-    next_kept_ = from;
-  }
 
   // A stop was asked for (interrupt) and has been seen. In the middle of a pass over subjects that
   // is this process's own affair; at the end of each pass the processes agree.
@@ -127,8 +123,6 @@ class engine_host {
   Eigen::MatrixXd block_phi_, block_predictions_;
   Eigen::VectorXd block_objective_, block_score_;
   std::vector<block_part> block_parts_;  // one for each thread, of a costly model
-  Eigen::MatrixXd* kept_ = nullptr;
-  Eigen::Index next_kept_ = 0;
 
   std::uint64_t stream_ = 0;
   std::int64_t evaluations_ = 0;

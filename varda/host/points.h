@@ -5,7 +5,11 @@
 // taken up anywhere.
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <vector>
+
+#include "varda/model/specification.h"
 
 namespace varda {
 
@@ -32,6 +36,9 @@ std::uint64_t address_of(int seed, const point_pass& pass, int subject);
 // C. H. Flood, "Fast splittable pseudorandom number generators", OOPSLA 2014).
 std::uint64_t mixed(std::uint64_t z);
 
+// Number `counter` of the pseudo-random stream at an address, within (0, 1).
+double uniform_at(std::uint64_t address, std::uint32_t counter);
+
 // The library's Sobol generator for one run.
 //
 // One scrambling serves all subjects: each takes the first points of the scrambled sequence,
@@ -41,16 +48,33 @@ std::uint64_t mixed(std::uint64_t z);
 // the points stay a net, while subjects become independent of each other.
 class point_source {
  public:
-  // Starts the generator for points of `dimensions` coordinates; `scramble` as in the settings.
-  point_source(int dimensions, int seed, int scramble);
+  // Starts the generator for points of `dimensions` coordinates; `scramble` and `kind` as in the
+  // settings.
+  point_source(int dimensions, int seed, int scramble, point_kind kind = point_kind::sobol);
 
   // Puts the generator before the first of `samples` points of a subject (from 0).
   void place(const point_pass& pass, int subject, int samples) const;
 
+  // The points that the library draws from there, each coordinate kept to [1e-6, 1 - 1e-6] as
+  // fgintegrate keeps it: dimensions x samples, packed. The generator stays where it is; may be
+  // called from several threads.
+  void fill(const point_pass& pass, int subject, int samples, double* points) const;
+
+  int dimensions() const { return dimensions_; }
+
  private:
+  struct position {
+    int count;  // as in the library's generator
+    std::array<int, most_random_effects> last;
+  };
+  position position_of(const point_pass& pass, int subject, int samples) const;
+
   int dimensions_;
   int seed_;
   bool shifted_;
+  point_kind kind_;
+  std::vector<int> directions_;  // dimensions x binary digits
+  double digit_ = 0.0;
 };
 
 }  // namespace varda

@@ -27,12 +27,16 @@ constexpr double evaluations_worth_equations = 50.0;
 
 void for_each_own_subject(const engine_host& host, int evaluations,
                           const std::function<void(int subject, int worker)>& work) {
-  const std::vector<int> own = own_subjects(host);
-  const auto count = static_cast<int>(own.size());
+  for_each_subject(host, own_subjects(host), evaluations, work);
+}
+
+void for_each_subject(const engine_host& host, const std::vector<int>& some, int evaluations,
+                      const std::function<void(int subject, int worker)>& work) {
+  const auto count = static_cast<int>(some.size());
   const double all = static_cast<double>(count) * evaluations *
                      (host.model_is_costly() ? evaluations_worth_equations : 1.0);
   const auto one = [&](int k, int worker) {
-    if (!engine_host::stop_requested()) work(own[static_cast<std::size_t>(k)], worker);
+    if (!engine_host::stop_requested()) work(some[static_cast<std::size_t>(k)], worker);
   };
   if (all >= least_shared_evaluations) return host.peers().threads().for_each(count, one);
   for (int k = 0; k < count; ++k) one(k, 0);

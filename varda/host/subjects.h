@@ -28,6 +28,9 @@ std::vector<int> own_subjects(const population_model& model, const job& peers);
 // stop request the subjects that are left are left out.
 void for_each_own_subject(const engine_host& host, int evaluations,
                           const std::function<void(int subject, int worker)>& work);
+// The same with those of its subjects that `some` lists.
+void for_each_subject(const engine_host& host, const std::vector<int>& some, int evaluations,
+                      const std::function<void(int subject, int worker)>& work);
 
 // What a worker computes models with. Those of a pass are made once, before it.
 struct worker_scratch {

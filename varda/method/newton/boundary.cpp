@@ -97,6 +97,7 @@ bool newton_method::maximise(run_state& state, int held, double hopeless, draw_m
     if (!healthy && !look_widely(state, end, changed)) return false;
     if (changed) continue;
     const ascent up = climb(drawn, psi, end, most_steps);
+    if (engine_host::stopped()) return false;
     if (!take_force(state, up.psi)) return true;
     follow(up.last, state.newton);
     at_rest = healthy && d + 1 >= least_draws_of_a_trial && up.gained < rest;

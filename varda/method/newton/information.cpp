@@ -37,11 +37,13 @@ Eigen::MatrixXd scaled_by(const Eigen::VectorXd& unit, const Eigen::MatrixXd& in
 // One group of a draw by itself.
 whole_draw group_of(const whole_draw& drawn, int group) {
   whole_draw result;
+  result.plan = drawn.plan.alone(group);
   result.theta = drawn.theta;
-  for (const subject_draw& s : drawn.subjects) {
-    subject_draw& part = result.subjects.emplace_back();
+  result.proposals = drawn.proposals;
+  for (const subject_draw& s : drawn.kept) {
+    subject_draw& part = result.kept.emplace_back();
     if (s.phi.size() == 0) continue;
-    const Eigen::Index size = s.phi.cols() / drawn.groups;
+    const Eigen::Index size = drawn.plan.group_size;
     part.phi = s.phi.middleCols(group * size, size);
     part.log_proposal = s.log_proposal.segment(group * size, size);
     part.predictions = s.predictions.middleRows(group * size, size);
@@ -93,10 +95,10 @@ std::vector<Eigen::VectorXd> newton_method::flat_directions(const whole_draw& dr
   std::vector<Eigen::Index> small;
   for (Eigen::Index k = 0; k < psi.size(); ++k)
     if (solver.eigenvalues()(k) < small_eigenvalue) small.push_back(k);
-  if (small.empty() || drawn.groups < 2) return result;
+  if (small.empty() || drawn.plan.groups < 2) return result;
   // What every group of the samples says of these directions alone.
-  Eigen::MatrixXd of_groups(small.size(), drawn.groups);
-  for (int g = 0; g < drawn.groups; ++g) {
+  Eigen::MatrixXd of_groups(small.size(), drawn.plan.groups);
+  for (int g = 0; g < drawn.plan.groups; ++g) {
     const draw_measure own = measure(group_of(drawn, g), psi, detail::derivatives);
     const Eigen::MatrixXd scaled = scaled_by(unit, own.information);
     for (std::size_t s = 0; s < small.size(); ++s) {
@@ -106,8 +108,8 @@ std::vector<Eigen::VectorXd> newton_method::flat_directions(const whole_draw& dr
   }
   for (std::size_t s = 0; s < small.size(); ++s) {
     const auto row = of_groups.row(static_cast<Eigen::Index>(s));
-    const double error =
-        std::sqrt((row.array() - row.mean()).square().sum() / (drawn.groups - 1.0) / drawn.groups);
+    const double error = std::sqrt((row.array() - row.mean()).square().sum() /
+                                   (drawn.plan.groups - 1.0) / drawn.plan.groups);
     const double eigenvalue = solver.eigenvalues()(small[s]);
     if (eigenvalue > errors_of_nothing * error && eigenvalue > rounding) continue;
     const Eigen::VectorXd direction = solver.eigenvectors().col(small[s]).cwiseQuotient(unit);

@@ -131,7 +131,8 @@ subject_measure subject_sampler::measure(int subject, const subject_draw& drawn,
   score_data(subject, drawn, f, log_data, at, weights, scores, hessian, evaluations);
 
   result.gradient = scores * weights;
-  const Eigen::MatrixXd weighted = scores * weights.cwiseSqrt().asDiagonal();
+  const Eigen::VectorXd roots = weights.cwiseSqrt();
+  const Eigen::MatrixXd weighted = scores * roots.asDiagonal();
   result.information =
       -(hessian + weighted * weighted.transpose() - result.gradient * result.gradient.transpose());
   const Eigen::Index size = n / drawn.groups;
@@ -152,20 +153,35 @@ subject_measure subject_sampler::measure(int subject, const subject_draw& drawn,
 void subject_sampler::score_prior(int subject, const Eigen::MatrixXd& z, const Eigen::MatrixXd& u,
                                   const measure_point& at, Eigen::MatrixXd& scores) const {
   const population_model& model = joint_.model();
+  // Sample by sample, as scores, z and u stand in memory.
+  struct of_mean {
+    Eigen::Index k, eta;
+    double design;
+  };
+  struct of_factor {
+    Eigen::Index k, a, b;
+    double scale, less;
+  };
+  std::vector<of_mean> means;
+  std::vector<of_factor> factors;
   for (int k = 0; k < scale_.size(); ++k) {
     const coordinates::entry& e = scale_.entries()[static_cast<std::size_t>(k)];
     if (e.theta >= 0) {
       for (std::size_t c = 0; c < model.columns().size(); ++c)
         if (model.columns()[c].theta == e.theta)
-          scores.row(k) +=
-              model.design(subject, static_cast<int>(c)) * u.row(model.columns()[c].eta);
+          means.push_back({k, model.columns()[c].eta, model.design(subject, static_cast<int>(c))});
       continue;
     }
-    for (const auto& [a, b] : e.places) {
-      const double scale = e.diagonal ? at.prior.factor()(a, a) : 1.0;
-      scores.row(k).array() += scale * u.row(a).array() * z.row(b).array();
-      if (e.diagonal) scores.row(k).array() -= 1.0;
-    }
+    for (const auto& [a, b] : e.places)
+      factors.push_back(
+          {k, a, b, e.diagonal ? at.prior.factor()(a, a) : 1.0, e.diagonal ? 1.0 : 0.0});
+  }
+  for (Eigen::Index j = 0; j < z.cols(); ++j) {
+    double* const own = scores.col(j).data();
+    const double* const zj = z.col(j).data();
+    const double* const uj = u.col(j).data();
+    for (const of_mean& m : means) own[m.k] += m.design * uj[m.eta];
+    for (const of_factor& f : factors) own[f.k] = own[f.k] + f.scale * uj[f.a] * zj[f.b] - f.less;
   }
 }
 

@@ -33,6 +33,13 @@ constexpr double noise_limit = 0.005;
 constexpr double last_step_ratio = 1.5;
 constexpr double last_step_slack = 0.001;
 
+// What the samples of a draw may take in a process where an evaluation is dear, and where it is
+// not.
+constexpr std::size_t memory_of_dear_draws = 1024UL << 20;
+constexpr std::size_t memory_of_cheap_draws = 128UL << 20;
+// Of a measurement, put together by the processes in one go.
+constexpr Eigen::Index most_figures = 1 << 20;
+
 constexpr int most_newton_steps = 15;
 // A gain so many times its noise is worth a step whatever the state of the samples.
 constexpr double clear_gain = 10.0;
@@ -61,10 +68,14 @@ int points_factor(int random_effects) {
 }
 
 newton_method::newton_method(engine_host& host)
+    : newton_method(host, host.model_is_costly() ? memory_of_dear_draws : memory_of_cheap_draws) {}
+
+newton_method::newton_method(engine_host& host, std::size_t draw_memory)
     : host_(host),
       settings_(host.model().specification().estimation),
       scale_(host.model()),
-      points_factor_(points_factor(host.model().random_effects())) {}
+      points_factor_(points_factor(host.model().random_effects())),
+      draw_memory_(draw_memory) {}
 
 Eigen::VectorXd newton_method::psi_in_force() const {
   return scale_.of(host_.theta(), host_.omega());
@@ -166,18 +177,43 @@ void newton_method::propose_from(const std::vector<normal_posterior>& modes,
 
 bool newton_method::draw(const run_state& state, const point_pass& pass, int samples, int groups,
                          whole_draw& drawn) const {
+  return draw(state, {pass, samples / groups, groups, 0, groups}, draw_memory_, drawn);
+}
+
+bool newton_method::draw_once(const run_state& state, const point_pass& pass, int samples,
+                              int groups, whole_draw& drawn) const {
+  return draw(state, {pass, samples / groups, groups, 0, groups},
+              host_.model_is_costly() ? draw_memory_ : 0, drawn);
+}
+
+bool newton_method::draw(const run_state& state, const draw_plan& plan, std::size_t memory,
+                         whole_draw& drawn) const {
   const population_model& model = host_.model();
-  drawn.subjects.assign(static_cast<std::size_t>(model.subjects()), {});
+  const thread_team& threads = host_.peers().threads();
+  drawn.plan = plan;
   drawn.theta = host_.theta();
-  drawn.samples = samples;
-  drawn.groups = groups;
+  drawn.proposals = &state.newton.proposals;
+  drawn.kept.assign(static_cast<std::size_t>(model.subjects()), {});
+  std::vector<int> kept;
+  std::size_t taken = 0;
   for (const int i : own_subjects(host_)) {
-    const auto at = static_cast<std::size_t>(i);
-    if (!draw_subject(host_, i, state.newton.proposals[at], pass, samples, groups,
-                      drawn.subjects[at]))
-      break;
+    taken += bytes_of_draw(model, i, plan);
+    if (taken > memory) break;
+    kept.push_back(i);
+    subject_drawer::make_room(model, i, plan, drawn.kept[static_cast<std::size_t>(i)]);
   }
-  return !host_.agree_on_stop();
+  std::vector<subject_drawer> drawers;
+  for (int w = 0; w < threads.size(); ++w) drawers.emplace_back(host_.joint(), host_.points());
+  // A few subjects have work for many threads, group by group.
+  threads.for_each(static_cast<int>(kept.size()) * plan.groups, [&](int item, int worker) {
+    if (engine_host::stop_requested()) return;
+    const int subject = kept[static_cast<std::size_t>(item / plan.groups)];
+    const auto at = static_cast<std::size_t>(subject);
+    drawers[static_cast<std::size_t>(worker)].draw_group(
+        subject, drawn.theta, state.newton.proposals[at], plan, item % plan.groups, drawn.kept[at]);
+  });
+  for (const subject_drawer& drawer : drawers) host_.count_evaluations(drawer.evaluations());
+  return !engine_host::agree_on_stop();
 }
 
 draw_measure newton_method::measure(const whole_draw& drawn, const Eigen::VectorXd& psi,
@@ -192,25 +228,36 @@ draw_measure newton_method::measure(const whole_draw& drawn, const Eigen::Vector
   result.subjects.resize(static_cast<std::size_t>(model.subjects()));
   if (!at.theta.allFinite() || !at.prior.is_definite()) return result;
 
-  // A column of figures for each subject, summed over the processes: each column stands on one.
-  const Eigen::Index groups = drawn.groups;
+  const Eigen::Index groups = drawn.plan.groups;
   const Eigen::Index figures = wanted == detail::value ? 2 : 9 + p + 2 * p * p + groups;
-  Eigen::MatrixXd packed = Eigen::MatrixXd::Zero(figures, model.subjects());
+  if (wanted == detail::derivatives) result.group_log_likelihood.resize(groups, model.subjects());
   struct worker_of_measure {
     subject_sampler sampler;
+    subject_drawer drawer;
+    subject_draw again;
     std::int64_t evaluations;
   };
   std::vector<worker_of_measure> workers;
   for (int w = 0; w < host_.peers().threads().size(); ++w)
-    workers.push_back({subject_sampler(host_.joint(), scale_), 0});
-  for_each_own_subject(host_, verdict_samples, [&](int i, int w) {
+    workers.push_back({subject_sampler(host_.joint(), scale_),
+                       subject_drawer(host_.joint(), host_.points()),
+                       {},
+                       0});
+  // A column of figures for each subject, summed over the processes: each column stands on one.
+  Eigen::MatrixXd packed;
+  const auto one = [&](int i, int w, Eigen::Index column) {
     const auto own = static_cast<std::size_t>(i);
     worker_of_measure& worker = workers[static_cast<std::size_t>(w)];
+    const bool kept = drawn.kept[own].phi.size() > 0;
+    if (!kept)
+      worker.drawer.draw(i, drawn.theta, (*drawn.proposals)[own], drawn.plan, worker.again);
     subject_measure& m = result.subjects[own];
-    m = worker.sampler.measure(i, drawn.subjects[own], drawn.theta, at, wanted, worker.evaluations);
+    m = worker.sampler.measure(i, kept ? drawn.kept[own] : worker.again, drawn.theta, at, wanted,
+                               worker.evaluations);
     const bool finite = std::isfinite(m.log_likelihood);
-    packed(0, i) = finite ? m.log_likelihood : -1e10;
-    packed(1, i) = m.effective_share;
+    auto figure = packed.col(column);
+    figure(0) = finite ? m.log_likelihood : -1e10;
+    figure(1) = m.effective_share;
     if (wanted == detail::value || !finite) return;
     const auto r = static_cast<double>(groups);
     double variance = 0.0;
@@ -222,37 +269,59 @@ draw_measure newton_method::measure(const whole_draw& drawn, const Eigen::Vector
     }
     variance /= r * (r - 1.0);
     scatter /= r * (r - 1.0);
-    packed.col(i).segment(2, 7) << m.largest_weight, m.shape, m.failed, variance, m.scaled_squares,
-        0.0, 0.0;
-    if (!std::isfinite(m.shape)) packed(3, i) = 0.0;
-    packed.col(i).segment(9, p) = m.gradient;
-    packed.col(i).segment(9 + p, p * p) = m.information.reshaped();
-    packed.col(i).segment(9 + p + p * p, p * p) = scatter.reshaped();
-    packed.col(i).tail(groups) = m.group_log_likelihood;
-  });
-  for (const worker_of_measure& worker : workers) host_.count_evaluations(worker.evaluations);
-  if (!engine_host::share(packed)) return result;
-  if (wanted == detail::derivatives) result.group_log_likelihood = packed.bottomRows(groups);
+    figure.segment(2, 7) << m.largest_weight, m.shape, m.failed, variance, m.scaled_squares, 0.0,
+        0.0;
+    if (!std::isfinite(m.shape)) figure(3) = 0.0;
+    figure.segment(9, p) = m.gradient;
+    figure.segment(9 + p, p * p) = m.information.reshaped();
+    figure.segment(9 + p + p * p, p * p) = scatter.reshaped();
+    figure.tail(groups) = m.group_log_likelihood;
+    // What has gone into the sums is of no more use.
+    m.information.resize(0, 0);
+    m.group_gradient.resize(0, 0);
+    m.group_log_likelihood.resize(0);
+  };
+  // Of so many subjects at a time, whole turns of the processes.
+  const int processes = host_.peers().size();
+  const int at_once = std::max(static_cast<int>(most_figures / figures) / processes, 1) * processes;
+  const std::vector<int> own = own_subjects(host_);
   double variance = 0.0;
   result.finite = true;
-  for (int i = 0; i < model.subjects(); ++i) {
-    if (model.observations(i) == 0) continue;
-    subject_measure& m = result.subjects[static_cast<std::size_t>(i)];
-    m.log_likelihood = packed(0, i);
-    m.effective_share = packed(1, i);
-    result.finite = result.finite && packed(0, i) > -1e10;
-    result.log_likelihood += packed(0, i);
-    if (wanted == detail::value) continue;
-    m.largest_weight = packed(2, i);
-    m.shape = packed(3, i);
-    m.failed = packed(4, i);
-    m.scaled_squares = packed(6, i);
-    m.error = 2.0 * std::sqrt(packed(5, i));
-    variance += packed(5, i);
-    result.gradient += packed.col(i).segment(9, p);
-    result.information += packed.col(i).segment(9 + p, p * p).reshaped(p, p);
-    result.scatter += packed.col(i).segment(9 + p + p * p, p * p).reshaped(p, p);
+  for (int first = 0; first < model.subjects(); first += at_once) {
+    const int last = std::min(first + at_once, model.subjects());
+    packed = Eigen::MatrixXd::Zero(figures, last - first);
+    for_each_subject(host_,
+                     {std::lower_bound(own.begin(), own.end(), first),
+                      std::lower_bound(own.begin(), own.end(), last)},
+                     verdict_samples, [&](int i, int worker) { one(i, worker, i - first); });
+    if (!engine_host::share(packed)) {
+      result.finite = false;
+      return result;
+    }
+    if (wanted == detail::derivatives)
+      result.group_log_likelihood.middleCols(first, last - first) = packed.bottomRows(groups);
+    for (int i = first; i < last; ++i) {
+      if (model.observations(i) == 0) continue;
+      const auto figure = packed.col(i - first);
+      subject_measure& m = result.subjects[static_cast<std::size_t>(i)];
+      m.log_likelihood = figure(0);
+      m.effective_share = figure(1);
+      result.finite = result.finite && figure(0) > -1e10;
+      result.log_likelihood += figure(0);
+      if (wanted == detail::value) continue;
+      m.largest_weight = figure(2);
+      m.shape = figure(3);
+      m.failed = figure(4);
+      m.scaled_squares = figure(6);
+      m.error = 2.0 * std::sqrt(figure(5));
+      variance += figure(5);
+      result.gradient += figure.segment(9, p);
+      result.information += figure.segment(9 + p, p * p).reshaped(p, p);
+      result.scatter += figure.segment(9 + p + p * p, p * p).reshaped(p, p);
+    }
   }
+  for (const worker_of_measure& worker : workers)
+    host_.count_evaluations(worker.evaluations + worker.drawer.evaluations());
   result.error = 2.0 * std::sqrt(variance);
   result.finite = result.finite && result.gradient.allFinite() && result.information.allFinite();
   if (wanted == detail::derivatives && result.finite)
@@ -294,6 +363,8 @@ newton_method::ascent newton_method::climb(const whole_draw& drawn, const Eigen:
   double damping = 0.0;
   double last_gain = here.gain;
   for (int s = 0; s < most_steps; ++s) {
+    // With many subjects a climb takes long.
+    if (engine_host::agree_on_stop()) break;
     const draw_measure& at = result.last;
     if (at.gain < at.noise) break;
     if (s > 0 && at.gain < 10.0 * at.noise && at.gain > 0.7 * last_gain) break;
@@ -308,7 +379,7 @@ newton_method::ascent newton_method::climb(const whole_draw& drawn, const Eigen:
         if (host_.model().observations(static_cast<int>(i)) > 0)
           sound = there.subjects[i].effective_share >=
                   std::min(least_effective_share * here.subjects[i].effective_share,
-                           ample_samples / static_cast<double>(drawn.samples));
+                           ample_samples / static_cast<double>(drawn.plan.samples()));
       if (!sound) {
         damping = damping == 0.0 ? 0.5 : 4.0 * damping + 1.0;
         continue;
@@ -468,12 +539,14 @@ bool newton_method::advance(run_state& state) const {
     if (!examine_boundary(state, here, moved)) return stopped();
     if (moved) return true;
     const ascent last = climb(drawn, psi, here, 1);
+    if (engine_host::stopped()) return stopped();
     if (last.gained <= last_step_ratio * here.gain + last_step_slack && take_force(state, last.psi))
       follow(last.last, n);
     n.arrived = true;
     state.ended = true;
   } else {
     const ascent up = climb(drawn, psi, here, most_newton_steps);
+    if (engine_host::stopped()) return stopped();
     if (!take_force(state, up.psi)) {
       n.trouble = "the steps left the positive definite matrices";
       state.ended = true;

@@ -38,12 +38,14 @@ inline constexpr double most_failures = 0.2;
 // eight, four times up to sixteen, and so on.
 int points_factor(int random_effects);
 
-// All subjects' samples of one draw, those of this process.
+// One draw of all subjects. The samples of as many as there is memory for are kept, in the order of
+// the subjects of this process; every measurement draws those of the others again.
 struct whole_draw {
-  std::vector<subject_draw> subjects;
-  Eigen::VectorXd theta;  // where the predictions were made
-  int samples = 0;        // of a subject
-  int groups = 1;
+  draw_plan plan;
+  Eigen::VectorXd theta;  // where the predictions are made
+  // The state's, which stay while the draw is in use.
+  const std::vector<std::vector<draw_component>>* proposals = nullptr;
+  std::vector<subject_draw> kept;  // by subject; empty where nothing is kept
   // Directions of psi that are left alone: no step is taken along them and no gain seen there.
   std::vector<Eigen::VectorXd> left_alone;
 };
@@ -53,7 +55,11 @@ struct whole_draw {
 // that figure, decide when the maximum is reached: docs/verdict.md.
 class newton_method final : public estimation_method {
  public:
+  // `draw_memory` is what the samples that a process keeps of a draw may take, in bytes: with more
+  // subjects less time goes into drawing again, and results are the same. By default enough for
+  // a model whose evaluations are dear, and little for one in closed form.
   explicit newton_method(engine_host& host);
+  newton_method(engine_host& host, std::size_t draw_memory);
 
   void begin(run_state& state) const override;
   bool step(run_state& state) const override;
@@ -69,6 +75,9 @@ class newton_method final : public estimation_method {
   // says. Collective. False when a stop was asked for.
   bool draw(const run_state& state, const point_pass& pass, int samples, int groups,
             whole_draw& drawn) const;
+  // One that will be measured once: it is kept where evaluations are dear.
+  bool draw_once(const run_state& state, const point_pass& pass, int samples, int groups,
+                 whole_draw& drawn) const;
   // Not finite after a stop request.
   draw_measure measure(const whole_draw& drawn, const Eigen::VectorXd& psi, detail wanted) const;
 
@@ -117,11 +126,14 @@ class newton_method final : public estimation_method {
   std::vector<int> poorly_determined(const draw_measure& found, const Eigen::VectorXd& psi) const;
   std::string name_of_singular(const Eigen::MatrixXd& omega, int effect) const;
   Eigen::VectorXd psi_in_force() const;
+  bool draw(const run_state& state, const draw_plan& plan, std::size_t memory,
+            whole_draw& drawn) const;
 
   engine_host& host_;
   const estimation_settings& settings_;
   coordinates scale_;
   int points_factor_;
+  std::size_t draw_memory_;
 };
 
 }  // namespace varda

@@ -80,8 +80,8 @@ newton_report report_at(engine_host& host, const newton_method& method, run_stat
   draw_measure found;
   whole_draw drawn;
   for (int repair = 0; repair <= most_repairs; ++repair) {
-    if (!method.draw(state, {point_pass::purpose::report, repair}, replicates * samples, replicates,
-                     drawn))
+    if (!method.draw_once(state, {point_pass::purpose::report, repair}, replicates * samples,
+                          replicates, drawn))
       return result;
     found = method.measure(drawn, psi, detail::derivatives);
     const bool healthy = std::none_of(found.subjects.begin(), found.subjects.end(), is_bad);

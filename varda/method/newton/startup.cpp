@@ -34,6 +34,9 @@ constexpr double least_variance = 0.04;
 
 constexpr int wide_samples = 64;
 
+// Parameters to start from follow from so many subjects, spread over all of them.
+constexpr int most_subjects = 1000;
+
 // A stream of uniform numbers that nothing but its address decides.
 class uniforms {
  public:
@@ -63,6 +66,30 @@ bool is_free_scale(const fixed_effect& t) {
   return t.role == theta_role::residual_deviation && t.is_scale && !t.fixed;
 }
 
+// The subjects with observations, or as many of them as parameters to start from follow from.
+struct participants {
+  participants(const engine_host& host, bool few) : included(subjects_of(host)) {
+    const auto n = static_cast<std::int64_t>(included.size());
+    for (std::int64_t i = 0; i < n; ++i) {
+      const auto subject = static_cast<int>(i);
+      const bool chosen =
+          !few || n <= most_subjects || (i + 1) * most_subjects / n != i * most_subjects / n;
+      if (!chosen || host.model().observations(subject) == 0) continue;
+      included[static_cast<std::size_t>(i)] = 1;
+      if (owns(host, subject)) own.push_back(subject);
+    }
+  }
+  bool includes(int subject) const { return included[static_cast<std::size_t>(subject)] != 0; }
+
+  std::vector<char> included;
+  std::vector<int> own;  // of this process
+
+ private:
+  static std::vector<char> subjects_of(const engine_host& host) {
+    return std::vector<char>(static_cast<std::size_t>(host.model().subjects()), 0);
+  }
+};
+
 struct pooled_fit {
   double value = 0.0;
   double scale = 1.0;
@@ -79,7 +106,7 @@ std::vector<double> coarse_ladder() {
 
 // The fits of all subjects at the typical values, residual deviations scaled by the best of the
 // factors: a measure of start values that needs no random effects. One for each theta.
-std::vector<pooled_fit> pooled_fits(const engine_host& host,
+std::vector<pooled_fit> pooled_fits(const engine_host& host, const participants& among,
                                     const std::vector<Eigen::VectorXd>& thetas,
                                     const std::vector<double>& factors,
                                     scratch_of_workers& scratch) {
@@ -87,7 +114,7 @@ std::vector<pooled_fit> pooled_fits(const engine_host& host,
   const auto rungs = static_cast<Eigen::Index>(factors.size());
   const auto count = static_cast<Eigen::Index>(thetas.size());
   Eigen::MatrixXd by_subject = Eigen::MatrixXd::Zero(rungs * count, model.subjects());
-  for_each_own_subject(host, static_cast<int>(count), [&](int i, int worker) {
+  for_each_subject(host, among.own, static_cast<int>(count), [&](int i, int worker) {
     Eigen::VectorXd mu(model.random_effects());
     Eigen::MatrixXd f;
     Eigen::VectorXd objective;
@@ -156,8 +183,8 @@ Eigen::VectorXd scaled_deviations(const population_model& model, Eigen::VectorXd
 }
 
 // The maximum of the pooled fit next to `from`.
-Eigen::VectorXd pooled_maximum(const engine_host& host, const Eigen::VectorXd& from,
-                               scratch_of_workers& scratch) {
+Eigen::VectorXd pooled_maximum(const engine_host& host, const participants& among,
+                               const Eigen::VectorXd& from, scratch_of_workers& scratch) {
   constexpr double first_step = 0.3;
   constexpr double precision = 0.02;
   const population_model& model = host.model();
@@ -166,7 +193,7 @@ Eigen::VectorXd pooled_maximum(const engine_host& host, const Eigen::VectorXd& f
     return scaled_deviations(model, moved_by(model, from, x.head(n)), std::exp(x(n)));
   };
   const auto value = [&](const Eigen::VectorXd& x) {
-    return pooled_fits(host, {at(x)}, {1.0}, scratch).front().value;
+    return pooled_fits(host, among, {at(x)}, {1.0}, scratch).front().value;
   };
   return at(minimise(value, Eigen::VectorXd::Zero(n + 1),
                      Eigen::VectorXd::Constant(n + 1, first_step), precision)
@@ -199,7 +226,8 @@ bool are_apart(const population_model& model, const Eigen::VectorXd& one,
 // The maxima of the pooled fit that can be reached from the start and from the best of many
 // perturbed start values: the best, and the best that is far from it. What is second for the pooled
 // fit may be first for the population's.
-std::vector<Eigen::VectorXd> screen(engine_host& host, const Eigen::VectorXd& start) {
+std::vector<Eigen::VectorXd> screen(engine_host& host, const participants& among,
+                                    const Eigen::VectorXd& start) {
   const population_model& model = host.model();
   // So many at a time: fewer exchanges, and little memory for many subjects.
   const int at_once = std::clamp(most_values_at_once / model.subjects(), 1, candidates);
@@ -211,12 +239,12 @@ std::vector<Eigen::VectorXd> screen(engine_host& host, const Eigen::VectorXd& st
     Eigen::VectorXd theta;
   };
   std::vector<candidate> all = {
-      {pooled_fits(host, {start}, coarse_ladder(), scratch).front(), start}};
+      {pooled_fits(host, among, {start}, coarse_ladder(), scratch).front(), start}};
   for (int first = 0; first < candidates; first += at_once) {
     std::vector<Eigen::VectorXd> thetas;
     for (int c = first; c < std::min(first + at_once, candidates); ++c)
       thetas.push_back(perturbed(model, start, wide, draw));
-    const std::vector<pooled_fit> fits = pooled_fits(host, thetas, coarse_ladder(), scratch);
+    const std::vector<pooled_fit> fits = pooled_fits(host, among, thetas, coarse_ladder(), scratch);
     for (std::size_t c = 0; c < fits.size(); ++c) all.push_back({fits[c], thetas[c]});
   }
   std::stable_sort(all.begin() + 1, all.end(), [](const candidate& one, const candidate& other) {
@@ -224,8 +252,8 @@ std::vector<Eigen::VectorXd> screen(engine_host& host, const Eigen::VectorXd& st
   });
   all.resize(1 + climbed);
   for (candidate& c : all) {
-    c.theta = pooled_maximum(host, scaled_deviations(model, c.theta, c.fit.scale), scratch);
-    c.fit = pooled_fits(host, {c.theta}, {1.0}, scratch).front();
+    c.theta = pooled_maximum(host, among, scaled_deviations(model, c.theta, c.fit.scale), scratch);
+    c.fit = pooled_fits(host, among, {c.theta}, {1.0}, scratch).front();
   }
   host.count_evaluations(scratch.evaluations());
   std::stable_sort(all.begin(), all.end(), [](const candidate& one, const candidate& other) {
@@ -239,12 +267,13 @@ std::vector<Eigen::VectorXd> screen(engine_host& host, const Eigen::VectorXd& st
 }
 
 // One process's modes for all: phi, covariance, density and mass, by subject.
-void share(const engine_host& host, std::vector<normal_posterior>& modes) {
+void share(const engine_host& host, const participants& among,
+           std::vector<normal_posterior>& modes) {
   const int effects = host.model().random_effects();
   const int size = effects + effects * effects + 3;
   Eigen::MatrixXd packed = Eigen::MatrixXd::Zero(size, host.model().subjects());
   for (int i = 0; i < host.model().subjects(); ++i) {
-    if (!counts(host, i)) continue;
+    if (!counts(host, i) || !among.includes(i)) continue;
     const normal_posterior& m = modes[static_cast<std::size_t>(i)];
     packed.col(i) << m.phi, m.covariance.reshaped(), m.log_density, m.log_mass,
         m.usable ? 1.0 : 0.0;
@@ -275,14 +304,16 @@ Eigen::MatrixXd population_samples(const engine_host& host, int subject, int cou
   return (at.prior.factor().triangularView<Eigen::Lower>() * z).colwise() + mu;
 }
 
-bool find_modes(engine_host& host, const parameter_values& at, bool widely,
-                std::vector<normal_posterior>& modes, double& laplace) {
+namespace {
+
+bool find_modes(engine_host& host, const participants& among, const parameter_values& at,
+                bool widely, std::vector<normal_posterior>& modes, double& laplace) {
   const population_model& model = host.model();
   const bool known = !modes.empty();
   modes.resize(static_cast<std::size_t>(model.subjects()));
   std::vector<mode_finder> finders;
   for (int w = 0; w < host.peers().threads().size(); ++w) finders.emplace_back(host.joint());
-  for_each_own_subject(host, wide_samples, [&](int i, int worker) {
+  for_each_subject(host, among.own, wide_samples, [&](int i, int worker) {
     if (engine_host::stop_requested()) return;
     mode_finder& finder = finders[static_cast<std::size_t>(worker)];
     Eigen::VectorXd mu(model.random_effects());
@@ -313,14 +344,21 @@ bool find_modes(engine_host& host, const parameter_values& at, bool widely,
   });
   for (const mode_finder& finder : finders) host.count_evaluations(finder.evaluations());
   if (engine_host::agree_on_stop()) return false;
-  share(host, modes);
+  share(host, among, modes);
   laplace = 0.0;
   for (int i = 0; i < model.subjects(); ++i)
-    if (model.observations(i) > 0) {
+    if (among.includes(i)) {
       const normal_posterior& m = modes[static_cast<std::size_t>(i)];
       laplace += m.usable ? -2.0 * m.log_mass : 1e10;
     }
   return true;
+}
+
+}  // namespace
+
+bool find_modes(engine_host& host, const parameter_values& at, bool widely,
+                std::vector<normal_posterior>& modes, double& laplace) {
+  return find_modes(host, participants(host, false), at, widely, modes, laplace);
 }
 
 namespace {
@@ -607,40 +645,42 @@ class two_stage {
   std::vector<Eigen::MatrixXd> points_, predictions_;
 };
 
-bool iterate(engine_host& host, int most, start_result& at) {
+bool iterate(engine_host& host, const participants& among, int most, start_result& at) {
   two_stage update(host);
   for (int k = 0; k < most; ++k) {
     const parameter_values now(at.theta, at.omega);
-    if (!now.prior.is_definite() || !find_modes(host, now, false, at.modes, at.laplace))
+    if (!now.prior.is_definite() || !find_modes(host, among, now, false, at.modes, at.laplace))
       return !engine_host::stopped();
     if (update.step(at.modes, at.theta, at.omega) < settled) break;
   }
-  return find_modes(host, parameter_values(at.theta, at.omega), false, at.modes, at.laplace);
+  return find_modes(host, among, parameter_values(at.theta, at.omega), false, at.modes, at.laplace);
 }
 
 // Second modes that hold more mass than the first, and what follows from them.
-bool take_second_modes(engine_host& host, start_result& at) {
+bool take_second_modes(engine_host& host, const participants& among, start_result& at) {
   std::vector<normal_posterior> others = at.modes;
   double laplace = 0.0;
-  if (!find_modes(host, parameter_values(at.theta, at.omega), true, others, laplace)) return false;
+  if (!find_modes(host, among, parameter_values(at.theta, at.omega), true, others, laplace))
+    return false;
   bool changed = false;
   for (std::size_t i = 0; i < others.size(); ++i)
     if (others[i].usable && others[i].log_mass > at.modes[i].log_mass + 1e-3) changed = true;
   if (!changed) return true;
   at.modes = others;
-  return iterate(host, iterations_after_new_modes, at);
+  return iterate(host, among, iterations_after_new_modes, at);
 }
 
 }  // namespace
 
 bool start_up(engine_host& host, std::vector<start_result>& found) {
+  const participants few(host, true);
   const Eigen::VectorXd start = host.theta();
-  std::vector<Eigen::VectorXd> beginnings = screen(host, start);
+  std::vector<Eigen::VectorXd> beginnings = screen(host, few, start);
   beginnings.insert(beginnings.begin(), start);
   std::vector<start_result> ends;
   for (const Eigen::VectorXd& theta : beginnings) {
     start_result end{theta, host.omega(), {}, 0.0};
-    if (!iterate(host, most_iterations, end)) return false;
+    if (!iterate(host, few, most_iterations, end)) return false;
     ends.push_back(std::move(end));
   }
   std::stable_sort(ends.begin(), ends.end(),
@@ -653,8 +693,15 @@ bool start_up(engine_host& host, std::vector<start_result>& found) {
       return are_apart(host.model(), end.theta, known.theta);
     });
     if (!is_new) continue;
-    if (!take_second_modes(host, end)) return false;
+    if (!take_second_modes(host, few, end)) return false;
     found.push_back(std::move(end));
+  }
+  if (host.model().subjects() <= most_subjects) return true;
+  // The others have no modes yet.
+  for (start_result& end : found) {
+    end.modes.clear();
+    if (!find_modes(host, parameter_values(end.theta, end.omega), true, end.modes, end.laplace))
+      return false;
   }
   return true;
 }
