@@ -15,6 +15,7 @@
 #include "varda/data/csv.h"
 #include "varda/data/dataset.h"
 #include "varda/input/model_file.h"
+#include "varda/model/density.h"
 #include "varda/model/plausibility.h"
 #include "varda/model/population.h"
 #include "varda/model/settings_table.h"
@@ -345,6 +346,66 @@ TEST(Findings, AreTheOnesThatAreMeant) {
   }
   finish();
   EXPECT_EQ(cases, 28);
+}
+
+// Doses in ascending order, each with a lag time and a bioavailability of its own.
+struct late_dose {
+  double time, lag, share;
+};
+
+// Superposed Bateman functions: ka 1.5, CL 3, V 30, 100 each.
+double superposed(const std::vector<late_dose>& doses, double t) {
+  const double ka = 1.5, k = 0.1;
+  double sum = 0.0;
+  for (const late_dose& d : doses) {
+    const double since = t - d.time - d.lag;
+    if (since > 0.0)
+      sum +=
+          d.share * 100.0 * ka / 30.0 / (ka - k) * (std::exp(-k * since) - std::exp(-ka * since));
+  }
+  return sum;
+}
+
+TEST(AdditionalDoses, TakeTheValuesOfTheirRecord) {
+  file_with(
+      "ID,TIME,DV,AMT,II,ADDL,X\n1,0,.,100,10,2,1\n1,4,1,.,.,.,1\n1,5,1,.,.,.,2\n"
+      "1,12.5,1,.,.,.,2\n1,15,.,100,.,.,2\n1,16,1,.,.,.,2\n1,28,1,.,.,.,2\n",
+      "case.csv");
+  const std::string parameters =
+      "[parameters]\nka = { start = 1.5 }\nCL = { start = 3 }\nV = { start = 30 }\n"
+      "Tlag = { start = 1, covariates = [{ column = \"X\", start = 1 }] }\n"
+      "F = { start = 0.5, covariates = [{ column = \"X\", start = 1 }] }\n"
+      "[omega]\nka = 0.1\nCL = 0.1\nV = 0.1\nTlag = 0.1\nF = 0.1\n[residual]\nadditive = 1\n";
+  const std::string closed =
+      "structure = \"one-compartment oral\"\nlag_time = true\nbioavailability = true\n";
+  const std::string equations =
+      "structure = \"equations\"\nderivatives = { depot = \"-ka * depot\", central = \"ka * depot "
+      "- "
+      "CL / V * central\" }\noutputs = { c = \"central / V\" }\nlag = { depot = \"Tlag\" }\n"
+      "bioavailability = { depot = \"F * (t < 5 ? 1 : 0.5)\" }\n";
+  for (const bool own : {false, true}) {
+    const std::vector<late_dose> doses = {
+        {0.0, 1.0, 0.5}, {10.0, 1.0, 0.5}, {15.0, 2.0, own ? 0.5 : 1.0}, {20.0, 1.0, 0.5}};
+    findings none;
+    model_specification file =
+        read_model_file(file_with("[data]\nfile = \"input_test_case.csv\"\n[model]\n" +
+                                      (own ? equations : closed) + parameters,
+                                  "case.toml"),
+                        none);
+    dataset data = read_dataset(file.data, none);
+    const population_model model(std::move(file), std::move(data));
+    const Eigen::VectorXd theta = model.start_theta();
+    Eigen::VectorXd mu(model.random_effects());
+    model.means(0, theta.data(), mu.data());
+    density_workspace scratch(model);
+    Eigen::MatrixXd f;
+    density(model).predict(0, theta.data(), mu, f, scratch);
+    const std::vector<observation>& at = model.data().subjects[0].observations;
+    ASSERT_EQ(at.size(), 5U);
+    for (std::size_t k = 0; k < at.size(); ++k)
+      EXPECT_NEAR(f(0, static_cast<Eigen::Index>(k)), superposed(doses, at[k].time), 1e-9)
+          << own << " " << at[k].time;
+  }
 }
 
 // Each limit has its message, and what it shows of the input is short.
