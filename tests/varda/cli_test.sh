@@ -156,7 +156,9 @@ grep -q 'bad.csv, row 4, column DV, subject 1: error E-DATA-NUMBER' stderr ||
   fail "the place of a bad field is not named: $(cat stderr)"
 sed 's/^error = .*/error = "proportional"\nproportional = 0.2/; /^additive/d' theophylline.toml >prop.toml
 expect_status 2 "a check of it" "$varda" check prop.toml
-[ "$(grep -c 'error E-RUN-START' stdout)" -eq 12 ] || fail "not every subject is evaluated"
+tr -s ' \n' ' ' <stdout | grep -q 'error E-RUN-START.*, and 11 more like it (rows' ||
+  fail "not every subject is evaluated"
+[ "$(grep -c ' failed$' stdout)" -eq 12 ] || fail "the table does not name who failed"
 expect_status 2 "a model that cannot start" "$varda" fit prop.toml --output none
 grep -q 'row 3.*subject 1: error E-RUN-START' stderr || fail "the first row at fault is not named"
 expect_status 2 "no command" "$varda"
