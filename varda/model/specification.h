@@ -16,8 +16,8 @@ struct formula_line {
   std::string text;
 };
 
-// What a model does with a covariate. Where it compares it (levels of a categorical effect, texts in
-// a formula) and does not compute with it, the column may hold texts.
+// What a model does with a covariate. Where it compares it (levels of a categorical effect, texts
+// in a formula) and does not compute with it, the column may hold texts.
 struct covariate_use {
   bool compared = false;
   bool computed = false;
@@ -37,12 +37,12 @@ struct data_source {
   // gives no DVID, the endpoint's name is one as well.
   std::vector<std::string> endpoints = {"1"};
   std::vector<std::string> endpoint_names = {""};
-  bool occasions = false;                      // the model has random effects per occasion (OCC)
-  bool doses_needed = true;                    // a subject without a dose cannot be predicted
-  bool time_needed = true;                     // else the file may have no times: all are 0
-  std::vector<formula_line> define;            // columns computed from those of the file
-  std::string keep;                            // the rows to read and those to leave out, formulas
-  std::string drop;                            // of columns; empty for all and none
+  bool occasions = false;            // the model has random effects per occasion (OCC)
+  bool doses_needed = true;          // a subject without a dose cannot be predicted
+  bool time_needed = true;           // else the file may have no times: all are 0
+  std::vector<formula_line> define;  // columns computed from those of the file
+  std::string keep;                  // the rows to read and those to leave out, formulas
+  std::string drop;                  // of columns; empty for all and none
   int compartments = std::numeric_limits<int>::max();  // doses go into 1 to this one
   // Compartments whose RATE -1 (or -2) finds a parameter for the rate (or the duration).
   std::vector<int> modelled_rate;
