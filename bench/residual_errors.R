@@ -4,7 +4,7 @@
 # the maximum of the likelihood by product Gauss-Hermite quadrature about each subject's mode, to
 # compare varda with.
 #
-#   Rscript bench/residual_errors.R [examples/theophylline/theophylline.csv]
+#   Rscript bench/residual_errors.R [examples/theophylline/theophylline.csv [KIND]]
 arguments <- commandArgs(TRUE)
 file <- if (length(arguments)) arguments[1] else "examples/theophylline/theophylline.csv"
 rows <- read.csv(file, na.strings = ".")
@@ -56,14 +56,15 @@ minus2ll <- function(p, kind, subjects) {
   -2 * total
 }
 
-for (kind in c("combined-sd", "power")) {
+kinds <- if (length(arguments) > 1) arguments[2] else c("combined-sd", "power")
+for (kind in kinds) {
   subjects <- lapply(split(rows, rows$ID), function(own) {
     seen <- own[own$EVID == 0 & (kind == "combined-sd" | own$TIME > 0), ]
     list(dose = own$AMT[own$EVID == 1], time = seen$TIME, dv = seen$DV)
   })
   start <- c(log(c(1.5, 2.75, 31.8)), log(c(0.4, 0.07, 0.017)),
-             log(if (kind == "combined-sd") c(0.2, 0.1) else c(0.3, 0.5)))
-  found <- nlm(minus2ll, start, kind = kind, subjects = subjects, hessian = TRUE, gradtol = 1e-7)
+             log(if (kind == "combined-sd") c(0.2, 0.1) else c(0.4, 0.4)))
+  found <- nlm(minus2ll, start, kind = kind, subjects = subjects, hessian = TRUE, gradtol = 1e-7, stepmax = 0.3)
   se <- sqrt(diag(solve(found$hessian / 2)))
   cat(sprintf("%s: -2LL %.4f\n", kind, found$minimum))
   print(data.frame(name = c("ka", "CL", "V", "omega(ka,ka)", "omega(CL,CL)", "omega(V,V)",

@@ -133,7 +133,8 @@ grep -q '"dose_records": 12' stdout || fail "the JSON has no data summary"
 sed 's/2.84/many/; s/10\.5/more/; s/^2,0.27,/2,8:30,/' theophylline.csv >wrong.csv
 sed 's/^file = .*/file = "wrong.csv"/' theophylline.toml >wrong.toml
 expect_status 2 "a check of bad data" "$varda" check wrong.toml --json
-[ "$(grep -c '"code": "E-DATA-NUMBER"' stdout)" -eq 3 ] || fail "not every error is listed"
+[ "$(grep -c '"code": "E-DATA-NUMBER"' stdout)" -eq 2 ] || fail "not every cause is listed"
+grep -q "'many' is not a number, and 1 more like it (row [0-9]*)" stdout || fail "a cause is not counted"
 grep -q '"column": "TIME"' stdout && grep -q '8:30 is 8.5' stdout || fail "an error lacks its place"
 expect_status 2 "a check without a model" "$varda" check nothing.toml
 sed '/^\[omega\]/,/^V =/d' theophylline.toml >full.toml
@@ -155,7 +156,9 @@ grep -q 'bad.csv, row 4, column DV, subject 1: error E-DATA-NUMBER' stderr ||
   fail "the place of a bad field is not named: $(cat stderr)"
 sed 's/^error = .*/error = "proportional"\nproportional = 0.2/; /^additive/d' theophylline.toml >prop.toml
 expect_status 2 "a check of it" "$varda" check prop.toml
-[ "$(grep -c 'error E-RUN-START' stdout)" -eq 12 ] || fail "not every subject is evaluated"
+tr -s ' \n' ' ' <stdout | grep -q 'error E-RUN-START.*, and 11 more like it (rows' ||
+  fail "not every subject is evaluated"
+[ "$(grep -c ' failed$' stdout)" -eq 12 ] || fail "the table does not name who failed"
 expect_status 2 "a model that cannot start" "$varda" fit prop.toml --output none
 grep -q 'row 3.*subject 1: error E-RUN-START' stderr || fail "the first row at fault is not named"
 expect_status 2 "no command" "$varda"

@@ -3,7 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <Eigen/Core>
 #include <algorithm>
+#include <cmath>
 #include <fstream>
 #include <functional>
 #include <string>
@@ -13,6 +15,8 @@
 #include "varda/data/csv.h"
 #include "varda/data/dataset.h"
 #include "varda/input/model_file.h"
+#include "varda/model/density.h"
+#include "varda/model/plausibility.h"
 #include "varda/model/population.h"
 #include "varda/model/settings_table.h"
 #include "varda/support/finding.h"
@@ -71,6 +75,11 @@ std::string unescaped(const std::string& text) {
   std::string plain;
   for (std::size_t i = 0; i < text.size(); ++i) {
     const bool escape = text[i] == '\\' && i + 1 < text.size();
+    if (escape && text[i + 1] == 'x') {
+      plain += static_cast<char>(std::stoi(text.substr(i + 2, 2), nullptr, 16));
+      i += 3;
+      continue;
+    }
     plain += !escape ? text[i] : text[++i] == 'n' ? '\n' : '\r';
   }
   return plain;
@@ -84,7 +93,7 @@ std::vector<refused_case> refused_cases(const std::string& name, std::size_t fie
     if (text.starts_with("#")) continue;
     refused_case c{line, {}};
     for (std::size_t k = 1; k < fields; ++k) {
-      c.fields.push_back(text.substr(0, text.find(" | ")));
+      c.fields.push_back(unescaped(text.substr(0, text.find(" | "))));
       text.erase(0, text.find(" | ") + 3);
     }
     c.fields.push_back(unescaped(text));
@@ -111,7 +120,7 @@ std::string head_of(const std::string& kind) {
 
 TEST(Dataset, RefusesWhatItCannotUse) {
   const auto cases = refused_cases("bad_data.txt", 6);
-  ASSERT_EQ(cases.size(), 65U);
+  ASSERT_EQ(cases.size(), 71U);
   for (const refused_case& c : cases) {
     SCOPED_TRACE("bad_data.txt, line " + std::to_string(c.line));
     data_source source = source_of(file_with(head_of(c.fields[0]) + c.fields[5], "bad.csv"));
@@ -226,7 +235,8 @@ std::string timelines_text(const dataset& data, const findings& warnings) {
 bool set_model(const std::string& line, data_source& source) {
   if (line == "covariates") return source.covariates = {"wt"}, true;
   if (line == "occasions") return source.occasions = true;
-  if (line == "endpoints") return source.endpoints = {1, 4}, true;
+  if (line == "endpoints")
+    return source.endpoints = {"1", "4"}, source.endpoint_names = {"", ""}, true;
   if (line == "no doses") return source.doses_needed = false, true;
   if (line != "rates") return false;
   source.modelled_rate = {1};
@@ -255,7 +265,7 @@ TEST(Dataset, MakesTimelinesOfRecords) {
     const dataset data = read_dataset(source, warnings);
     EXPECT_EQ(timelines_text(data, warnings), expected);
   }
-  EXPECT_EQ(cases, 12);
+  EXPECT_EQ(cases, 14);
 }
 
 TEST(Dataset, IsInspectedToItsEnd) {
@@ -268,9 +278,179 @@ TEST(Dataset, IsInspectedToItsEnd) {
   inspect_dataset(source, warnings, errors);
   std::vector<int> rows;
   for (const finding& f : errors) rows.push_back(f.row);
-  EXPECT_THAT(rows, ElementsAre(2, 5, 6, 7, 8));
+  EXPECT_THAT(rows, ElementsAre(2, 5, 7, 8));
   inspect_dataset(source, warnings, two, 2);
   EXPECT_EQ(two.size(), 2U);
+}
+
+// ---- model and data together ----
+
+// Everything that is said of a model file with its data: "code row column subject: message;
+// remedy".
+std::string all_findings(const std::string& model_path) {
+  std::string text;
+  const auto say = [&](const finding& f) {
+    text += fmt::format("{} {} {} {}: {}{}{}\n", f.code, f.row, f.column.empty() ? "-" : f.column,
+                        f.subject.empty() ? "-" : f.subject, f.message,
+                        f.remedy.empty() ? "" : "; ", f.remedy);
+  };
+  findings warnings, errors;
+  try {
+    model_specification file = read_model_file(model_path, warnings);
+    dataset data = inspect_dataset(file.data, warnings, errors);
+    if (errors.empty()) {
+      text += data.left_out > 0 ? fmt::format("left out {}\n", data.left_out) : "";
+      const population_model model(std::move(file), std::move(data));
+      for (const fixed_effect& t : model.thetas())
+        if (t.name.starts_with("CL_")) text += "coefficient " + t.name + "\n";
+      const findings odd = implausible(model);
+      warnings.insert(warnings.end(), odd.begin(), odd.end());
+    }
+  } catch (const bad_input& error) {
+    errors.push_back(error.what_found());
+  }
+  for (const finding& f : errors) say(f);
+  for (const finding& f : warnings) say(f);
+  return text;
+}
+
+// The cases of findings.txt: the model file, a line "=>", the data set, a line "=>", what is found.
+TEST(Findings, AreTheOnesThatAreMeant) {
+  std::ifstream file(SOURCE_FOLDER "/tests/varda/findings.txt");
+  std::string line;
+  int cases = 0;
+  std::vector<std::string> parts(1);
+  const auto finish = [&] {
+    if (parts.size() != 3) return;
+    ++cases;
+    SCOPED_TRACE(parts[0] + parts[1]);
+    file_with(unescaped(parts[1]), "case.csv");
+    std::string model = "[data]\nfile = \"input_test_case.csv\"\n" + parts[0];
+    if (model.find("[model]") == std::string::npos)
+      model +=
+          "[model]\nstructure = \"one-compartment intravenous\"\n[parameters]\n"
+          "CL = { start = 1 }\nV = { start = 10 }\n[omega]\nCL = 0.1\nV = 0.1\n";
+    if (model.find("[residual") == std::string::npos) model += "[residual]\nadditive = 1\n";
+    EXPECT_EQ(all_findings(file_with(model, "case.toml")), parts[2]);
+  };
+  while (std::getline(file, line)) {
+    if (line.starts_with("#")) continue;
+    if (line == "=>") {
+      parts.emplace_back();
+    } else if (line == "----") {
+      finish();
+      parts.assign(1, "");
+    } else {
+      parts.back() += line + "\n";
+    }
+  }
+  finish();
+  EXPECT_EQ(cases, 28);
+}
+
+// Doses in ascending order, each with a lag time and a bioavailability of its own.
+struct late_dose {
+  double time, lag, share;
+};
+
+// Superposed Bateman functions: ka 1.5, CL 3, V 30, 100 each.
+double superposed(const std::vector<late_dose>& doses, double t) {
+  const double ka = 1.5, k = 0.1;
+  double sum = 0.0;
+  for (const late_dose& d : doses) {
+    const double since = t - d.time - d.lag;
+    if (since > 0.0)
+      sum +=
+          d.share * 100.0 * ka / 30.0 / (ka - k) * (std::exp(-k * since) - std::exp(-ka * since));
+  }
+  return sum;
+}
+
+TEST(AdditionalDoses, TakeTheValuesOfTheirRecord) {
+  file_with(
+      "ID,TIME,DV,AMT,II,ADDL,X\n1,0,.,100,10,2,1\n1,4,1,.,.,.,1\n1,5,1,.,.,.,2\n"
+      "1,12.5,1,.,.,.,2\n1,15,.,100,.,.,2\n1,16,1,.,.,.,2\n1,28,1,.,.,.,2\n",
+      "case.csv");
+  const std::string parameters =
+      "[parameters]\nka = { start = 1.5 }\nCL = { start = 3 }\nV = { start = 30 }\n"
+      "Tlag = { start = 1, covariates = [{ column = \"X\", start = 1 }] }\n"
+      "F = { start = 0.5, covariates = [{ column = \"X\", start = 1 }] }\n"
+      "[omega]\nka = 0.1\nCL = 0.1\nV = 0.1\nTlag = 0.1\nF = 0.1\n[residual]\nadditive = 1\n";
+  const std::string closed =
+      "structure = \"one-compartment oral\"\nlag_time = true\nbioavailability = true\n";
+  const std::string equations =
+      "structure = \"equations\"\nderivatives = { depot = \"-ka * depot\", central = \"ka * depot "
+      "- "
+      "CL / V * central\" }\noutputs = { c = \"central / V\" }\nlag = { depot = \"Tlag\" }\n"
+      "bioavailability = { depot = \"F * (t < 5 ? 1 : 0.5)\" }\n";
+  for (const bool own : {false, true}) {
+    const std::vector<late_dose> doses = {
+        {0.0, 1.0, 0.5}, {10.0, 1.0, 0.5}, {15.0, 2.0, own ? 0.5 : 1.0}, {20.0, 1.0, 0.5}};
+    findings none;
+    model_specification file =
+        read_model_file(file_with("[data]\nfile = \"input_test_case.csv\"\n[model]\n" +
+                                      (own ? equations : closed) + parameters,
+                                  "case.toml"),
+                        none);
+    dataset data = read_dataset(file.data, none);
+    const population_model model(std::move(file), std::move(data));
+    const Eigen::VectorXd theta = model.start_theta();
+    Eigen::VectorXd mu(model.random_effects());
+    model.means(0, theta.data(), mu.data());
+    density_workspace scratch(model);
+    Eigen::MatrixXd f;
+    density(model).predict(0, theta.data(), mu, f, scratch);
+    const std::vector<observation>& at = model.data().subjects[0].observations;
+    ASSERT_EQ(at.size(), 5U);
+    for (std::size_t k = 0; k < at.size(); ++k)
+      EXPECT_NEAR(f(0, static_cast<Eigen::Index>(k)), superposed(doses, at[k].time), 1e-9)
+          << own << " " << at[k].time;
+  }
+}
+
+// Each limit has its message, and what it shows of the input is short.
+TEST(Limits, AreTold) {
+  std::string wide = "ID,TIME,DV,AMT";
+  for (int k = 0; k < 100000; ++k) wide += ",c" + std::to_string(k);
+  const auto read_wide = [&](const std::string& more) {
+    return refusal([&](findings& w) {
+      read_dataset(source_of(file_with(wide + more, "wide.csv"), {"weight"}), w);
+    });
+  };
+  EXPECT_EQ(read_wide("\n1,0,.,9\n").code, "E-DATA-ROW");
+  EXPECT_EQ(read_wide("\n").code, "E-DATA-COLUMN");
+  EXPECT_THAT(read_wide("\n").remedy, HasSubstr("and 99984 more"));
+  EXPECT_THAT(read_wide(",C5\n").message, HasSubstr("columns 10 and 100005"));
+
+  const std::string head = "ID,TIME,DV,AMT\n1,0,.,9\n1,1,";
+  const auto read_long = [&](std::size_t size) {
+    return refusal([&](findings& w) {
+      read_dataset(source_of(file_with(head + std::string(size, 'x') + ",.\n", "long.csv")), w);
+    });
+  };
+  EXPECT_EQ(read_long(10000000).code, "E-DATA-ROW");
+  EXPECT_EQ(read_long(60000).code, "E-DATA-NUMBER");
+  EXPECT_LT(to_text(read_long(60000)).size(), 400U);
+  for (const char* device : {"/dev/zero", "/dev/urandom"})
+    EXPECT_EQ(refusal([&](findings& w) { read_dataset(source_of(device), w); }).code,
+              "E-DATA-FILE");
+
+  std::string deep = "a";
+  for (int k = 0; k < 50000; ++k) deep += ".a";
+  const std::string list(50000, '[');
+  for (const std::string& text : {deep + " = 1", "[" + deep + "]", "[[" + deep + "]]",
+                                  "a = { " + deep + " = 1 }", "a = " + list}) {
+    const std::string path = file_with("# a.b.c\n" + text + "\n", "deep.toml");
+    const finding found = refusal([&](findings& w) { read_model_file(path, w); });
+    EXPECT_EQ(found.code, "E-MODEL-SYNTAX") << text.substr(0, 20);
+    EXPECT_LT(to_text(found).size(), 400U);
+  }
+  // Points that part no keys.
+  const std::string dots(500, '.');
+  for (const std::string& title : {"\"" + dots + "\" # " + dots, "'''\n" + dots + "\n'''"}) {
+    const std::string path = file_with("title = " + title + "\n", "dots.toml");
+    EXPECT_EQ(refusal([&](findings& w) { read_model_file(path, w); }).code, "E-MODEL-MISSING");
+  }
 }
 
 // ---- model files ----

@@ -5,7 +5,9 @@
 
 #include <utility>
 
+#include "varda/data/refusals.h"
 #include "varda/input/model_file.h"
+#include "varda/model/plausibility.h"
 #include "varda/model/population.h"
 #include "varda/model/specification.h"
 #include "varda/report/check_report.h"
@@ -16,12 +18,15 @@ namespace varda {
 namespace {
 
 void evaluate_all(const population_model& model, check_result& result) {
+  refusals failed(most_data_errors);
   for (int i = 0; i < model.subjects(); ++i) {
     result.start.push_back(evaluate_start(model, i));
     result.minus2_log_density += result.start.back().minus2_log_density;
     const std::optional<finding>& failure = result.start.back().failure;
-    if (failure && result.errors.size() < most_data_errors) result.errors.push_back(*failure);
+    if (failure) failed.add(*failure);
   }
+  const findings errors = failed.errors();
+  result.errors.insert(result.errors.end(), errors.begin(), errors.end());
 }
 
 check_result inspect(const std::string& model_path) {
@@ -34,6 +39,10 @@ check_result inspect(const std::string& model_path) {
     result.data = data;
     const population_model model(*result.model, std::move(data));
     evaluate_all(model, result);
+    if (result.errors.empty()) {
+      const findings odd = implausible(model);
+      result.warnings.insert(result.warnings.end(), odd.begin(), odd.end());
+    }
     check_fit(model);
   } catch (const bad_input& error) {
     result.errors.push_back(error.what_found());

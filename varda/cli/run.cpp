@@ -23,6 +23,7 @@
 #include "varda/host/engine_host.h"
 #include "varda/inference/quadrature.h"
 #include "varda/input/model_file.h"
+#include "varda/model/plausibility.h"
 #include "varda/model/settings_table.h"
 #include "varda/model/start_evaluation.h"
 #include "varda/report/matrix_tables.h"
@@ -106,6 +107,8 @@ population_model prepare(const run_request& request, const job& peers, findings&
   dataset data = read_dataset(file.data, warnings, files);
   population_model model(std::move(file), std::move(data));
   check_start(model);
+  const findings odd = implausible(model);
+  warnings.insert(warnings.end(), odd.begin(), odd.end());
   check_grid(model);
   return model;
 }

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "varda/data/csv.h"
@@ -43,11 +44,16 @@ class column_map {
   const std::string& file() const { return table_.file; }
   int position_of(role of) const { return roles_[static_cast<std::size_t>(of)]; }  // -1: none
   int position_of_covariate(std::size_t k) const { return covariates_[k]; }
+  bool may_be_text(std::size_t covariate) const { return texts_[covariate]; }
   std::size_t covariates() const { return covariates_.size(); }
   const std::string& name_at(int position) const {
     return table_.header[static_cast<std::size_t>(position)];
   }
   std::string name_of(role of) const;  // as the file writes it
+  // Columns that mean nothing and are one slip away from the name of a role that the file does not
+  // have, each with that name: two letters exchanged, one too many or too few. A letter in place of
+  // another may well be another word (RACE).
+  std::vector<std::pair<std::string, std::string>> misspelt() const;
 
  private:
   int find(const std::string& name) const;
@@ -57,6 +63,7 @@ class column_map {
   const csv_table& table_;
   std::vector<int> roles_;
   std::vector<int> covariates_;
+  std::vector<bool> texts_;
 };
 
 // One record, read by role.
@@ -71,11 +78,16 @@ class record_view {
   const data_source& model() const { return columns_->model(); }
 
   // The number in a column, nothing where it is missing or the file has no such column. Throws
-  // bad_input at text and at numbers that are not finite, or not whole for the last one.
+  // bad_input at text and at numbers that are not finite, or not whole for the last one. Where
+  // texts are levels, as in covariates that may be text, they are level_number().
   std::optional<double> number(role of) const;
   double number_or(role of, double fallback) const { return number(of).value_or(fallback); }
   std::optional<double> covariate(std::size_t k) const;
+  std::optional<double> level(role of) const;
   int whole_number_or(role of, int fallback) const;
+
+  // The field of a role, "" where the file has no such column.
+  const std::string& text(role of) const;
 
   // An error at this record, in the column of a role or in no column.
   bad_input error(const std::string& code, const std::string& message, const std::string& remedy,
@@ -86,6 +98,7 @@ class record_view {
     return fields_->fields[static_cast<std::size_t>(position)];
   }
   std::optional<double> number_at(int position, const std::string& remedy) const;
+  std::optional<double> level_at(int position) const;
 
   const column_map* columns_;
   const csv_table::record* fields_;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <unordered_map>
 #include <utility>
 
 #include "varda/support/text.h"
@@ -95,17 +96,26 @@ std::optional<std::vector<std::string>> split(std::string_view line, char separa
 }
 
 void check_header(const csv_table& table) {
-  for (std::size_t i = 0; i < table.header.size(); ++i)
-    for (std::size_t j = 0; j < i; ++j)
-      if (!table.header[i].empty() && equal_ignoring_case(table.header[i], table.header[j]))
-        throw bad_input({.code = "E-DATA-HEADER",
-                         .message = fmt::format("the column name stands twice in the header, as "
-                                                "columns {} and {}",
-                                                j + 1, i + 1),
-                         .remedy = "rename one of the two",
-                         .file = table.file,
-                         .row = table.header_line,
-                         .column = table.header[i]});
+  const auto refuse = [&](const std::string& message, const std::string& remedy, std::size_t at) {
+    throw bad_input({.code = "E-DATA-HEADER",
+                     .message = message,
+                     .remedy = remedy,
+                     .file = table.file,
+                     .row = table.header_line,
+                     .column = shortened(table.header[at])});
+  };
+  std::unordered_map<std::string, std::size_t> seen;
+  for (std::size_t i = 0; i < table.header.size(); ++i) {
+    if (table.header[i].empty()) continue;
+    if (!is_utf8(table.header[i]))
+      refuse(fmt::format("the name of column {} is not valid UTF-8", i + 1),
+             "save the file as UTF-8", i);
+    const auto [first, is_new] = seen.try_emplace(lower_case(table.header[i]), i);
+    if (!is_new)
+      refuse(fmt::format("the column name stands twice in the header, as columns {} and {}",
+                         first->second + 1, i + 1),
+             "rename one of the two", i);
+  }
 }
 
 // Takes the next line off `rest`.
@@ -119,7 +129,18 @@ std::string_view next_line(std::string_view& rest) {
 
 }  // namespace
 
-csv_table read_csv(const std::string& file, findings& refused_rows, const file_access& text_of) {
+namespace {
+
+// Decimal commas in a file that commas separate make rows longer.
+std::string remedy_of_length(std::size_t fields, const csv_table& table, char separator) {
+  if (separator == ',' && fields > table.header.size())
+    return "if its numbers have decimal commas, write points; '.' stands for a missing value";
+  return "add or remove separators; '.' stands for a missing value";
+}
+
+// Reads the header, and the records unless it alone is wanted.
+csv_table read_table(const std::string& file, findings& refused_rows, const file_access& text_of,
+                     bool header_alone) {
   const std::string content = whole_file(file, text_of);
   std::string_view rest = content;
   if (rest.starts_with(byte_order_mark)) rest.remove_prefix(byte_order_mark.size());
@@ -131,15 +152,20 @@ csv_table read_csv(const std::string& file, findings& refused_rows, const file_a
     refused_rows.push_back(
         {.code = "E-DATA-ROW", .message = message, .remedy = remedy, .file = file, .row = line});
   };
-  for (int line = 1; !rest.empty(); ++line) {
+  for (int line = 1; !rest.empty() && !(header_alone && !table.header.empty()); ++line) {
     const std::string_view text = next_line(rest);
     if (without_blanks(text).empty() || without_blanks(text).front() == '#') continue;
     const bool is_header = table.header.empty();
     if (is_header) separator = separator_of(text);
     auto fields = split(text, separator);
-    if (!fields) {
-      refuse(line, "a quote is opened and not closed",
-             "close the quote; a field must not run over several lines");
+    const auto is_long = [](const std::string& field) { return field.size() > longest_field; };
+    if (!fields || std::any_of(fields->begin(), fields->end(), is_long)) {
+      if (fields)
+        refuse(line, fmt::format("a field is longer than {} bytes", longest_field),
+               "shorten it, or close the quote before it");
+      else
+        refuse(line, "a quote is opened and not closed",
+               "close the quote; a field must not run over several lines");
       if (is_header) throw bad_input(refused_rows.back());
     } else if (is_header) {
       table.header = std::move(*fields);
@@ -149,7 +175,7 @@ csv_table read_csv(const std::string& file, findings& refused_rows, const file_a
       refuse(line,
              fmt::format("the row has {} fields where the header has {}", fields->size(),
                          table.header.size()),
-             "add or remove separators; '.' stands for a missing value");
+             remedy_of_length(fields->size(), table, separator));
     } else {
       table.records.push_back({line, std::move(*fields)});
     }
@@ -160,6 +186,17 @@ csv_table read_csv(const std::string& file, findings& refused_rows, const file_a
                      .remedy = "it needs a header line with column names, then records",
                      .file = file});
   return table;
+}
+
+}  // namespace
+
+csv_table read_csv(const std::string& file, findings& refused_rows, const file_access& text_of) {
+  return read_table(file, refused_rows, text_of, false);
+}
+
+std::vector<std::string> read_csv_header(const std::string& file, const file_access& text_of) {
+  findings refused_rows;
+  return read_table(file, refused_rows, text_of, true).header;
 }
 
 bool is_missing(std::string_view field) {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -28,10 +29,15 @@ struct csv_table {
 };
 
 // Reads a file, or throws bad_input: no such file, not plain text, nothing in it, a column name
-// twice. Rows of another length and quotes that are not closed are passed over and added to
-// `refused_rows`.
+// twice or not in UTF-8. Rows of another length, quotes that are not closed and fields of more than
+// longest_field bytes are passed over and added to `refused_rows`.
+inline constexpr std::size_t longest_field = 65536;
 csv_table read_csv(const std::string& file, findings& refused_rows,
                    const file_access& text_of = read_from_disk);
+
+// The names of the columns alone; throws the same.
+std::vector<std::string> read_csv_header(const std::string& file,
+                                         const file_access& text_of = read_from_disk);
 
 // ".", an empty field and "NA" stand for a missing value.
 bool is_missing(std::string_view field);

@@ -5,13 +5,18 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 #include <span>
 #include <utility>
 
 #include "varda/data/columns.h"
 #include "varda/data/csv.h"
+#include "varda/data/levels.h"
 #include "varda/data/oddities.h"
+#include "varda/data/refusals.h"
+#include "varda/data/row_rules.h"
 #include "varda/data/subject_reader.h"
+#include "varda/support/text.h"
 
 namespace varda {
 
@@ -20,8 +25,8 @@ namespace {
 // Reads the subjects of one file, in the order of the file.
 class file_reader {
  public:
-  file_reader(const data_source& source, const csv_table& table, findings& errors, std::size_t most)
-      : source_(source), table_(table), columns_(source, table), errors_(errors), most_(most) {}
+  file_reader(const data_source& source, const csv_table& table, refusals& errors)
+      : source_(source), table_(table), columns_(source, table), errors_(errors) {}
 
   dataset read() {
     data_.file = source_.file;
@@ -29,7 +34,13 @@ class file_reader {
     data_.covariate_varies.assign(source_.covariates.size(), false);
     data_.records = static_cast<int>(table_.records.size());
     std::span<const csv_table::record> rest = table_.records;
-    while (!rest.empty() && errors_.size() < most_) {
+    for (const auto& [column, role] : columns_.misspelt())
+      odd_.say("W-DATA-COLUMN", fmt::format("the column {} has no meaning", column),
+               "did you mean " + role + "? Rename it, or name it in data.columns",
+               {.file = source_.file, .row = table_.header_line, .column = column});
+    for (std::size_t k = 0; k < source_.covariates.size(); ++k)
+      if (columns_.may_be_text(k)) find_levels(k);
+    while (!rest.empty()) {
       const std::string id = record_view(columns_, rest.front()).id();
       const auto end = std::find_if(rest.begin(), rest.end(), [&](const csv_table::record& r) {
         return record_view(columns_, r).id() != id;
@@ -45,50 +56,82 @@ class file_reader {
   findings warnings() const { return odd_.warnings(); }
 
  private:
+  // Lists the levels of a covariate. Two that differ in case alone are probably one, and a formula
+  // that names one that does not occur is always false.
+  void find_levels(std::size_t k) {
+    const auto column = static_cast<std::size_t>(columns_.position_of_covariate(k));
+    const finding place{.file = source_.file,
+                        .row = table_.header_line,
+                        .column = columns_.name_at(columns_.position_of_covariate(k))};
+    std::set<std::string> seen;
+    for (const csv_table::record& r : table_.records)
+      if (!is_missing(r.fields[column]) && is_utf8(r.fields[column])) seen.insert(r.fields[column]);
+    std::set<double> numbers;
+    std::map<std::string, std::string> folded;
+    for (const std::string& text : seen) {
+      const double number = level_number(text);
+      numbers.insert(number);
+      if (!is_text_level(number)) continue;
+      data_.levels[number] = text;
+      const auto [like, is_new] = folded.try_emplace(lower_case(text), text);
+      if (!is_new)
+        odd_.say("W-DATA-LEVEL", fmt::format("{} and {} are two levels", like->second, text),
+                 "write them alike if they are one", place);
+    }
+    const std::vector<std::string> known(seen.begin(), seen.end());
+    for (const std::string& named : source_.uses.at(source_.covariates[k]).levels) {
+      if (numbers.contains(level_number(named))) continue;
+      const std::string near = did_you_mean(named, known);
+      odd_.say(
+          "W-DATA-LEVEL", fmt::format("no record has the level {}, which a formula names", named),
+          near.empty()
+              ? known.size() <= 20 ? fmt::format("the levels are {}", fmt::join(known, ", ")) : ""
+              : "did you mean " + near + "?",
+          place);
+    }
+  }
+
   void take(std::span<const csv_table::record> records) {
     const record_view first(columns_, records.front());
     const auto [seen, is_new] = last_rows_.try_emplace(first.id(), 0);
     // Records without an identifier are refused one by one.
     if (!is_new && !is_missing(first.id())) {
-      refuse(first
-                 .error("E-DATA-SUBJECT",
-                        fmt::format("the subject returns after another one; its earlier records "
-                                    "end in row {}",
-                                    seen->second),
-                        "keep the records of a subject together", role::id)
-                 .what_found());
+      errors_.add(first
+                      .error("E-DATA-SUBJECT",
+                             fmt::format("the subject returns after another one; its earlier "
+                                         "records end in row {}",
+                                         seen->second),
+                             "keep the records of a subject together", role::id)
+                      .what_found());
       return;
     }
     seen->second = records.back().line;
     subject_reader reader(columns_, records, odd_);
-    data_.subjects.push_back(reader.read([this](const finding& f) { return refuse(f); }));
+    data_.subjects.push_back(reader.read([this](const finding& f) { errors_.add(f); }));
     data_.dose_records += reader.dose_records();
     data_.excluded += reader.excluded();
-    note(data_.subjects.back());
+    note(data_.subjects.back(), reader.refused());
   }
 
-  void note(const subject& who) {
+  void note(const subject& who, bool refused) {
     const finding place{.file = source_.file, .row = who.first_row, .subject = who.id};
     for (std::size_t k = 0; k < data_.covariate_varies.size(); ++k)
       for (const segment& s : who.segments)
         if (s.covariates[k] != who.segments.front().covariates[k]) data_.covariate_varies[k] = true;
-    if (who.observations.empty())
+    if (who.observations.empty() && !refused)
       odd_.count("W-DATA-NO-OBSERVATION", "subjects have no observations", "", place);
-  }
-
-  // Whether there is room for more.
-  bool refuse(const finding& what) {
-    errors_.push_back(what);
-    return errors_.size() < most_;
   }
 
   void check_whole() {
     const auto empty = [this](const std::string& message, const std::string& remedy) {
-      refuse({.code = "E-DATA-EMPTY", .message = message, .remedy = remedy, .file = source_.file});
+      errors_.add(
+          {.code = "E-DATA-EMPTY", .message = message, .remedy = remedy, .file = source_.file});
     };
     if (data_.subjects.empty())
       empty("the data file holds no records",
-            "it needs one row per dose and observation under its header");
+            source_.keep.empty() && source_.drop.empty()
+                ? "it needs one row per dose and observation under its header"
+                : "check data.keep and data.drop");
     else if (data_.observations() == 0)
       empty("the data file holds no observation that counts",
             "check EVID and MDV: an observation has 0 in both");
@@ -102,8 +145,7 @@ class file_reader {
   const data_source& source_;
   const csv_table& table_;
   column_map columns_;
-  findings& errors_;
-  std::size_t most_;
+  refusals& errors_;
   oddities odd_;
   dataset data_;
   std::map<std::string, int> last_rows_;  // subject -> its last row
@@ -148,30 +190,47 @@ int dataset::occasions() const {
   return most;
 }
 
+std::string dataset::covariate_text(double value) const {
+  const auto text = levels.find(value);
+  return text == levels.end() ? fmt::format("{}", value) : text->second;
+}
+
+bool dataset::is_text_covariate(std::size_t k) const {
+  return std::any_of(subjects.begin(), subjects.end(), [&](const subject& who) {
+    return std::any_of(who.segments.begin(), who.segments.end(),
+                       [&](const segment& s) { return levels.contains(s.covariates[k]); });
+  });
+}
+
 dataset inspect_dataset(const data_source& source, findings& warnings, findings& errors,
                         std::size_t most, const file_access& text_of) {
-  findings wrong;
+  refusals causes(most);
   dataset data;
   try {
-    const csv_table table = read_csv(source.file, wrong, text_of);
+    findings rows;
+    csv_table table = read_csv(source.file, rows, text_of);
+    for (const finding& row : rows) causes.add(row);
     // With rows missing, what is said about their subjects would mislead.
-    if (wrong.empty()) {
-      file_reader reader(source, table, wrong, most);
+    if (rows.empty()) {
+      const int left_out = apply_row_rules(source, table, causes);
+      file_reader reader(source, table, causes);
       data = reader.read();
+      data.left_out = left_out;
       const findings odd = reader.warnings();
       warnings.insert(warnings.end(), odd.begin(), odd.end());
     }
   } catch (const bad_input& error) {
-    wrong.assign(1, error.what_found());
+    causes = refusals(most);
+    causes.add(error.what_found());
   }
-  wrong.resize(std::min(wrong.size(), most));
+  const findings wrong = causes.errors();
   errors.insert(errors.end(), wrong.begin(), wrong.end());
   return data;
 }
 
 dataset read_dataset(const data_source& source, findings& warnings, const file_access& text_of) {
   findings errors;
-  dataset data = inspect_dataset(source, warnings, errors, 1, text_of);
+  dataset data = inspect_dataset(source, warnings, errors, most_data_errors, text_of);
   if (!errors.empty()) throw bad_input(errors.front());
   return data;
 }

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -31,6 +32,10 @@ struct dose {
   bool steady_state = false;
   double interval = 0.0;
   int row = 0;
+  // Of an additional dose: the segment and the time of its record, whose values of the model (lag
+  // time, bioavailability, rate, duration) hold for it too. -1 for any other dose.
+  int record_segment = -1;
+  double record_time = 0.0;
 };
 
 // A stretch of a subject's records over which the covariates and the occasion are constant.
@@ -70,8 +75,10 @@ struct dataset {
   std::string file;
   std::vector<std::string> covariate_names;  // those that the model asked for
   std::vector<bool> covariate_varies;        // within some subject
+  std::map<double, std::string> levels;      // those that are texts, by their numbers
   std::vector<subject> subjects;             // in the order of first appearance
-  int records = 0;
+  int records = 0;   // of the file, but for those left out by data_source::keep and drop
+  int left_out = 0;  // by them
   int dose_records = 0;
   int excluded = 0;  // observation records left out because of MDV
 
@@ -80,6 +87,10 @@ struct dataset {
   int censored_of(int endpoint) const;
   int doses() const;      // administrations: additional doses count where they come to pass
   int occasions() const;  // the most of any subject
+  // A value of a covariate as the file writes it.
+  std::string covariate_text(double value) const;
+  // Whether some level is a text, of this covariate.
+  bool is_text_covariate(std::size_t k) const;
 };
 
 // The names of the columns that have a meaning of their own.
@@ -91,8 +102,8 @@ dataset read_dataset(const data_source& source, findings& warnings,
 
 inline constexpr std::size_t most_data_errors = 50;
 
-// The same for a look at the whole file: reads on after a record that is refused and adds what is
-// wrong to `errors`, `most` at most. The data set can only be used where none was added.
+// The same for a look at the whole file: adds every cause of refusals to `errors`, `most` of them
+// at most. The data set can only be used where none was added.
 dataset inspect_dataset(const data_source& source, findings& warnings, findings& errors,
                         std::size_t most = most_data_errors,
                         const file_access& text_of = read_from_disk);

@@ -32,15 +32,14 @@ double not_negative(const record_view& from, role column, const std::string& nam
   return value;
 }
 
-int compartment_of(const record_view& from) {
-  const int given = from.whole_number_or(role::cmt, 0);
+int compartment_of(const record_view& from, int given, role column) {
   const int most = from.model().compartments;
   const int compartment = given == 0 ? 1 : given;
   if (compartment < 1 || compartment > most)
     throw from.error("E-DATA-DOSE", fmt::format("compartment {} takes no doses", compartment),
                      fmt::format("the model takes doses into compartment 1{}",
                                  most > 1 ? fmt::format(" to {}", most) : ""),
-                     role::cmt);
+                     column);
   return compartment;
 }
 
@@ -105,14 +104,11 @@ void read_steady_state(const record_view& from, double interval, dose_order& ord
 
 }  // namespace
 
-dose_order read_dose(const record_view& from, double time, oddities& odd) {
-  dose_order order;
+namespace {
+
+// The dose is known but for how often it is repeated.
+void read_repeats(const record_view& from, dose_order& order, oddities& odd) {
   dose& given = order.first;
-  given.time = time;
-  given.row = from.row();
-  given.amount = not_negative(from, role::amt, "amount");
-  given.compartment = compartment_of(from);
-  read_input(from, given);
   order.spacing = not_negative(from, role::ii, "interval");
   read_steady_state(from, order.spacing, order);
   const bool endless = given.steady_state && given.rate > 0.0;
@@ -129,6 +125,67 @@ dose_order read_dose(const record_view& from, double time, oddities& odd) {
                      "give II, the time between two doses", role::ii);
   if (order.spacing > 0.0 && order.additional == 0 && !given.steady_state)
     odd.ignored(from, role::ii, "doses without ADDL and SS", "set ADDL if more doses follow");
+}
+
+dose_order order_at(const record_view& from, double time) {
+  dose_order order;
+  order.first.time = time;
+  order.first.row = from.row();
+  return order;
+}
+
+}  // namespace
+
+dose_order read_dose(const record_view& from, double time, oddities& odd) {
+  dose_order order = order_at(from, time);
+  order.first.amount = not_negative(from, role::amt, "amount");
+  order.first.compartment = compartment_of(from, from.whole_number_or(role::cmt, 0), role::cmt);
+  read_input(from, order.first);
+  read_repeats(from, order, odd);
+  return order;
+}
+
+std::optional<event_digits> event_digits_of(int evid) {
+  const event_digits code{.compartment = evid / 100 % 100, .rate_in_amount = evid >= 10000};
+  if (evid < 100 || evid >= 20000 || evid % 100 != 1 || code.compartment == 0) return std::nullopt;
+  return code;
+}
+
+dose_order read_coded_dose(const record_view& from, const event_digits& code, double duration,
+                           double time, oddities& odd) {
+  const int evid = from.whole_number_or(role::evid, 0);
+  const int other = from.whole_number_or(role::cmt, 0);
+  if (other != 0 && other != code.compartment)
+    throw from.error("E-DATA-DOSE",
+                     fmt::format("EVID {} is a dose into compartment {}, and CMT is {}", evid,
+                                 code.compartment, other),
+                     "keep one of the two: EVID 1 with CMT, or the code alone", role::cmt);
+  dose_order order = order_at(from, time);
+  dose& given = order.first;
+  given.compartment = compartment_of(from, code.compartment, role::evid);
+  given.amount = not_negative(from, role::amt, "amount");
+  if (code.rate_in_amount) {
+    if (from.number_or(role::rate, 0.0) != 0.0 || from.number_or(role::dur, 0.0) != 0.0)
+      throw from.error("E-DATA-DOSE",
+                       fmt::format("EVID {} is an infusion with its rate in AMT, and RATE or DUR "
+                                   "gives another",
+                                   evid),
+                       "write EVID 1, the amount into AMT, and RATE or DUR", role::evid);
+    given.input = dose_input::infusion;
+    given.rate = given.amount;
+    given.amount = given.rate * duration;
+  } else {
+    read_input(from, given);
+  }
+  read_repeats(from, order, odd);
+  odd.count("W-DATA-EVENT-CODES",
+            code.rate_in_amount
+                ? fmt::format("records with EVID {} are read as infusions into compartment {}, the "
+                              "rate in AMT",
+                              evid, code.compartment)
+                : fmt::format("records with EVID {} are read as doses into compartment {}", evid,
+                              code.compartment),
+            "write EVID 1 and CMT if this is not meant", from, role::evid);
   return order;
 }
 
@@ -148,8 +205,8 @@ void refuse_amount(const record_view& from, oddities& odd) {
       odd.ignored(from, column, "records that are no doses", "set EVID to 1 if they are");
 }
 
-void additional_doses::add(const dose_order& order) {
-  if (order.additional > 0) waiting_.push_back({order});
+void additional_doses::add(const dose_order& order, int segment) {
+  if (order.additional > 0) waiting_.push_back({.order = order, .segment = segment});
 }
 
 std::vector<dose> additional_doses::due(double time) {
@@ -162,6 +219,8 @@ std::vector<dose> additional_doses::due(double time) {
       if (next.time > time) break;
       next.steady_state = false;
       next.interval = 0.0;
+      next.record_segment = from.segment;
+      next.record_time = from.order.first.time;
       now.push_back(next);
     }
   std::erase_if(waiting_, [](const series& s) { return s.given == s.order.additional; });

@@ -4,30 +4,37 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <limits>
+
+#include "varda/data/levels.h"
+#include "varda/support/text.h"
 
 namespace varda {
 
 namespace {
 
-bool knows_endpoint(const record_view& from) {
-  const std::vector<int>& known = from.model().endpoints;
-  const int given = from.whole_number_or(role::dvid, 0);
-  return given == 0 || std::find(known.begin(), known.end(), given) != known.end();
+// The position of the endpoint that DVID asks for, or -1. 1 and 1.0 are the same.
+int known_endpoint(const record_view& from) {
+  const std::string& given = from.text(role::dvid);
+  if (is_missing(given) || level_number(given) == 0.0) return 0;
+  const data_source& model = from.model();
+  for (std::size_t k = 0; k < model.endpoints.size(); ++k)
+    if (level_number(given) == level_number(model.endpoints[k]) || given == model.endpoint_names[k])
+      return static_cast<int>(k);
+  return -1;
 }
 
 int endpoint_of(const record_view& from) {
-  const std::vector<int>& known = from.model().endpoints;
-  const int given = from.whole_number_or(role::dvid, 0);
-  if (given == 0) return 0;
-  const auto at = std::find(known.begin(), known.end(), given);
-  if (at == known.end())
-    throw from.error("E-DATA-ENDPOINT",
-                     fmt::format("the model has no endpoint with DVID {}", given),
-                     fmt::format("its endpoints have DVID {}; set MDV to 1 to leave the record out",
-                                 fmt::join(known, ", ")),
-                     role::dvid);
-  return static_cast<int>(at - known.begin());
+  const int known = known_endpoint(from);
+  if (known < 0)
+    throw from.error(
+        "E-DATA-ENDPOINT",
+        fmt::format("the model has no endpoint with DVID {}", shortened(from.text(role::dvid))),
+        fmt::format("its endpoints have DVID {}; set MDV to 1 to leave the record out",
+                    fmt::join(from.model().endpoints, ", ")),
+        role::dvid);
+  return known;
 }
 
 // Sets what CENS and LIMIT say about a value that is already there.
@@ -64,7 +71,7 @@ std::optional<observation> read_observation(const record_view& from, double time
     return std::nullopt;
   }
   // A record that was left out may hold anything.
-  if (missing == 1 && !knows_endpoint(from)) return std::nullopt;
+  if (missing == 1 && known_endpoint(from) < 0) return std::nullopt;
   const bool needed = missing == 0 && from.model().values_needed;
   const std::optional<double> value = missing == 1 ? std::nullopt : from.number(role::dv);
   if (!value && needed)
@@ -75,9 +82,6 @@ std::optional<observation> read_observation(const record_view& from, double time
                    .endpoint = endpoint_of(from),
                    .row = from.row()};
   if (value) read_censoring(from, made);
-  const int compartment = from.whole_number_or(role::cmt, 0);
-  if (compartment != 0 && compartment != 1)
-    odd.ignored(from, role::cmt, "observations", "DVID tells endpoints apart");
   return made;
 }
 

@@ -26,6 +26,15 @@ void oddities::count(const std::string& code, const std::string& what, const std
   count(code, what, remedy, at.error("", "", "", column).what_found());
 }
 
+void oddities::say(const std::string& code, const std::string& message, const std::string& remedy,
+                   const finding& place) {
+  finding first = place;
+  first.level = severity::warning;
+  first.code = code;
+  first.remedy = remedy;
+  kinds_.push_back({.first = first, .what = message});
+}
+
 void oddities::ignored(const record_view& at, role column, const std::string& records,
                        const std::string& remedy) {
   const finding place = at.error("", "", "", column).what_found();
@@ -37,7 +46,7 @@ findings oddities::warnings() const {
   findings all;
   for (const kind& k : kinds_) {
     all.push_back(k.first);
-    all.back().message = fmt::format("{} {}", k.cases, k.what);
+    all.back().message = k.cases == 0 ? k.what : fmt::format("{} {}", k.cases, k.what);
   }
   return all;
 }

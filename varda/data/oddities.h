@@ -17,6 +17,9 @@ class oddities {
              const finding& place);
   void count(const std::string& code, const std::string& what, const std::string& remedy,
              const record_view& at, role column);
+  // A case that stands for itself.
+  void say(const std::string& code, const std::string& message, const std::string& remedy,
+           const finding& place);
   // A value that means nothing on the kind of record that it stands on.
   void ignored(const record_view& at, role column, const std::string& records,
                const std::string& remedy);
@@ -28,7 +31,7 @@ class oddities {
   struct kind {
     finding first;
     std::string what;
-    int cases = 0;
+    int cases = 0;  // 0 where the cases are not counted
   };
   std::vector<kind> kinds_;
 };

@@ -3,15 +3,19 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cmath>
 #include <optional>
 #include <utility>
 
 #include "varda/data/observations.h"
+#include "varda/support/text.h"
 
 namespace varda {
 
 namespace {
+
+constexpr double end_of_infusion = -1.0;  // in place of a duration
 
 enum event_code {
   observation_event = 0,
@@ -24,10 +28,13 @@ enum event_code {
 int event_of(const record_view& from) {
   const int evid =
       from.whole_number_or(role::evid, looks_like_dose(from) ? dose_event : observation_event);
+  if (event_digits_of(evid)) return dose_event;
   if (evid < observation_event || evid > reset_and_dose_event)
     throw from.error(
         "E-DATA-EVENT", fmt::format("EVID {} has no meaning", evid),
-        "0 is an observation, 1 a dose, 2 another event, 3 a reset, 4 a reset and dose",
+        evid < 100 ? "0 is an observation, 1 a dose, 2 another event, 3 a reset, 4 a reset and dose"
+                   : "of codes with the compartment in their digits those of doses are read: 101, "
+                     "201, 10101",
         role::evid);
   return evid;
 }
@@ -52,22 +59,54 @@ subject_reader::subject_reader(const column_map& columns,
   made_.id = first.id();
   made_.first_row = first.row();
   made_.segments.push_back(covariates_.in_force());
+  find_infusions();
 }
 
-subject subject_reader::read(const std::function<bool(const finding&)>& refuse) {
-  bool sound = true;
+// An infusion ends at the next record with the same code and the same rate, negative, that ends no
+// other. What cannot be read is refused where it is taken.
+void subject_reader::find_infusions() {
+  struct switch_record {
+    int row;
+    int evid;
+    double time;
+    double rate;
+  };
+  if (columns_.position_of(role::evid) < 0) return;
+  std::vector<switch_record> open;
+  for (const csv_table::record& fields : records_) {
+    const record_view from(columns_, fields);
+    const auto evid = to_number(from.text(role::evid));
+    if (!evid || !(*evid >= 10000.0 && *evid < 20000.0)) continue;
+    const auto time = to_number(from.text(role::time));
+    const auto rate = to_number(from.text(role::amt));
+    if (!time || !rate) continue;
+    if (*rate > 0.0) {
+      open.push_back({from.row(), static_cast<int>(*evid), *time, *rate});
+      continue;
+    }
+    const auto begun = std::find_if(open.begin(), open.end(), [&](const switch_record& s) {
+      return s.evid == static_cast<int>(*evid) && s.rate == -*rate;
+    });
+    if (begun == open.end()) continue;
+    infusions_[begun->row] = *time - begun->time;
+    infusions_[from.row()] = end_of_infusion;
+    open.erase(begun);
+  }
+}
+
+subject subject_reader::read(const std::function<void(const finding&)>& refuse) {
   for (const csv_table::record& fields : records_) {
     try {
       take(record_view(columns_, fields));
     } catch (const bad_input& error) {
-      sound = false;
-      if (!refuse(error.what_found())) return std::move(made_);
+      refused_ = true;
+      refuse(error.what_found());
     }
   }
   if (std::isfinite(columns_.model().doses_until)) give_due(columns_.model().doses_until);
   made_.occasions = covariates_.occasions();
   // A record that was refused may hold what the whole would lack.
-  if (!sound) return std::move(made_);
+  if (refused_) return std::move(made_);
   try {
     check_whole();
   } catch (const bad_input& error) {
@@ -80,6 +119,10 @@ void subject_reader::take(const record_view& from) {
   if (is_missing(from.id()))
     throw from.error("E-DATA-MISSING", "the subject identifier is missing",
                      "every record belongs to a subject", role::id);
+  // Programs that read the results would take bytes that are none of a character for one another.
+  if (!is_utf8(from.id()))
+    throw from.error("E-DATA-ENCODING", "the subject identifier is not valid UTF-8",
+                     "save the file as UTF-8", role::id);
   const int what = event_of(from);
   const bool resets = what == reset_event || what == reset_and_dose_event;
   const double time = clock(from, resets);
@@ -97,6 +140,7 @@ void subject_reader::take(const record_view& from) {
 
 // The time of a record on the subject's clock.
 double subject_reader::clock(const record_view& from, bool resets) {
+  if (columns_.position_of(role::time) < 0) return 0.0;
   const std::optional<double> time = from.number(role::time);
   if (!time)
     throw from.error("E-DATA-MISSING", "the time is missing", "every record needs a time",
@@ -134,11 +178,22 @@ void subject_reader::reset(double time) {
 }
 
 void subject_reader::take_dose(const record_view& from, double time) {
-  const dose_order order = read_dose(from, time, odd_);
+  const auto code = event_digits_of(from.whole_number_or(role::evid, 0));
+  const auto infusion = infusions_.find(from.row());
+  const bool known = infusion != infusions_.end();
+  if (code && code->rate_in_amount && known && infusion->second == end_of_infusion) return;
+  if (code && code->rate_in_amount && !known)
+    throw from.error(
+        "E-DATA-DOSE", "the infusion has its rate in AMT, and no other record ends or begins it",
+        "an infusion takes two records, with AMT 5 and -5, say; or write EVID 1 and RATE",
+        role::amt);
+  const dose_order order =
+      code ? read_coded_dose(from, *code, known ? infusion->second : 0.0, time, odd_)
+           : read_dose(from, time, odd_);
   const bool was_reset = !made_.timeline.empty() && made_.timeline.back().kind == event_kind::reset;
   if (order.replaces && !was_reset) reset(time);
   append(made_, order.first);
-  waiting_.add(order);
+  waiting_.add(order, static_cast<int>(made_.segments.size()) - 1);
   ++dose_records_;
   if (from.number_or(role::dv, 0.0) != 0.0)
     odd_.ignored(from, role::dv, "dose records", "put the observation into a record of its own");
@@ -151,7 +206,7 @@ void subject_reader::take_observation(const record_view& from, double time) {
     return;
   }
   made->segment = static_cast<int>(made_.segments.size()) - 1;
-  if (made_.doses.empty() && columns_.model().doses_needed)
+  if (made_.doses.empty() && !refused_ && columns_.model().doses_needed)
     odd_.count("W-DATA-BEFORE-DOSE", "observations stand before any dose of their subject",
                "check the order of the records: a dose at the same time must stand before them",
                from, role::time);

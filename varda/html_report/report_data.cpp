@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "varda/data/csv.h"
 #include "varda/html_report/html_report.h"
@@ -180,6 +181,47 @@ ordered_json curves_of(const subject& who, const predicted_subject& predicted, i
   return list;
 }
 
+// The levels of a covariate that has texts, as they are written; empty for any other.
+std::vector<std::string> levels_of(const dataset& data, std::size_t covariate) {
+  std::set<std::string> levels;
+  if (!data.is_text_covariate(covariate)) return {};
+  for (const subject& who : data.subjects)
+    for (const segment& s : who.segments)
+      levels.insert(data.covariate_text(s.covariates[covariate]));
+  return {levels.begin(), levels.end()};
+}
+
+// Axes have numbers: those of the levels, which the covariate's name explains.
+std::vector<std::vector<std::string>> levels_of(const dataset& data) {
+  std::vector<std::vector<std::string>> all;
+  for (std::size_t k = 0; k < data.covariate_names.size(); ++k) all.push_back(levels_of(data, k));
+  return all;
+}
+
+std::vector<std::string> covariate_labels(const dataset& data) {
+  std::vector<std::string> labels = data.covariate_names;
+  const auto levels = levels_of(data);
+  for (std::size_t k = 0; k < labels.size(); ++k) {
+    std::string legend;
+    for (std::size_t l = 0; l < levels[k].size(); ++l)
+      legend += fmt::format("{}{} = {}", l == 0 ? " (" : ", ", l + 1, levels[k][l]);
+    if (!legend.empty()) labels[k] += legend + ")";
+  }
+  return labels;
+}
+
+std::vector<double> drawn_covariates(const dataset& data, const subject& who,
+                                     const std::vector<std::vector<std::string>>& levels) {
+  std::vector<double> values = who.segments.front().covariates;
+  for (std::size_t k = 0; k < values.size(); ++k) {
+    if (levels[k].empty()) continue;
+    const auto at =
+        std::lower_bound(levels[k].begin(), levels[k].end(), data.covariate_text(values[k]));
+    values[k] = static_cast<double>(at - levels[k].begin()) + 1.0;
+  }
+  return values;
+}
+
 ordered_json subjects_of(const report_source& from, const report_plan& plan) {
   const population_model& model = from.model;
   constexpr int samples = 500;  // behind a band that is drawn
@@ -191,6 +233,7 @@ ordered_json subjects_of(const report_source& from, const report_plan& plan) {
   const auto predicted =
       predict(model, wanted, from.at, moments,
               {.samples = samples, .seed = from.fit.about.seed, .threads = plan.threads});
+  const auto levels = levels_of(model.data());
   ordered_json list = ordered_json::array();
   for (std::size_t i = 0; i < predicted.size(); ++i) {
     const subject& who = model.data().subjects[i];
@@ -203,7 +246,7 @@ ordered_json subjects_of(const report_source& from, const report_plan& plan) {
                        {"steady_state", d.steady_state}});
     list.push_back(
         {{"id", who.id},
-         {"covariates", who.segments.front().covariates},
+         {"covariates", drawn_covariates(model.data(), who, levels)},
          {"doses", doses},
          {"curves", curves_of(wanted.data().subjects[i], predicted[i],
                               static_cast<int>(model.specification().endpoints.size()))}});
@@ -262,7 +305,7 @@ ordered_json data_of(const population_model& model) {
                          {"censored", data.censored_of(static_cast<int>(k))}});
   return {{"records", data.records}, {"excluded", data.excluded},
           {"doses", data.doses()},   {"occasions", data.occasions()},
-          {"endpoints", endpoints},  {"covariates", data.covariate_names}};
+          {"endpoints", endpoints},  {"covariates", covariate_labels(data)}};
 }
 
 ordered_json model_of(const report_source& from) {

@@ -4,27 +4,13 @@
 #include <fmt/format.h>
 
 #include <bit>
-#include <filesystem>
 
-#include "varda/data/dataset.h"
 #include "varda/input/model_file_parts.h"
 #include "varda/model/settings_table.h"
 
 namespace varda {
 
 namespace {
-
-void read_data(section from, model_specification& file) {
-  const std::filesystem::path given = from.needed_text("file", "the data set");
-  const std::filesystem::path folder = std::filesystem::path(file.path).parent_path();
-  file.data.file = (given.is_absolute() ? given : folder / given).string();
-  if (auto columns = from.table("columns")) {
-    for (const std::string& role : data_roles())
-      if (const auto name = columns->text(role)) file.data.columns[role] = *name;
-    columns->refuse_leftovers();
-  }
-  from.refuse_leftovers();
-}
 
 bool is_mixture(proposal_family family) {
   switch (family) {
@@ -68,7 +54,7 @@ model_specification read_model_file(const std::string& path, findings& warnings,
   section model = root.needed_table("model", "the structural model");
   const section parameters = root.needed_table("parameters", "the parameters of the model");
   file.structure.equations.parameters = parameters.keys();
-  read_structure(std::move(model), text_of, file);
+  read_structure(std::move(model), text_of, warnings, file);
   read_parameters(parameters, file);
   read_omega(root.needed_table("omega", "the variances of the random effects"), file);
   read_residual(root.needed_table("residual", "the residual error"), file);

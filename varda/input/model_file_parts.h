@@ -14,10 +14,13 @@ namespace varda {
 // Keys of the residual deviations, and their names in the results.
 inline constexpr std::array deviation_keys = {"additive", "proportional", "exponent", "log_normal"};
 
+void read_data(section from, model_specification& file);
 // Formulas may name columns of the data set, which is why this one reads its header.
-void read_structure(section from, const file_access& text_of, model_specification& file);
+void read_structure(section from, const file_access& text_of, findings& warnings,
+                    model_specification& file);
 // The formulas of a structure in equations; a part of read_structure.
-void read_equations(section& from, const file_access& text_of, model_specification& file);
+void read_equations(section& from, const file_access& text_of, findings& warnings,
+                    model_specification& file);
 void read_parameters(section from, model_specification& file);
 void read_omega(section from, model_specification& file);
 void read_residual(section from, model_specification& file);

@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "varda/data/csv.h"
+#include "varda/formula/expression.h"
 #include "varda/input/model_file_parts.h"
-#include "varda/model/equations/expression.h"
 #include "varda/model/equations/formula_error.h"
 #include "varda/model/structural_model.h"
 #include "varda/support/text.h"
@@ -56,22 +56,74 @@ solver_settings read_solver(section from) {
   return s;
 }
 
-// Refuses what the formulas call by a name that no column of the data set has. A data set that
-// cannot be read is refused where it is read.
-void check_columns(const std::vector<std::string>& covariates, const model_specification& file,
-                   const std::vector<formula_error>& places, const file_access& text_of) {
+// The columns of the data set. One that cannot be read is refused where it is read.
+std::vector<std::string> columns_of(const data_source& data, const file_access& text_of) {
   std::vector<std::string> columns;
   try {
-    findings refused_rows;
-    columns = read_csv(file.data.file, refused_rows, text_of).header;
+    columns = read_csv_header(data.file, text_of);
   } catch (const bad_input&) {
-    return;
+    return {};
   }
+  for (const formula_line& line : data.define) columns.push_back(line.name);
+  return columns;
+}
+
+auto find_column(const std::vector<std::string>& columns, const std::string& name) {
+  return std::find_if(columns.begin(), columns.end(),
+                      [&](const std::string& c) { return equal_ignoring_case(c, name); });
+}
+
+// The name of the column with a role, whether the file has it or not.
+std::string column_of(const data_source& data, const std::string& role) {
+  const auto renamed = data.columns.find(role);
+  return renamed == data.columns.end() ? role : renamed->second;
+}
+
+// A built-in name hides a column of the same name: tells the first formula with each. Without
+// amounts the last dose is none, which leaves nothing to estimate.
+std::vector<formula_error> hidden_columns(const data_source& data, const equation_text& text,
+                                          const std::vector<std::string>& columns) {
+  struct built_in {
+    std::string name;
+    std::string role;
+    const char* meaning;
+  };
+  std::vector<formula_error> found;
+  for (const built_in& b : {built_in{"dose", "AMT", "the amount of the last dose"},
+                            built_in{"tad", "", "the time since the last dose"},
+                            built_in{"t", "TIME", "the time of the record"}}) {
+    const auto column = find_column(columns, b.name);
+    if (column == columns.end()) continue;
+    if (!b.role.empty() && equal_ignoring_case(column_of(data, b.role), b.name)) continue;
+    const bool no_doses =
+        b.name != "t" && find_column(columns, column_of(data, "AMT")) == columns.end();
+    bool told = false;
+    for (const auto& [table, member] : formula_tables)
+      for (const formula_line& line : text.*member) {
+        const expression formula(line.text);
+        const std::vector<std::string>& names = formula.names();
+        if (told || std::find(names.begin(), names.end(), b.name) == names.end()) continue;
+        told = true;
+        found.emplace_back(
+            table, line.name, no_doses ? "E-MODEL-HIDDEN" : "W-MODEL-HIDDEN",
+            fmt::format("{} in a formula is {}, and not the column {}{}", b.name, b.meaning,
+                        *column, no_doses ? ", and the data have no doses" : ""),
+            fmt::format("for the column write {}_column = \"{}\" in [data.define], and "
+                        "{}_column in the formula",
+                        b.name, b.name, b.name));
+      }
+  }
+  return found;
+}
+
+// Refuses what the formulas call by a name that no column of the data set has.
+void check_columns(const std::vector<std::string>& covariates, const model_specification& file,
+                   const std::vector<formula_error>& places,
+                   const std::vector<std::string>& columns) {
+  if (columns.empty()) return;
   for (std::size_t k = 0; k < covariates.size(); ++k) {
     const std::string& name = covariates[k];
-    if (std::any_of(columns.begin(), columns.end(),
-                    [&](const std::string& c) { return equal_ignoring_case(c, name); }))
-      continue;
+    if (find_column(columns, name) != columns.end()) continue;
     std::vector<std::string> known = columns;
     const equation_text& text = file.structure.equations;
     known.insert(known.begin(), {"t", "tad", "dose"});
@@ -104,9 +156,36 @@ std::vector<formula_error> places_of(const std::vector<std::string>& covariates,
   return places;
 }
 
+// Notes what the formulas do with covariates.
+void note_uses(const std::vector<std::string>& covariates, const equation_text& text,
+               std::map<std::string, covariate_use>& uses) {
+  for (const auto& [table, member] : formula_tables)
+    for (const formula_line& line : text.*member)
+      for (const auto& [name, made] : expression(line.text).uses()) {
+        if (std::find(covariates.begin(), covariates.end(), name) == covariates.end()) continue;
+        covariate_use& use = uses[name];
+        use.computed = use.computed || made.computes;
+        use.compared = use.compared || !made.texts.empty();
+        for (const std::string& level : made.texts)
+          if (std::find(use.levels.begin(), use.levels.end(), level) == use.levels.end())
+            use.levels.push_back(level);
+      }
+}
+
+bool uses_time(const equation_text& text) {
+  for (const auto& [table, member] : formula_tables)
+    for (const formula_line& line : text.*member) {
+      const expression formula(line.text);
+      for (const std::string& name : formula.names())
+        if (name == "t" || name == "tad") return true;
+    }
+  return false;
+}
+
 }  // namespace
 
-void read_equations(section& from, const file_access& text_of, model_specification& file) {
+void read_equations(section& from, const file_access& text_of, findings& warnings,
+                    model_specification& file) {
   const bool system = file.structure.name == equation_structure;
   equation_text& text = file.structure.equations;
   const bool short_form = !system && from.has("prediction");
@@ -131,6 +210,11 @@ void read_equations(section& from, const file_access& text_of, model_specificati
     if (const auto solver = from.table("solver")) text.solver = read_solver(*solver);
   }
 
+  const auto refusal = [&](const formula_error& e) {
+    const bool top = short_form && e.section == "outputs";
+    const section place = top ? from : *from.table(e.section);
+    return place.error(e.code, e.key, e.message, e.remedy);
+  };
   try {
     const auto model = make_structural_model(file.structure);
     for (const std::string& name : model->covariates()) {
@@ -141,11 +225,17 @@ void read_equations(section& from, const file_access& text_of, model_specificati
       if (model->models_rate(c)) file.data.modelled_rate.push_back(c);
       if (model->models_duration(c)) file.data.modelled_duration.push_back(c);
     }
-    check_columns(model->covariates(), file, places_of(model->covariates(), text), text_of);
+    note_uses(model->covariates(), text, file.data.uses);
+    const std::vector<std::string> columns = columns_of(file.data, text_of);
+    check_columns(model->covariates(), file, places_of(model->covariates(), text), columns);
+    for (const formula_error& e : hidden_columns(file.data, text, columns)) {
+      if (e.code.starts_with("E-")) throw e;
+      warnings.push_back(refusal(e).what_found());
+      warnings.back().level = severity::warning;
+    }
+    file.data.time_needed = system || uses_time(text);
   } catch (const formula_error& e) {
-    const bool top = short_form && e.section == "outputs";
-    const section place = top ? from : *from.table(e.section);
-    throw place.error(e.code, e.key, e.message, e.remedy);
+    throw refusal(e);
   }
 }
 

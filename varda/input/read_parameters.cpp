@@ -7,6 +7,7 @@
 #include <set>
 #include <utility>
 
+#include "varda/data/levels.h"
 #include "varda/model/structural_model.h"
 #include "varda/support/text.h"
 
@@ -44,6 +45,15 @@ bool can_be_added(effect_form form) {
   return false;
 }
 
+// A level is a number or a text.
+void read_reference(section& from, covariate_effect& effect) {
+  const char* what = "the level that has no coefficient";
+  effect.reference_text = from.is_text("reference")
+                              ? from.needed_text("reference", what)
+                              : fmt::format("{}", from.needed_number("reference", what));
+  effect.reference = level_number(effect.reference_text);
+}
+
 covariate_effect read_effect(section from, const parameter& of) {
   covariate_effect effect;
   effect.covariate = from.needed_text("column", "the column of the covariate");
@@ -54,7 +64,7 @@ covariate_effect read_effect(section from, const parameter& of) {
                      "this form does not suit the parameter's distribution",
                      "use linear or categorical for normal and logit-normal parameters");
   if (effect.form == effect_form::categorical)
-    effect.reference = from.needed_number("reference", "the level that has no coefficient");
+    read_reference(from, effect);
   else
     effect.center = from.number_or("center", effect.form == effect_form::power ? 1.0 : 0.0);
   if (effect.form == effect_form::power && !(effect.center > 0.0))
@@ -143,6 +153,8 @@ void read_parameters(section from, model_specification& file) {
       if (std::find(file.data.covariates.begin(), file.data.covariates.end(), e.covariate) ==
           file.data.covariates.end())
         file.data.covariates.push_back(e.covariate);
+      covariate_use& use = file.data.uses[e.covariate];
+      (e.form == effect_form::categorical ? use.compared : use.computed) = true;
     }
   }
 }

@@ -4,7 +4,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <string>
+#include <vector>
 
+#include "varda/data/csv.h"
 #include "varda/model/structural_model.h"
 
 namespace varda {
@@ -55,16 +58,23 @@ residual_error read_error(section& from) {
 // Endpoints by name, each a table with its residual error and its DVID.
 void read_endpoints(section& from, model_specification& file) {
   constexpr int largest_dvid = 1000000;
-  file.data.endpoints.clear();
+  std::vector<std::string>& dvids = file.data.endpoints;
+  dvids.clear();
+  file.data.endpoint_names.clear();
   for (const std::string& name : from.keys()) {
     section of = from.needed_table(name, "the residual error of an endpoint");
     const int next = static_cast<int>(file.endpoints.size()) + 1;
-    const int dvid = of.whole_number_or("dvid", next, 1, largest_dvid);
-    if (std::find(file.data.endpoints.begin(), file.data.endpoints.end(), dvid) !=
-        file.data.endpoints.end())
+    const std::string dvid =
+        of.is_text("dvid") ? of.needed_text("dvid", "the DVID of the endpoint")
+                           : fmt::format("{}", of.whole_number_or("dvid", next, 1, largest_dvid));
+    if (std::find(dvids.begin(), dvids.end(), dvid) != dvids.end())
       throw of.error("E-MODEL-ENDPOINT", "dvid", fmt::format("DVID {} stands twice", dvid),
                      "give each endpoint a DVID of its own");
-    file.data.endpoints.push_back(dvid);
+    if (is_missing(dvid))
+      throw of.error("E-MODEL-ENDPOINT", "dvid", fmt::format("'{}' stands for no DVID", dvid),
+                     "write the text that the column has for this endpoint");
+    dvids.push_back(dvid);
+    file.data.endpoint_names.push_back(of.has("dvid") ? "" : name);
     file.endpoints.push_back({name, read_error(of)});
     of.refuse_leftovers();
   }

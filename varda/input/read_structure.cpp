@@ -24,7 +24,8 @@ void read_compartments(section& from, structure_choice& choice) {
 
 }  // namespace
 
-void read_structure(section from, const file_access& text_of, model_specification& file) {
+void read_structure(section from, const file_access& text_of, findings& warnings,
+                    model_specification& file) {
   std::vector<std::string> structures = structural_model_names();
   structures.insert(structures.end(), {formula_structure, equation_structure});
   std::string& name = file.structure.name;
@@ -34,7 +35,7 @@ void read_structure(section from, const file_access& text_of, model_specificatio
   const bool own_equations = name == formula_structure || name == equation_structure;
   file.data.doses_needed = !own_equations;
   if (own_equations)
-    read_equations(from, text_of, file);
+    read_equations(from, text_of, warnings, file);
   else
     read_compartments(from, file.structure);
   from.refuse_leftovers();

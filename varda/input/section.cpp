@@ -6,6 +6,7 @@
 #include <toml++/toml.h>
 #include <algorithm>
 #include <cmath>
+#include <string_view>
 #include <utility>
 
 namespace varda {
@@ -38,6 +39,42 @@ std::vector<double> finite_numbers(const toml::node& list) {
   return all;
 }
 
+// A table within a table costs the parser a call within a call, and so does letting go of it.
+constexpr int most_levels = 100;
+
+// The line on which a key has too many parts, or 0. The parser itself refuses lists within lists.
+int line_of_deep_key(const std::string& text) {
+  int line = 1;
+  int parts = 0;
+  std::string_view quote;  // that has been opened
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c == '\n') ++line;
+    const std::string_view rest = std::string_view(text).substr(i);
+    if (!quote.empty()) {
+      if (c == '\\' && quote.front() == '"') {
+        ++i;
+      } else if (rest.starts_with(quote) || (c == '\n' && quote.size() == 1)) {
+        i += quote.size() - 1;
+        quote = {};
+      }
+      continue;
+    }
+    if (c == '"' || c == '\'') {
+      const bool three = rest.starts_with(c == '"' ? "\"\"\"" : "'''");
+      quote = rest.substr(0, three ? 3 : 1);
+      i += quote.size() - 1;
+    } else if (c == '#') {
+      i = std::min(text.find('\n', i), text.size()) - 1;
+    } else if (c == '.') {
+      if (++parts >= most_levels) return line;
+    } else if (std::string_view("\n=[]{},").find(c) != std::string_view::npos) {
+      parts = 0;
+    }
+  }
+  return 0;
+}
+
 toml::table parse(const std::string& path, const file_access& text_of) {
   const std::optional<std::string> text = text_of(path);
   if (!text)
@@ -45,6 +82,12 @@ toml::table parse(const std::string& path, const file_access& text_of) {
                      .message = "the model file cannot be opened",
                      .remedy = "check its name",
                      .file = path});
+  if (const int line = line_of_deep_key(*text); line > 0)
+    throw bad_input({.code = "E-MODEL-SYNTAX",
+                     .message = fmt::format("a key has more than {} parts", most_levels),
+                     .remedy = "no key of a model file has more than five",
+                     .file = path,
+                     .row = line});
   try {
     return toml::parse(*text, path);
   } catch (const toml::parse_error& error) {
@@ -109,6 +152,11 @@ bool section::has(const std::string& key) {
 bool section::is_number(const std::string& key) const {
   const toml::node* node = source_->get(key);
   return node != nullptr && node->is_number();
+}
+
+bool section::is_text(const std::string& key) const {
+  const toml::node* node = source_->get(key);
+  return node != nullptr && node->is_string();
 }
 
 bool section::is_table(const std::string& key) const {

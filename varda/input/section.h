@@ -34,6 +34,7 @@ class section {
   // Makes a key known before it is read.
   void accept(const std::string& key) { asked_.insert(key); }
   bool is_number(const std::string& key) const;
+  bool is_text(const std::string& key) const;
   bool is_table(const std::string& key) const;
   void refuse_leftovers() const;
 

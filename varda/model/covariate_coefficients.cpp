@@ -6,6 +6,10 @@
 #include <algorithm>
 #include <cmath>
 #include <set>
+#include <string>
+#include <vector>
+
+#include "varda/data/levels.h"
 
 namespace varda {
 
@@ -27,15 +31,27 @@ std::vector<double> levels_of(const covariate_effect& effect, int covariate, con
                       .file = data.file,
                       .column = effect.covariate});
   };
-  if (levels.erase(effect.reference) == 0)
-    throw refuse(
-        fmt::format("no subject has the reference level {} of {}", effect.reference, effect.name),
-        fmt::format("its levels are {}", fmt::join(levels, ", ")));
+  std::vector<double> sorted(levels.begin(), levels.end());
+  std::sort(sorted.begin(), sorted.end(), [&](double a, double b) {
+    if (is_text_level(a) && is_text_level(b))
+      return data.covariate_text(a) < data.covariate_text(b);
+    return a < b;
+  });
+  if (levels.erase(effect.reference) == 0) {
+    std::vector<std::string> texts;
+    for (const double level : sorted) texts.push_back(data.covariate_text(level));
+    const std::string near = did_you_mean(effect.reference_text, texts);
+    throw refuse(fmt::format("no subject has the reference level {} of {}", effect.reference_text,
+                             effect.name),
+                 near.empty() ? fmt::format("its levels are {}", fmt::join(texts, ", "))
+                              : "did you mean " + near + "?");
+  }
   if (levels.size() > most_levels)
     throw refuse(
         fmt::format("the categorical effect {} has {} levels", effect.name, levels.size() + 1),
         "use a continuous effect, or group the levels");
-  return {levels.begin(), levels.end()};
+  std::erase(sorted, effect.reference);
+  return sorted;
 }
 
 void check_values(const covariate_coefficient& c, const dataset& data) {
@@ -96,7 +112,7 @@ std::vector<covariate_coefficient> covariate_coefficients(const model_specificat
       }
       for (const double level : levels_of(e, c.covariate, data)) {
         c.level = level;
-        c.name = fmt::format("{}_{}", e.name, level);
+        c.name = e.name + "_" + data.covariate_text(level);
         all.push_back(c);
       }
     }

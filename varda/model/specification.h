@@ -11,15 +11,38 @@
 
 namespace varda {
 
+struct formula_line {
+  std::string name;
+  std::string text;
+};
+
+// What a model does with a covariate. Where it compares it (levels of a categorical effect, texts
+// in a formula) and does not compute with it, the column may hold texts.
+struct covariate_use {
+  bool compared = false;
+  bool computed = false;
+  std::vector<std::string> levels;  // that formulas name
+
+  bool may_be_text() const { return compared && !computed; }
+};
+
 // What the model takes, and which column of the file plays which role. Names are matched without
 // regard to case.
 struct data_source {
   std::string file;                            // as opened
   std::map<std::string, std::string> columns;  // role ("ID", "TIME", ...) -> column name
   std::vector<std::string> covariates;         // columns that the model names
-  std::vector<int> endpoints = {1};            // DVID of each endpoint; 0 also means the first
-  bool occasions = false;                      // the model has random effects per occasion (OCC)
-  bool doses_needed = true;                    // a subject without a dose cannot be predicted
+  std::map<std::string, covariate_use> uses;   // of covariates that are not just numbers
+  // DVID of each endpoint, a whole number or a text; 0 also means the first. Where a model file
+  // gives no DVID, the endpoint's name is one as well.
+  std::vector<std::string> endpoints = {"1"};
+  std::vector<std::string> endpoint_names = {""};
+  bool occasions = false;            // the model has random effects per occasion (OCC)
+  bool doses_needed = true;          // a subject without a dose cannot be predicted
+  bool time_needed = true;           // else the file may have no times: all are 0
+  std::vector<formula_line> define;  // columns computed from those of the file
+  std::string keep;                  // the rows to read and those to leave out, formulas
+  std::string drop;                  // of columns; empty for all and none
   int compartments = std::numeric_limits<int>::max();  // doses go into 1 to this one
   // Compartments whose RATE -1 (or -2) finds a parameter for the rate (or the duration).
   std::vector<int> modelled_rate;
@@ -30,11 +53,6 @@ struct data_source {
   bool values_needed = true;
   bool missing_counts = false;
   double doses_until = -std::numeric_limits<double>::infinity();
-};
-
-struct formula_line {
-  std::string name;
-  std::string text;
 };
 
 // Automatic: exact where the system is linear, else explicit, and for stiff systems when that
@@ -100,7 +118,10 @@ struct covariate_effect {
   std::string covariate;
   effect_form form = effect_form::power;
   double center = 1.0;
-  double reference = 0.0;  // level of a categorical covariate that has no coefficient
+  // The level of a categorical covariate that has no coefficient, as a number (data/levels.h) and
+  // as it is written.
+  double reference = 0.0;
+  std::string reference_text{};
   double start = 0.0;
   bool fixed = false;
   double lower = -std::numeric_limits<double>::infinity();

@@ -19,7 +19,7 @@ void write_count(sink out, const std::string& what, int count, const std::string
 }
 
 void write_endpoints(sink out, const model_specification& model, const dataset& data) {
-  const std::vector<int>& dvids = model.data.endpoints;
+  const std::vector<std::string>& dvids = model.data.endpoints;
   for (std::size_t k = 0; k < dvids.size(); ++k) {
     const int censored = data.censored_of(static_cast<int>(k));
     const std::string remark = censored > 0 ? fmt::format("{} of them censored", censored) : "";
@@ -42,6 +42,7 @@ std::string range_of_observations(const dataset& data) {
 void write_data(sink out, const model_specification& model, const dataset& data) {
   fmt::format_to(out, "Data {}\n", data.file);
   write_count(out, "records", data.records);
+  if (data.left_out > 0) write_count(out, "rows left out (keep, drop)", data.left_out);
   write_count(out, "subjects", static_cast<int>(data.subjects.size()), range_of_observations(data));
   write_endpoints(out, model, data);
   write_count(out, "left out (MDV 1)", data.excluded);

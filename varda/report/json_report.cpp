@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <cmath>
 #include <nlohmann/json.hpp>
+#include <optional>
 
+#include "varda/data/csv.h"
 #include "varda/diagnostics/natural_scale.h"
 #include "varda/model/settings_table.h"
 #include "varda/model/words.h"
@@ -255,19 +258,28 @@ ordered_json to_json(const findings& list) {
   return entries;
 }
 
+// A number where it is one.
+ordered_json dvid_of(const std::string& label) {
+  const std::optional<double> number = to_number(label);
+  if (number && *number == std::floor(*number)) return static_cast<long>(*number);
+  return label;
+}
+
 ordered_json data_summary(const model_specification& model, const dataset& data) {
   ordered_json endpoints = ordered_json::array();
   for (std::size_t k = 0; k < model.data.endpoints.size(); ++k)
     endpoints.push_back({{"name", model.endpoints[k].name},
-                         {"dvid", model.data.endpoints[k]},
+                         {"dvid", dvid_of(model.data.endpoints[k])},
                          {"observations", data.observations_of(static_cast<int>(k))},
                          {"censored", data.censored_of(static_cast<int>(k))}});
   ordered_json covariates = ordered_json::array();
   for (std::size_t k = 0; k < data.covariate_names.size(); ++k)
     covariates.push_back({{"name", data.covariate_names[k]},
-                          {"varies", static_cast<bool>(data.covariate_varies[k])}});
+                          {"varies", static_cast<bool>(data.covariate_varies[k])},
+                          {"text", data.is_text_covariate(k)}});
   return {{"file", data.file},
           {"records", data.records},
+          {"left_out", data.left_out},
           {"subjects", data.subjects.size()},
           {"endpoints", endpoints},
           {"excluded", data.excluded},
@@ -306,7 +318,8 @@ std::string json_report(const population_model& model, const fit_result& result)
                     {"subjects", model.subjects()},
                     {"observations", model.data().observations()},
                     {"doses", model.data().doses()},
-                    {"excluded", model.data().excluded}};
+                    {"excluded", model.data().excluded},
+                    {"left_out", model.data().left_out}};
   report["converged"] = result.converged;
   report["reason"] = result.reason;
   report["singular"] = result.singular;

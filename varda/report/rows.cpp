@@ -26,9 +26,10 @@ std::string rows_of(const population_model& model, const fit_result& result, int
   for (std::size_t k = 0; k < who.observations.size(); ++k) {
     const observation& at = who.observations[k];
     const auto j = static_cast<Eigen::Index>(k);
-    rows += fmt::format("{},{},{},{},{}", csv_field(who.id), at.time, at.value,
-                        model.specification().data.endpoints[static_cast<std::size_t>(at.endpoint)],
-                        censoring_flag(at.censored));
+    rows += fmt::format(
+        "{},{},{},{},{}", csv_field(who.id), at.time, at.value,
+        csv_field(model.specification().data.endpoints[static_cast<std::size_t>(at.endpoint)]),
+        censoring_flag(at.censored));
     rows += at.censored == censoring::interval ? cell(at.limit) : ",";
     rows += cell(p.population(j)) + cell(p.individual(j));
     rows += cell(p.residuals(j)) + cell(p.weighted_residuals(j));

@@ -17,6 +17,10 @@ std::string cell(double value) {
   return std::isfinite(value) ? fmt::format(",{}", value) : ",";
 }
 
+std::string dvid_field(const population_model& model, const observation& of) {
+  return csv_field(model.specification().data.endpoints[static_cast<std::size_t>(of.endpoint)]);
+}
+
 // Which columns of doses a data set needs.
 struct dose_columns {
   explicit dose_columns(const dataset& data) {
@@ -126,9 +130,7 @@ class row_writer {
     const double y = simulated.values(row, replicate);
     const int censored = y < range.lower ? 1 : y > range.upper ? -1 : 0;
     std::string fields;
-    if (several_endpoints())
-      fields += fmt::format(
-          ",{}", model_.specification().data.endpoints[static_cast<std::size_t>(o.endpoint)]);
+    if (several_endpoints()) fields += "," + dvid_field(model_, o);
     fields += cell(std::clamp(y, range.lower, range.upper)) + fmt::format(",{}", censored);
     return fields + cell(simulated.individual(row, replicate));
   }
@@ -136,7 +138,8 @@ class row_writer {
   std::string covariate_fields(const segment& in_force) const {
     std::string fields;
     if (model_.specification().data.occasions) fields += fmt::format(",{}", in_force.occasion + 1);
-    for (const double value : in_force.covariates) fields += cell(value);
+    for (const double value : in_force.covariates)
+      fields += std::isfinite(value) ? "," + csv_field(model_.data().covariate_text(value)) : ",";
     return fields;
   }
 
@@ -177,9 +180,7 @@ std::string predictions_csv(const population_model& wanted,
     for (std::size_t k = 0; k < who.observations.size(); ++k) {
       const observation& o = who.observations[k];
       const auto j = static_cast<Eigen::Index>(k);
-      table +=
-          fmt::format("{},{},{}", csv_field(who.id), o.time,
-                      wanted.specification().data.endpoints[static_cast<std::size_t>(o.endpoint)]);
+      table += fmt::format("{},{},{}", csv_field(who.id), o.time, dvid_field(wanted, o));
       table += cell(o.value) + cell(p.population(j)) + cell(p.individual(j)) + cell(p.lower(j)) +
                cell(p.upper(j)) + "\n";
     }

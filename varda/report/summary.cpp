@@ -300,6 +300,12 @@ void write_starts(sink out, const fit_result& result) {
   fmt::format_to(out, "  Start 0 has the stated values.\n");
 }
 
+std::string left_out(const dataset& data) {
+  if (data.left_out == 0) return "";
+  return fmt::format("; {} of {} rows left out (keep, drop)", data.left_out,
+                     data.left_out + data.records);
+}
+
 std::string plural(int count, const char* one, const char* several) {
   return fmt::format("{} {}", count, count == 1 ? one : several);
 }
@@ -330,8 +336,8 @@ std::string summary(const population_model& model, const fit_result& result) {
     fmt::format_to(out, "{}\n", wrapped(model.specification().title, 2));
   fmt::format_to(
       out, "{}\n\n",
-      wrapped(fmt::format("{} subjects, {} observations, {} doses ({})", model.subjects(),
-                          data.observations(), data.doses(), data.file),
+      wrapped(fmt::format("{} subjects, {} observations, {} doses ({}){}", model.subjects(),
+                          data.observations(), data.doses(), data.file, left_out(data)),
               2));
   write_verdict(out, result);
   write_likelihood(out, result);

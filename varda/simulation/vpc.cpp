@@ -79,8 +79,10 @@ class strata {
     const double median = percentile_of(values_, 0.5);
     values_.erase(std::unique(values_.begin(), values_.end()), values_.end());
     constexpr std::size_t most_values = 6;
-    if (values_.size() > most_values) values_ = {median, infinity};
+    const bool texts = data.is_text_covariate(static_cast<std::size_t>(position_));
+    if (values_.size() > most_values && !texts) values_ = {median, infinity};
     halved_ = values_.back() == infinity;
+    for (const double value : values_) texts_.push_back(data.covariate_text(value));
   }
 
   std::size_t count() const { return position_ < 0 ? 1 : values_.size(); }
@@ -91,7 +93,7 @@ class strata {
   }
   std::string name(std::size_t k) const {
     if (position_ < 0) return "";
-    if (!halved_) return fmt::format("{} {}", name_, values_[k]);
+    if (!halved_) return name_ + " " + texts_[k];
     return fmt::format("{} {} {}", name_, k == 0 ? "at most" : "above", values_.front());
   }
 
@@ -104,6 +106,7 @@ class strata {
   int position_ = -1;
   std::string name_;
   std::vector<double> values_;
+  std::vector<std::string> texts_;
   bool halved_ = false;
 };
 

@@ -13,7 +13,44 @@ std::string lower_case(std::string_view text) {
 }
 
 bool equal_ignoring_case(std::string_view a, std::string_view b) {
-  return lower_case(a) == lower_case(b);
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
+    return std::tolower(static_cast<unsigned char>(x)) ==
+           std::tolower(static_cast<unsigned char>(y));
+  });
+}
+
+std::string shortened(std::string_view text) {
+  constexpr std::size_t most = 60;
+  if (text.size() <= most) return std::string(text);
+  std::size_t end = most;
+  while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xc0U) == 0x80U) --end;
+  return std::string(text.substr(0, end)) + "...";
+}
+
+// Unicode 15, table 3-7: the bytes that may follow a first one.
+bool is_utf8(std::string_view text) {
+  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  for (std::size_t i = 0; i < text.size();) {
+    const unsigned first = byte(i);
+    const std::size_t length = first < 0x80   ? 1
+                               : first < 0xc2 ? 0
+                               : first < 0xe0 ? 2
+                               : first < 0xf0 ? 3
+                               : first < 0xf5 ? 4
+                                              : 0;
+    if (length == 0 || i + length > text.size()) return false;
+    for (std::size_t k = 1; k < length; ++k) {
+      unsigned least = 0x80;
+      unsigned most = 0xbf;
+      if (k == 1 && first == 0xe0) least = 0xa0;
+      if (k == 1 && first == 0xed) most = 0x9f;
+      if (k == 1 && first == 0xf0) least = 0x90;
+      if (k == 1 && first == 0xf4) most = 0x8f;
+      if (byte(i + k) < least || byte(i + k) > most) return false;
+    }
+    i += length;
+  }
+  return true;
 }
 
 namespace {

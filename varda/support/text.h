@@ -11,6 +11,13 @@ namespace varda {
 std::string lower_case(std::string_view text);
 bool equal_ignoring_case(std::string_view a, std::string_view b);
 
+// The text, or its first 60 bytes (whole characters of them) and "..." where it is longer: what is
+// shown of an input in a message.
+std::string shortened(std::string_view text);
+
+// Whether the bytes are well-formed UTF-8.
+bool is_utf8(std::string_view text);
+
 // Lines of at most this many characters are for a terminal.
 inline constexpr std::size_t terminal_columns = 80;
 

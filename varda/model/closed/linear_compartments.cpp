@@ -101,6 +101,7 @@ void linear_compartments::lay_out(const subject& who, bool constant, own_workspa
   own.steps.clear();
   own.kept.clear();
   const bool repeats = who.doses.size() > 1;
+  int in_force = 0;
   double change = who.timeline.empty() ? 0.0 : who.timeline.front().time;
   const auto place_of = [&](double time) {
     if (!repeats || !(time > 0.0)) return closed_step::not_kept;
@@ -122,12 +123,16 @@ void linear_compartments::lay_out(const subject& who, bool constant, own_workspa
         break;
       case event_kind::dose:
         step.what = kind::give;
+        if (const int set = who.doses[step.index].record_segment;
+            !constant && set >= 0 && set != in_force)
+          own.doses[step.index].set = static_cast<std::uint32_t>(set);
         break;
       case event_kind::reset:
         step.what = kind::reset;
         break;
       case event_kind::segment:
         step.what = kind::change;
+        in_force = e.index;
         break;
     }
     if (step.what != kind::observe) {

@@ -107,7 +107,13 @@ void equation_run::lay_out(const subject& who) {
         current.now.dosed = true;
         current.now.dose_time = d.time;
         current.now.dose = d.amount;
-        evaluate_dose(d, current.now, facts_[static_cast<std::size_t>(e.index)]);
+        // What is said at a record holds for its additional doses.
+        const bool additional = d.record_segment >= 0;
+        epoch at_record = current.now;
+        if (additional) at_record.segment = d.record_segment;
+        if (additional) at_record.dose_time = d.record_time;
+        evaluate_dose(d, at_record, additional ? d.record_time : d.time,
+                      facts_[static_cast<std::size_t>(e.index)]);
         break;
       }
       case event_kind::reset:
@@ -136,12 +142,12 @@ std::size_t equation_run::add_initial(const epoch& now, double time) {
   return tables_.initial.size() - 1;
 }
 
-void equation_run::evaluate_dose(const dose& d, const epoch& now, dose_facts& facts) {
+void equation_run::evaluate_dose(const dose& d, const epoch& now, double time, dose_facts& facts) {
   const auto state = static_cast<std::size_t>(d.compartment - 1);
   const auto evaluate = [&](dose_property what, bool zero_allowed) {
     if (!program_.has(what, state)) return;
     double* const row = new_rows(1);
-    formulas_.of_dose(what, state, now, d.time, row);
+    formulas_.of_dose(what, state, now, time, row);
     facts.rows[static_cast<std::size_t>(what)] = row;
     for (std::size_t j = 0; j < formulas_.count(); ++j)
       if (!(std::isfinite(row[j]) && (row[j] > 0.0 || (zero_allowed && row[j] == 0.0))))

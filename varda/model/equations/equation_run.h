@@ -65,7 +65,7 @@ class equation_run final : public structural_model::workspace, private script_so
                     std::size_t count, const std::vector<int>& positions,
                     const prediction_block& f);
   void lay_out(const subject& who);
-  void evaluate_dose(const dose& d, const epoch& now, dose_facts& facts);
+  void evaluate_dose(const dose& d, const epoch& now, double time, dose_facts& facts);
   std::size_t add_initial(const epoch& now, double time);
   double* new_rows(std::size_t rows);
   void list_tables();

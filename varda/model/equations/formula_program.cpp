@@ -7,7 +7,8 @@
 #include <map>
 #include <set>
 
-#include "varda/model/equations/expression.h"
+#include "varda/data/levels.h"
+#include "varda/formula/expression.h"
 #include "varda/support/finding.h"
 
 namespace varda {
@@ -93,6 +94,9 @@ class formula_program::compiler {
     std::set<std::string> used;
     for_each_formula([&](const formula_place& at) {
       const expression formula = at.read();
+      check_texts(at, formula, [&](const std::string& name) {
+        return !reserved_.contains(name) && !own.contains(name) && !offered.contains(name);
+      });
       for (const std::string& name : formula.names()) {
         if (reserved_.contains(name) || own.contains(name)) continue;
         if (used.insert(name).second && !offered.contains(name))
@@ -101,6 +105,22 @@ class formula_program::compiler {
     });
     for (const std::string& name : text_.parameters)
       if (used.contains(name)) program_.parameters_.push_back(name);
+  }
+
+  // Columns alone have texts, and nothing but a comparison can be done to one.
+  template <class IsColumn>
+  static void check_texts(const formula_place& at, const expression& formula, IsColumn is_column) {
+    std::size_t compared = 0;
+    for (const auto& [name, use] : formula.uses()) {
+      compared += use.texts.size();
+      if (!use.texts.empty() && !is_column(name))
+        throw at.error("E-MODEL-FORMULA",
+                       fmt::format("{} is a number and is compared with a text", name),
+                       "columns of the data set may hold texts");
+    }
+    if (compared != formula.texts().size())
+      throw at.error("E-MODEL-FORMULA", "a text stands where a number belongs",
+                     "a text can be compared with a column, by == or !=");
   }
 
   value add_input(leaf_kind kind, std::size_t index, unsigned moves_with) {
@@ -149,6 +169,9 @@ class formula_program::compiler {
       switch (n.kind) {
         case expression::node_kind::number:
           values.push_back(graph_.number(n.value));
+          break;
+        case expression::node_kind::text:
+          values.push_back(graph_.number(level_number(formula.texts()[n.name])));
           break;
         case expression::node_kind::name:
           values.push_back(variables[n.name]);

@@ -23,6 +23,9 @@ struct closed_dose {
   std::uint32_t compartment = 0;
   closed_input input = closed_input::at_once;
   bool delayed = false;  // lag time and bioavailability are for this dose
+  // The parameters that say how it enters, those in force or another set.
+  static constexpr std::uint32_t in_force = ~std::uint32_t{0};
+  std::uint32_t set = in_force;
 };
 
 // Doses, resets and new parameters are changes; what is between two of them counts its time from

@@ -556,8 +556,17 @@ class closed_walk {
   }
 
   void give(const closed_dose& d) {
-    const vec lag = d.delayed ? lag_time_ : vec{};
-    const vec amount = d.delayed ? all(d.amount) * bioavailability_ : all(d.amount);
+    vec own_lag = lag_time_, own_share = bioavailability_, own_duration = duration_,
+        own_rate = rate_;
+    if (d.set != closed_dose::in_force) {
+      const closed_parameters& own = problem_.sets[d.set];
+      own_lag = parameter(own.lag_time, 0.0);
+      own_share = parameter(own.bioavailability, 1.0);
+      own_duration = parameter(own.duration, 1.0);
+      own_rate = parameter(own.rate, 1.0);
+    }
+    const vec lag = d.delayed ? own_lag : vec{};
+    const vec amount = d.delayed ? all(d.amount) * own_share : all(d.amount);
     if (d.compartment == N) fed_ = true;
     const bool lasts = d.input != closed_input::at_once;
     vec duration{};
@@ -570,11 +579,11 @@ class closed_walk {
         duration = amount / rate;
         break;
       case closed_input::over_parameter:
-        duration = duration_;
+        duration = own_duration;
         rate = amount / duration;
         break;
       case closed_input::at_parameter:
-        rate = rate_;
+        rate = own_rate;
         duration = amount / rate;
         break;
     }

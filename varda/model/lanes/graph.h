@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "varda/model/lanes/operation.h"
+#include "varda/formula/operation.h"
 
 namespace varda {
 

@@ -12,8 +12,8 @@
 #include <cstdint>
 #include <string_view>
 
+#include "varda/formula/operation.h"
 #include "varda/model/lanes/closed_forms.h"
-#include "varda/model/lanes/operation.h"
 #include "varda/model/lanes/residuals.h"
 
 namespace varda {

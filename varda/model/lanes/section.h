@@ -7,8 +7,8 @@
 #include <functional>
 #include <vector>
 
+#include "varda/formula/operation.h"
 #include "varda/model/lanes/graph.h"
-#include "varda/model/lanes/operation.h"
 
 namespace varda {
 

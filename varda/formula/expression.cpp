@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "varda/model/equations/expression.h"
+#include "varda/formula/expression.h"
 
 #include <fmt/format.h>
 
@@ -21,6 +21,9 @@ namespace {
 
 bool is_digit(char c) {
   return std::isdigit(static_cast<unsigned char>(c)) != 0;
+}
+bool is_quote(char c) {
+  return c == '"' || c == '\'';
 }
 bool is_name_character(char c) {
   return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_';
@@ -187,6 +190,7 @@ class expression::reader {
     }
     if (is_digit(c) || c == '.') return literal();
     if (is_name_character(c)) return word();
+    if (is_quote(c)) return quoted();
     if (c == ')') {
       if (at_ > 0 && text_.find_last_not_of(" \t", at_ - 1) != std::string::npos &&
           text_[text_.find_last_not_of(" \t", at_ - 1)] != '(')
@@ -215,6 +219,16 @@ class expression::reader {
     at_ = static_cast<std::size_t>(end - text_.data());
     skip_blanks();
     return number(value);
+  }
+
+  operand quoted() {
+    const std::size_t begin = at_ + 1;
+    const std::size_t end = text_.find(text_[at_], begin);
+    if (end == std::string::npos) throw found("a quote that is not closed", "close the quote");
+    into_.texts_.push_back(text_.substr(begin, end - begin));
+    at_ = end + 1;
+    skip_blanks();
+    return add({.kind = node_kind::text, .name = into_.texts_.size() - 1});
   }
 
   operand word() {
@@ -301,6 +315,7 @@ class expression::reader {
   // An equals sign would assign to a variable.
   void refuse_assignment() const {
     for (std::size_t i = 0; i < text_.size(); ++i) {
+      if (is_quote(text_[i])) i = std::min(text_.find(text_[i], i + 1), text_.size() - 1);
       if (text_[i] != '=') continue;
       const bool comparison = i > 0 && std::string("<>!").find(text_[i - 1]) != std::string::npos;
       if (comparison) continue;
@@ -326,6 +341,29 @@ expression::expression(const std::string& text) {
       one.name = static_cast<std::size_t>(
           std::lower_bound(sorted.begin(), sorted.end(), names_[one.name]) - sorted.begin());
   names_ = std::move(sorted);
+}
+
+std::map<std::string, expression::use> expression::uses() const {
+  std::map<std::string, use> all;
+  std::vector<char> compared(nodes_.size(), 0);
+  const auto compare = [&](std::size_t a, std::size_t b) {
+    if (nodes_[a].kind != node_kind::name) return;
+    if (nodes_[b].kind == node_kind::text)
+      all[names_[nodes_[a].name]].texts.push_back(texts_[nodes_[b].name]);
+    else if (nodes_[b].kind != node_kind::number)
+      return;
+    compared[a] = 1;
+  };
+  for (const node& one : nodes_)
+    if (one.kind == node_kind::operation &&
+        (one.code == lane_code::equal || one.code == lane_code::not_equal)) {
+      compare(one.a, one.b);
+      compare(one.b, one.a);
+    }
+  for (std::size_t k = 0; k < nodes_.size(); ++k)
+    if (nodes_[k].kind == node_kind::name && compared[k] == 0)
+      all[names_[nodes_[k].name]].computes = true;
+  return all;
 }
 
 std::vector<std::string> formula_functions() {
