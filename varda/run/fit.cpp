@@ -246,14 +246,19 @@ void judge_identification(const newton_report& report, fit_result& result) {
            result);
 }
 
-// What is ahead of estimates that converged, by points that the fit has not used.
+// What is ahead of the estimates, by points that the fit has not used. An omega that is singular
+// far from any maximum is no finding of the data's.
 void judge_gain(const newton_report& report, fit_result& result) {
-  if (!result.converged) return;
-  if (report.gain - report.noise > most_gain_at_report)
+  if (!result.converged && result.singular.empty()) return;
+  const double sure = report.gain - report.noise;
+  if (sure > (result.converged ? most_gain_at_report : most_gain_for_errors)) {
+    result.singular.clear();
     return refuse(
         fmt::format("points that the fit has not used see {:.2g} still ahead in -2 log-likelihood",
-                    report.gain - report.noise),
+                    sure),
         result);
+  }
+  if (!result.converged) return;
   put_first(fmt::format("gain ahead {:.2g} +- {:.2g} in -2 log-likelihood on points that the fit "
                         "has not used",
                         report.gain, report.noise),
