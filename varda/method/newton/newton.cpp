@@ -192,7 +192,7 @@ bool newton_method::draw(const run_state& state, const draw_plan& plan, std::siz
   const thread_team& threads = host_.peers().threads();
   drawn.plan = plan;
   drawn.theta = host_.theta();
-  drawn.proposals = &state.newton.proposals;
+  drawn.proposals = state.newton.proposals;
   drawn.kept.assign(static_cast<std::size_t>(model.subjects()), {});
   std::vector<int> kept;
   std::size_t taken = 0;
@@ -249,8 +249,7 @@ draw_measure newton_method::measure(const whole_draw& drawn, const Eigen::Vector
     const auto own = static_cast<std::size_t>(i);
     worker_of_measure& worker = workers[static_cast<std::size_t>(w)];
     const bool kept = drawn.kept[own].phi.size() > 0;
-    if (!kept)
-      worker.drawer.draw(i, drawn.theta, (*drawn.proposals)[own], drawn.plan, worker.again);
+    if (!kept) worker.drawer.draw(i, drawn.theta, drawn.proposals[own], drawn.plan, worker.again);
     subject_measure& m = result.subjects[own];
     m = worker.sampler.measure(i, kept ? drawn.kept[own] : worker.again, drawn.theta, at, wanted,
                                worker.evaluations);

@@ -43,8 +43,8 @@ int points_factor(int random_effects);
 struct whole_draw {
   draw_plan plan;
   Eigen::VectorXd theta;  // where the predictions are made
-  // The state's, which stay while the draw is in use.
-  const std::vector<std::vector<draw_component>>* proposals = nullptr;
+  // Of every subject, as they were at the draw.
+  std::vector<std::vector<draw_component>> proposals;
   std::vector<subject_draw> kept;  // by subject; empty where nothing is kept
   // Directions of psi that are left alone: no step is taken along them and no gain seen there.
   std::vector<Eigen::VectorXd> left_alone;
