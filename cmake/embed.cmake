@@ -1,15 +1,19 @@
 # SPDX-License-Identifier: Apache-2.0
-#
-# cmake -DOUTPUT=FILE -DHEADER=... -DNAMES=a;b -DFILES=...;... -P embed.cmake
-# writes a source with a function for each file that returns its bytes, as the header declares.
-set(text "// Made by embed.cmake.\n#include \"${HEADER}\"\n\nnamespace varda {\n")
-foreach(name file IN ZIP_LISTS NAMES FILES)
-  file(READ ${file} bytes HEX)
-  string(REGEX REPLACE "(................................................................)" "\\1\n" bytes
-                       "${bytes}")
-  string(REGEX REPLACE "([0-9a-f][0-9a-f])" "0x\\1," bytes "${bytes}")
-  string(APPEND text "\nstatic const unsigned char ${name}_bytes[] = {\n${bytes}};\n"
-                "std::string_view ${name}() {\n"
-                "  return {reinterpret_cast<const char*>(${name}_bytes), sizeof ${name}_bytes};\n}\n")
-endforeach()
-file(WRITE ${OUTPUT} "${text}\n}  // namespace varda\n")
+
+# embed(TARGET HEADER NAMES a b FILES x y): an object library whose functions a() and b(), which the
+# header declares, return the bytes of the files. A target of its own, since the target of another
+# folder cannot depend on a file that is made here.
+function(embed target header)
+  cmake_parse_arguments(PARSE_ARGV 2 arg "" "" "NAMES;FILES")
+  set(source ${CMAKE_CURRENT_BINARY_DIR}/${target}.cpp)
+  set(script ${PROJECT_SOURCE_DIR}/cmake/write_bytes.cmake)
+  add_custom_command(
+    OUTPUT ${source}
+    COMMAND ${CMAKE_COMMAND} "-DOUTPUT=${source}" "-DHEADER=${header}" "-DNAMES=${arg_NAMES}"
+            "-DFILES=${arg_FILES}" -P ${script}
+    DEPENDS ${arg_FILES} ${script}
+    VERBATIM)
+  add_library(${target} OBJECT ${source})
+  target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR})
+  target_link_libraries(${target} PRIVATE build_flags)
+endfunction()

@@ -3,29 +3,8 @@
 #
 # The program from outside: exit statuses, output files, reproducibility.
 #   cli_test.sh VARDA SOURCE_FOLDER
-set -uo pipefail
-
-varda=$1
-example=$2/examples/theophylline
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-cp "$example"/theophylline.{toml,csv} "$work"
-cd "$work" || exit 1
-failures=0
-
-fail() {
-  echo "FAILED: $1"
-  failures=$((failures + 1))
-}
-
-# expect_status WANTED WHAT COMMAND...
-expect_status() {
-  local wanted=$1 what=$2
-  shift 2
-  "$@" >stdout 2>stderr </dev/null
-  local got=$?
-  [ "$got" -eq "$wanted" ] || fail "$what: status $got instead of $wanted: $(head -c 300 stderr)"
-}
+# shellcheck source=tests/varda/outside.sh
+. "$(dirname "$0")/outside.sh"
 
 same_results() {
   local file

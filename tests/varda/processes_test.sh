@@ -4,30 +4,9 @@
 # Several processes and threads from outside: the same bytes for any number of them, and ends in
 # order where something goes wrong.
 #   processes_test.sh VARDA SOURCE_FOLDER [MPIEXEC]
-set -uo pipefail
-
-varda=$1
-example=$2/examples/theophylline
+# shellcheck source=tests/varda/outside.sh
+. "$(dirname "$0")/outside.sh"
 mpiexec=${3:-}
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-cp "$example"/theophylline.{toml,csv} "$work"
-cd "$work" || exit 1
-failures=0
-
-fail() {
-  echo "FAILED: $1"
-  failures=$((failures + 1))
-}
-
-# expect_status WANTED WHAT COMMAND...
-expect_status() {
-  local wanted=$1 what=$2
-  shift 2
-  "$@" >stdout 2>stderr </dev/null
-  local got=$?
-  [ "$got" -eq "$wanted" ] || fail "$what: status $got instead of $wanted: $(head -c 600 stderr)"
-}
 
 same_results() {
   local file
