@@ -110,7 +110,8 @@ def main():
         print(f"{name}: exit status {run.returncode}, {seconds:.1f} s")
         if (folder / "out" / "fit.json").exists():
             result = json.loads((folder / "out" / "fit.json").read_text(encoding="utf-8"))
-            print("  " + json.dumps(result["times"]))
+            run_facts = json.loads((folder / "out" / "run.json").read_text(encoding="utf-8"))
+            print("  " + json.dumps(run_facts["seconds"] | {"evaluations": run_facts["evaluations"]}))
             for p in result["parameters"]:
                 print(f"  {p['name']}: {p['estimate']:.4f}, simulated with"
                       f" {MODELS[name]['typical'][p['name']]}")

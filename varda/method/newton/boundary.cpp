@@ -93,9 +93,9 @@ bool newton_method::maximise(run_state& state, int held, double hopeless, draw_m
     // Twice what is ahead, and three errors.
     const double within_reach = -2.0 * end.log_likelihood - 2.0 * end.gain - 3.0 * end.error;
     if (healthy && d > least_draws_of_a_trial && within_reach > hopeless) return true;
-    bool changed = false;
-    if (!healthy && !look_widely(state, end, changed)) return false;
-    if (changed) continue;
+    std::vector<int> repaired;
+    if (!healthy && !look_widely(state, end, repaired)) return false;
+    if (!repaired.empty()) continue;
     const ascent up = climb(drawn, psi, end, most_steps);
     if (engine_host::stopped()) return false;
     if (!take_force(state, up.psi)) return true;

@@ -22,8 +22,9 @@ constexpr int most_repairs = 4;  // of a subject's proposal: what does not help 
 }  // namespace
 
 // Looks for likelihood where the proposals have no points. A subject in which much lies outside, or
-// that is sick, is given a mode and a defensive component. `changed` tells of any.
-bool newton_method::look_widely(run_state& state, const draw_measure& found, bool& changed) const {
+// that is sick, is given a mode and a defensive component.
+bool newton_method::look_widely(run_state& state, const draw_measure& found,
+                                std::vector<int>& repaired) const {
   const population_model& model = host_.model();
   const parameter_values at(state.theta, state.omega);
   const Eigen::Index d = model.random_effects();
@@ -77,13 +78,13 @@ bool newton_method::look_widely(run_state& state, const draw_measure& found, boo
   for (const mode_finder& finder : finders) host_.count_evaluations(finder.evaluations());
   if (host_.agree_on_stop()) return false;
   host_.peers().gather(packed.data(), packed.rows(), packed.cols());
-  changed = false;
+  repaired.clear();
   state.newton.repairs.resize(static_cast<std::size_t>(model.subjects()), 0);
   for (int i = 0; i < model.subjects(); ++i) {
     int& repairs = state.newton.repairs[static_cast<std::size_t>(i)];
     if (packed(0, i) < 0.5 || repairs >= most_repairs) continue;
     ++repairs;
-    changed = true;
+    repaired.push_back(i);
     std::vector<draw_component>& own = state.newton.proposals[static_cast<std::size_t>(i)];
     const Eigen::VectorXd centre = packed.col(i).segment(1, d);
     const Eigen::MatrixXd covariance = packed.col(i).segment(1 + d, d * d).reshaped(d, d);

@@ -40,6 +40,10 @@ constexpr std::size_t memory_of_cheap_draws = 128UL << 20;
 // Of a measurement, put together by the processes in one go.
 constexpr Eigen::Index most_figures = 1 << 20;
 
+// Of the samples of a subject whose proposal is one normal density.
+constexpr double share_of_population = 0.125;
+
+constexpr int most_repairs_of_a_draw = 2;
 constexpr int most_newton_steps = 15;
 // A gain so many times its noise is worth a step whatever the state of the samples.
 constexpr double clear_gain = 10.0;
@@ -162,6 +166,21 @@ bool newton_method::start(run_state& state) const {
   return true;
 }
 
+// A conditional distribution can have the tails of the population where its data say little of a
+// parameter beyond some value: samples of the population among the others bound the weights there.
+std::vector<std::vector<draw_component>> newton_method::defended(
+    std::vector<std::vector<draw_component>> proposals) const {
+  Eigen::VectorXd mu(host_.model().random_effects());
+  const Eigen::MatrixXd factor = host_.omega().llt().matrixL();
+  for (std::size_t i = 0; i < proposals.size(); ++i) {
+    if (proposals[i].size() != 1) continue;
+    host_.model().means(static_cast<int>(i), host_.theta().data(), mu.data());
+    proposals[i].front().share = 1.0 - share_of_population;
+    proposals[i].push_back({share_of_population, mu, factor});
+  }
+  return proposals;
+}
+
 // Where there is no mode to be had the population serves.
 void newton_method::propose_from(const std::vector<normal_posterior>& modes,
                                  run_state& state) const {
@@ -189,10 +208,9 @@ bool newton_method::draw_once(const run_state& state, const point_pass& pass, in
 bool newton_method::draw(const run_state& state, const draw_plan& plan, std::size_t memory,
                          whole_draw& drawn) const {
   const population_model& model = host_.model();
-  const thread_team& threads = host_.peers().threads();
   drawn.plan = plan;
   drawn.theta = host_.theta();
-  drawn.proposals = state.newton.proposals;
+  drawn.proposals = defended(state.newton.proposals);
   drawn.kept.assign(static_cast<std::size_t>(model.subjects()), {});
   std::vector<int> kept;
   std::size_t taken = 0;
@@ -202,17 +220,39 @@ bool newton_method::draw(const run_state& state, const draw_plan& plan, std::siz
     kept.push_back(i);
     subject_drawer::make_room(model, i, plan, drawn.kept[static_cast<std::size_t>(i)]);
   }
+  draw_kept(kept, drawn);
+  return !engine_host::agree_on_stop();
+}
+
+// The samples of these subjects, for which there is room.
+void newton_method::draw_kept(const std::vector<int>& subjects, whole_draw& drawn) const {
+  const thread_team& threads = host_.peers().threads();
+  const int groups = drawn.plan.groups;
   std::vector<subject_drawer> drawers;
   for (int w = 0; w < threads.size(); ++w) drawers.emplace_back(host_.joint(), host_.points());
   // A few subjects have work for many threads, group by group.
-  threads.for_each(static_cast<int>(kept.size()) * plan.groups, [&](int item, int worker) {
+  threads.for_each(static_cast<int>(subjects.size()) * groups, [&](int item, int worker) {
     if (engine_host::stop_requested()) return;
-    const int subject = kept[static_cast<std::size_t>(item / plan.groups)];
+    const int subject = subjects[static_cast<std::size_t>(item / groups)];
     const auto at = static_cast<std::size_t>(subject);
-    drawers[static_cast<std::size_t>(worker)].draw_group(
-        subject, drawn.theta, state.newton.proposals[at], plan, item % plan.groups, drawn.kept[at]);
+    drawers[static_cast<std::size_t>(worker)].draw_group(subject, drawn.theta, drawn.proposals[at],
+                                                         drawn.plan, item % groups, drawn.kept[at]);
   });
   for (const subject_drawer& drawer : drawers) host_.count_evaluations(drawer.evaluations());
+}
+
+bool newton_method::mend(run_state& state, const Eigen::VectorXd& psi, whole_draw& drawn,
+                         draw_measure& found, bool& changed) const {
+  std::vector<int> repaired;
+  if (!look_widely(state, found, repaired)) return false;
+  changed = !repaired.empty();
+  if (!changed) return true;
+  drawn.proposals = defended(state.newton.proposals);
+  std::erase_if(repaired,
+                [&](int i) { return drawn.kept[static_cast<std::size_t>(i)].phi.size() == 0; });
+  draw_kept(repaired, drawn);
+  drawn.left_alone.clear();
+  found = measure(drawn, psi, detail::derivatives);
   return !engine_host::agree_on_stop();
 }
 
@@ -442,9 +482,9 @@ bool newton_method::settle(run_state& state) const {
       if (host_.model().observations(i) > 0 && is_sick(here.subjects[static_cast<std::size_t>(i)]))
         n.sick.push_back(i);
     if (here.finite) follow(here, n);
-    bool changed = false;
-    if (d > 1 && here.finite && !look_widely(state, here, changed)) return false;
-    if (d > 1 && n.sick.empty() && !changed) break;
+    std::vector<int> repaired;
+    if (d > 1 && here.finite && !look_widely(state, here, repaired)) return false;
+    if (d > 1 && n.sick.empty() && repaired.empty()) break;
   }
   return true;
 }
@@ -490,16 +530,7 @@ bool newton_method::advance(run_state& state) const {
   const Eigen::VectorXd psi = psi_in_force();
   draw_measure here = measure(drawn, psi, detail::derivatives);
   if (here.finite) leave_flat_alone(drawn, psi, here);
-  n.gain_ahead = here.gain;
-  n.noise = here.noise;
-  n.sick.clear();
-  n.most_failed = 0.0;
-  for (int i = 0; i < host_.model().subjects(); ++i) {
-    if (host_.model().observations(i) == 0) continue;
-    const subject_measure& m = here.subjects[static_cast<std::size_t>(i)];
-    if (is_sick(m)) n.sick.push_back(i);
-    n.most_failed = std::max(n.most_failed, m.failed);
-  }
+  note(here, n);
   state.records.push_back({n.draws, -2.0 * here.log_likelihood, state.theta, state.omega});
   if (!here.finite) {
     // Proposals that miss the posterior altogether: modes anew.
@@ -520,20 +551,22 @@ bool newton_method::advance(run_state& state) const {
   const int least = drawn.left_alone.empty() ? verdict_samples : trial_samples;
   const int most = points_factor_ * most_samples_of_a_draw;
   const bool enough = samples >= points_factor_ * least;
-  const bool arrived = here.gain - here.noise <= gain_limit && here.noise <= noise_limit;
-  if (enough && (!n.sick.empty() || (arrived && !n.checked))) {
-    bool changed = false;
-    if (!look_widely(state, here, changed)) return stopped();
+  const auto arrived = [&] {
+    return here.gain - here.noise <= gain_limit && here.noise <= noise_limit;
+  };
+  bool changed = enough && (!n.sick.empty() || (arrived() && !n.checked));
+  for (int repair = 0; changed && repair < most_repairs_of_a_draw; ++repair) {
+    if (!mend(state, psi, drawn, here, changed)) return stopped();
+    if (!here.finite) return true;
     n.checked = true;
-    if (changed) {
-      n.checked = false;
-      // What lies ahead may show all the same.
-      if (arrived || here.gain < clear_gain * here.noise) return true;
-    }
+    if (!changed) break;
+    leave_flat_alone(drawn, psi, here);
+    note(here, n);
+    state.records.back().minus2ll = -2.0 * here.log_likelihood;
   }
   const bool healthy = n.sick.empty();
   bool vain = false;
-  if (enough && arrived && healthy) {
+  if (enough && arrived() && healthy) {
     bool moved = false;
     if (!examine_boundary(state, here, moved)) return stopped();
     if (moved) return true;
@@ -579,6 +612,20 @@ bool newton_method::advance(run_state& state) const {
   state.theta = host_.theta();
   state.omega = host_.omega();
   return true;
+}
+
+// What a draw says of the end.
+void newton_method::note(const draw_measure& here, newton_state& n) const {
+  n.gain_ahead = here.gain;
+  n.noise = here.noise;
+  n.sick.clear();
+  n.most_failed = 0.0;
+  for (int i = 0; i < host_.model().subjects(); ++i) {
+    if (host_.model().observations(i) == 0) continue;
+    const subject_measure& m = here.subjects[static_cast<std::size_t>(i)];
+    if (is_sick(m)) n.sick.push_back(i);
+    n.most_failed = std::max(n.most_failed, m.failed);
+  }
 }
 
 std::string newton_method::moving(const run_state& state) const {

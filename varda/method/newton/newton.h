@@ -97,8 +97,12 @@ class newton_method final : public estimation_method {
   std::string names_along(const Eigen::VectorXd& direction) const;
 
   // Looks for likelihood where the proposals have no points, and repairs the proposals of subjects
-  // that are badly sampled. `changed` tells of any. Collective. False when a stop was asked for.
-  bool look_widely(run_state& state, const draw_measure& found, bool& changed) const;
+  // that are badly sampled: those of `repaired`. Collective. False when a stop was asked for.
+  bool look_widely(run_state& state, const draw_measure& found, std::vector<int>& repaired) const;
+  // The same, after which these subjects are drawn again and `found` is what the draw then says at
+  // psi. New points for all would find others that are badly sampled where there are many subjects.
+  bool mend(run_state& state, const Eigen::VectorXd& psi, whole_draw& drawn, draw_measure& found,
+            bool& changed) const;
 
  private:
   struct ascent {
@@ -108,6 +112,8 @@ class newton_method final : public estimation_method {
   };
   bool advance(run_state& state) const;
   bool start(run_state& state) const;
+  std::vector<std::vector<draw_component>> defended(
+      std::vector<std::vector<draw_component>> proposals) const;
   void propose_from(const std::vector<normal_posterior>& modes, run_state& state) const;
   ascent climb(const whole_draw& drawn, const Eigen::VectorXd& psi, const draw_measure& here,
                int most_steps) const;
@@ -116,6 +122,7 @@ class newton_method final : public estimation_method {
   void leave_flat_alone(whole_draw& drawn, const Eigen::VectorXd& psi, draw_measure& here) const;
   Eigen::VectorXd limited(const Eigen::VectorXd& step, const Eigen::VectorXd& psi) const;
   void follow(const draw_measure& found, newton_state& state) const;
+  void note(const draw_measure& here, newton_state& state) const;
   bool take_force(run_state& state, const Eigen::VectorXd& psi) const;
   bool leap_to(run_state& state, const Eigen::VectorXd& psi) const;
   bool examine_boundary(run_state& state, const draw_measure& found, bool& moved) const;
@@ -128,6 +135,7 @@ class newton_method final : public estimation_method {
   Eigen::VectorXd psi_in_force() const;
   bool draw(const run_state& state, const draw_plan& plan, std::size_t memory,
             whole_draw& drawn) const;
+  void draw_kept(const std::vector<int>& subjects, whole_draw& drawn) const;
 
   engine_host& host_;
   const estimation_settings& settings_;

@@ -79,15 +79,14 @@ newton_report report_at(engine_host& host, const newton_method& method, run_stat
   const Eigen::VectorXd psi = method.scale().of(host.theta(), host.omega());
   draw_measure found;
   whole_draw drawn;
-  for (int repair = 0; repair <= most_repairs; ++repair) {
-    if (!method.draw_once(state, {point_pass::purpose::report, repair}, replicates * samples,
-                          replicates, drawn))
-      return result;
-    found = method.measure(drawn, psi, detail::derivatives);
-    const bool healthy = std::none_of(found.subjects.begin(), found.subjects.end(), is_bad);
-    if (healthy || !found.finite || repair == most_repairs) break;
+  if (!method.draw_once(state, {point_pass::purpose::report, 0}, replicates * samples, replicates,
+                        drawn))
+    return result;
+  found = method.measure(drawn, psi, detail::derivatives);
+  for (int repair = 0; repair < most_repairs && found.finite; ++repair) {
     bool changed = false;
-    if (!method.look_widely(state, found, changed)) return result;
+    if (std::none_of(found.subjects.begin(), found.subjects.end(), is_bad)) break;
+    if (!method.mend(state, psi, drawn, found, changed)) return result;
     if (!changed) break;
   }
   if (engine_host::stopped()) return result;
