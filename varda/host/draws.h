@@ -18,7 +18,7 @@ namespace varda {
 
 // A normal density that samples are drawn from.
 struct draw_component {
-  double share = 1.0;      // of the samples; the shares sum to one
+  double share = 1.0;      // samples for one of the plan: shares may sum to more than one
   Eigen::VectorXd centre;  // in phi = C beta + eta
   Eigen::MatrixXd factor;  // lower Cholesky factor of its covariance
 
@@ -45,7 +45,10 @@ struct draw_plan {
   int first_group = 0;
   int groups = 1;
 
+  // Of a subject whose proposal is one component.
   int samples() const { return group_size * groups; }
+  // Of one that is drawn from these components, in a group.
+  int samples_of_group(const std::vector<draw_component>& from) const;
   // One of these groups (from 0) by itself.
   draw_plan alone(int group) const {
     return {pass, group_size, groups_of_pass, first_group + group, 1};
@@ -69,7 +72,8 @@ class subject_drawer {
 
   // The same group by group, those of a subject in any order and by any drawer, once there is room
   // for all. `group` counts from 0 in the plan.
-  static void make_room(const population_model& model, int subject, const draw_plan& plan,
+  static void make_room(const population_model& model, int subject,
+                        const std::vector<draw_component>& from, const draw_plan& plan,
                         subject_draw& drawn);
   void draw_group(int subject, const Eigen::VectorXd& theta,
                   const std::vector<draw_component>& from, const draw_plan& plan, int group,
@@ -87,6 +91,7 @@ class subject_drawer {
 };
 
 // What make_room takes.
-std::size_t bytes_of_draw(const population_model& model, int subject, const draw_plan& plan);
+std::size_t bytes_of_draw(const population_model& model, int subject,
+                          const std::vector<draw_component>& from, const draw_plan& plan);
 
 }  // namespace varda

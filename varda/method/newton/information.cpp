@@ -43,7 +43,7 @@ whole_draw group_of(const whole_draw& drawn, int group) {
   for (const subject_draw& s : drawn.kept) {
     subject_draw& part = result.kept.emplace_back();
     if (s.phi.size() == 0) continue;
-    const Eigen::Index size = drawn.plan.group_size;
+    const Eigen::Index size = s.phi.cols() / s.groups;
     part.phi = s.phi.middleCols(group * size, size);
     part.log_proposal = s.log_proposal.segment(group * size, size);
     part.predictions = s.predictions.middleRows(group * size, size);

@@ -40,8 +40,12 @@ constexpr std::size_t memory_of_cheap_draws = 128UL << 20;
 // Of a measurement, put together by the processes in one go.
 constexpr Eigen::Index most_figures = 1 << 20;
 
-// Of the samples of a subject whose proposal is one normal density.
-constexpr double share_of_population = 0.125;
+// Samples of a subject besides those of its normal density, as shares of these: of the population,
+// and of a wider normal density where the shape of the weights' tail has been above `heavy_tail`.
+constexpr double population_share = 0.0625;
+constexpr double heavy_tail = 0.5;
+constexpr double wide_share = 0.25;
+constexpr double wide_by = 2.0;
 
 constexpr int most_repairs_of_a_draw = 2;
 constexpr int most_newton_steps = 15;
@@ -167,18 +171,20 @@ bool newton_method::start(run_state& state) const {
 }
 
 // A conditional distribution can have the tails of the population where its data say little of a
-// parameter beyond some value: samples of the population among the others bound the weights there.
-std::vector<std::vector<draw_component>> newton_method::defended(
-    std::vector<std::vector<draw_component>> proposals) const {
+// parameter beyond some value, or heavy ones all around. The first do not show in the weights until
+// a sample falls there, one in a million of a trial's, so that every subject has samples of the
+// population; the others are met by a wider normal density. They bound the weights. Both are drawn
+// besides, which leaves the first component its net of points.
+std::vector<draw_component> newton_method::defended(const newton_state& state, int subject) const {
+  const auto own = static_cast<std::size_t>(subject);
+  std::vector<draw_component> result = state.proposals[own];
+  if (result.size() != 1) return result;
   Eigen::VectorXd mu(host_.model().random_effects());
-  const Eigen::MatrixXd factor = host_.omega().llt().matrixL();
-  for (std::size_t i = 0; i < proposals.size(); ++i) {
-    if (proposals[i].size() != 1) continue;
-    host_.model().means(static_cast<int>(i), host_.theta().data(), mu.data());
-    proposals[i].front().share = 1.0 - share_of_population;
-    proposals[i].push_back({share_of_population, mu, factor});
-  }
-  return proposals;
+  host_.model().means(subject, host_.theta().data(), mu.data());
+  result.push_back({population_share, mu, host_.omega().llt().matrixL()});
+  if (!state.tails.empty() && state.tails[own] > heavy_tail)
+    result.push_back({wide_share, result[0].centre, Eigen::MatrixXd(wide_by * result[0].factor)});
+  return result;
 }
 
 // Where there is no mode to be had the population serves.
@@ -210,15 +216,17 @@ bool newton_method::draw(const run_state& state, const draw_plan& plan, std::siz
   const population_model& model = host_.model();
   drawn.plan = plan;
   drawn.theta = host_.theta();
-  drawn.proposals = defended(state.newton.proposals);
+  drawn.proposals.clear();
+  for (int i = 0; i < model.subjects(); ++i) drawn.proposals.push_back(defended(state.newton, i));
   drawn.kept.assign(static_cast<std::size_t>(model.subjects()), {});
   std::vector<int> kept;
   std::size_t taken = 0;
   for (const int i : own_subjects(host_)) {
-    taken += bytes_of_draw(model, i, plan);
+    taken += bytes_of_draw(model, i, drawn.proposals[static_cast<std::size_t>(i)], plan);
     if (taken > memory) break;
     kept.push_back(i);
-    subject_drawer::make_room(model, i, plan, drawn.kept[static_cast<std::size_t>(i)]);
+    subject_drawer::make_room(model, i, drawn.proposals[static_cast<std::size_t>(i)], plan,
+                              drawn.kept[static_cast<std::size_t>(i)]);
   }
   draw_kept(kept, drawn);
   return !engine_host::agree_on_stop();
@@ -247,7 +255,8 @@ bool newton_method::mend(run_state& state, const Eigen::VectorXd& psi, whole_dra
   if (!look_widely(state, found, repaired)) return false;
   changed = !repaired.empty();
   if (!changed) return true;
-  drawn.proposals = defended(state.newton.proposals);
+  for (const int i : repaired)
+    drawn.proposals[static_cast<std::size_t>(i)] = defended(state.newton, i);
   std::erase_if(repaired,
                 [&](int i) { return drawn.kept[static_cast<std::size_t>(i)].phi.size() == 0; });
   draw_kept(repaired, drawn);
@@ -262,6 +271,7 @@ draw_measure newton_method::measure(const whole_draw& drawn, const Eigen::Vector
   const Eigen::Index p = scale_.size();
   const measure_point at(scale_, psi, host_.theta(), host_.omega());
   draw_measure result;
+  result.samples = drawn.plan.samples();
   result.gradient = Eigen::VectorXd::Zero(p);
   result.information = Eigen::MatrixXd::Zero(p, p);
   result.scatter = Eigen::MatrixXd::Zero(p, p);
@@ -477,10 +487,7 @@ bool newton_method::settle(run_state& state) const {
       return false;
     const draw_measure here = measure(drawn, psi_in_force(), detail::derivatives);
     state.records.push_back({d, -2.0 * here.log_likelihood, state.theta, state.omega});
-    n.sick.clear();
-    for (int i = 0; i < host_.model().subjects(); ++i)
-      if (host_.model().observations(i) > 0 && is_sick(here.subjects[static_cast<std::size_t>(i)]))
-        n.sick.push_back(i);
+    note(here, n);
     if (here.finite) follow(here, n);
     std::vector<int> repaired;
     if (d > 1 && here.finite && !look_widely(state, here, repaired)) return false;
@@ -620,10 +627,14 @@ void newton_method::note(const draw_measure& here, newton_state& n) const {
   n.noise = here.noise;
   n.sick.clear();
   n.most_failed = 0.0;
+  n.tails.resize(here.subjects.size(), -1.0);
   for (int i = 0; i < host_.model().subjects(); ++i) {
     if (host_.model().observations(i) == 0) continue;
-    const subject_measure& m = here.subjects[static_cast<std::size_t>(i)];
+    const auto own = static_cast<std::size_t>(i);
+    const subject_measure& m = here.subjects[own];
     if (is_sick(m)) n.sick.push_back(i);
+    if (here.samples >= points_factor_ * verdict_samples && std::isfinite(m.shape))
+      n.tails[own] = std::max(n.tails[own], m.shape);
     n.most_failed = std::max(n.most_failed, m.failed);
   }
 }

@@ -11,6 +11,7 @@ namespace varda {
 // The sum over the subjects of what their samples say.
 struct draw_measure {
   bool finite = false;
+  int samples = 0;  // a subject
   double log_likelihood = 0.0;
   double error = 0.0;  // standard error of -2 log-likelihood, pooled over subjects
   Eigen::VectorXd gradient;
@@ -112,8 +113,7 @@ class newton_method final : public estimation_method {
   };
   bool advance(run_state& state) const;
   bool start(run_state& state) const;
-  std::vector<std::vector<draw_component>> defended(
-      std::vector<std::vector<draw_component>> proposals) const;
+  std::vector<draw_component> defended(const newton_state& state, int subject) const;
   void propose_from(const std::vector<normal_posterior>& modes, run_state& state) const;
   ascent climb(const whole_draw& drawn, const Eigen::VectorXd& psi, const draw_measure& here,
                int most_steps) const;

@@ -20,6 +20,7 @@ struct newton_state {
   bool inflated = false;  // a stationary point near a singular omega has been left once
   std::vector<std::vector<draw_component>> proposals;  // by subject
   std::vector<int> repairs;                            // of each subject's proposal
+  std::vector<double> tails;  // of each subject's weights: the heaviest shape that has been seen
   // The last draw's verdict in figures.
   double gain_ahead = 0.0;
   double noise = 0.0;
@@ -33,7 +34,7 @@ struct newton_state {
 
   template <class A>
   void visit(A& archive) {
-    archive(started, draws, samples, vain, checked, removals, inflated, proposals, repairs,
+    archive(started, draws, samples, vain, checked, removals, inflated, proposals, repairs, tails,
             gain_ahead, noise, arrived, sick, most_failed, singular, indistinct, held, trouble);
   }
 };

@@ -123,7 +123,8 @@ newton_report report_at(engine_host& host, const newton_method& method, run_stat
     s.mean = packed.col(i).head(effects) - mu;
     s.covariance = packed.col(i).segment(effects, effects * effects).reshaped(effects, effects);
     s.scaled_squares = m.scaled_squares;
-    s.effective_samples = m.effective_share * samples;
+    s.effective_samples = m.effective_share *
+                          drawn.plan.samples_of_group(drawn.proposals[static_cast<std::size_t>(i)]);
     // Of one randomisation's points, as the effective samples are.
     s.largest_weight = std::min(m.largest_weight * replicates, 1.0);
     health = {m.effective_share, m.largest_weight, m.shape, m.failed, m.error, is_bad(m)};
