@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <bit>
 #include <chrono>
 #include <cmath>
 #include <limits>
@@ -120,6 +121,7 @@ void take_conclusion(const estimation_method& method, const run_state& state, fi
 // square root of their number beyond.
 constexpr int first_report_samples = 512;  // for up to four random effects
 constexpr int most_report_samples = 4096;
+constexpr int many_subjects = 1000;  // half as many will do: sums over subjects are better known
 constexpr double error_goal = 0.1;
 constexpr double subjects_of_goal = 200.0;
 // The report's points, none of which a fit has used, must not promise more than this.
@@ -131,20 +133,24 @@ double likelihood_goal(const population_model& model) {
   return error_goal * std::sqrt(std::max(1.0, model.subjects() / subjects_of_goal));
 }
 
-// Points a subject in each randomisation: of the first draw for the likelihood.
-int first_report_points(const population_model& model, task what) {
+// Points a subject in each randomisation for the likelihood, after a draw with `samples` of them or
+// at first (0). 0 where that draw is good enough. Errors fall with the number of points at least.
+int report_points_after(int samples, const likelihood_estimate& found,
+                        const population_model& model, task what) {
   const estimation_settings& settings = model.specification().estimation;
-  if (settings.likelihood_samples > 0) return settings.likelihood_samples;
-  const int samples = points_factor(model.random_effects()) * first_report_samples;
-  return what == task::evaluate ? std::max(samples, settings.samples) : samples;
-}
-
-// Whether a draw with twice the points is worth it.
-bool wants_more_points(const population_model& model, const likelihood_estimate& found,
-                       int samples) {
-  return model.specification().estimation.likelihood_samples == 0 && found.complete &&
-         found.mc_se > likelihood_goal(model) &&
-         2 * samples <= points_factor(model.random_effects()) * most_report_samples;
+  const int factor = points_factor(model.random_effects());
+  if (samples == 0) {
+    if (settings.likelihood_samples > 0) return settings.likelihood_samples;
+    const int first = factor * (model.subjects() < many_subjects ? first_report_samples
+                                                                 : first_report_samples / 2);
+    return what == task::evaluate ? std::max(first, settings.samples) : first;
+  }
+  const int most = factor * most_report_samples;
+  const double excess = found.mc_se / likelihood_goal(model);
+  if (settings.likelihood_samples > 0 || !found.complete || !(excess > 1.0) || 2 * samples > most)
+    return 0;
+  const int wanted = static_cast<int>(std::ceil(std::min(excess, 8.0)));
+  return std::min(samples * static_cast<int>(std::bit_ceil(static_cast<unsigned>(wanted))), most);
 }
 
 // The likelihood from points that nothing was tuned on.
@@ -540,7 +546,7 @@ class fit_run {
 
   bool draw_likelihood() {
     const int samples =
-        s_.report_samples == 0 ? first_report_points(model_, task::fit) : 2 * s_.report_samples;
+        report_points_after(s_.report_samples, s_.report.likelihood, model_, task::fit);
     announce(run_stage::likelihood,
              fmt::format("{} x {} points a subject", settings_.replicates, samples));
     run_state next = s_.verdict;
@@ -553,7 +559,7 @@ class fit_run {
       progress_({.stage = run_stage::likelihood,
                  .minus2ll = s_.report.likelihood.minus2ll,
                  .note = fmt::format("+- {:.2g}", s_.report.likelihood.mc_se)});
-    if (!wants_more_points(model_, s_.report.likelihood, samples)) conclude();
+    if (report_points_after(samples, s_.report.likelihood, model_, task::fit) == 0) conclude();
     reached(&timings::likelihood);
     return true;
   }
@@ -674,8 +680,9 @@ fit_result evaluate(engine_host& host, const progress_listener& progress) {
   bool going = settled;
   newton_report report;
   int samples = 0;
-  while (going && (samples == 0 || wants_more_points(model, report.likelihood, samples))) {
-    const int next = samples == 0 ? first_report_points(model, task::evaluate) : 2 * samples;
+  while (going) {
+    const int next = report_points_after(samples, report.likelihood, model, task::evaluate);
+    if (next == 0) break;
     progress({.stage = run_stage::likelihood,
               .note = fmt::format("{} x {} points a subject", replicates, next)});
     newton_report found = report_at(host, method, state, replicates, next);

@@ -422,19 +422,16 @@ newton_method::ascent newton_method::climb(const whole_draw& drawn, const Eigen:
     bool moved = false;
     for (int attempt = 0; attempt < 8 && !moved; ++attempt) {
       const Eigen::VectorXd to = limited(at.step / (1.0 + damping), result.psi);
-      const draw_measure there = measure(drawn, to, detail::value);
-      bool sound = there.finite && there.log_likelihood > at.log_likelihood;
-      for (std::size_t i = 0; i < there.subjects.size() && sound; ++i)
+      // What a first attempt finds is mostly what the next step needs.
+      draw_measure next = measure(drawn, to, attempt == 0 ? detail::derivatives : detail::value);
+      bool sound = next.finite && next.log_likelihood > at.log_likelihood;
+      for (std::size_t i = 0; i < next.subjects.size() && sound; ++i)
         if (host_.model().observations(static_cast<int>(i)) > 0)
-          sound = there.subjects[i].effective_share >=
+          sound = next.subjects[i].effective_share >=
                   std::min(least_effective_share * here.subjects[i].effective_share,
                            ample_samples / static_cast<double>(drawn.plan.samples()));
-      if (!sound) {
-        damping = damping == 0.0 ? 0.5 : 4.0 * damping + 1.0;
-        continue;
-      }
-      draw_measure next = measure(drawn, to, detail::derivatives);
-      if (!next.finite) {
+      if (sound && attempt > 0) next = measure(drawn, to, detail::derivatives);
+      if (!sound || !next.finite) {
         damping = damping == 0.0 ? 0.5 : 4.0 * damping + 1.0;
         continue;
       }
