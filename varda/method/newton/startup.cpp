@@ -104,6 +104,19 @@ std::vector<double> coarse_ladder() {
   return factors;
 }
 
+// Whether nothing that predictions or residual errors depend on directly tells the thetas apart.
+bool differ_in_means_alone(const population_model& model,
+                           const std::vector<Eigen::VectorXd>& thetas) {
+  for (std::size_t k = 0; k < model.thetas().size(); ++k) {
+    const fixed_effect& t = model.thetas()[k];
+    if (t.role != theta_role::residual_deviation && !t.moves_predictions()) continue;
+    const auto at = static_cast<Eigen::Index>(k);
+    for (const Eigen::VectorXd& theta : thetas)
+      if (theta(at) != thetas.front()(at)) return false;
+  }
+  return true;
+}
+
 // The fits of all subjects at the typical values, residual deviations scaled by the best of the
 // factors: a measure of start values that needs no random effects. One for each theta.
 std::vector<pooled_fit> pooled_fits(const engine_host& host, const participants& among,
@@ -114,23 +127,28 @@ std::vector<pooled_fit> pooled_fits(const engine_host& host, const participants&
   const auto rungs = static_cast<Eigen::Index>(factors.size());
   const auto count = static_cast<Eigen::Index>(thetas.size());
   Eigen::MatrixXd by_subject = Eigen::MatrixXd::Zero(rungs * count, model.subjects());
+  // Thetas that differ in nothing but the means of phi are individuals of one block.
+  const Eigen::Index at_once = differ_in_means_alone(model, thetas) ? count : 1;
   for_each_subject(host, among.own, static_cast<int>(count), [&](int i, int worker) {
-    Eigen::VectorXd mu(model.random_effects());
+    Eigen::MatrixXd phi(model.random_effects(), at_once);
     Eigen::MatrixXd f;
     Eigen::VectorXd objective;
     Eigen::VectorXd squares;
-    for (Eigen::Index c = 0; c < count; ++c) {
-      const Eigen::VectorXd& theta = thetas[static_cast<std::size_t>(c)];
-      model.means(i, theta.data(), mu.data());
-      host.joint().predict(i, theta.data(), mu, f, scratch[worker].densities);
-      ++scratch[worker].evaluations;
+    for (Eigen::Index first = 0; first < count; first += at_once) {
+      for (Eigen::Index c = 0; c < at_once; ++c)
+        model.means(i, thetas[static_cast<std::size_t>(first + c)].data(), phi.col(c).data());
+      const Eigen::VectorXd& theta = thetas[static_cast<std::size_t>(first)];
+      host.joint().predict(i, theta.data(), phi, f, scratch[worker].densities);
+      scratch[worker].evaluations += at_once;
       for (Eigen::Index r = 0; r < rungs; ++r) {
         Eigen::VectorXd scaled = theta;
         for (std::size_t k = 0; k < model.thetas().size(); ++k)
           if (is_free_scale(model.thetas()[k]))
             scaled(static_cast<Eigen::Index>(k)) *= factors[static_cast<std::size_t>(r)];
         host.joint().of_data(i, scaled.data(), f, objective, squares);
-        by_subject(rungs * c + r, i) = std::isfinite(objective(0)) ? objective(0) : 1e100;
+        for (Eigen::Index c = 0; c < at_once; ++c)
+          by_subject(rungs * (first + c) + r, i) =
+              std::isfinite(objective(c)) ? objective(c) : 1e100;
       }
     }
   });
