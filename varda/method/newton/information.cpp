@@ -66,7 +66,16 @@ void newton_method::judge_information(draw_measure& of, const Eigen::VectorXd& p
         (psi(k) <= e.lower && of.gradient(k) < 0.0) || (psi(k) >= e.upper && of.gradient(k) > 0.0);
     if (!held) free.push_back(k);
   }
-  const Eigen::MatrixXd information = of.information(free, free);
+  // Near a singular omega gradient and curvature by a deviation's logarithm vanish, and what the
+  // samples show of both is error: a curvature that is not above that of the gradient is no
+  // divisor.
+  Eigen::MatrixXd information = of.information(free, free);
+  for (Eigen::Index k = 0; k < information.rows(); ++k) {
+    const double error = std::sqrt(std::max(
+        of.scatter(free[static_cast<std::size_t>(k)], free[static_cast<std::size_t>(k)]), 0.0));
+    if (std::fabs(information(k, k)) < errors_of_nothing * error)
+      information(k, k) = errors_of_nothing * error;
+  }
   const Eigen::VectorXd unit = units_of(information);
   Eigen::MatrixXd scaled = scaled_by(unit, information);
   for (const Eigen::VectorXd& direction : left_alone) {

@@ -42,7 +42,7 @@ constexpr Eigen::Index most_figures = 1 << 20;
 
 // Samples of a subject besides those of its normal density, as shares of these: of the population,
 // and of a wider normal density where the shape of the weights' tail has been above `heavy_tail`.
-constexpr double population_share = 0.0625;
+constexpr double population_share = 0.125;
 constexpr double heavy_tail = 0.5;
 constexpr double wide_share = 0.25;
 constexpr double wide_by = 2.0;
