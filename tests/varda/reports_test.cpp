@@ -9,12 +9,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <Eigen/Cholesky>
 #include <cmath>
 #include <fstream>
 #include <iterator>
 #include <regex>
 
 #include "tests/varda/theophylline.h"
+#include "varda/diagnostics/decorrelation.h"
 #include "varda/diagnostics/npde.h"
 #include "varda/input/model_file.h"
 #include "varda/report/matrix_tables.h"
@@ -59,6 +61,41 @@ TEST(Npde, IsTheNormalScoreOfASingleObservation) {
     EXPECT_NEAR(normal_probability(score), below, 4.0 * std::sqrt(below * (1.0 - below) / 20000.0))
         << i;
   }
+}
+
+// Beside Eigen, at numbers of observations and simulations that fill no tile, one that does, and
+// one.
+TEST(Decorrelation, IsThatOfTheCholeskyFactorWithEveryKernel) {
+  for (const auto& [observations, simulations] :
+       {std::pair{1, 9}, std::pair{13, 61}, std::pair{16, 64}, std::pair{37, 50}}) {
+    Eigen::MatrixXd y(observations, simulations);
+    double state = 0.3;
+    for (double& value : y.reshaped()) value = (state = 3.9 * state * (1.0 - state));
+    for (Eigen::Index i = 1; i < y.rows(); ++i) y.row(i) += 0.7 * y.row(i - 1);
+    y.colwise() -= Eigen::VectorXd(y.rowwise().mean());
+    const Eigen::MatrixXd covariance = y * y.transpose() / (simulations - 1.0);
+    const Eigen::MatrixXd factor = covariance.llt().matrixL();
+    const Eigen::MatrixXd expected = factor.triangularView<Eigen::Lower>().solve(y);
+    const lane_kernel& narrow = *lane_kernel_named("sse2");
+    Eigen::MatrixXd found = y;
+    Eigen::MatrixXd found_factor;
+    ASSERT_TRUE(decorrelate(found, found_factor, narrow));
+    EXPECT_LT((found_factor - factor).cwiseAbs().maxCoeff(), 1e-12);
+    EXPECT_LT((found - expected).cwiseAbs().maxCoeff(), 1e-9);
+    if (const lane_kernel* wide = lane_kernel_named("avx2")) {
+      Eigen::MatrixXd again = y;
+      Eigen::MatrixXd again_factor;
+      ASSERT_TRUE(decorrelate(again, again_factor, *wide));
+      EXPECT_EQ(again, found);
+      EXPECT_EQ(again_factor, found_factor);
+    }
+  }
+  // Fewer simulations than observations tell nothing.
+  Eigen::MatrixXd few = Eigen::MatrixXd::Random(5, 3);
+  const Eigen::MatrixXd before = few;
+  Eigen::MatrixXd factor;
+  EXPECT_FALSE(decorrelate(few, factor));
+  EXPECT_EQ(few, before);
 }
 
 TEST(Npde, IsStandardNormalForDataThatTheModelMade) {

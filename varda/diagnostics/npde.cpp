@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "varda/diagnostics/npde.h"
 
-#include <Eigen/Cholesky>
 #include <algorithm>
 #include <cmath>
 #include <limits>
 #include <utility>
 
 #include "statsubs/estep/proposals.h"
+#include "varda/diagnostics/decorrelation.h"
 #include "varda/host/subjects.h"
 #include "varda/simulation/simulate.h"
 #include "varda/support/stop.h"
@@ -81,12 +81,8 @@ Eigen::VectorXd npde(const population_model& model, int subject, const Eigen::Ve
 
   const Eigen::VectorXd mean = y.rowwise().mean();
   y.colwise() -= mean;
-  Eigen::MatrixXd covariance = Eigen::MatrixXd::Zero(n, n);
-  covariance.selfadjointView<Eigen::Lower>().rankUpdate(y, 1.0 / static_cast<double>(y.cols() - 1));
-  const Eigen::LLT<Eigen::MatrixXd> llt(covariance);
-  if (llt.info() != Eigen::Success) return unknown;
-  const Eigen::MatrixXd factor = llt.matrixL();
-  factor.triangularView<Eigen::Lower>().solveInPlace(y);
+  Eigen::MatrixXd factor;
+  if (!decorrelate(y, factor)) return unknown;
 
   // Forward substitution, in which a censored observation takes its place before the next.
   Eigen::VectorXd decorrelated = Eigen::VectorXd::Zero(n);

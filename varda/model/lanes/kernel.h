@@ -66,6 +66,17 @@ struct linear_lanes {
   static constexpr std::size_t most_states = 4;
 };
 
+// c(r, j) + sum over k of a(r, k) b(k, j) for a few rows r and lane_quantum columns j, the sum in
+// the order of k.
+struct product_tile {
+  static constexpr std::size_t rows = 4;
+  double* c = nullptr;  // a row each, c_stride apart
+  std::size_t c_stride = 0;
+  const double* a = nullptr;  // all rows of one k together, a_stride apart
+  std::size_t a_stride = 0;
+  const double* b = nullptr;  // the columns of one k together, lane_quantum apart
+};
+
 struct lane_kernel {
   const char* name;
 
@@ -118,6 +129,9 @@ struct lane_kernel {
   void (*residuals)(const residual_problem& problem);
 
   void (*exponentials)(const double* from, double* to, std::size_t count);
+
+  // c becomes the sum.
+  void (*add_products)(const product_tile& tile, std::size_t inner);
 };
 
 // The set chosen when the program began: the widest that the processor has, or the one that

@@ -596,6 +596,7 @@ void propagate(const linear_lanes& system, double* x, const double* time, const 
 }
 
 #include "varda/model/lanes/closed_forms_body.h"
+#include "varda/model/lanes/products_body.h"
 #include "varda/model/lanes/residuals_body.h"
 
 }  // namespace
@@ -607,6 +608,7 @@ constinit const lane_kernel VARDA_KERNEL = {
     choose_steps, measure_errors,
     finish_steps, near_limit,
     propagate,    {closed_forms<1>, closed_forms<2>, closed_forms<3>},
-    residuals,    exponentials};
+    residuals,    exponentials,
+    add_products};
 
 }  // namespace varda
