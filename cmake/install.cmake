@@ -123,10 +123,12 @@ install(
   FILES LICENSE CHANGELOG.md CITATION.cff
   DESTINATION ${CMAKE_INSTALL_DOCDIR}
   COMPONENT documentation)
+# The scripts beside the examples need the source tree.
 install(
   DIRECTORY docs examples
   DESTINATION ${CMAKE_INSTALL_DOCDIR}
-  COMPONENT documentation)
+  COMPONENT documentation
+  PATTERN "*.sh" EXCLUDE)
 
 if(PROJECT_IS_TOP_LEVEL)
   add_custom_target(

@@ -17,7 +17,8 @@ namespace fs = std::filesystem;
 class scratch_folder : public testing::Environment {
  public:
   void SetUp() override {
-    std::string name = (fs::temp_directory_path() / "statsubs-test-XXXXXX").string();
+    const std::string placeholder(6, 'X');
+    std::string name = (fs::temp_directory_path() / ("statsubs-test-" + placeholder)).string();
     if (!::mkdtemp(name.data())) throw std::runtime_error("cannot make the folder " + name);
     scratch_ = name;
     before_ = fs::current_path();
