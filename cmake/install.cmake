@@ -102,8 +102,17 @@ endforeach()
 if(VARDA)
   install(TARGETS varda RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT varda)
   configure_file(varda/cli/varda.1.in ${PROJECT_BINARY_DIR}/varda.1 @ONLY)
+  # `man varda-fit` and its like show the same page.
+  set(manual_pages ${PROJECT_BINARY_DIR}/varda.1)
+  file(STRINGS ${PROJECT_SOURCE_DIR}/varda/cli/varda.1.in commands REGEX "^\\.B varda [a-z]+$")
+  list(REMOVE_DUPLICATES commands)
+  foreach(command IN LISTS commands)
+    string(REGEX REPLACE "^.* " "" command "${command}")
+    file(WRITE ${PROJECT_BINARY_DIR}/varda-${command}.1 ".so man1/varda.1\n")
+    list(APPEND manual_pages ${PROJECT_BINARY_DIR}/varda-${command}.1)
+  endforeach()
   install(
-    FILES ${PROJECT_BINARY_DIR}/varda.1
+    FILES ${manual_pages}
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
     COMPONENT varda)
   install(

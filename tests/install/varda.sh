@@ -17,6 +17,7 @@ tasks=$("$varda" --help | sed -n '/^Subcommands:/,$ s/^  \([a-z]*\) .*/\1/p')
 [ "$(wc -w <<< "$tasks")" -ge 2 ]
 for task in $tasks; do
   grep -q "^\.B varda $task$" "$man" || { echo "$task is not in the man page"; exit 1; }
+  [ -e "${man%.1}-$task.1" ] || { echo "man varda-$task shows nothing"; exit 1; }
   for file in "$bash_completion" "$zsh_completion"; do
     grep -qw -- "$task" "$file" || { echo "$task is not in $file"; exit 1; }
   done
