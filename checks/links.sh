@@ -2,9 +2,9 @@
 # SPDX-License-Identifier: Apache-2.0
 #
 # Follows the links of the documents: links.sh SOURCE_DIR. Each leads to a file, and a part after # to a
-# heading there; what is installed leads to what is installed; the site's navigation and docs/index.md
-# have every page; and the documents that sources and man pages speak of are there. Prints what is wrong
-# and fails.
+# heading there; what is installed leads to what is installed, and pages of the site to pages of the
+# site; the site's navigation and docs/index.md have every page; and the documents that sources and man
+# pages speak of are there. Prints what is wrong and fails.
 set -eu
 
 work=$(mktemp -d)
@@ -40,13 +40,12 @@ dead_links() (
     if [ -n "$anchor" ] && ! anchors_of "$file" | grep -qxF -e "$anchor"; then
       echo "$page: $target: no such heading"
     fi
-    case $page in
-      docs/* | examples/*)
-        case $(realpath --relative-to=. "$file") in
-          docs | docs/* | examples | examples/* | LICENSE | CHANGELOG.md | CITATION.cff) ;;
-          *) echo "$page: $target is not installed" ;;
-        esac
-        ;;
+    case $page:$(realpath --relative-to=. "$file") in
+      docs/*:docs | docs/*:docs/* | docs/*:examples) ;;
+      docs/*:*.md) echo "$page: $target is not in the site" ;;
+      docs/*:examples/* | examples/*:docs/* | examples/*:examples/*) ;;
+      docs/*:LICENSE | docs/*:CITATION.cff | examples/*:LICENSE | examples/*:CHANGELOG.md) ;;
+      docs/*:* | examples/*:*) echo "$page: $target is not installed" ;;
     esac
   done
 )
