@@ -111,9 +111,9 @@ def numbers(rows, field):
     return [float(row[field]) for row in rows if row[field] not in ("", None)]
 
 
-HEAD = ["problem", "reference -2LL", "fits", "status 0", "lies > 0.05", "lies > 0.2",
+HEAD = ["problem", "reference -2LL", "fits", "status 0", "false > 0.05", "false > 0.2",
         "false singular", "at reference", "better", "other maximum", "refused", "excess median",
-        "excess worst", "cost median", "cost 90 %", "worst stated-error ratio", "seconds median"]
+        "excess worst", "cost median", "cost 90 %", "worst error ratio", "seconds median"]
 
 
 def summary(name, reference, rows):

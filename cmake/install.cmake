@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 #
-# What `cmake --install` puts where, in three components: the shared library, what is needed to
-# build against it, and varda.
+# What `cmake --install` puts where, in four components: the shared library, what is needed to build
+# against it, varda, and the documents with the examples.
 include(CMakePackageConfigHelpers)
 
 set(statsubs_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/statsubs)
@@ -87,17 +87,32 @@ endforeach()
 if(STATSUBS_CHECKED)
   set(STATSUBS_PC_CFLAGS " -DSTATSUBS_CHECKED")
 endif()
-configure_file(cmake/statsubs.pc.in ${PROJECT_BINARY_DIR}/statsubs.pc @ONLY)
-install(
-  FILES ${PROJECT_BINARY_DIR}/statsubs.pc
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
-  COMPONENT development)
+set(pkg_config_files statsubs)
+if(TARGET statsubs_fortran)
+  list(APPEND pkg_config_files statsubs-fortran)
+endif()
+foreach(name IN LISTS pkg_config_files)
+  configure_file(cmake/${name}.pc.in ${PROJECT_BINARY_DIR}/${name}.pc @ONLY)
+  install(
+    FILES ${PROJECT_BINARY_DIR}/${name}.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+    COMPONENT development)
+endforeach()
 
 if(VARDA)
   install(TARGETS varda RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT varda)
   configure_file(varda/cli/varda.1.in ${PROJECT_BINARY_DIR}/varda.1 @ONLY)
+  # `man varda-fit` and its like show the same page.
+  set(manual_pages ${PROJECT_BINARY_DIR}/varda.1)
+  file(STRINGS ${PROJECT_SOURCE_DIR}/varda/cli/varda.1.in commands REGEX "^\\.B varda [a-z]+$")
+  list(REMOVE_DUPLICATES commands)
+  foreach(command IN LISTS commands)
+    string(REGEX REPLACE "^.* " "" command "${command}")
+    file(WRITE ${PROJECT_BINARY_DIR}/varda-${command}.1 ".so man1/varda.1\n")
+    list(APPEND manual_pages ${PROJECT_BINARY_DIR}/varda-${command}.1)
+  endforeach()
   install(
-    FILES ${PROJECT_BINARY_DIR}/varda.1
+    FILES ${manual_pages}
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
     COMPONENT varda)
   install(
@@ -112,6 +127,23 @@ if(VARDA)
     COMPONENT varda)
 endif()
 
+# Documents point to each other and to the examples by relative paths, so they keep their places.
+install(
+  FILES LICENSE CHANGELOG.md CITATION.cff
+  DESTINATION ${CMAKE_INSTALL_DOCDIR}
+  COMPONENT documentation)
+# The scripts beside the examples need the source tree.
+install(
+  DIRECTORY docs examples
+  DESTINATION ${CMAKE_INSTALL_DOCDIR}
+  COMPONENT documentation
+  PATTERN "*.sh" EXCLUDE)
+
 if(PROJECT_IS_TOP_LEVEL)
+  add_custom_target(
+    uninstall
+    COMMAND ${CMAKE_COMMAND} -D BUILD=${CMAKE_BINARY_DIR} -P
+            ${PROJECT_SOURCE_DIR}/cmake/uninstall.cmake
+    VERBATIM)
   include(cmake/package.cmake)
 endif()

@@ -32,16 +32,15 @@ const char* const opening =
 
 # The shared state
 
-What the routines of the library and the host know of each other's work stands in five shared modules,
-namespaces of `statsubs` in C++. There is one copy per process. A routine's header lists what it reads
-and what it writes.
+The library's routines and the host share their state in five modules, which are namespaces of `statsubs` in
+C++. There is one copy per process. A routine's header lists what it reads and what it writes.
 
 Integers are `int`, reals `double`; a name has 100 characters, padded with blanks, without a
 terminating zero. Arrays are column-major and their subscripts count from 1. An array belongs to the
-host, which binds its storage before the first routine that uses it (the customary place is
-[allocateglobalarrays](callables/allocateglobalarrays.md)) and keeps it alive; those marked as the
-library's storage, and everything in `bdsobl`, are not bound. How C and Fortran reach the variables
-stands in [linking](linking.md).
+host, which binds its storage before the first routine that uses it (usually in
+[allocateglobalarrays](callables/allocateglobalarrays.md)) and keeps it valid; arrays marked as the
+library's storage, and everything in `bdsobl`, are not bound. [Linking](linking.md) shows how C and Fortran
+reach the variables.
 )";
 
 std::string row(const shared_variable& v) {

@@ -29,7 +29,7 @@ evaluate() {
   "$varda" evaluate "$work/agq.toml" --output "$work/out" --quiet >/dev/null
 }
 
-echo "| nodes | points a subject | worst subject | sum | seconds |"
+echo "| nodes | points per subject | worst subject | sum | seconds |"
 echo "|---|---|---|---|---|"
 for nodes in ${*:-1 3 5 7 9 11 15 21 31}; do
   seconds=$(for _ in 1 2 3 4 5; do

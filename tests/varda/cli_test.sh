@@ -58,7 +58,7 @@ sed 's/^file = .*/file = "late.csv"/' theophylline.toml >late.toml
 "$varda" fit combined.toml --quiet >/dev/null
 "$varda" fit late.toml --quiet >/dev/null
 expect_status 0 "a comparison" "$varda" compare one combined-out late-out --nested
-grep -q '^NOT COMPARABLE WITH THE ABOVE: other observations: 120 instead of 132' stdout ||
+grep -q '^NOT COMPARABLE WITH THE ABOVE: different observations: 120 instead of 132' stdout ||
   fail "other observations are not told apart"
 tr -s ' \n' ' ' <stdout | grep -q 'on the boundary, 0: p = ' || fail "no remark on the boundary"
 [ -z "$(awk 'length > 80' stdout)" ] || fail "a comparison is wider than 80 columns"
@@ -106,7 +106,7 @@ grep -q '"converged": false' short/fit.json || fail "fit.json of an unfinished f
 # -2 log density of subject 1 at the start values by the closed form in Python.
 expect_status 0 "a check" "$varda" check theophylline.toml
 grep -Eq '^  1 +11 +74\.5249$' stdout || fail "the first evaluation is wrong: $(cat stdout)"
-grep -q '^Sound: 0 errors, 0 warnings' stdout || fail "no verdict of the check"
+grep -q '^OK: 0 errors, 0 warnings' stdout || fail "no verdict of the check"
 expect_status 0 "a check as JSON" "$varda" check theophylline.toml --json
 grep -q '"dose_records": 12' stdout || fail "the JSON has no data summary"
 sed 's/2.84/many/; s/10\.5/more/; s/^2,0.27,/2,8:30,/' theophylline.csv >wrong.csv

@@ -77,9 +77,9 @@ TEST(Compare, RunsOnOtherObservationsStandApart) {
   ASSERT_EQ(c.groups.size(), 4U);
   EXPECT_THAT(c.groups[0].runs, testing::ElementsAre(0, 5));
   EXPECT_THAT(c.groups[1].runs, testing::ElementsAre(1, 4));
-  EXPECT_EQ(c.groups[1].apart, "other observations: 19 instead of 20");
-  EXPECT_EQ(c.groups[2].apart, "other observations: as many, but not the same");
-  EXPECT_EQ(c.groups[3].apart, "other doses for the same observations");
+  EXPECT_EQ(c.groups[1].apart, "different observations: 19 instead of 20");
+  EXPECT_EQ(c.groups[2].apart, "different observations, the same number of them");
+  EXPECT_EQ(c.groups[3].apart, "the same observations after different doses");
   EXPECT_EQ(c.groups[0].tests.size(), 1U);
 }
 
@@ -133,18 +133,18 @@ Run                      -2LL MC error  est.       AIC  BIC obs. BIC subj.
   base               100.0000   0.2500     3   106.000   109.000   101.500
   models/with-a-long-name *
                       94.0000   0.2500     4   102.000   106.000    96.000
-  stopped *         not known
-  * not converged: what stands here is not at a maximum
+  stopped *           unknown
+  * not converged, so not at a maximum
 
-Less base
+Difference from base
   models/with-a-long-name *
                       -6.0000   0.2000    +1    -4.000    -3.000    -5.500
-  stopped *         not known
+  stopped *           unknown
 
-Likelihood-ratio tests, the models taken to be nested
+Likelihood-ratio tests, assuming that the models are nested
   base within models/with-a-long-name: chi-square 6.0000 (Monte Carlo error
     0.2000), 1 degree of freedom, p = 0.0143 (0.0115 to 0.0179 within 1.96 Monte
-    Carlo errors). The test does not hold: a run has not converged.
+    Carlo errors). The test is not valid: a run has not converged.
 
 Estimate (RSE)                     base ...with-a-long-name             stopped
   CL                         3 (12.5 %)       3.25 (10.0 %)          3 (12.5 %)
@@ -156,7 +156,7 @@ Verdicts
   models/with-a-long-name: NOT CONVERGED; made up
   stopped: NOT CONVERGED; stopped on request
 
-NOT COMPARABLE WITH THE ABOVE: other observations: as many, but not the same
+NOT COMPARABLE WITH THE ABOVE: different observations, the same number of them
 
 20 observations of 3 subjects
 Run                      -2LL MC error  est.       AIC  BIC obs. BIC subj.

@@ -386,7 +386,7 @@ TEST(StandardErrors, NoneForAParameterAtItsBound) {
   });
   const varda::fit_result result = test::fit(model, false);
   EXPECT_TRUE(result.errors.chosen().empty());
-  EXPECT_EQ(result.errors.reason, "a parameter lies at its bound");
+  EXPECT_EQ(result.errors.reason, "a parameter is at its bound");
   EXPECT_TRUE(result.converged);
   EXPECT_THAT(output.lines(), testing::Contains(" Warning: parameter value near bound"));
   EXPECT_THAT(output.lines(),

@@ -269,7 +269,7 @@ TEST(NewtonMethod, NamesParametersThatTheDataDoNotTellApart) {
   EXPECT_FALSE(result.converged);
   // V = CL / k goes with CL.
   EXPECT_THAT(result.unidentified, testing::ElementsAre("CL, V, S"));
-  EXPECT_THAT(result.reason, testing::StartsWith("the data do not tell CL, V, S apart"));
+  EXPECT_THAT(result.reason, testing::StartsWith("the data cannot distinguish CL, V, S"));
   EXPECT_NEAR(result.likelihood.minus2ll, 360.7, 0.03);
   const standard_errors& errors = result.errors;
   EXPECT_EQ(errors.place_of_theta(1), -1);

@@ -113,7 +113,7 @@ for damage in 's/starts/stxrts/' '1s/1$/2/' '$d'; do
 done
 cp kept.part/run.state out.part/run.state
 expect_status 0 "another fit in the folder" "$varda" fit newton.toml --output out --seed 7 --quiet
-tr -d '\n' <stderr | grep -Eq 'is *given up' || fail "nothing is said of the state that was given up: $(cat stderr)"
+tr -d '\n' <stderr | grep -Eq 'is *discarded' || fail "nothing is said of the state that was discarded: $(cat stderr)"
 [ -e out.part ] && fail "the state that was given up stays"
 
 # A stop leaves results so far, and the state beside them.
@@ -130,7 +130,7 @@ kill -HUP "$pid"
 wait "$pid"
 [ $? -eq 3 ] || fail "a stop leaves another status: $(cat stderr)"
 [ -s out/run.state ] && [ -s out/fit.json ] || fail "a stop leaves no results or no state"
-grep -q -- '--resume goes on' stdout || fail "page one does not say how to go on"
+grep -q -- 'To continue, .* --resume' stdout || fail "page one does not say how to go on"
 expect_status 2 "a stopped fit anew" "$varda" fit long.toml --output out
 "$varda" fit long.toml --output out --quiet --resume >stdout 2>stderr
 "$varda" fit long.toml --output undisturbed --quiet >stdout 2>stderr

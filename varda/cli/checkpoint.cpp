@@ -23,8 +23,8 @@ constexpr const char* version_entry = "version of varda";
 
 bad_input damaged(const std::filesystem::path& path, const std::string& why) {
   return bad_input({.code = "E-RUN-STATE",
-                    .message = "the state of the run cannot be taken up: " + why,
-                    .remedy = "remove the file and start anew, without --resume",
+                    .message = "the fit cannot be resumed: " + why,
+                    .remedy = "remove the file and start again without --resume",
                     .file = path.string()});
 }
 
@@ -64,8 +64,8 @@ saved_fit take_up(const std::string& output, const job& peers) {
   if (!content)
     throw bad_input(
         {.code = "E-RUN-RESUME",
-         .message = "there is no unfinished fit to take up",
-         .remedy = "leave --resume out, or name the folder of the fit that was killed or stopped",
+         .message = "there is no unfinished fit to resume",
+         .remedy = "omit --resume, or give the folder of the fit that was killed or stopped",
          .file = output});
   saved_fit result;
   try {
@@ -73,8 +73,9 @@ saved_fit take_up(const std::string& output, const job& peers) {
     result.of = saved.of;
     const std::string here = this_version();
     if (version_of(saved.of) != here)
-      throw std::runtime_error(fmt::format("it is from version {} of varda, and this is {}",
-                                           version_of(saved.of), here));
+      throw std::runtime_error(
+          fmt::format("it was written by version {} of varda, and this is version {}",
+                      version_of(saved.of), here));
     std::istringstream in(saved.body);
     archive_reader from(in);
     from(result.session, result.state);
@@ -89,8 +90,8 @@ void check_same(const saved_fit& saved, const manifest& origin, const std::strin
   if (other.empty()) return;
   throw bad_input(
       {.code = "E-RUN-RESUME",
-       .message = fmt::format("the unfinished fit is another one: {}", fmt::join(other, ", ")),
-       .remedy = "undo the change, or start anew without --resume",
+       .message = fmt::format("the unfinished fit is a different one: {}", fmt::join(other, ", ")),
+       .remedy = "undo the change, or start again without --resume",
        .file = output});
 }
 
@@ -106,18 +107,19 @@ std::string check_leftover(const std::string& output, const manifest& origin) {
   const std::vector<std::string> other = differences(of, identity_of(origin));
   if (other.empty())
     throw bad_input({.code = "E-RUN-UNFINISHED",
-                     .message = "this fit was begun before and has not ended",
-                     .remedy = "add --resume to take it up, or remove the file to start anew",
+                     .message = "this fit was started before and is unfinished",
+                     .remedy = "add --resume to continue it, or remove the file to start again",
                      .file = left->path.string()});
   if (origin.task != "fit")
     throw bad_input({.code = "E-RUN-UNFINISHED",
                      .message = "the folder holds an unfinished fit",
                      .remedy = "choose another folder with --output, or remove the file",
                      .file = left->path.string()});
-  return wrapped(fmt::format("varda: the unfinished fit in {} is another one, and is given up; it "
-                             "differs in {}",
-                             left->path.parent_path().string(), fmt::join(other, ", ")),
-                 2) +
+  return wrapped(
+             fmt::format("varda: the unfinished fit in {} is a different one and is discarded; it "
+                         "differs in {}",
+                         left->path.parent_path().string(), fmt::join(other, ", ")),
+             2) +
          "\n";
 }
 
@@ -151,8 +153,9 @@ void checkpointer::keep(fit_state& state, bool stopped) {
     folder_->keep_state(content);
   } catch (const std::exception& error) {
     if (!told_)
-      std::fputs(fmt::format("varda: the state of the fit is not kept: {}\n", error.what()).c_str(),
-                 stderr);
+      std::fputs(
+          fmt::format("varda: the state of the fit cannot be saved: {}\n", error.what()).c_str(),
+          stderr);
     told_ = true;
   }
 }

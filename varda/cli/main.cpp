@@ -24,18 +24,20 @@
 namespace {
 
 void describe(CLI::App* command, varda::source_request& request) {
-  command->add_option("model", request.path, "model file, or the folder of a fit")->required();
-  command->add_option("--data", request.data, "another data set");
-  command->add_option("-o,--output", request.output, "file (CSV) instead of standard output");
-  command->add_option("--seed", request.seed, "instead of the model's or the fit's")
+  command->add_option("model", request.path, "model file, or output folder of a fit")->required();
+  command->add_option("--data", request.data, "use this data set instead");
+  command->add_option("-o,--output", request.output,
+                      "write CSV to this file, not to standard output");
+  command->add_option("--seed", request.seed, "override the seed of the model or fit")
       ->check(CLI::Range(1, std::numeric_limits<int>::max()));
-  command->add_option("--threads", request.threads, "threads (the results are the same)")
+  command
+      ->add_option("--threads", request.threads, "number of threads; results do not depend on it")
       ->check(CLI::Range(1, 1024));
 }
 
 void describe(CLI::App* command, varda::simulate_request& request) {
   describe(command, request.from);
-  command->add_option("-n,--replicates", request.replicates, "simulations of the whole data set")
+  command->add_option("-n,--replicates", request.replicates, "number of simulated data sets")
       ->check(CLI::Range(1, 1000000));
   command->add_flag("--uncertainty", request.uncertainty,
                     "draw parameters from the estimates' covariance");
@@ -43,30 +45,35 @@ void describe(CLI::App* command, varda::simulate_request& request) {
 
 void describe(CLI::App* command, varda::predict_request& request) {
   describe(command, request.from);
-  command->add_option("--times", request.times, "FROM:TO:STEP or a list, else the data's rows");
-  command->add_option("--samples", request.samples, "samples behind a subject's band")
+  command->add_option("--times", request.times,
+                      "FROM:TO:STEP or a list; default: times of the data");
+  command->add_option("--samples", request.samples, "samples for each subject's band")
       ->check(CLI::Range(100, 10000000));
 }
 
 void describe(CLI::App* command, varda::vpc_request& request) {
   describe(command, request.from);
-  command->add_option("-n,--replicates", request.replicates, "simulations of the whole data set")
+  command->add_option("-n,--replicates", request.replicates, "number of simulated data sets")
       ->check(CLI::Range(1, 1000000));
   command->add_flag("--uncertainty", request.uncertainty,
                     "draw parameters from the estimates' covariance");
   command->add_flag("--prediction-corrected", request.prediction_corrected,
-                    "correct every value by the prediction in its bin");
-  command->add_flag("--time-after-dose", request.time_after_dose, "instead of time");
-  command->add_option("--bins", request.bins, "how many, or their edges with commas between");
-  command->add_option("--stratify", request.stratify, "a panel for each value of a covariate");
+                    "correct each value for the prediction in its bin");
+  command->add_flag("--time-after-dose", request.time_after_dose, "use time after dose");
+  command->add_option("--bins", request.bins, "number of bins, or their edges: 0,2,8,24");
+  command->add_option("--stratify", request.stratify, "one panel for each value of this covariate");
 }
 
 void describe(CLI::App* command, varda::report_request& request) {
-  command->add_option("folder", request.folder, "folder of a run")->required();
-  command->add_option("-o,--output", request.output, "file, else report.html in the folder");
-  command->add_option("-n,--replicates", request.replicates, "simulations behind the checks")
+  command->add_option("folder", request.folder, "output folder of a fit or evaluation")->required();
+  command->add_option("-o,--output", request.output,
+                      "report file; default: report.html in the folder");
+  command
+      ->add_option("-n,--replicates", request.replicates,
+                   "simulations for the visual predictive check")
       ->check(CLI::Range(20, 100000));
-  command->add_option("--threads", request.threads, "threads (the results are the same)")
+  command
+      ->add_option("--threads", request.threads, "number of threads; results do not depend on it")
       ->check(CLI::Range(1, 1024));
 }
 
@@ -79,27 +86,27 @@ std::string meant(const CLI::App& app, int argc, char** argv) {
     names.push_back(command->get_name());
   }
   const std::string near = varda::did_you_mean(argv[1], names);
-  return fmt::format("varda: there is no command '{}'{}\n", argv[1],
+  return fmt::format("varda: unknown command '{}'{}\n", argv[1],
                      near.empty() ? fmt::format("; the commands are {}", fmt::join(names, ", "))
                                   : fmt::format("; did you mean '{}'?", near));
 }
 
 void describe(CLI::App* command, const std::string& folder, varda::run_request& request) {
   command->add_option("model", request.model_path, "model file (TOML)")->required();
-  command->add_option("-o,--output", request.output_path, "folder for the results, else " + folder);
-  command->add_option("--from", request.from, "folder of a fit whose estimates to start at");
+  command->add_option("-o,--output", request.output_path, "output folder; default: " + folder);
+  command->add_option("--from", request.from, "start at the estimates of the fit in this folder");
   for (const std::string name : {"seed", "samples", "threads"}) {
     const varda::whole_number_setting& row = varda::whole_number_called(name);
     command
         ->add_option_function<int>(
             "--" + name, [&request, name](int value) { request.overrides[name] = value; },
-            "instead of the model file's estimation." + name)
+            "override estimation." + name + " of the model file")
         ->check(CLI::Range(row.least, row.most));
   }
-  command->add_flag("--report", request.report, "write report.html into the folder");
-  command->add_flag("-q,--quiet", request.quiet, "no progress");
+  command->add_flag("--report", request.report, "also write report.html");
+  command->add_flag("-q,--quiet", request.quiet, "do not show progress");
   command->add_flag("--records", request.records_to_terminal,
-                    "print the library's records, no records.txt");
+                    "print the library's records instead of saving them");
 }
 
 void say(const std::string& line) {
@@ -107,42 +114,40 @@ void say(const std::string& line) {
 }
 
 int run_program(int argc, char** argv, varda::job& peers) {
-  CLI::App app("Exact maximum likelihood for nonlinear mixed-effects models", "varda");
+  CLI::App app("Maximum likelihood for nonlinear mixed-effects models", "varda");
   app.set_version_flag("--version", std::string("varda ") + varda::version);
   app.require_subcommand(1);
   app.get_formatter()->column_width(28);
   varda::run_request request;
-  CLI::App* fit = app.add_subcommand("fit", "estimate the parameters");
-  CLI::App* evaluate = app.add_subcommand("evaluate", "the exact likelihood at the start values");
-  CLI::App* check = app.add_subcommand("check", "all that can be known before a fit");
+  CLI::App* fit = app.add_subcommand("fit", "estimate the parameters of a model");
+  CLI::App* evaluate = app.add_subcommand("evaluate", "compute the likelihood at the start values");
+  CLI::App* check = app.add_subcommand("check", "check model and data without fitting");
   varda::check_request inspected;
   check->add_option("model", inspected.model_path, "model file (TOML)")->required();
   check->add_flag("--json", inspected.json, "print JSON instead of text");
   CLI::App* comparing = app.add_subcommand("compare", "compare runs: criteria, tests, estimates");
   varda::compare_request compared;
-  comparing->add_option("folders", compared.folders, "folders of runs; the first is compared with")
+  comparing->add_option("folders", compared.folders, "output folders; the first is the reference")
       ->required();
   comparing->add_flag("--nested", compared.nested, "likelihood-ratio tests against the first run");
   comparing->add_flag("--json", compared.json, "print JSON instead of text");
   varda::selftest_request tested;
-  CLI::App* testing = app.add_subcommand("selftest", "does this installation find what it should?");
+  CLI::App* testing = app.add_subcommand("selftest", "test this installation");
   testing->add_flag("--json", tested.json, "print JSON instead of text");
-  testing->add_flag("-q,--quiet", tested.quiet, "no progress");
+  testing->add_flag("-q,--quiet", tested.quiet, "do not show progress");
   varda::report_request reported;
-  describe(app.add_subcommand("report", "one HTML file with the results and their drawings"),
-           reported);
+  describe(app.add_subcommand("report", "write results and plots to one HTML file"), reported);
   varda::simulate_request simulated;
   varda::predict_request predicted;
   varda::vpc_request checked;
-  CLI::App* simulate = app.add_subcommand("simulate", "data as the model would make them");
-  CLI::App* predict = app.add_subcommand("predict", "predictions of the population and subjects");
-  CLI::App* vpc = app.add_subcommand("vpc", "visual predictive check");
+  CLI::App* simulate = app.add_subcommand("simulate", "simulate data sets from a model");
+  CLI::App* predict = app.add_subcommand("predict", "predict for the population and for subjects");
+  CLI::App* vpc = app.add_subcommand("vpc", "compute a visual predictive check");
   describe(simulate, simulated);
   describe(predict, predicted);
   describe(vpc, checked);
   describe(fit, "MODEL-out", request);
-  fit->add_flag("--resume", request.resume,
-                "take up the fit in the folder that was killed or stopped")
+  fit->add_flag("--resume", request.resume, "continue the fit that was killed or stopped")
       ->excludes("--from");
   describe(evaluate, "MODEL-evaluation", request);
   try {
@@ -178,7 +183,7 @@ int run_program(int argc, char** argv, varda::job& peers) {
   if (!peers.any(varda::stop_requested()))
     varda::write_report({.folder = request.output_path}, peers);
   else if (peers.is_root())
-    say(fmt::format("varda: stopped before the report; varda report {} writes it",
+    say(fmt::format("varda: stopped before the report; run `varda report {}` to write it",
                     request.output_path));
   return ended;
 }
@@ -198,7 +203,7 @@ int run_with_peers(int argc, char** argv, varda::job& peers) {
   } catch (const std::exception& error) {
     say(fmt::format("varda: {}", error.what()));
   } catch (...) {
-    say("varda: an exception of no known kind");
+    say("varda: unknown exception");
   }
   if (peers.size() > 1) peers.abort(varda::exit_status::failure);
   return varda::exit_status::failure;

@@ -16,9 +16,9 @@ void check_data(const stored_fit& fit) {
   const std::optional<std::string> bytes = read_from_disk(fit.about.data_path);
   if (bytes && sha256(*bytes) == fit.about.data_sha256) return;
   throw bad_input({.code = "E-RUN-DATA",
-                   .message = bytes ? "the data file is not the one that the fit has seen"
+                   .message = bytes ? "the data file has changed since the fit"
                                     : "the data file of the fit cannot be read",
-                   .remedy = "fit again, or name a data set with --data",
+                   .remedy = "fit again, or give a data set with --data",
                    .file = fit.about.data_path});
 }
 
@@ -28,7 +28,7 @@ double value_of(const std::string& name, const std::vector<std::string>& names,
   if (at == names.end())
     throw bad_input({.code = "E-RUN-FOLDER",
                      .message = "the fit has no estimate of " + name,
-                     .remedy = "the data may have levels or occasions that the fit has not seen",
+                     .remedy = "the data may have levels or occasions that the fit did not have",
                      .file = folder});
   return values(at - names.begin());
 }

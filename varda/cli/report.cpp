@@ -18,7 +18,7 @@ exit_status write_report(const report_request& request, const job& peers) {
     if (!std::filesystem::is_directory(request.folder))
       throw bad_input({.code = "E-RUN-FOLDER",
                        .message = "there is no such folder",
-                       .remedy = "name a folder that varda fit or varda evaluate wrote",
+                       .remedy = "give a folder that varda fit or varda evaluate has written",
                        .file = request.folder});
     const model_source source(request.folder, {});
     const population_model model(source.specification(), source.data());

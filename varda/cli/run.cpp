@@ -93,7 +93,7 @@ void take_start_values(const run_request& request, const file_access& files, beg
       fit.quantities.push_back({name, estimate, false, {}});
   const std::vector<std::string> taken = start_from(fit, file);
   from.started = wrapped(fmt::format("Start values from {}: {}\n", session.from,
-                                     taken.empty() ? "none, no name is the same"
+                                     taken.empty() ? "none, since no name is the same"
                                                    : fmt::format("{}", fmt::join(taken, ", "))),
                          2);
 }
@@ -257,7 +257,7 @@ exit_status run(const run_request& request, job& peers) {
     folder->add("run.json", run_json(result, request.command));
     if (!keeper.at_stop().empty()) {
       folder->add(state_name, keeper.at_stop());
-      page += "\n" + wrapped("Stopped: the same command with --resume goes on from here.\n", 2);
+      page += "\n" + wrapped("Stopped. To continue, run the same command with --resume.\n", 2);
     }
     folder->add("page_one.txt", page);
     if (!records.text().empty()) folder->add("records.txt", records.text());

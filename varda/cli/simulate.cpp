@@ -77,8 +77,8 @@ std::vector<drawn_parameters> parameters_of(const model_source& source,
   if (!uncertainty) return {at};
   if (!source.fit())
     throw bad_input({.code = "E-SIM-UNCERTAINTY",
-                     .message = "a model file has no uncertain estimates",
-                     .remedy = "name the folder of a fit, or leave --uncertainty out",
+                     .message = "a model file has no estimates, hence no uncertainty",
+                     .remedy = "give the folder of a fit, or omit --uncertainty",
                      .file = model.specification().path});
   int again = 0;
   auto drawn = draw_parameters(model, at, source.fit()->covariance_names, source.fit()->covariance,

@@ -121,11 +121,11 @@ ratio_test test_of(const std::vector<stored_fit>& runs, int first, int other,
 
 std::string reason_apart(const stored_fit& run, const stored_fit& first) {
   if (run.observations != first.observations)
-    return fmt::format("other observations: {} instead of {}", run.observations,
+    return fmt::format("different observations: {} instead of {}", run.observations,
                        first.observations);
   if (run.about.observations_sha256 != first.about.observations_sha256)
-    return "other observations: as many, but not the same";
-  return "other doses for the same observations";
+    return "different observations, the same number of them";
+  return "the same observations after different doses";
 }
 
 bool together(const stored_fit& a, const stored_fit& b) {

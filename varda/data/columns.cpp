@@ -26,7 +26,7 @@ std::string remedy_for(const std::string& text, role of) {
     return "write the time as a number: 8:30 is 8.5 in hours";
   if (of == role::dv && text.starts_with('<'))
     return "write the limit of quantification into DV and 1 into a column CENS";
-  return "write a plain number, or '.' where it is missing";
+  return "write a plain number, or '.' for a missing value";
 }
 
 std::string list_of(const std::vector<std::string>& columns) {

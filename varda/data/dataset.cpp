@@ -83,7 +83,7 @@ class file_reader {
       if (numbers.contains(level_number(named))) continue;
       const std::string near = did_you_mean(named, known);
       odd_.say(
-          "W-DATA-LEVEL", fmt::format("no record has the level {}, which a formula names", named),
+          "W-DATA-LEVEL", fmt::format("a formula names the level {}, which no record has", named),
           near.empty()
               ? known.size() <= 20 ? fmt::format("the levels are {}", fmt::join(known, ", ")) : ""
               : "did you mean " + near + "?",

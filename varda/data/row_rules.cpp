@@ -185,14 +185,15 @@ class row_formula {
           [&](const std::string& column) { return equal_ignoring_case(column, name); });
       if (at == table.header.end()) {
         const std::string near = did_you_mean(name, table.header);
-        throw bad_input({.code = "E-DATA-COLUMN",
-                         .message = fmt::format("data.{} uses {}, which is no column", name_, name),
-                         .remedy = near.empty() ? "use the names of the header" +
-                                                      std::string(", or define it above")
-                                                : "did you mean " + near + "?",
-                         .file = table.file,
-                         .row = table.header_line,
-                         .column = name});
+        throw bad_input(
+            {.code = "E-DATA-COLUMN",
+             .message = fmt::format("data.{} uses {}, which is not a column", name_, name),
+             .remedy = near.empty()
+                           ? "use the names of the header" + std::string(", or define it above")
+                           : "did you mean " + near + "?",
+             .file = table.file,
+             .row = table.header_line,
+             .column = name});
       }
       columns_.push_back(static_cast<int>(at - table.header.begin()));
     }
@@ -252,7 +253,7 @@ class rules {
       for (const std::string& column : table.header)
         if (equal_ignoring_case(column, line.name))
           throw bad_input({.code = "E-DATA-HEADER",
-                           .message = "data.define computes a column that the file has",
+                           .message = "data.define computes a column that the file already has",
                            .remedy = "give the computed column another name",
                            .file = table.file,
                            .row = table.header_line,
@@ -304,15 +305,16 @@ class rules {
   void refuse(const row_formula& formula, const cell& value, const csv_table::record& record) {
     const bool known = value.column >= 0;
     const auto at = static_cast<std::size_t>(value.column);
-    errors_.add(
-        {.code = "E-DATA-NUMBER",
-         .message = known ? fmt::format("'{}' is not a number", shortened(record.fields[at]))
-                          : "a text stands where a number belongs",
-         .remedy =
-             fmt::format("data.{} computes with it: compare a text, by == or !=", formula.name()),
-         .file = table_.file,
-         .row = record.line,
-         .column = known ? table_.header[at] : "data." + formula.name()});
+    errors_.add({.code = "E-DATA-NUMBER",
+                 .message = known
+                                ? fmt::format("'{}' is not a number", shortened(record.fields[at]))
+                                : "a text where a number is expected",
+                 .remedy = fmt::format(
+                     "data.{} computes with this column; a text can only be compared, by == or !=",
+                     formula.name()),
+                 .file = table_.file,
+                 .row = record.line,
+                 .column = known ? table_.header[at] : "data." + formula.name()});
   }
 
   csv_table& table_;

@@ -32,9 +32,10 @@ int event_of(const record_view& from) {
   if (evid < observation_event || evid > reset_and_dose_event)
     throw from.error(
         "E-DATA-EVENT", fmt::format("EVID {} has no meaning", evid),
-        evid < 100 ? "0 is an observation, 1 a dose, 2 another event, 3 a reset, 4 a reset and dose"
-                   : "of codes with the compartment in their digits those of doses are read: 101, "
-                     "201, 10101",
+        evid < 100
+            ? "0 is an observation, 1 a dose, 2 another event, 3 a reset, 4 a reset and dose"
+            : "of the codes with the compartment in their digits, those of doses are read: 101, "
+              "201, 10101",
         role::evid);
   return evid;
 }

@@ -207,7 +207,8 @@ void run_folder::hold() {
   held_ = ::open(part_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (held_ < 0) refuse(part_.string() + ": " + reason_of(errno), "choose another folder");
   if (::flock(held_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK)
-    refuse_and_close("another run is writing to it", "choose another folder, or wait for its end");
+    refuse_and_close("another run is writing to it",
+                     "choose another folder, or wait until it has ended");
   const std::string stranger = tidy(part_, path_, state_is::wanted);
   if (!stranger.empty())
     refuse_and_close(fmt::format("{} holds {}, which no run wrote", part_.string(), stranger),
@@ -220,7 +221,7 @@ void run_folder::check_old(const std::string& task, const std::vector<std::strin
   old_ = manifest_of(path_.string()).value_or(manifest());
   if (old_.task == "fit" && task != "fit")
     refuse(
-        "it holds a fit, which is not replaced by anything but a fit",
+        "it holds a fit, which only another fit may replace",
         fmt::format("choose another folder, --output {}-{} say", path_.filename().string(), task));
   std::vector<std::string> wanted = names;
   wanted.emplace_back(manifest_name);

@@ -14,7 +14,7 @@ void job::use_threads(int wanted) {
   if (count == 1 && wanted == 1)
     why_one_thread_ = "no more were asked for";
   else if (count == 1 && size_ > 1)
-    why_one_thread_ = "that is this process's share of the cores";
+    why_one_thread_ = "this process's share of the cores";
   else if (count == 1)
     why_one_thread_ = "this process may use a single core";
   threads_ = std::make_unique<thread_team>(count);

@@ -43,10 +43,10 @@ void refuse_strangers(int met) {
     if (std::atoi(count) <= 1) return;
     throw bad_input(
         {.code = "E-RUN-LAUNCHER",
-         .message = fmt::format("a launcher has started {} processes that cannot meet each other: "
+         .message = fmt::format("a launcher has started {} processes that cannot communicate: "
                                 "each would do the whole run",
                                 std::atoi(count)),
-         .remedy = "start varda without the launcher, or a build with the launcher's own MPI"});
+         .remedy = "start varda without the launcher, or use a build with the launcher's MPI"});
   }
 }
 

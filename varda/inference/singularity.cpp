@@ -290,7 +290,7 @@ bool singularity_watch::vanishes(engine_host& host, const vanishing_direction& d
 
 std::string singularity_watch::reason() const {
   return fmt::format(
-      "omega is becoming singular: {}; the likelihood does not fall on the way there",
+      "omega is becoming singular: {}; the likelihood does not decrease towards the singularity",
       fmt::join(tendencies_, ", "));
 }
 

@@ -105,10 +105,11 @@ int informative_subjects(const population_model& model) {
 covariance_estimate invert_scores(const population_model& model, const Eigen::MatrixXd& scores) {
   const int informative = informative_subjects(model);
   if (informative <= scores.rows())
-    return {false,
-            fmt::format("{} subjects do not give {} parameters a score matrix of full rank",
-                        informative, scores.rows()),
-            {}};
+    return {
+        false,
+        fmt::format("{} subjects are too few for a score matrix of full rank with {} parameters",
+                    informative, scores.rows()),
+        {}};
   if (const auto covariance = inverse_of(scores)) return {true, "", *covariance};
   return {false, "the score matrix is singular", {}};
 }
@@ -173,11 +174,11 @@ void compare_kinds(const population_model& model, standard_errors& result) {
     result.warnings.push_back(
         {.level = severity::warning,
          .code = "W-RUN-ERRORS-DISAGREE",
-         .message = "sandwich standard errors differ from those of the information by the factors "
-                    "shown, more than chance explains: " +
+         .message = "sandwich and information standard errors differ by the factors shown, more "
+                    "than chance explains: " +
                     apart,
-         .remedy = "the residual error or the distribution of a random effect may not be as the "
-                   "model says: look at NPDE and individual residuals"});
+         .remedy = "the residual error model or the distribution of a random effect may be wrong: "
+                   "look at NPDE and individual residuals"});
 }
 
 }  // namespace
@@ -256,7 +257,7 @@ standard_errors nothing_yet(engine_host& host, const estimation_scale& scale) {
   if (scale.size() == 0)
     result.reason = "every parameter is fixed";
   else if (is_at_bound(host))
-    result.reason = "a parameter lies at its bound";
+    result.reason = "a parameter is at its bound";
   return result;
 }
 

@@ -248,7 +248,7 @@ class inspection {
       if (constant)
         odd_.say("W-DATA-CONSTANT",
                  fmt::format("the covariate is {} in all records", data_.covariate_text(value)),
-                 "the data cannot tell its effect",
+                 "its effect cannot be estimated",
                  {.file = data_.file, .column = data_.covariate_names[k]});
     }
   }

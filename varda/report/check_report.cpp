@@ -22,7 +22,7 @@ void write_endpoints(sink out, const model_specification& model, const dataset& 
   const std::vector<std::string>& dvids = model.data.endpoints;
   for (std::size_t k = 0; k < dvids.size(); ++k) {
     const int censored = data.censored_of(static_cast<int>(k));
-    const std::string remark = censored > 0 ? fmt::format("{} of them censored", censored) : "";
+    const std::string remark = censored > 0 ? fmt::format("{} censored", censored) : "";
     std::string name = "observations";
     if (dvids.size() > 1)
       name += fmt::format(" of {} (DVID {})", model.endpoints[k].name, dvids[k]);
@@ -42,22 +42,23 @@ std::string range_of_observations(const dataset& data) {
 void write_data(sink out, const model_specification& model, const dataset& data) {
   fmt::format_to(out, "Data {}\n", data.file);
   write_count(out, "records", data.records);
-  if (data.left_out > 0) write_count(out, "rows left out (keep, drop)", data.left_out);
+  if (data.left_out > 0) write_count(out, "rows excluded (keep, drop)", data.left_out);
   write_count(out, "subjects", static_cast<int>(data.subjects.size()), range_of_observations(data));
   write_endpoints(out, model, data);
-  write_count(out, "left out (MDV 1)", data.excluded);
+  write_count(out, "excluded (MDV 1)", data.excluded);
   write_count(out, "dose records", data.dose_records, fmt::format("{} doses given", data.doses()));
-  if (model.data.occasions) write_count(out, "occasions at the most", data.occasions());
+  if (model.data.occasions) write_count(out, "occasions, at most", data.occasions());
   for (std::size_t k = 0; k < data.covariate_names.size(); ++k)
     fmt::format_to(
         out, "  covariate {} {}\n", data.covariate_names[k],
-        data.covariate_varies[k] ? "changes within subjects" : "is constant in every subject");
+        data.covariate_varies[k] ? "varies within subjects" : "is constant within subjects");
 }
 
 void write_start(sink out, const dataset& data, const check_result& result) {
-  fmt::format_to(out,
-                 "\nFirst evaluation: start values, all random effects 0\n{:<20} {:>12} {:>18}\n",
-                 "  subject", "observations", "-2 log density");
+  fmt::format_to(
+      out,
+      "\nFirst evaluation, at the start values with all random effects 0\n{:<20} {:>12} {:>18}\n",
+      "  subject", "observations", "-2 log density");
   const std::vector<start_evaluation>& start = result.start;
   bool whole = true;
   for (std::size_t i = 0; i < start.size(); ++i) {
@@ -94,7 +95,7 @@ std::string check_text(const check_result& result) {
   if (!result.errors.empty() || !result.warnings.empty()) fmt::format_to(out, "\n");
   for (const finding& f : result.errors) fmt::format_to(out, "{}\n", to_lines(f));
   for (const finding& f : result.warnings) fmt::format_to(out, "{}\n", to_lines(f));
-  fmt::format_to(out, "\n{}: {}{}, {}\n", result.errors.empty() ? "Sound" : "NOT USABLE",
+  fmt::format_to(out, "\n{}: {}{}, {}\n", result.errors.empty() ? "OK" : "NOT USABLE",
                  count_of(result.errors.size(), "error"),
                  result.errors.size() < most_data_errors ? "" : " or more",
                  count_of(result.warnings.size(), "warning"));

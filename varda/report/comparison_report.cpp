@@ -49,20 +49,20 @@ void write_runs(sink out, const comparison& of, const comparison_group& group) {
                      *run.minus2ll, run.mc_se, run.estimated, run.aic, run.bic_observations,
                      run.bic_subjects);
     else
-      fmt::format_to(out, "{}{:>11}\n", name, "not known");
+      fmt::format_to(out, "{}{:>11}\n", name, "unknown");
   }
-  if (mark) fmt::format_to(out, "  * not converged: what stands here is not at a maximum\n");
+  if (mark) fmt::format_to(out, "  * not converged, so not at a maximum\n");
 }
 
 void write_differences(sink out, const comparison& of, const comparison_group& group) {
   if (group.runs.size() < 2) return;
   const std::string first = run_at(of, group.runs.front()).folder;
-  fmt::format_to(out, "\nLess {}\n", first);
+  fmt::format_to(out, "\nDifference from {}\n", first);
   bool unpaired = false;
   for (std::size_t j = 1; j < group.runs.size(); ++j) {
     const std::string name = name_column(marked(run_at(of, group.runs[j])), run_width);
     if (!group.differences[j]) {
-      fmt::format_to(out, "{}{:>11}\n", name, "not known");
+      fmt::format_to(out, "{}{:>11}\n", name, "unknown");
       continue;
     }
     const run_difference& d = *group.differences[j];
@@ -73,7 +73,7 @@ void write_differences(sink out, const comparison& of, const comparison_group& g
   if (unpaired)
     fmt::format_to(out, "{}\n",
                    wrapped("  Where the numbers of replicates differ, the Monte Carlo errors of "
-                           "the two runs count as independent.",
+                           "the two runs are taken to be independent.",
                            2));
 }
 
@@ -85,7 +85,7 @@ std::string test_text(const comparison& of, const ratio_test& t) {
   std::string text =
       fmt::format("  {} within {}: ", run_at(of, t.smaller).folder, run_at(of, t.larger).folder);
   if (t.degrees_of_freedom == 0)
-    return text + "no test, as many quantities are estimated in one as in the other";
+    return text + "no test, since both models have the same number of estimated parameters";
   text += fmt::format(
       "chi-square {:.4f} (Monte Carlo error {:.4f}), {} degree{} of freedom, p = {}", t.statistic,
       t.mc_se, t.degrees_of_freedom, t.degrees_of_freedom == 1 ? "" : "s", p_value(t.p));
@@ -98,20 +98,21 @@ std::string test_text(const comparison& of, const ratio_test& t) {
         " The larger model fits worse: it has not reached its maximum, or does not contain "
         "the smaller one.";
   if (!run_at(of, t.smaller).converged || !run_at(of, t.larger).converged)
-    text += " The test does not hold: a run has not converged.";
+    text += " The test is not valid: a run has not converged.";
   if (t.on_boundary.empty()) return text;
   text +=
       fmt::format(" The smaller model has {} on the boundary, 0", fmt::join(t.on_boundary, ", "));
   if (t.p_mixture)
-    return text + fmt::format(": p = {} by the mixture of {} and {} degrees of freedom.",
-                              p_value(*t.p_mixture), t.degrees_of_freedom - 1,
-                              t.degrees_of_freedom);
-  return text + ", so that p is too large.";
+    return text + fmt::format(
+                      ": p = {} from a mixture of chi-square distributions with {} and {} degrees "
+                      "of freedom.",
+                      p_value(*t.p_mixture), t.degrees_of_freedom - 1, t.degrees_of_freedom);
+  return text + ", so p is too large.";
 }
 
 void write_tests(sink out, const comparison& of, const comparison_group& group) {
   if (group.tests.empty()) return;
-  fmt::format_to(out, "\nLikelihood-ratio tests, the models taken to be nested\n");
+  fmt::format_to(out, "\nLikelihood-ratio tests, assuming that the models are nested\n");
   for (const ratio_test& t : group.tests) fmt::format_to(out, "{}\n", wrapped(test_text(of, t), 4));
 }
 
@@ -154,7 +155,7 @@ void write_estimates(sink out, const comparison& of, const comparison_group& gro
 }
 
 const char* verdict_of(const stored_fit& run) {
-  if (run.about.task == "evaluate") return run.converged ? "evaluated" : "NOT SETTLED";
+  if (run.about.task == "evaluate") return run.converged ? "evaluated" : "NOT RELIABLE";
   return run.converged ? "converged" : run.singular.empty() ? "NOT CONVERGED" : "OMEGA IS SINGULAR";
 }
 

@@ -25,7 +25,7 @@ const char* title_of(run_stage stage) {
     case run_stage::iterations:
       return "iteration";
     case run_stage::judging:
-      return "proposals of the verdict";
+      return "proposals for the verdict";
     case run_stage::likelihood:
       return "likelihood";
     case run_stage::standard_errors:
@@ -76,7 +76,7 @@ class bar {
     const int filled = bar_width * at.step / at.of;
     print_to_error_stream(fmt::format("\r{} [{:<{}}] {} ({} {}){} ", title_of(at.stage),
                                       std::string(static_cast<std::size_t>(filled), '#'), bar_width,
-                                      at.step, is_by_subject(at.stage) ? "of" : "at most", at.of,
+                                      at.step, is_by_subject(at.stage) ? "of" : "of at most", at.of,
                                       figures(at)));
   }
 

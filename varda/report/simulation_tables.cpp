@@ -213,7 +213,7 @@ std::string vpc_text(const population_model& model, const vpc_result& result) {
   };
   std::string text = wrapped(
       fmt::format("{}isual predictive check, {} replicates: observed percentiles, and the {:g} % "
-                  "interval of the simulated ones (* where the observed one lies outside)",
+                  "interval of the simulated ones (* = observed outside the interval)",
                   result.plan.prediction_corrected ? "Prediction-corrected v" : "V",
                   result.replicates, 100.0 * result.plan.interval),
       2);

@@ -17,30 +17,35 @@ namespace {
 
 using sink = std::back_insert_iterator<std::string>;
 
+std::string plural(int count, const char* one, const char* several) {
+  return fmt::format("{} {}", count, count == 1 ? one : several);
+}
+
 void write_verdict(sink out, const fit_result& result) {
   const auto passes = result.iterations.size();
   if (result.what == task::evaluate)
     fmt::format_to(out, "{}\n\n",
-                   wrapped(fmt::format("{}: {}", result.converged ? "Evaluated" : "NOT SETTLED",
+                   wrapped(fmt::format("{}: {}", result.converged ? "Evaluated" : "NOT RELIABLE",
                                        result.reason),
                            2));
   else
-    fmt::format_to(out, "{} after {} iterations\n{}\n\n",
+    fmt::format_to(out, "{} after {}\n{}\n\n",
                    result.converged           ? "Converged"
                    : !result.singular.empty() ? "OMEGA IS SINGULAR"
                                               : "NOT CONVERGED",
-                   passes, wrapped("  " + result.reason, 2));
+                   plural(static_cast<int>(passes), "iteration", "iterations"),
+                   wrapped("  " + result.reason, 2));
 }
 
 void write_quadrature(sink out, const fit_result& result) {
   const quadrature_estimate& q = result.quadrature;
   if (!q.complete) return;
-  const std::string grid = q.is_laplace()
-                               ? "mode and curvature of every subject"
-                               : fmt::format("{} nodes an effect, {} points", q.nodes, q.points);
+  const std::string grid =
+      q.is_laplace() ? "mode and curvature of every subject"
+                     : fmt::format("{} nodes per random effect, {} points", q.nodes, q.points);
   fmt::format_to(out, "  {:<20} {:14.4f}   {}\n",
                  q.is_laplace() ? "Laplace's method" : "by quadrature", q.minus2ll, grid);
-  fmt::format_to(out, "  less the sampled one {:14.4f}   {:.1f} Monte Carlo errors\n",
+  fmt::format_to(out, "  minus sampled value  {:14.4f}   {:.1f} Monte Carlo errors\n",
                  result.objective.difference, result.objective.difference_in_mc_se);
 }
 
@@ -56,9 +61,10 @@ void write_likelihood(sink out, const fit_result& result) {
                  result.objective.minus2ll, l.replicates.size(), result.likelihood_samples);
   write_quadrature(out, result);
   const objective_figures& o = result.objective;
-  fmt::format_to(out, "  AIC                  {:14.4f}   {} estimated\n", o.aic, o.estimated);
-  fmt::format_to(out, "  BIC by observations  {:14.4f}\n", o.bic_observations);
-  fmt::format_to(out, "  BIC by subjects      {:14.4f}\n", o.bic_subjects);
+  fmt::format_to(out, "  AIC                  {:14.4f}   {} estimated parameters\n", o.aic,
+                 o.estimated);
+  fmt::format_to(out, "  BIC (observations)   {:14.4f}\n", o.bic_observations);
+  fmt::format_to(out, "  BIC (subjects)       {:14.4f}\n", o.bic_subjects);
   fmt::format_to(out, "\n");
 }
 
@@ -76,7 +82,7 @@ constexpr std::size_t errors_width = 41;
 constexpr const char* error_header = "        SE  RSE %        95 % interval";
 
 std::string error_columns(const std::vector<estimate_error>& errors, int k, bool without) {
-  if (without && !errors.empty()) return "         -   the data say nothing of it";
+  if (without && !errors.empty()) return "         -   not identified by the data";
   if (k < 0 || errors.empty()) return "";
   const estimate_error& e = errors[static_cast<std::size_t>(k)];
   return fmt::format("{:>10.4g} {:>6.1f}  {:>9.4g} to {:<9.4g}", e.se, e.rse_percent, e.ci_lower,
@@ -160,7 +166,7 @@ void write_omega(sink out, const population_model& model, const fit_result& resu
 
 void write_residual(sink out, const population_model& model, const fit_result& result) {
   fmt::format_to(out, "\n");
-  write_header(out, "Residual error", "deviation", result, "");
+  write_header(out, "Residual error", "SD", result, "");
   for (int k = model.first_of_endpoints(); k < static_cast<int>(model.thetas().size()); ++k)
     write_theta(out, model, result, k);
 }
@@ -172,7 +178,7 @@ const char* source_of(standard_error_kind kind) {
     case standard_error_kind::score:
       return "the scores";
     case standard_error_kind::sandwich:
-      return "the sandwich";
+      return "the sandwich estimator";
     case standard_error_kind::none:
       return "nothing";
   }
@@ -209,7 +215,7 @@ void write_errors(sink out, const fit_result& result) {
     fmt::format_to(out, "\n{}\n", wrapped("No standard errors: " + errors.reason, 2));
     return;
   }
-  fmt::format_to(out, "\nStandard errors from {}; correlation of the estimates:\n",
+  fmt::format_to(out, "\nStandard errors from {}. Correlation of the estimates:\n",
                  source_of(errors.shown));
   write_correlations(out, errors);
   std::string spectrum = "  eigenvalues   ";
@@ -221,7 +227,8 @@ void write_errors(sink out, const fit_result& result) {
     fmt::format_to(out, "{}\n",
                    wrapped("  The data do not identify the direction " + errors.unidentified, 4));
   if (!errors.score.known)
-    fmt::format_to(out, "{}\n", wrapped("  No errors from the scores: " + errors.score.reason, 4));
+    fmt::format_to(out, "{}\n",
+                   wrapped("  No standard errors from the scores: " + errors.score.reason, 4));
 }
 
 void write_quality(sink out, const population_model& model, const fit_result& result) {
@@ -229,13 +236,13 @@ void write_quality(sink out, const population_model& model, const fit_result& re
   const sampler_health& sampler = result.sampler;
   const auto id = [&](int i) { return model.data().subjects[static_cast<std::size_t>(i)].id; };
   std::string text = fmt::format(
-      "Sampling: effective sample size of {}: median {:.0f}, minimum {:.0f} (subject {}); the "
-      "largest weight is {:.2f} % of the total (subject {})",
+      "Sampling: effective sample size of {}: median {:.0f}, minimum {:.0f} (subject {}); "
+      "largest weight {:.2f} % of the total (subject {})",
       result.likelihood_samples, sampler.median_effective, sampler.least_effective,
       id(sampler.least_effective_subject), 100.0 * sampler.largest_weight,
       id(sampler.largest_weight_subject));
   if (sampler.shaped)
-    text += fmt::format("; the largest k-hat is {:.2f} (subject {})", sampler.largest_shape,
+    text += fmt::format("; largest Pareto k {:.2f} (subject {})", sampler.largest_shape,
                         id(sampler.largest_shape_subject));
   if (result.kept_factors > 0)
     text +=
@@ -246,18 +253,18 @@ void write_quality(sink out, const population_model& model, const fit_result& re
     for (const int i : sampler.sick) sick.push_back(id(i));
     fmt::format_to(
         out, "{}\n",
-        wrapped(fmt::format("Badly sampled: {}.",
-                            sick.empty() ? "no subject" : fmt::format("{}", fmt::join(sick, ", "))),
+        wrapped(fmt::format("Poorly sampled subjects: {}.",
+                            sick.empty() ? "none" : fmt::format("{}", fmt::join(sick, ", "))),
                 2));
   }
-  fmt::format_to(out, "Condition number of omega (as a correlation matrix): {:.4g}\n",
+  fmt::format_to(out, "Condition number of omega, scaled to a correlation matrix: {:.4g}\n",
                  result.omega_condition);
 }
 
 // The first digits tell files apart; fit.json has all of them.
 void write_source(sink out, const population_model& model, const fit_result& result) {
   constexpr int shown = 12;
-  fmt::format_to(out, "\nSeed {}, SHA-256 of the model file {:.{}}, of the data {:.{}}\n",
+  fmt::format_to(out, "\nSeed {}; SHA-256 of the model file {:.{}}, of the data {:.{}}\n",
                  model.specification().estimation.seed, result.source.model_sha256, shown,
                  result.source.data_sha256, shown);
   if (*commit() != '\0') fmt::format_to(out, "varda {}, commit {}\n", version, commit());
@@ -275,7 +282,7 @@ void write_starts(sink out, const fit_result& result) {
   const auto verdict = [](const start_record& s) {
     return s.converged ? "converged" : !s.singular.empty() ? "singular" : "not converged";
   };
-  fmt::format_to(out, "\nMaxima from {} starts\n  {:>17}  {:<14} {:>6}   from start\n",
+  fmt::format_to(out, "\nMaxima from {} sets of start values\n  {:>17}  {:<14} {:>6}   start\n",
                  result.starts.size(), "-2 log-likelihood", "verdict", "fits");
   for (std::size_t k = 0; k < ordered.size();) {
     const start_record& first = *ordered[k];
@@ -297,17 +304,13 @@ void write_starts(sink out, const fit_result& result) {
                    fmt::join(numbers, ", "), kept ? " (kept)" : "");
     k = next;
   }
-  fmt::format_to(out, "  Start 0 has the stated values.\n");
+  fmt::format_to(out, "  Start 0 is the model file's.\n");
 }
 
 std::string left_out(const dataset& data) {
   if (data.left_out == 0) return "";
-  return fmt::format("; {} of {} rows left out (keep, drop)", data.left_out,
+  return fmt::format("; {} of {} rows excluded (keep, drop)", data.left_out,
                      data.left_out + data.records);
-}
-
-std::string plural(int count, const char* one, const char* several) {
-  return fmt::format("{} {}", count, count == 1 ? one : several);
 }
 
 void write_times(sink out, const fit_result& result) {

@@ -84,7 +84,7 @@ bool finish(const engine_host& host, const progress_listener& progress, fit_resu
   stopwatch watch;
   const bool stopped_before = engine_host::stopped();
   const bool whole = diagnose(host.model(), host.peers(), progress, result);
-  if (!whole && !stopped_before) note_stop("the diagnostics were done", result);
+  if (!whole && !stopped_before) note_stop("the diagnostics were complete", result);
   result.processes = host.peers().size();
   result.evaluations = host.evaluations();
   result.times.diagnostics += watch.lap();
@@ -216,10 +216,11 @@ void warn_of_failures(const population_model& model, const newton_report& report
   result.warnings.push_back(
       {.level = severity::warning,
        .code = "W-RUN-FAILED",
-       .message = fmt::format("the model cannot be evaluated at samples in the bulk of the "
-                              "conditional distribution of {} {}; they count as impossible",
-                              list.size() == 1 ? "subject" : "subjects", fmt::join(list, ", ")),
-       .remedy = "look for a logarithm, a root or a division that fails there, or for a solver "
+       .message =
+           fmt::format("the model cannot be evaluated at some samples in the bulk of the "
+                       "conditional distribution of {} {}; these samples count as impossible",
+                       list.size() == 1 ? "subject" : "subjects", fmt::join(list, ", ")),
+       .remedy = "look for a logarithm, square root or division that fails there, or a solver "
                  "that gives up"});
 }
 
@@ -238,7 +239,8 @@ void judge_health(const population_model& model, const newton_report& report, fi
   const std::vector<int> sick = sick_subjects(report);
   const std::string failures = too_many_failures(model, report);
   if (!sick.empty())
-    refuse(fmt::format("poorly sampled: {}", fmt::join(ids_of(model, sick), ", ")), result);
+    refuse(fmt::format("poorly sampled subjects: {}", fmt::join(ids_of(model, sick), ", ")),
+           result);
   if (!failures.empty()) refuse(failures, result);
 }
 
@@ -247,8 +249,8 @@ void judge_identification(const newton_report& report, fit_result& result) {
   result.unidentified = report.unidentified;
   for (const std::string& names : report.unidentified)
     refuse(names.find(',') == std::string::npos
-               ? fmt::format("the data say nothing of {}", names)
-               : fmt::format("the data do not tell {} apart", names),
+               ? fmt::format("the data do not identify {}", names)
+               : fmt::format("the data cannot distinguish {}", names),
            result);
 }
 
@@ -259,16 +261,17 @@ void judge_gain(const newton_report& report, fit_result& result) {
   const double sure = report.gain - report.noise;
   if (sure > (result.converged ? most_gain_at_report : most_gain_for_errors)) {
     result.singular.clear();
-    return refuse(
-        fmt::format("points that the fit has not used see {:.2g} still ahead in -2 log-likelihood",
-                    sure),
-        result);
+    return refuse(fmt::format("remaining gain in -2 log-likelihood at least {:.2g}, on points that "
+                              "the fit has not used",
+                              sure),
+                  result);
   }
   if (!result.converged) return;
-  put_first(fmt::format("gain ahead {:.2g} +- {:.2g} in -2 log-likelihood on points that the fit "
-                        "has not used",
-                        report.gain, report.noise),
-            result);
+  put_first(
+      fmt::format("remaining gain in -2 log-likelihood {:.2g} +- {:.2g}, on points that the fit "
+                  "has not used",
+                  report.gain, report.noise),
+      result);
 }
 
 void take_errors(engine_host& host, const newton_report& report, fit_result& result) {
@@ -325,7 +328,7 @@ void judge_evaluation(const population_model& model, const newton_report& report
   if (!result.likelihood.complete)
     result.reason = "the likelihood of a subject is not finite";
   else if (!sick.empty())
-    result.reason = fmt::format("poorly sampled: {}", fmt::join(sick, ", "));
+    result.reason = fmt::format("poorly sampled subjects: {}", fmt::join(sick, ", "));
   else if (!failures.empty())
     result.reason = failures;
   else if (result.likelihood.mc_se > goal)
@@ -334,7 +337,7 @@ void judge_evaluation(const population_model& model, const newton_report& report
                     result.likelihood.mc_se, goal);
   else
     result.reason =
-        fmt::format("every subject is well sampled; Monte Carlo error {:.2g}, goal {:.2g}",
+        fmt::format("all subjects are well sampled; Monte Carlo error {:.2g}, goal {:.2g}",
                     result.likelihood.mc_se, goal);
 }
 
@@ -548,7 +551,7 @@ class fit_run {
     const int samples =
         report_points_after(s_.report_samples, s_.report.likelihood, model_, task::fit);
     announce(run_stage::likelihood,
-             fmt::format("{} x {} points a subject", settings_.replicates, samples));
+             fmt::format("{} x {} points per subject", settings_.replicates, samples));
     run_state next = s_.verdict;
     newton_report found = report_at(host_, judge_, next, settings_.replicates, samples);
     if (engine_host::agree_on_stop()) return false;
@@ -616,7 +619,7 @@ class fit_run {
   fit_result result_at_stop(newton_report& report) {
     if (s_.next == fit_stage::quadrature) {
       fit_result result = s_.best;
-      note_stop("the quadrature was done", result);
+      note_stop("the quadrature was complete", result);
       return result;
     }
     const fit_state reached = s_;
@@ -684,7 +687,7 @@ fit_result evaluate(engine_host& host, const progress_listener& progress) {
     const int next = report_points_after(samples, report.likelihood, model, task::evaluate);
     if (next == 0) break;
     progress({.stage = run_stage::likelihood,
-              .note = fmt::format("{} x {} points a subject", replicates, next)});
+              .note = fmt::format("{} x {} points per subject", replicates, next)});
     newton_report found = report_at(host, method, state, replicates, next);
     going = !engine_host::agree_on_stop();
     if (!going) break;
@@ -699,7 +702,7 @@ fit_result evaluate(engine_host& host, const progress_listener& progress) {
   }
   if (!going) note_stop(samples > 0 ? "the likelihood was known well enough" : "", result);
   if (going && !integrate_besides(host, progress, result))
-    note_stop("the quadrature was done", result);
+    note_stop("the quadrature was complete", result);
   result.times.quadrature = watch.lap();
   finish(host, progress, result);
   return result;

@@ -12,7 +12,7 @@ namespace {
 bad_input refused(const std::string& why) {
   return bad_input({.code = "E-SIM-UNCERTAINTY",
                     .message = "the uncertainty of the estimates cannot be simulated: " + why,
-                    .remedy = "fit with standard errors, or leave --uncertainty out"});
+                    .remedy = "fit with standard errors, or omit --uncertainty"});
 }
 
 }  // namespace
@@ -27,7 +27,7 @@ std::vector<drawn_parameters> draw_parameters(const population_model& model,
   if (names.empty()) throw refused("the fit has no standard errors");
   std::vector<std::string> own;
   for (const estimation_scale::entry& e : scale.entries()) own.push_back(e.name);
-  if (own != names) throw refused("the data change which quantities the model has");
+  if (own != names) throw refused("with these data the model has other parameters than the fit");
   const Eigen::LLT<Eigen::MatrixXd> llt(covariance);
   if (llt.info() != Eigen::Success) throw refused("their covariance is not positive definite");
   const Eigen::MatrixXd factor = llt.matrixL();

@@ -185,7 +185,7 @@
     const box = section("verdict").classed("good", results.converged);
     const said = results.task === "fit"
       ? (results.converged ? "Converged" : results.singular.length ? "Omega is singular" : "Not converged")
-      : (results.converged ? "Evaluated, proposals settled" : "Evaluated, proposals not settled");
+      : (results.converged ? "Evaluated" : "Evaluated, not reliable");
     const heading = results.task === "fit" ? `${said} after ${results.iterations} iterations` : said;
     box.append("strong").text(heading);
     box.append("p").text(results.reason);
@@ -263,7 +263,7 @@
     to.append("h3").text("Data");
     const d = report.data;
     figures(to, [["subjects", subjects.length], ["records", d.records], ["doses", d.doses],
-      ["left out (MDV 1)", d.excluded], ["covariates", d.covariates.join(", ") || "none"]]
+      ["excluded (MDV 1)", d.excluded], ["covariates", d.covariates.join(", ") || "none"]]
       .concat(endpoints.map((e) => [e.name ? `observations of ${e.name}` : "observations",
         e.observations + (e.censored ? `, ${e.censored} censored` : "")])));
     const file = to.append("details");
@@ -512,8 +512,8 @@
     const to = section("effects");
     const names = results.omega.names;
     const data = results.subjects.map((s, i) => ({ subject: i, eta: s.eta_mean, covariates: subjects[i].covariates }));
-    to.append("p").attr("class", "note").text("Conditional means of the subjects, beside the normal " +
-      "density of the estimated variance; shrinkage makes them narrower.");
+    to.append("p").attr("class", "note").text("Conditional means of the subjects and the normal density with " +
+      "the estimated variance; shrinkage makes the means narrower.");
     const histograms = to.append("div").attr("class", "charts small");
     names.forEach((name, k) =>
       histogram(histograms, data.map((d) => d.eta[k]), Math.sqrt(results.omega.matrix[k][k]), name));
@@ -599,7 +599,7 @@
     const { names, rows: lines } = report.iterations;
     if (lines.length === 0) return to.append("p").text("There were none.");
     to.append("p").attr("class", "note").text("Band: the reported -2 log-likelihood with twice its Monte " +
-      "Carlo error. The iterations have points of their own, fewer than those of the reported value.");
+      "Carlo error. The iterations use other points, and fewer, than the reported value.");
     const charts = to.append("div").attr("class", "charts small");
     const at = lines.map((l) => l[0]);
     names.forEach((name, k) => {
@@ -631,9 +631,9 @@
         whole: true, x: "subject, in the order of the data", y: "Pareto k", levels: [0.7],
         ys: data.map((d) => d.k).concat([0.75]) });
     const bad = data.filter(alarming);
-    to.append("p").attr("class", "note").text("Above 0.7 (dashed) the weights have so heavy a tail that the " +
-      "subject's contribution should not be trusted. " + (bad.length ? "Badly sampled: " +
-      bad.map((d) => idOf(d.subject)).join(", ") + "." : "No subject is badly sampled."));
+    to.append("p").attr("class", "note").text("Above 0.7 (dashed) the tail of the weights is so heavy that the " +
+      "subject's contribution cannot be trusted. " + (bad.length ? "Poorly sampled: " +
+      bad.map((d) => idOf(d.subject)).join(", ") + "." : "No subject is poorly sampled."));
     return undefined;
   }
 

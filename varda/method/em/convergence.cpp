@@ -83,8 +83,8 @@ std::string convergence_monitor::slowest() const {
   const auto most =
       std::max_element(movements_.begin(), movements_.end() - 1,
                        [](const movement& a, const movement& b) { return a.ahead < b.ahead; });
-  return fmt::format("{} {:.2g} ahead", names_[static_cast<std::size_t>(most - movements_.begin())],
-                     most->ahead);
+  return fmt::format("remaining change {1:.2g} ({0})",
+                     names_[static_cast<std::size_t>(most - movements_.begin())], most->ahead);
 }
 
 verdict convergence_monitor::conclusion() const {
@@ -95,20 +95,20 @@ verdict convergence_monitor::conclusion() const {
                        [](const movement& a, const movement& b) { return a.ahead < b.ahead; });
   const std::string& name = names_[static_cast<std::size_t>(slowest - movements_.begin())];
   if (converged())
-    return {true, fmt::format("{} for {} iterations: at most {:.2g} still ahead ({}), "
+    return {true, fmt::format("{} for {} iterations: largest remaining change {:.2g} ({}), "
                               "-2 log-likelihood within {:.1g} of its limit",
-                              noisy_ ? "no trend" : "at rest", calm_, slowest->ahead, name,
+                              noisy_ ? "no trend" : "stationary", calm_, slowest->ahead, name,
                               movements_.back().ahead)};
   std::string moving;
   for (std::size_t k = 0; k < names_.size(); ++k)
     if (!movements_[k].at_rest)
-      moving += fmt::format("{}{} ({:.2g} ahead)", moving.empty() ? "" : ", ", names_[k],
+      moving += fmt::format("{}{} (remaining change {:.2g})", moving.empty() ? "" : ", ", names_[k],
                             movements_[k].ahead);
   if (!movements_.back().at_rest)
-    moving += fmt::format("{}-2 log-likelihood ({:.2g} ahead)", moving.empty() ? "" : ", ",
-                          movements_.back().ahead);
-  if (moving.empty()) moving = "at rest for fewer iterations than it takes";
-  return {false, "still moving: " + moving};
+    moving += fmt::format("{}-2 log-likelihood (remaining change {:.2g})",
+                          moving.empty() ? "" : ", ", movements_.back().ahead);
+  if (moving.empty()) moving = "stationary for too few iterations";
+  return {false, "not stationary: " + moving};
 }
 
 }  // namespace varda

@@ -146,7 +146,7 @@ bool newton_method::start(run_state& state) const {
   const run_state begun = state;
   double least = std::numeric_limits<double>::infinity();
   state.ended = true;
-  state.newton.trouble = "the start-up left the positive definite matrices";
+  state.newton.trouble = "omega lost positive definiteness during start-up";
   for (const start_result& end : ends) {
     if (!host_.set_omega(end.omega)) continue;
     host_.set_theta(end.theta);
@@ -514,7 +514,7 @@ bool newton_method::advance(run_state& state) const {
   newton_state& n = state.newton;
   if (!n.started) return start(state) || stopped();
   if (n.draws >= std::min(most_draws, settings_.max_iterations)) {
-    n.trouble = fmt::format("not at rest after {} draws", n.draws);
+    n.trouble = fmt::format("iteration limit reached ({} draws)", n.draws);
     state.ended = true;
     return true;
   }
@@ -584,7 +584,7 @@ bool newton_method::advance(run_state& state) const {
     const ascent up = climb(drawn, psi, here, most_newton_steps);
     if (engine_host::stopped()) return stopped();
     if (!take_force(state, up.psi)) {
-      n.trouble = "the steps left the positive definite matrices";
+      n.trouble = "omega lost positive definiteness";
       state.ended = true;
       return true;
     }
@@ -602,7 +602,7 @@ bool newton_method::advance(run_state& state) const {
     bool moved = false;
     if (!examine_boundary(state, here, moved)) return stopped();
     if (!moved) {
-      n.trouble = "the points allowed do not tell what is still ahead from noise";
+      n.trouble = "the remaining gain cannot be told from noise with the maximum number of points";
       state.ended = true;
     }
     n.vain = 0;
@@ -638,7 +638,7 @@ void newton_method::note(const draw_measure& here, newton_state& n) const {
 
 std::string newton_method::moving(const run_state& state) const {
   const newton_state& n = state.newton;
-  return n.draws > 0 ? fmt::format("{:.2g} +- {:.1g} ahead", n.gain_ahead, n.noise) : "";
+  return n.draws > 0 ? fmt::format("remaining gain {:.2g} +- {:.1g}", n.gain_ahead, n.noise) : "";
 }
 
 method_conclusion newton_method::conclude(const run_state& state) const {
@@ -650,7 +650,7 @@ method_conclusion newton_method::conclude(const run_state& state) const {
   for (const int i : n.sick)
     sick.push_back(host_.model().data().subjects[static_cast<std::size_t>(i)].id);
   const std::string figures = fmt::format(
-      "gain ahead {:.2g} +- {:.2g} in -2 log-likelihood on points that the fit has not "
+      "remaining gain in -2 log-likelihood {:.2g} +- {:.2g}, on points that the fit has not "
       "used",
       n.gain_ahead, n.noise);
   result.converged = n.arrived && n.singular.empty() && n.most_failed <= most_failures;
@@ -659,14 +659,14 @@ method_conclusion newton_method::conclude(const run_state& state) const {
   else if (!n.arrived)
     result.reason = fmt::format("{}", figures);
   else if (!n.singular.empty())
-    result.reason =
-        fmt::format("omega is singular: {}; -2 log-likelihood is no better away from there; {}",
-                    fmt::join(n.singular, ", "), figures);
+    result.reason = fmt::format(
+        "omega is singular: {}; -2 log-likelihood is no lower away from the singularity; {}",
+        fmt::join(n.singular, ", "), figures);
   else if (n.most_failed > most_failures)
     result.reason = fmt::format("the model cannot be evaluated at {:.0f} % of a subject's samples",
                                 100.0 * n.most_failed);
   if (!sick.empty())
-    result.reason += fmt::format("{}poorly sampled: {}", result.reason.empty() ? "" : "; ",
+    result.reason += fmt::format("{}poorly sampled subjects: {}", result.reason.empty() ? "" : "; ",
                                  fmt::join(sick, ", "));
   return result;
 }

@@ -119,7 +119,7 @@ class formula_program::compiler {
                        "columns of the data set may hold texts");
     }
     if (compared != formula.texts().size())
-      throw at.error("E-MODEL-FORMULA", "a text stands where a number belongs",
+      throw at.error("E-MODEL-FORMULA", "a text where a number is expected",
                      "a text can be compared with a column, by == or !=");
   }
 
