@@ -24,12 +24,12 @@ seed = 11
 # Doses of three groups of subjects, and times of the observations, by the beginning of a name.
 usual = ([100, 200, 400], [0.25, 0.5, 1, 2, 3, 4, 6, 8, 12, 16, 24])
 designs = {
-    "one-compartment michaelis": ([50, 150, 600], [0.5, 1, 2, 4, 6, 9, 12, 18, 24, 36, 48]),
-    "two-compartment michaelis": ([50, 150, 600], [0.5, 1, 2, 4, 6, 9, 12, 18, 24, 36, 48, 72]),
-    "one-compartment mixed": ([30, 150, 900], [0.5, 1, 2, 4, 6, 9, 12, 18, 24, 36, 48]),
-    "two-compartment mixed": ([30, 150, 900], [0.5, 1, 2, 4, 6, 9, 12, 18, 24, 36, 48, 72]),
-    "one-compartment target": ([100, 600, 3000], [0.1, 0.5, 1, 2, 4, 8, 12, 24, 36, 48, 72]),
-    "two-compartment target": ([100, 600, 3000], [0.1, 0.5, 1, 2, 4, 8, 12, 24, 36, 48, 72]),
+    "one-compartment michaelis": ([100, 200, 600], [0.5, 1, 2, 4, 6, 8, 10, 12, 16, 20, 24]),
+    "two-compartment michaelis": ([100, 200, 600], [0.5, 1, 2, 4, 6, 8, 10, 12, 16, 20, 24]),
+    "one-compartment mixed": ([100, 400, 1600], [0.5, 1, 2, 4, 6, 8, 10, 12, 16, 20, 24]),
+    "two-compartment mixed": ([100, 400, 1600], [0.5, 1, 2, 4, 6, 8, 10, 12, 16, 20, 24]),
+    "one-compartment target": ([200, 600, 2000], [0.1, 0.5, 1, 2, 4, 6, 8, 12, 18, 24, 36]),
+    "two-compartment target": ([200, 600, 2000], [0.1, 0.5, 1, 2, 4, 6, 8, 12, 18, 24, 36]),
     "one-compartment weibull": ([100, 200, 400], [0.25, 0.5, 1, 1.5, 2, 3, 4, 6, 8, 12, 16, 24]),
     "myelosuppression": ([200, 800, 1600], [0, 2, 12, 24, 72, 120, 168, 216, 264, 336, 408, 504]),
     "tumour-growth exponential-linear": ([50, 200, 800], [0, 1, 2, 4, 6, 8, 10, 14, 18, 22, 26, 30]),

@@ -59,7 +59,7 @@ expect_status 0 "equations" "$varda" new "one-compartment oral" --equations --da
   --error additive --output text.toml
 grep -q '^depot = "-ka \* depot"' text.toml || fail "no equations in the file"
 expect_status 0 "a check of equations" "$varda" check text.toml
-diff <(grep start first.toml) <(grep start text.toml) >/dev/null || fail "other start values as text"
+diff <(grep start models/additive.toml) <(grep start text.toml) >/dev/null || fail "other start values as text"
 for name in "one-compartment weibull" "two-compartment target-mediated-qss oral" \
   "one-compartment oral + myelosuppression" "tumour-growth gompertz" "two-compartment zero-order"; do
   rm -f plain.toml

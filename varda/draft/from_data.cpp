@@ -24,9 +24,9 @@ namespace {
 
 // Start values that a fit can do something with.
 constexpr double least_variance = 0.04;
-constexpr double most_variance = 1.0;
+constexpr double most_variance = 0.4;
 constexpr double least_share = 0.03;  // of a proportional deviation
-constexpr double most_share = 1.0;
+constexpr double most_share = 0.4;
 
 std::string count_of(int n, const char* what) {
   return fmt::format("{} {}{}", n, what, n == 1 ? "" : "s");
@@ -356,7 +356,9 @@ draft_result draft_from_data(const draft_request& request, const file_access& fi
   guess(data, draft);
   draft_plain_errors(data, draft);
 
-  // The pooled fit, with the errors that the data seem to have in its second round.
+  // The pooled fit, with the errors that the data seem to have in its second round. There a
+  // proportional error gives way to that of the logarithm: where subjects differ widely, it is best
+  // off with predictions that vanish.
   for (const bool again : {false, true}) {
     findings warnings;
     const population_model model = file.model(model_text(draft), warnings);
@@ -381,6 +383,9 @@ draft_result draft_from_data(const draft_request& request, const file_access& fi
       drafted_endpoint& e = draft.endpoints[k];
       e.error =
           request.error.value_or(s.has_zero ? error_kind::combined : error_kind::proportional);
+      e.deviations = deviations_of(e.error, s);
+      if (again || e.error != error_kind::proportional || s.has_zero) continue;
+      e.error = error_kind::log_normal;
       e.deviations = deviations_of(e.error, s);
     }
     between = std::clamp(between, least_variance, most_variance);
