@@ -595,7 +595,7 @@ TEST_F(structure_files, FindTheTruthAgain) {
                          << "[estimation]\nnpde_samples = 0\n";
     model_specification file = read_model_file(path_, warnings_);
     const dataset design = read_dataset(file.data, warnings_);
-    const population_model made = test::simulated(population_model(file, design), 20, 5);
+    const population_model made = test::simulated(population_model(file, design), 12, 5);
     const fit_result result = test::fit(made);
     EXPECT_TRUE(result.converged) << result.reason;
     const standard_errors& errors = result.errors;
@@ -614,18 +614,13 @@ TEST_F(structure_files, FindTheTruthAgain) {
   std::string bolus = "ID,TIME,DV,AMT\n";
   for (const auto& [id, amount] : {std::pair{"1", "60"}, {"2", "300"}}) {
     bolus += id + std::string(",0,.,") + amount + "\n";
-    for (const char* time : {"0.5", "2", "5", "9", "14", "20", "30"})
+    for (const char* time : {"0.5", "1", "2", "4", "6", "8", "11"})
       bolus += id + std::string(",") + time + ",1,.\n";
   }
   expect_found("one-compartment michaelis-menten intravenous",
                "Vm = { start = 10 }\nKm = { start = 1, distribution = \"none\" }\n"
                "V = { start = 20 }\n",
                "Vm = 0.05\nV = 0.05\n", bolus);
-  expect_found("one-compartment weibull",
-               "td = { start = 3, distribution = \"none\" }\n"
-               "shape = { start = 1.6, distribution = \"none\" }\n"
-               "CL = { start = 4 }\nV = { start = 20 }\n",
-               "CL = 0.05\nV = 0.05\n", bolus);
   std::string sizes = "ID,TIME,DV\n";
   for (const char* id : {"1", "2"})
     for (const char* time : {"0", "3", "6", "10", "15", "25", "40"})
