@@ -54,6 +54,24 @@ expect_status 0 "a check of it" "$varda" check second.toml
 "$varda" fit indomethacin.toml --quiet --output reference >/dev/null
 expect_at_most "the second fit" "$(minus2ll second)" "$(awk -v x="$(minus2ll reference)" 'BEGIN { print x + 0.1 }')"
 
+# A text as the only DVID, infusions, additional doses, a censored value, other columns.
+{
+  echo 'SUBJ;TIME;CONC;AMT;RATE;ADDL;II;CENS;NOTE;DVID'
+  for i in 1 2 3 4 5; do
+    printf '%s\n' "$i;0;.;100;50;2;12;0;a;." "$i;1;3.$i;.;.;.;.;0;b;pk" "$i;4;2.$i;.;.;.;.;0;;pk" \
+      "$i;11;0.9$i;.;.;.;.;0;;pk" "$i;26;3.$i;.;.;.;.;0;;pk" "$i;60;0.1;.;.;.;.;1;;pk"
+  done
+} >odd.csv
+expect_status 0 "odd data" "$varda" new "one-compartment intravenous" --data odd.csv \
+  --column ID=SUBJ --column DV=CONC --output odd.toml
+expect_says "odd data" "5 subjects, 15 doses (5 records), 25 observations"
+expect_status 0 "a check of odd data" "$varda" check odd.toml
+expect_status 2 "infusions into an absorption of its own" "$varda" new "one-compartment transit" \
+  --data odd.csv --column ID=SUBJ --column DV=CONC
+expect_says "infusions into an absorption" "row 2, column RATE, subject 1: error E-DATA-DOSE"
+expect_status 2 "no such folder" "$varda" new "one-compartment oral" --data theophylline.csv --output no/x.toml
+expect_says "no such folder" "E-RUN-OUTPUT"
+
 # The same model as text, and without data.
 expect_status 0 "equations" "$varda" new "one-compartment oral" --equations --data theophylline.csv \
   --error additive --output text.toml

@@ -66,9 +66,17 @@ std::optional<error_kind> error_called(const std::string& word) {
                    fmt::format("it can be {}", fmt::join(words, ", ")));
 }
 
-void refuse_existing(const std::string& path) {
+// A file that cannot be written is told before the work.
+void refuse_output(const std::string& path) {
+  namespace fs = std::filesystem;
   std::error_code ignored;
-  if (path.empty() || !std::filesystem::exists(path, ignored)) return;
+  if (path.empty()) return;
+  if (!fs::is_directory(fs::absolute(path).parent_path(), ignored))
+    throw bad_input({.code = "E-RUN-OUTPUT",
+                     .message = "there is no such folder",
+                     .remedy = "create it, or choose another name with --output",
+                     .file = path});
+  if (!fs::exists(path, ignored)) return;
   throw bad_input({.code = "E-RUN-OUTPUT",
                    .message = "the file is there already and would be lost",
                    .remedy = "choose another name with --output, or move it away",
@@ -78,7 +86,7 @@ void refuse_existing(const std::string& path) {
 void write(const std::string& text, const std::string& path) {
   table_sink out(path);
   out.write(text);
-  refuse_existing(path);
+  refuse_output(path);
   out.finish();
 }
 
@@ -120,10 +128,10 @@ exit_status new_model(const new_request& request, job& peers) {
     return at_root(peers, [&] { write(description_of(structure), request.output); });
   if (request.data.empty())
     return at_root(peers, [&] {
-      refuse_existing(request.output);
+      refuse_output(request.output);
       write(plain_draft(request, structure), request.output);
     });
-  at_root(peers, [&] { refuse_existing(request.output); });
+  at_root(peers, [&] { refuse_output(request.output); });
   peers.use_threads(0);
   const draft_result drafted =
       draft_from_data(asked_of_data(request, structure), shared_files(peers), peers);

@@ -122,7 +122,7 @@ void match_endpoints(const data_columns& columns, const std::string& file, draft
                                   : "take a structure with so many outputs, or leave records out",
          .file = file});
   }
-  if (wanted > 1)
+  if (!dvids.empty())
     for (std::size_t k = 0; k < wanted; ++k) draft.endpoints[k].dvid = dvids[k];
 }
 

@@ -133,7 +133,10 @@ std::string parameter_section(const drafted_model& draft) {
 
 std::string residual_section(const drafted_model& draft) {
   std::string text;
-  const bool several = draft.endpoints.size() > 1;
+  // A single endpoint is told by the DVIDs 0 and 1 without further words.
+  const std::string& first = draft.endpoints.front().dvid;
+  const bool several =
+      draft.endpoints.size() > 1 || !(first.empty() || first == "0" || first == "1");
   for (const drafted_endpoint& e : draft.endpoints) {
     const auto meaning =
         std::find_if(draft.structure.observed.begin(), draft.structure.observed.end(),
