@@ -56,9 +56,10 @@ varda_allowed_for() {
     selftest)
       echo "$below input host inference method simulation diagnostics run report selftest"
       ;;
+    draft) echo "$below input host inference method draft" ;;
     cli)
       echo "$below input folder comparison host inference method simulation diagnostics run report" \
-        "html_report selftest cli"
+        "html_report selftest draft cli"
       ;;
   esac
 }

@@ -9,7 +9,7 @@ _varda() {
       ;;
     -o | --output)
       case $command in
-        report | simulate | predict | vpc) mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
+        new | report | simulate | predict | vpc) mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
         *) mapfile -t COMPREPLY < <(compgen -d -- "$current") ;;
       esac
       return
@@ -18,10 +18,15 @@ _varda() {
       mapfile -t COMPREPLY < <(compgen -d -- "$current"; compgen -f -X '!*.csv' -- "$current")
       return
       ;;
+    --column | --outputs) return ;;
+    --error)
+      mapfile -t COMPREPLY < <(compgen -W "additive proportional combined combined-sd power log-normal" -- "$current")
+      return
+      ;;
     --seed | --samples | --threads | -n | --replicates | --times | --bins | --stratify) return ;;
   esac
   if [ "$COMP_CWORD" -eq 1 ]; then
-    local commands="fit evaluate check report compare simulate predict vpc selftest"
+    local commands="fit evaluate check new report compare simulate predict vpc selftest"
     mapfile -t COMPREPLY < <(compgen -W "$commands --help --version" -- "$current")
   elif [[ $current == -* ]]; then
     local options="--output --from --seed --samples --threads --report --quiet --records --help"
@@ -29,6 +34,7 @@ _varda() {
     case $command in
       fit) options+=" --resume" ;;
       check) options="--json --help" ;;
+      new) options="--list --data --output --equations --outputs --column --error --help" ;;
       report) options="--output --replicates --threads --help" ;;
       selftest) options="--json --quiet --help" ;;
       compare) options="--nested --json --help" ;;

@@ -7,6 +7,7 @@ _varda() {
     'fit:estimate the parameters'
     'evaluate:the exact likelihood at the start values'
     'check:all that can be known before a fit'
+    'new:write a model file for a structure and your data'
     'report:one HTML file with the results and their drawings'
     'compare:compare runs'
     'simulate:data as the model would make them'
@@ -49,6 +50,13 @@ _varda() {
     fit) _arguments $run '--resume[take up the fit in the folder that was killed or stopped]' ;;
     evaluate) _arguments $run ;;
     check) _arguments ':model file:_files -g "*.toml"' '--json[print JSON]' ;;
+    new)
+      _arguments ':structure:' '--list[list the structures, or describe one]' \
+        '--data[data set that start values come from]:data:_files -g "*.csv"' \
+        '(-o --output)'{-o,--output}'[model file]:file:_files' '--equations[write the equations]' \
+        '--outputs[outputs that were measured]:outputs:' '*--column[ROLE=NAME]:column:' \
+        '--error[residual error]:error:(additive proportional combined combined-sd power log-normal)'
+      ;;
     report)
       _arguments ':folder:_directories' '(-o --output)'{-o,--output}'[file for the report]:file:_files' \
         '(-n --replicates)'{-n,--replicates}'[simulations]:replicates:' '--threads[threads]:threads:'

@@ -11,6 +11,7 @@
 
 #include "varda/cli/check.h"
 #include "varda/cli/compare.h"
+#include "varda/cli/new.h"
 #include "varda/cli/report.h"
 #include "varda/cli/run.h"
 #include "varda/cli/selftest.h"
@@ -62,6 +63,20 @@ void describe(CLI::App* command, varda::vpc_request& request) {
   command->add_flag("--time-after-dose", request.time_after_dose, "use time after dose");
   command->add_option("--bins", request.bins, "number of bins, or their edges: 0,2,8,24");
   command->add_option("--stratify", request.stratify, "one panel for each value of this covariate");
+}
+
+void describe(CLI::App* command, varda::new_request& request) {
+  command->add_option("structure", request.structure,
+                      "a structure, or PHARMACOKINETICS + RESPONSE");
+  command->add_flag("--list", request.list,
+                    "list the structures, or describe the one that is named");
+  command->add_option("--data", request.data, "data set that start values come from");
+  command->add_option("-o,--output", request.output, "model file instead of standard output");
+  command->add_flag("--equations", request.as_equations, "write the equations into the file");
+  command->add_option("--outputs", request.outputs, "what was measured of the structure's outputs")
+      ->delimiter(',');
+  command->add_option("--column", request.columns, "ROLE=NAME, a column of the data");
+  command->add_option("--error", request.error, "additive, proportional, combined, ...");
 }
 
 void describe(CLI::App* command, varda::report_request& request) {
@@ -135,6 +150,8 @@ int run_program(int argc, char** argv, varda::job& peers) {
   CLI::App* testing = app.add_subcommand("selftest", "test this installation");
   testing->add_flag("--json", tested.json, "print JSON instead of text");
   testing->add_flag("-q,--quiet", tested.quiet, "do not show progress");
+  varda::new_request drafted;
+  describe(app.add_subcommand("new", "write a model file for a structure and your data"), drafted);
   varda::report_request reported;
   describe(app.add_subcommand("report", "write results and plots to one HTML file"), reported);
   varda::simulate_request simulated;
@@ -177,6 +194,7 @@ int run_program(int argc, char** argv, varda::job& peers) {
   if (comparing->parsed()) return varda::compare_runs(compared, peers);
   if (testing->parsed()) return varda::selftest(tested, peers);
   if (check->parsed()) return varda::check(inspected, peers);
+  if (app.got_subcommand("new")) return varda::new_model(drafted, peers);
   if (app.got_subcommand("report")) return varda::write_report(reported, peers);
   const varda::exit_status ended = varda::run(request, peers);
   if (!request.report || ended == varda::exit_status::failure) return ended;

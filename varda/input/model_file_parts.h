@@ -21,6 +21,12 @@ void read_structure(section from, const file_access& text_of, findings& warnings
 // The formulas of a structure in equations; a part of read_structure.
 void read_equations(section& from, const file_access& text_of, findings& warnings,
                     model_specification& file);
+// The tables of formulas that are there, those of a system with states.
+void read_formula_tables(section& from, equation_text& text);
+// A ready structure, as equations; a part of read_structure.
+struct ready_structure;
+void read_ready_structure(section& from, const ready_structure& chosen, const file_access& text_of,
+                          findings& warnings, model_specification& file);
 void read_parameters(section from, model_specification& file);
 void read_omega(section from, model_specification& file);
 void read_residual(section from, model_specification& file);

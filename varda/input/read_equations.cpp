@@ -8,6 +8,7 @@
 #include "varda/data/csv.h"
 #include "varda/formula/expression.h"
 #include "varda/input/model_file_parts.h"
+#include "varda/input/ready_structures.h"
 #include "varda/model/equations/formula_error.h"
 #include "varda/model/structural_model.h"
 #include "varda/support/text.h"
@@ -18,8 +19,9 @@ namespace {
 
 using formula_table = std::pair<const char*, std::vector<formula_line> equation_text::*>;
 
-const std::array<formula_table, 8> formula_tables = {{
+const std::array<formula_table, 9> formula_tables = {{
     {"definitions", &equation_text::definitions},
+    {"sums", &equation_text::sums},
     {"outputs", &equation_text::outputs},
     {"derivatives", &equation_text::derivatives},
     {"initial", &equation_text::initial},
@@ -127,7 +129,7 @@ void check_columns(const std::vector<std::string>& covariates, const model_speci
     std::vector<std::string> known = columns;
     const equation_text& text = file.structure.equations;
     known.insert(known.begin(), {"t", "tad", "dose"});
-    for (const auto* lines : {&text.definitions, &text.derivatives})
+    for (const auto* lines : {&text.definitions, &text.sums, &text.derivatives})
       for (const formula_line& line : *lines) known.push_back(line.name);
     known.insert(known.end(), text.parameters.begin(), text.parameters.end());
     formula_error error = places[k];
@@ -182,7 +184,103 @@ bool uses_time(const equation_text& text) {
   return false;
 }
 
+// Has the data set bring what the formulas call by the name of a column, and doses what they have a
+// formula for. Throws formula_error.
+void ask_of_data(const structural_model& model, const std::vector<std::string>& columns,
+                 model_specification& file) {
+  const equation_text& text = file.structure.equations;
+  for (const std::string& name : model.covariates()) {
+    std::vector<std::string>& wanted = file.data.covariates;
+    if (std::find(wanted.begin(), wanted.end(), name) == wanted.end()) wanted.push_back(name);
+  }
+  note_uses(model.covariates(), text, file.data.uses);
+  check_columns(model.covariates(), file, places_of(model.covariates(), text), columns);
+}
+
+// The outputs that the model file asks for, all without it.
+void choose_outputs(section& from, const ready_structure& chosen, equation_text& text) {
+  text.outputs = chosen.equations.outputs;
+  if (!from.has("outputs")) return;
+  text.outputs.clear();
+  std::vector<std::string> known;
+  for (const formula_line& line : chosen.equations.outputs) known.push_back(line.name);
+  for (const std::string& name : from.texts("outputs")) {
+    const auto line = std::find(known.begin(), known.end(), name);
+    if (line == known.end()) throw from.unknown_word("outputs", name, known);
+    const auto is_same = [&](const formula_line& other) { return other.name == name; };
+    if (std::any_of(text.outputs.begin(), text.outputs.end(), is_same))
+      throw from.error("E-MODEL-WORD", "outputs", fmt::format("\"{}\" stands twice", name),
+                       "name each output once");
+    text.outputs.push_back(
+        chosen.equations.outputs[static_cast<std::size_t>(line - known.begin())]);
+  }
+}
+
+// A lag time and a bioavailability of doses into the first state, where it has neither.
+void add_dose_properties(section& from, const ready_structure& chosen, equation_text& text) {
+  const bool takes_them = chosen.kind == structure_kind::pharmacokinetics && text.sums.empty() &&
+                          text.lag.empty() && text.bioavailability.empty();
+  const auto add = [&](const char* key, const char* parameter, std::vector<formula_line>& lines) {
+    if (!from.flag_or(key, false)) return;
+    if (!takes_them)
+      throw from.error("E-MODEL-KEY", key,
+                       fmt::format("\"{}\" does not take this key", chosen.name),
+                       "varda new NAME --equations writes its equations into a model file, where "
+                       "they can be altered");
+    lines.push_back({text.derivatives.front().name, parameter});
+  };
+  add("lag_time", "Tlag", text.lag);
+  add("bioavailability", "F", text.bioavailability);
+}
+
 }  // namespace
+
+void read_formula_tables(section& from, equation_text& text) {
+  for (const auto& [table, member] : formula_tables)
+    if (const auto lines = from.table(table)) text.*member = read_formulas(*lines);
+}
+
+void read_ready_structure(section& from, const ready_structure& chosen, const file_access& text_of,
+                          findings& warnings, model_specification& file) {
+  std::vector<std::string> offered = std::move(file.structure.equations.parameters);
+  equation_text& text = file.structure.equations;
+  text = chosen.equations;
+  text.parameters = std::move(offered);
+  choose_outputs(from, chosen, text);
+  add_dose_properties(from, chosen, text);
+  const bool system = !text.derivatives.empty();
+  if (system)
+    if (const auto solver = from.table("solver")) text.solver = read_solver(*solver);
+  file.structure.name = system ? equation_structure : formula_structure;
+  file.data.doses_needed = chosen.kind == structure_kind::pharmacokinetics;
+
+  const std::vector<std::string> columns = columns_of(file.data, text_of);
+  for (const ready_parameter& p : chosen.parameters) {
+    if (std::find(text.parameters.begin(), text.parameters.end(), p.name) != text.parameters.end())
+      continue;
+    const auto column = find_column(columns, p.name);
+    if (column == columns.end())
+      throw from.error(
+          "E-MODEL-MISSING", "structure",
+          fmt::format("the parameter {} of \"{}\", {}, is missing", p.name, chosen.name, p.meaning),
+          "add it to [parameters], or a column with its values to the data");
+    finding said = from.error("W-MODEL-COLUMN-PARAMETER", "structure",
+                              fmt::format("{}, which [parameters] does not have, is taken from the "
+                                          "column {} of the data",
+                                          p.name, *column),
+                              "add it to [parameters] if it is to be estimated")
+                       .what_found();
+    said.level = severity::warning;
+    warnings.push_back(said);
+  }
+  try {
+    const auto model = make_structural_model(file.structure);
+    ask_of_data(*model, columns, file);
+  } catch (const formula_error& e) {
+    throw from.error(e.code, "structure",
+                     fmt::format("{} of \"{}\": {}", e.key, chosen.name, e.message), e.remedy);
+  }
+}
 
 void read_equations(section& from, const file_access& text_of, findings& warnings,
                     model_specification& file) {
@@ -217,17 +315,12 @@ void read_equations(section& from, const file_access& text_of, findings& warning
   };
   try {
     const auto model = make_structural_model(file.structure);
-    for (const std::string& name : model->covariates()) {
-      std::vector<std::string>& wanted = file.data.covariates;
-      if (std::find(wanted.begin(), wanted.end(), name) == wanted.end()) wanted.push_back(name);
-    }
+    const std::vector<std::string> columns = columns_of(file.data, text_of);
+    ask_of_data(*model, columns, file);
     for (int c = 1; system && c <= model->dose_compartments(); ++c) {
       if (model->models_rate(c)) file.data.modelled_rate.push_back(c);
       if (model->models_duration(c)) file.data.modelled_duration.push_back(c);
     }
-    note_uses(model->covariates(), text, file.data.uses);
-    const std::vector<std::string> columns = columns_of(file.data, text_of);
-    check_columns(model->covariates(), file, places_of(model->covariates(), text), columns);
     for (const formula_error& e : hidden_columns(file.data, text, columns)) {
       if (e.code.starts_with("E-")) throw e;
       warnings.push_back(refusal(e).what_found());

@@ -1,8 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "varda/input/model_file_parts.h"
 
-#include <algorithm>
+#include <fmt/format.h>
 
+#include <algorithm>
+#include <optional>
+
+#include "varda/input/ready_structures.h"
 #include "varda/model/structural_model.h"
 
 namespace varda {
@@ -22,6 +26,31 @@ void read_compartments(section& from, structure_choice& choice) {
                        "the duration of zero-order absorption is always a parameter");
 }
 
+std::optional<ready_structure> find_or_refuse(section& from, const std::string& name) {
+  try {
+    return find_ready_structure(name);
+  } catch (const bad_input& error) {
+    const finding& found = error.what_found();
+    throw from.error(found.code, "structure", found.message, found.remedy);
+  }
+}
+
+// The lists are too long for a message.
+bad_input unknown_structure(const section& from, const std::string& name,
+                            const std::vector<std::string>& structures) {
+  const std::size_t plus = name.find(" + ");
+  for (const std::string& part :
+       {name.substr(0, plus), plus == std::string::npos ? "" : name.substr(plus + 3)}) {
+    if (part.empty() || find_ready_structure(part)) continue;
+    const std::string near = did_you_mean(part, structures);
+    if (near.empty()) break;
+    return from.error("E-MODEL-WORD", "structure", fmt::format("\"{}\" is not known here", part),
+                      fmt::format("did you mean \"{}\"?", near));
+  }
+  return from.error("E-MODEL-WORD", "structure", fmt::format("\"{}\" is not known here", name),
+                    "varda new --list shows all structures");
+}
+
 }  // namespace
 
 void read_structure(section from, const file_access& text_of, findings& warnings,
@@ -30,8 +59,16 @@ void read_structure(section from, const file_access& text_of, findings& warnings
   structures.insert(structures.end(), {formula_structure, equation_structure});
   std::string& name = file.structure.name;
   name = from.needed_text("structure", "the structural model");
-  if (std::find(structures.begin(), structures.end(), name) == structures.end())
-    throw from.unknown_word("structure", name, structures);
+  if (std::find(structures.begin(), structures.end(), name) == structures.end()) {
+    const std::optional<ready_structure> ready = find_or_refuse(from, name);
+    if (ready) {
+      read_ready_structure(from, *ready, text_of, warnings, file);
+      from.refuse_leftovers();
+      return;
+    }
+    for (const ready_structure& s : ready_structures()) structures.push_back(s.name);
+    throw unknown_structure(from, name, structures);
+  }
   const bool own_equations = name == formula_structure || name == equation_structure;
   file.data.doses_needed = !own_equations;
   if (own_equations)

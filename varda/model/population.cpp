@@ -7,6 +7,7 @@
 #include <cmath>
 #include <utility>
 
+#include "varda/data/summed_doses.h"
 #include "varda/model/lanes/kernel.h"
 
 namespace varda {
@@ -53,12 +54,17 @@ int count_of_thetas(const model_specification& file,
   return static_cast<int>(file.parameters.size() + all.size());
 }
 
+structure_choice for_data(structure_choice choice, const dataset& data) {
+  if (!choice.equations.sums.empty()) choice.equations.summed_doses = count_summed_doses(data);
+  return choice;
+}
+
 }  // namespace
 
 population_model::population_model(model_specification file, dataset data)
     : file_(std::move(file)),
       data_(std::move(data)),
-      structure_(make_structural_model(file_.structure)),
+      structure_(make_structural_model(for_data(file_.structure, data_))),
       observed_(file_.endpoints, count_of_thetas(file_, covariate_coefficients(file_, data_)),
                 data_) {
   const std::vector<covariate_coefficient> coefficients = covariate_coefficients(file_, data_);

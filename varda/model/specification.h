@@ -78,6 +78,10 @@ struct equation_text {
   std::vector<formula_line> rate;
   std::vector<formula_line> duration;
   std::vector<formula_line> outputs;
+  // Each a sum over the doses into the first state since the last reset, with `dose` and `tad`
+  // those of each, and how many there can be at most: the data tell (data/summed_doses.h).
+  std::vector<formula_line> sums;
+  int summed_doses = 1;
   solver_settings solver;
 };
 

@@ -690,6 +690,10 @@ bool take_second_modes(engine_host& host, const participants& among, start_resul
 
 }  // namespace
 
+Eigen::VectorXd pooled_start(engine_host& host) {
+  return screen(host, participants(host, true), host.theta()).front();
+}
+
 bool start_up(engine_host& host, std::vector<start_result>& found) {
   const participants few(host, true);
   const Eigen::VectorXd start = host.theta();

@@ -22,6 +22,10 @@ struct start_result {
   double laplace = 0.0;                 // -2 log-likelihood by Laplace's method
 };
 
+// The parameters at the best maximum of the naive pooled fit that is reached from those in force,
+// which stay, and from many about them; variances have no part in it. Collective.
+Eigen::VectorXd pooled_start(engine_host& host);
+
 // From the parameters in force, which stay: the ends that are far from each other, the lowest first
 // by Laplace's method. Collective. False when a stop was asked for.
 bool start_up(engine_host& host, std::vector<start_result>& found);

@@ -107,6 +107,8 @@ void equation_run::lay_out(const subject& who) {
         current.now.dosed = true;
         current.now.dose_time = d.time;
         current.now.dose = d.amount;
+        if (program_.summed_doses() > 0 && d.compartment == 1)
+          current.now.summed.push_back({d.time, d.amount});
         // What is said at a record holds for its additional doses.
         const bool additional = d.record_segment >= 0;
         epoch at_record = current.now;

@@ -20,7 +20,7 @@ formula_lanes::formula_lanes(const formula_program& program, const lane_kernel& 
     for (std::size_t s = 0; s < program.states().size(); ++s)
       sections.emplace_back(program.has(what, s) ? program.of_dose(what, s) : nothing, block);
   }
-  common_.fill((program.covariates().size() + 4) * block, 0.0);
+  common_.fill((program.covariates().size() + 4 + 3 * program.summed_doses()) * block, 0.0);
 }
 
 void formula_lanes::begin(const subject& who, const parameter_block& p, std::size_t first,
@@ -48,6 +48,7 @@ bool formula_lanes::same(const constants_table& table, const epoch& now) const {
   if (program_.constants_know_dose_time() &&
       (of.dosed != now.dosed || of.dose_time != now.dose_time))
     return false;
+  if (of.summed != now.summed) return false;
   const std::vector<double>& covariates =
       who_->segments[static_cast<std::size_t>(now.segment)].covariates;
   for (std::size_t k = 0; k < positions_->size(); ++k)
@@ -86,6 +87,13 @@ void formula_lanes::set_common(const epoch& now, double time) {
   fill_common(first + 1, now.dosed ? 1.0 : 0.0);
   fill_common(first + 2, now.dose_time);
   fill_common(first + 3, time);
+  for (std::size_t k = 0; k < program_.summed_doses(); ++k) {
+    const bool given = k < now.summed.size();
+    const std::size_t row = first + 4 + 3 * k;
+    fill_common(row, given ? now.summed[k].amount : 0.0);
+    fill_common(row + 1, given ? 1.0 : 0.0);
+    fill_common(row + 2, given ? now.summed[k].time : 0.0);
+  }
 }
 
 void formula_lanes::from_inputs(bound_section& section, const epoch& now, double time,
@@ -107,6 +115,12 @@ void formula_lanes::from_inputs(bound_section& section, const epoch& now, double
           return common_.data() + (first + 1) * block;
         case leaf_kind::dose_time:
           return common_.data() + (first + 2) * block;
+        case leaf_kind::summed_dose:
+          return common_.data() + (first + 4 + 3 * l.index) * block;
+        case leaf_kind::summed_dosed:
+          return common_.data() + (first + 5 + 3 * l.index) * block;
+        case leaf_kind::summed_dose_time:
+          return common_.data() + (first + 6 + 3 * l.index) * block;
         default:
           return common_.data() + (first + 3) * block;
       }

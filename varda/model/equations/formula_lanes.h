@@ -15,12 +15,20 @@
 
 namespace varda {
 
+// A dose that sums run over.
+struct summed_dose {
+  double time = 0.0;
+  double amount = 0.0;
+  bool operator==(const summed_dose&) const = default;
+};
+
 // What formulas can know besides parameters, time and states.
 struct epoch {
   int segment = 0;
   bool dosed = false;
   double dose_time = 0.0;
   double dose = 0.0;
+  std::vector<summed_dose> summed{};  // only where the program has sums
 };
 
 // Rows of numbers have one for each individual, stride() apart where there are several.
@@ -80,7 +88,8 @@ class formula_lanes {
   std::size_t stride_ = 0;
   std::size_t sets_ = 0;
   lane_array parameters_;
-  lane_array common_;  // blocks of covariates, dose, dosed, time of the dose, time
+  lane_array common_;  // blocks of covariates, dose, dosed, time of the dose, time,
+                       // and the first three of each dose that sums run over
   std::vector<constants_table> tables_;
   std::size_t used_tables_ = 0;
 };

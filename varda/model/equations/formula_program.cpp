@@ -63,6 +63,7 @@ class formula_program::compiler {
       for (const formula_line& line : lines) visit(formula_place{section, &line});
     };
     all("definitions", text_.definitions);
+    all("sums", text_.sums);
     all("derivatives", text_.derivatives);
     all("initial", text_.initial);
     all("lag", text_.lag);
@@ -77,8 +78,9 @@ class formula_program::compiler {
   void find_free_names() {
     const std::set<std::string> offered(text_.parameters.begin(), text_.parameters.end());
     std::set<std::string> own;
-    for (const auto& [section, lines] :
-         {std::pair{"definitions", &text_.definitions}, {"derivatives", &text_.derivatives}})
+    for (const auto& [section, lines] : {std::pair{"definitions", &text_.definitions},
+                                         {"sums", &text_.sums},
+                                         {"derivatives", &text_.derivatives}})
       for (const formula_line& line : *lines) {
         const formula_place at{section, &line};
         if (!is_formula_name(line.name))
@@ -89,7 +91,7 @@ class formula_program::compiler {
                          "choose another name");
         if (offered.contains(line.name) || !own.insert(line.name).second)
           throw at.error("E-MODEL-NAME", fmt::format("the name {} is used twice", line.name),
-                         "parameters, definitions and states need names of their own");
+                         "parameters, definitions, sums and states need names of their own");
       }
     std::set<std::string> used;
     for_each_formula([&](const formula_place& at) {
@@ -151,6 +153,42 @@ class formula_program::compiler {
     }
   }
 
+  // A sum is written out, dose by dose; those that have not been given add nothing. What it is made
+  // of must belong to each dose: a definition with `dose` or `tad` in it belongs to the last one.
+  void compile_sums() {
+    if (text_.sums.empty()) return;
+    program_.summed_doses_ = static_cast<std::size_t>(std::max(text_.summed_doses, 1));
+    for (const formula_line& line : text_.sums) {
+      const formula_place at{"sums", &line};
+      const expression formula = at.read();
+      for (const std::string& name : formula.names()) {
+        const auto symbol = symbols_.find(name);
+        if (name != "dose" && name != "tad" && symbol != symbols_.end() &&
+            (depends_on({symbol->second}, dose_) || depends_on({symbol->second}, dose_time_)))
+          throw at.error("E-MODEL-SYMBOL", fmt::format("{} belongs to the last dose", name),
+                         "write its formula, with dose and tad, in the sum itself");
+      }
+    }
+    const value last_dose = symbols_.at("dose");
+    const value last_tad = symbols_.at("tad");
+    std::vector<value> sums(text_.sums.size(), graph_.number(0.0));
+    for (std::size_t k = 0; k < program_.summed_doses_; ++k) {
+      const value given = add_input(leaf_kind::summed_dosed, k, lane_graph::on_nothing);
+      const value begin = add_input(leaf_kind::summed_dose_time, k, lane_graph::on_nothing);
+      symbols_["dose"] = add_input(leaf_kind::summed_dose, k, lane_graph::on_nothing);
+      symbols_["tad"] =
+          graph_.apply(lane_code::multiply, given, graph_.apply(lane_code::subtract, time_, begin));
+      for (std::size_t s = 0; s < sums.size(); ++s) {
+        const value one = compile({"sums", &text_.sums[s]}, false);
+        sums[s] = graph_.apply(lane_code::add, sums[s],
+                               graph_.apply(lane_code::select, given, one, graph_.number(0.0)));
+      }
+    }
+    symbols_["dose"] = last_dose;
+    symbols_["tad"] = last_tad;
+    for (std::size_t s = 0; s < sums.size(); ++s) symbols_[text_.sums[s].name] = sums[s];
+  }
+
   value compile(const formula_place& at, bool states_allowed) {
     const expression formula = at.read();
     std::vector<value> variables;
@@ -187,6 +225,7 @@ class formula_program::compiler {
   void compile_formulas() {
     for (const formula_line& line : text_.definitions)
       symbols_[line.name] = compile({"definitions", &line}, true);
+    compile_sums();
     for (const formula_line& line : text_.derivatives)
       derivatives_.push_back(compile({"derivatives", &line}, true));
     for (const formula_line& line : text_.outputs) {

@@ -32,6 +32,9 @@ enum class leaf_kind {
   dose,
   dosed,
   dose_time,
+  summed_dose,  // of the doses that sums run over, the index-th, like the next two
+  summed_dosed,
+  summed_dose_time,
   constant,
   time,
   state
@@ -70,6 +73,8 @@ class formula_program {
   // Whether constants change with the last dose's amount, with its time.
   bool constants_know_dose() const { return constants_know_dose_; }
   bool constants_know_dose_time() const { return constants_know_dose_time_; }
+  // How many doses sums run over; 0 without sums.
+  std::size_t summed_doses() const { return summed_doses_; }
   std::size_t constants() const { return constant_section_.code.results; }
   // From inputs alone.
   const compiled_section& constant_section() const { return constant_section_; }
@@ -108,6 +113,7 @@ class formula_program {
 
   bool constants_know_dose_ = false;
   bool constants_know_dose_time_ = false;
+  std::size_t summed_doses_ = 0;
   compiled_section constant_section_;
   compiled_section derivatives_;
   compiled_section jacobian_;
