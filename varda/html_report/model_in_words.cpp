@@ -135,10 +135,20 @@ lines structure_lines(const structure_choice& choice) {
   return result;
 }
 
+// The law and its formulas.
+std::string outcome_line(const outcome_text& what, const std::string& y) {
+  std::string line = fmt::format("{} ~ {}", y, name_of(what.kind));
+  for (const formula_line& formula : what.formulas)
+    line += fmt::format("{} {} = {}", &formula == what.formulas.data() ? ":" : ",", formula.name,
+                        formula.text);
+  return line;
+}
+
 // The names of an endpoint's deviations are those of theta, which say the endpoint where there are
 // several.
 std::string observation_line(const endpoint& what) {
   const std::string y = what.name.empty() ? "y" : "y(" + what.name + ")";
+  if (!what.is_normal()) return outcome_line(what.outcome, y);
   switch (what.residual.kind) {
     case error_kind::additive:
       return y + " = f + additive × ε";
@@ -179,9 +189,11 @@ model_account in_words(const population_model& model) {
   if (!file.occasion_omega.empty())
     result.words.emplace_back("Some parameters have a random effect for each occasion.");
   for (const endpoint& what : file.endpoints)
-    result.words.push_back(fmt::format("Residual error{}: {}.",
-                                       what.name.empty() ? "" : " of " + what.name,
-                                       name_of(what.residual.kind)));
+    result.words.push_back(
+        !what.is_normal()
+            ? fmt::format("Endpoint {}: {}.", what.name, name_of(what.outcome.kind))
+            : fmt::format("Residual error{}: {}.", what.name.empty() ? "" : " of " + what.name,
+                          name_of(what.residual.kind)));
   result.structure = structure_lines(choice);
   for (std::size_t k = 0; k < file.parameters.size(); ++k)
     result.individuals.push_back(individual_line(model, k));

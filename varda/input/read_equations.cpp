@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <map>
 #include <utility>
 
 #include "varda/data/csv.h"
@@ -28,6 +29,16 @@ const std::array<formula_table, 8> formula_tables = {{
     {"rate", &equation_text::rate},
     {"duration", &equation_text::duration},
 }};
+
+// Every formula with the section that it stands in.
+std::vector<std::pair<std::string, const formula_line*>> all_formulas(const equation_text& text) {
+  std::vector<std::pair<std::string, const formula_line*>> all;
+  for (const auto& [table, member] : formula_tables)
+    for (const formula_line& line : text.*member) all.emplace_back(table, &line);
+  for (const outcome_text& of : text.outcomes)
+    for (const formula_line& line : of.formulas) all.emplace_back("endpoint." + of.name, &line);
+  return all;
+}
 
 // A formula is a text; a plain number will do as well.
 std::vector<formula_line> read_formulas(section from) {
@@ -98,20 +109,19 @@ std::vector<formula_error> hidden_columns(const data_source& data, const equatio
     const bool no_doses =
         b.name != "t" && find_column(columns, column_of(data, "AMT")) == columns.end();
     bool told = false;
-    for (const auto& [table, member] : formula_tables)
-      for (const formula_line& line : text.*member) {
-        const expression formula(line.text);
-        const std::vector<std::string>& names = formula.names();
-        if (told || std::find(names.begin(), names.end(), b.name) == names.end()) continue;
-        told = true;
-        found.emplace_back(
-            table, line.name, no_doses ? "E-MODEL-HIDDEN" : "W-MODEL-HIDDEN",
-            fmt::format("{} in a formula is {}, and not the column {}{}", b.name, b.meaning,
-                        *column, no_doses ? ", and the data have no doses" : ""),
-            fmt::format("for the column write {}_column = \"{}\" in [data.define], and "
-                        "{}_column in the formula",
-                        b.name, b.name, b.name));
-      }
+    for (const auto& [table, line] : all_formulas(text)) {
+      const expression formula(line->text);
+      const std::vector<std::string>& names = formula.names();
+      if (told || std::find(names.begin(), names.end(), b.name) == names.end()) continue;
+      told = true;
+      found.emplace_back(
+          table, line->name, no_doses ? "E-MODEL-HIDDEN" : "W-MODEL-HIDDEN",
+          fmt::format("{} in a formula is {}, and not the column {}{}", b.name, b.meaning, *column,
+                      no_doses ? ", and the data have no doses" : ""),
+          fmt::format("for the column write {}_column = \"{}\" in [data.define], and "
+                      "{}_column in the formula",
+                      b.name, b.name, b.name));
+    }
   }
   return found;
 }
@@ -143,53 +153,56 @@ std::vector<formula_error> places_of(const std::vector<std::string>& covariates,
                                      const equation_text& text) {
   std::vector<formula_error> places;
   for (const std::string& name : covariates)
-    for (const auto& [table, member] : formula_tables)
-      for (const formula_line& line : text.*member) {
-        const std::vector<std::string> names = expression(line.text).names();
-        if (places.size() > static_cast<std::size_t>(&name - covariates.data()) ||
-            std::find(names.begin(), names.end(), name) == names.end())
-          continue;
-        places.emplace_back(table, line.name, "E-MODEL-SYMBOL",
-                            fmt::format("{} is no parameter, state, definition or column", name),
-                            "");
-      }
+    for (const auto& [table, line] : all_formulas(text)) {
+      const std::vector<std::string> names = expression(line->text).names();
+      if (places.size() > static_cast<std::size_t>(&name - covariates.data()) ||
+          std::find(names.begin(), names.end(), name) == names.end())
+        continue;
+      places.emplace_back(table, line->name, "E-MODEL-SYMBOL",
+                          fmt::format("{} is no parameter, state, definition or column", name), "");
+    }
   return places;
 }
 
 // Notes what the formulas do with covariates.
 void note_uses(const std::vector<std::string>& covariates, const equation_text& text,
                std::map<std::string, covariate_use>& uses) {
-  for (const auto& [table, member] : formula_tables)
-    for (const formula_line& line : text.*member)
-      for (const auto& [name, made] : expression(line.text).uses()) {
-        if (std::find(covariates.begin(), covariates.end(), name) == covariates.end()) continue;
-        covariate_use& use = uses[name];
-        use.computed = use.computed || made.computes;
-        use.compared = use.compared || !made.texts.empty();
-        for (const std::string& level : made.texts)
-          if (std::find(use.levels.begin(), use.levels.end(), level) == use.levels.end())
-            use.levels.push_back(level);
-      }
+  for (const auto& [table, line] : all_formulas(text))
+    for (const auto& [name, made] : expression(line->text).uses()) {
+      if (std::find(covariates.begin(), covariates.end(), name) == covariates.end()) continue;
+      covariate_use& use = uses[name];
+      use.computed = use.computed || made.computes;
+      use.compared = use.compared || !made.texts.empty();
+      for (const std::string& level : made.texts)
+        if (std::find(use.levels.begin(), use.levels.end(), level) == use.levels.end())
+          use.levels.push_back(level);
+    }
 }
 
 bool uses_time(const equation_text& text) {
-  for (const auto& [table, member] : formula_tables)
-    for (const formula_line& line : text.*member) {
-      const expression formula(line.text);
-      for (const std::string& name : formula.names())
-        if (name == "t" || name == "tad") return true;
-    }
+  for (const outcome_text& of : text.outcomes)
+    if (of.kind == endpoint_kind::event) return true;
+  for (const auto& [table, line] : all_formulas(text)) {
+    const expression formula(line->text);
+    for (const std::string& name : formula.names())
+      if (name == "t" || name == "tad") return true;
+  }
   return false;
 }
 
 }  // namespace
 
-void read_equations(section& from, const file_access& text_of, findings& warnings,
-                    model_specification& file) {
+void read_equations(section& from, const std::map<std::string, section>& places,
+                    const file_access& text_of, findings& warnings, model_specification& file) {
   const bool system = file.structure.name == equation_structure;
   equation_text& text = file.structure.equations;
   const bool short_form = !system && from.has("prediction");
-  if (short_form) {
+  // Endpoints that are not normal bring their formulas themselves.
+  const bool needed = std::any_of(file.endpoints.begin(), file.endpoints.end(),
+                                  [](const endpoint& of) { return of.is_normal(); });
+  if (!needed && !short_form && !from.has("outputs")) {
+    text.outputs.clear();
+  } else if (short_form) {
     text.outputs = {{"prediction", from.needed_text("prediction", "the prediction")}};
   } else {
     text.outputs = read_formulas(
@@ -203,7 +216,7 @@ void read_equations(section& from, const file_access& text_of, findings& warning
   const auto refuse_empty = [&](const char* table, const char* what) {
     throw from.error("E-MODEL-MISSING", table, "this table is empty", what);
   };
-  if (text.outputs.empty()) refuse_empty("outputs", "give a formula for each endpoint");
+  if (needed && text.outputs.empty()) refuse_empty("outputs", "give a formula for each endpoint");
   if (system) {
     from.needed_table("derivatives", "the equations of the states");
     if (text.derivatives.empty()) refuse_empty("derivatives", "give an equation for each state");
@@ -212,7 +225,10 @@ void read_equations(section& from, const file_access& text_of, findings& warning
 
   const auto refusal = [&](const formula_error& e) {
     const bool top = short_form && e.section == "outputs";
-    const section place = top ? from : *from.table(e.section);
+    const auto endpoint = places.find(e.section);
+    const section place = endpoint != places.end() ? endpoint->second
+                          : top                    ? from
+                                                   : *from.table(e.section);
     return place.error(e.code, e.key, e.message, e.remedy);
   };
   try {

@@ -24,8 +24,8 @@ void read_compartments(section& from, structure_choice& choice) {
 
 }  // namespace
 
-void read_structure(section from, const file_access& text_of, findings& warnings,
-                    model_specification& file) {
+void read_structure(section from, const std::map<std::string, section>& places,
+                    const file_access& text_of, findings& warnings, model_specification& file) {
   std::vector<std::string> structures = structural_model_names();
   structures.insert(structures.end(), {formula_structure, equation_structure});
   std::string& name = file.structure.name;
@@ -34,8 +34,12 @@ void read_structure(section from, const file_access& text_of, findings& warnings
     throw from.unknown_word("structure", name, structures);
   const bool own_equations = name == formula_structure || name == equation_structure;
   file.data.doses_needed = !own_equations;
+  if (!own_equations && !file.data.outcomes.empty())
+    throw from.error("E-MODEL-ENDPOINT", "structure",
+                     "endpoints that are not normal need a model in formulas or equations",
+                     "write the structure as \"formula\" or \"equations\"");
   if (own_equations)
-    read_equations(from, text_of, warnings, file);
+    read_equations(from, places, text_of, warnings, file);
   else
     read_compartments(from, file.structure);
   from.refuse_leftovers();

@@ -574,10 +574,27 @@
     line(share, "observed", panel.bins.map((b) => b.centre), panel.bins.map((b) => b.censored.observed));
   }
 
+  function eventPanel(to, panel) {
+    const name = panel.repeated ? "mean number of events" : "share without an event";
+    const on = chart(to, { title: endpoints.length > 1 ? nameOf(panel.endpoint) : "", x: "time", y: name, width: 760,
+      height: 380, xs: panel.times, ys: [].concat(panel.observed, panel.lower, panel.upper).filter(isNumber).concat([0, 1]),
+      label: `${name} of ${nameOf(panel.endpoint)}, observed and simulated` });
+    band(on, "band", panel.times, panel.lower, panel.upper);
+    line(on, "simulated", panel.times, panel.median);
+    line(on, "observed", panel.times, panel.observed);
+  }
+
   function vpc() {
     const to = section("vpc");
     to.append("p").attr("class", "note").text("Blue: 5th, 50th and 95th percentile of the observations; " +
       `orange: medians of ${report.vpc.replicates} simulations, boxes the intervals that hold 95 % of them.`);
+    if (report.vpc.events.length > 0) {
+      to.append("p").attr("class", "note").text("Events: blue the data (Kaplan and Meier; of events that come again " +
+        "the mean number of a subject), orange the median of the simulations, the band the interval that holds 95 % of them.");
+      const curves = to.append("div").attr("class", "charts wide");
+      report.vpc.events.forEach((panel) => eventPanel(curves, panel));
+    }
+    if (report.vpc.plain.length === 0) return;
     const tools = to.append("div").attr("class", "tools");
     const place = to.append("div").attr("class", "charts wide");
     let corrected = 0;
