@@ -7,7 +7,7 @@
 set.seed(7, kind = "Mersenne-Twister", normal.kind = "Inversion", sample.kind = "Rejection")
 subjects <- 100
 base <- 4 * exp(rnorm(subjects, 0, sqrt(0.5)))       # seizures a week
-effect <- 0.6 + rnorm(subjects, 0, sqrt(0.1))        # fall of the logarithm on the drug
+effect <- 0.6                                        # fall of the logarithm on the drug
 drug <- rep(0:1, length.out = subjects)
 mean <- base * exp(-effect * drug)
 leaves <- rexp(subjects, 0.02 * mean^0.7)            # hazard a week
