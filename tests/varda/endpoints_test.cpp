@@ -16,6 +16,7 @@
 #include "tests/varda/theophylline.h"
 #include "varda/diagnostics/npde.h"
 #include "varda/diagnostics/predictions.h"
+#include "varda/html_report/model_in_words.h"
 #include "varda/input/model_file.h"
 #include "varda/model/lanes/kernel.h"
 #include "varda/model/start_evaluation.h"
@@ -400,6 +401,27 @@ hazard = "0.05 * exp(beta * central / 1e9)"
   EXPECT_NEAR(population_predictions(model, 0, model.start_theta())(1), integral(14, 20), 1e-6);
 }
 
+// A covariate that changes counts from its record on, in the likelihood and in simulations.
+TEST(Events, AHazardFollowsItsCovariates) {
+  const population_model model =
+      model_from("changing", std::string(weibull_model) + "hazard = \"x * shape / scale\"\n",
+                 "ID,TIME,DV,EVID,x\n1,0,.,2,1\n1,4,.,2,5\n1,10,0,0,5\n");
+  const double total = (4.0 + 6.0 * 5.0) * 0.25;
+  EXPECT_NEAR(population_predictions(model, 0, model.start_theta())(0), total, 1e-9);
+  const drawn_parameters at{model.start_theta(), Eigen::MatrixXd::Constant(1, 1, 1e-12)};
+  constexpr int replicates = 4000;
+  const auto simulated = simulate(model, {at}, {.replicates = replicates});
+  for (const double t : {3.0, 4.0, 4.5}) {
+    const double p = 1.0 - std::exp(-0.25 * (t <= 4.0 ? t : 4.0 + 5.0 * (t - 4.0)));
+    int before = 0;
+    for (const std::vector<event_row>& rows : simulated[0].events)
+      before += rows[0].happened && rows[0].time <= t ? 1 : 0;
+    EXPECT_NEAR(before / static_cast<double>(replicates), p,
+                4.0 * std::sqrt(p * (1.0 - p) / replicates) + 1e-3)
+        << t;
+  }
+}
+
 // Times of events have the distribution of the model, and the watch ends as documented.
 TEST(Events, SimulationsFollowTheHazard) {
   constexpr int replicates = 4000;
@@ -522,6 +544,14 @@ TEST(Endpoints, RandomisedPredictionErrorsAreStandardNormal) {
   }
 }
 
+TEST(Endpoints, TheReportTellsTheLawAndNoStructureThatIsNotThere) {
+  const model_account account = in_words(model_of("poisson"));
+  EXPECT_THAT(account.observations,
+              testing::ElementsAre("y(count) ~ poisson: mean = base * exp(drug * TRT)"));
+  EXPECT_THAT(account.structure, testing::IsEmpty());
+  EXPECT_EQ(account.words[0], "Structural model: formula.");
+}
+
 finding refusal(const std::string& name, const std::string& model, const std::string& data) {
   try {
     const population_model made = model_from(name, model, data);
@@ -605,6 +635,9 @@ TEST(Endpoints, RefusesValuesThatCannotBe) {
       {"E-DATA-CENSORING", "LIMIT", 2, event, "ID,TIME,DV,CENS,LIMIT\n1,3,1,1,3\n"},
       {"E-DATA-CENSORING", "", 3, event, "ID,TIME,DV,CENS,LIMIT\n1,3,0,0,.\n1,5,1,1,2\n"},
       {"E-DATA-EVENTS", "", 3, event, "ID,TIME,DV\n1,3,1\n1,5,0\n"},
+      {"E-DATA-EVENTS", "", 2,
+       std::string(weibull_model) + "cumulative_hazard = \"(t / scale)^shape * x\"\n",
+       "ID,TIME,DV,x\n1,3,0,1\n1,5,1,2\n"},
       {"E-DATA-EVENTS", "", 2, solved, "ID,TIME,DV,EVID\n1,3,0,0\n1,5,.,3\n1,6,0,0\n"},
       {"E-RUN-START", "", 3,
        one_effect +

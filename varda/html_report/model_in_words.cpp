@@ -88,6 +88,11 @@ rate_names rates_of(int compartments, parametrisation by) {
   return names;
 }
 
+// In the model file, and not in the library.
+bool is_written_out(const structure_choice& choice) {
+  return choice.name == formula_structure || choice.name == equation_structure;
+}
+
 lines compartment_lines(const structure_choice& choice) {
   const int compartments = choice.name.rfind("one", 0) == 0   ? 1
                            : choice.name.rfind("two", 0) == 0 ? 2
@@ -120,8 +125,7 @@ void add(lines& to, const std::vector<formula_line>& section, const char* form) 
 }
 
 lines structure_lines(const structure_choice& choice) {
-  const bool own = !choice.equations.outputs.empty();
-  if (!own) return compartment_lines(choice);
+  if (!is_written_out(choice)) return compartment_lines(choice);
   const equation_text& e = choice.equations;
   lines result;
   add(result, e.definitions, "{} = {}");
@@ -173,7 +177,7 @@ model_account in_words(const population_model& model) {
   model_account result;
   const structure_choice& choice = file.structure;
   std::string structure = "Structural model: " + choice.name;
-  if (choice.equations.outputs.empty())
+  if (!is_written_out(choice))
     structure += fmt::format(", given by {}", choice.by == parametrisation::clearance
                                                   ? "clearances and volumes"
                                                   : "rate constants and a volume");

@@ -25,7 +25,9 @@ class preparation {
       const outcome_text& of = file_.endpoints[k].outcome;
       if (of.kind != endpoint_kind::event) continue;
       const bool solved = of.formula("hazard") != nullptr;
-      integrated = prepare(static_cast<int>(k), of, begin, solved) || integrated;
+      const bool rows = prepare(static_cast<int>(k), of, begin, solved);
+      if (rows && !solved) refuse_changes(of);
+      integrated = integrated || (rows && solved);
     }
     if (!integrated) return;
     refuse_jumps();
@@ -76,7 +78,7 @@ class preparation {
       since = at.time;
       before = static_cast<int>(j);
     }
-    return solved && any;
+    return any;
   }
 
   // The place of its states.
@@ -85,6 +87,20 @@ class preparation {
                                     [&](const event& e) { return e.time > time; });
     who_.timeline.insert(after, {event_kind::instant, time, who_.instants});
     return static_cast<int>(who_.observations.size()) + who_.instants++;
+  }
+
+  // A formula at the two ends of a stretch cannot know what was in force between them.
+  void refuse_changes(const outcome_text& of) const {
+    if (who_.segments.size() == 1) return;
+    throw bad_input(
+        {.code = "E-DATA-EVENTS",
+         .message = fmt::format("the cumulative hazard of {} is given in closed form, and "
+                                "a covariate or the occasion of the subject changes",
+                                of.name),
+         .remedy = "give the hazard instead, which is integrated",
+         .file = data_.file,
+         .row = who_.first_row,
+         .subject = who_.id});
   }
 
   // They change all states at once, the cumulative hazard among them.
