@@ -92,9 +92,32 @@ std::vector<drawn_parameters> parameters_of(const model_source& source,
   return drawn;
 }
 
-void count_failures(const std::vector<simulated_subject>& simulated) {
+// A data set without the values of some endpoint would be no data set.
+void refuse_unknown_laws(const population_model& model) {
+  for (const endpoint& of : model.specification().endpoints)
+    if (!of.is_normal() && !can_be_simulated(of.outcome))
+      throw bad_input({.code = "E-SIM-ENDPOINT",
+                       .message = fmt::format("values of {} cannot be simulated: a log-likelihood "
+                                              "does not tell how they come about",
+                                              of.name),
+                       .remedy = "use another kind of endpoint where one fits",
+                       .file = model.specification().path});
+}
+
+void count_failures(const population_model& model,
+                    const std::vector<simulated_subject>& simulated) {
   Eigen::Index failed = 0;
-  for (const simulated_subject& s : simulated) failed += s.values.array().isNaN().count();
+  for (std::size_t i = 0; i < simulated.size(); ++i) {
+    const auto& observed = model.data().subjects[i].observations;
+    for (std::size_t j = 0; j < observed.size(); ++j) {
+      const endpoint& of =
+          model.specification().endpoints[static_cast<std::size_t>(observed[j].endpoint)];
+      if (of.is_normal() || has_row_values(of.outcome))
+        failed += simulated[i].values.row(static_cast<Eigen::Index>(j)).array().isNaN().count();
+    }
+    for (const std::vector<event_row>& happened : simulated[i].events)
+      failed += happened.empty() ? 1 : 0;
+  }
   if (failed > 0)
     std::fputs(fmt::format("{} values could not be simulated: the model has no finite prediction "
                            "there\n",
@@ -110,13 +133,14 @@ exit_status simulate_data(const simulate_request& request, const job& peers) {
     const model_source source(
         request.from.path, {.file = request.from.data, .values_needed = request.from.data.empty()});
     const population_model model(source.specification(), source.data());
+    refuse_unknown_laws(model);
     const int seed = seed_of(request.from, source);
     const std::vector<drawn_parameters> parameters =
         parameters_of(source, model, request.replicates, request.uncertainty, seed);
     const auto simulated =
         simulate(model, parameters,
                  {.replicates = request.replicates, .seed = seed, .threads = request.from.threads});
-    count_failures(simulated);
+    count_failures(model, simulated);
     table_sink out(request.from.output);
     out.write(simulation_header(model));
     for (int r = 0; r < request.replicates; ++r) out.write(simulation_rows(model, simulated, r));
@@ -169,13 +193,14 @@ exit_status check_visually(const vpc_request& request, const job& peers) {
     }
     const model_source source(request.from.path, {.file = request.from.data});
     const population_model model(source.specification(), source.data());
+    refuse_unknown_laws(model);
     const int seed = seed_of(request.from, source);
     const std::vector<drawn_parameters> parameters =
         parameters_of(source, model, request.replicates, request.uncertainty, seed);
     const auto simulated =
         simulate(model, parameters,
                  {.replicates = request.replicates, .seed = seed, .threads = request.from.threads});
-    count_failures(simulated);
+    count_failures(model, simulated);
     const vpc_result result =
         visual_predictive_check(model, source.parameters(model), simulated, plan);
     if (request.from.output.empty()) {

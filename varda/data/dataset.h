@@ -49,12 +49,13 @@ struct segment {
 // a record's additional doses stand before the records that follow it. A dose that replaces what
 // was before by its steady state has a reset before it. Times ascend: where the TIME of a file goes
 // back at a reset, the subject's clock runs on from the record before.
-enum class event_kind { dose, observation, reset, segment };
+// An instant is a time that is none of a record and at which a model needs its states.
+enum class event_kind { dose, observation, reset, segment, instant };
 
 struct event {
   event_kind kind = event_kind::observation;
   double time = 0.0;
-  int index = 0;  // of the dose, observation or segment
+  int index = 0;  // of the dose, observation, segment or instant
 };
 
 struct subject {
@@ -65,6 +66,7 @@ struct subject {
   std::vector<segment> segments;  // at least one; the first is in force from the start
   std::vector<event> timeline;    // without the first segment
   int occasions = 1;
+  int instants = 0;
 };
 
 // Appends to the records and to the timeline of a subject.

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <limits>
 
@@ -59,6 +60,65 @@ void read_censoring(const record_view& from, observation& made) {
   made.censored = censoring::interval;
 }
 
+// What CENS and LIMIT say about the time of an event.
+void read_event(const record_view& from, observation& made) {
+  const int censored = from.whole_number_or(role::cens, 0);
+  if (censored < -1 || censored > 1)
+    throw from.error("E-DATA-CENSORING", fmt::format("CENS {} has no meaning", censored),
+                     "1 is an event before TIME, -1 none until TIME, 0 what DV says", role::cens);
+  if (censored == 1 && made.value == 0.0)
+    throw from.error("E-DATA-CENSORING", "the row has no event, and one before its time",
+                     "write DV 1 with CENS 1", role::cens);
+  if (censored == -1 || made.value == 0.0) {
+    made.censored = censoring::right;
+    made.value = 0.0;
+  }
+  if (censored != 1) return;
+  made.censored = censoring::left;
+  const std::optional<double> limit = from.number(role::limit);
+  if (!limit) return;
+  const double written = from.number_or(role::time, made.time);
+  if (*limit >= written)
+    throw from.error("E-DATA-CENSORING",
+                     fmt::format("the limit {} does not lie before the time {}", *limit, written),
+                     "LIMIT is the time at which the event had not happened yet", role::limit);
+  made.limit = *limit + (made.time - written);
+  made.censored = censoring::interval;
+}
+
+// Refuses a value that the endpoint cannot take.
+void check_value(const record_view& from, const outcome_text& of, double value) {
+  const auto refuse = [&](const char* what) {
+    throw from.error("E-DATA-VALUE", fmt::format("{} is no value of {}", value, of.name), what,
+                     role::dv);
+  };
+  if (is_count(of.kind)) {
+    constexpr double most = 1e9;
+    if (!(value >= 0.0 && value <= most && value == std::floor(value)))
+      refuse("counts are whole numbers from 0 on");
+  } else if (of.kind == endpoint_kind::binary || of.kind == endpoint_kind::event) {
+    if (value != 0.0 && value != 1.0)
+      refuse(of.kind == endpoint_kind::binary
+                 ? "write 0 or 1"
+                 : "write 1 for an event at TIME, 0 where none came until TIME");
+  } else if (of.kind == endpoint_kind::ordinal &&
+             std::find(of.levels.begin(), of.levels.end(), value) == of.levels.end()) {
+    throw from.error("E-DATA-VALUE", fmt::format("{} is no level of {}", value, of.name),
+                     fmt::format("its levels are {}", fmt::join(of.levels, ", ")), role::dv);
+  }
+}
+
+// Everything beyond the value of an endpoint that is not normal.
+void read_outcome(const record_view& from, const outcome_text& of, observation& made) {
+  check_value(from, of, made.value);
+  if (of.kind == endpoint_kind::event) return read_event(from, made);
+  if (from.whole_number_or(role::cens, 0) != 0)
+    throw from.error("E-DATA-CENSORING",
+                     fmt::format("{} is {} and takes no censored values", of.name,
+                                 is_count(of.kind) ? "a count" : "no continuous endpoint"),
+                     "CENS is for continuous endpoints and for events", role::cens);
+}
+
 }  // namespace
 
 std::optional<observation> read_observation(const record_view& from, double time, oddities& odd) {
@@ -81,7 +141,14 @@ std::optional<observation> read_observation(const record_view& from, double time
                    .value = value.value_or(std::numeric_limits<double>::quiet_NaN()),
                    .endpoint = endpoint_of(from),
                    .row = from.row()};
-  if (value) read_censoring(from, made);
+  if (!value) return made;
+  const data_source& model = from.model();
+  const outcome_text* const of =
+      model.outcomes.empty() ? nullptr : &model.outcomes[static_cast<std::size_t>(made.endpoint)];
+  if (of != nullptr && of->kind != endpoint_kind::normal)
+    read_outcome(from, *of, made);
+  else
+    read_censoring(from, made);
   return made;
 }
 

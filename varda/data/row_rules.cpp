@@ -6,12 +6,14 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <numbers>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "statsubs/distributions/gamma.h"
 #include "varda/formula/expression.h"
 #include "varda/support/text.h"
 
@@ -56,6 +58,14 @@ bool cannot_count(const cell& a) {
 bool equal(const cell& a, const cell& b) {
   if (a.what != b.what) return false;
   return a.what == kind::number ? a.number == b.number : a.what == kind::text && a.text == b.text;
+}
+
+// The tail beyond the range of erfc by the asymptotic series of Mills' ratio.
+double log_normal_cdf(double x) {
+  if (x > -30.0) return std::log(0.5 * std::erfc(-x / std::numbers::sqrt2));
+  const double w = 1.0 / (x * x);
+  return -0.5 * (x * x + std::log(2.0 * std::numbers::pi)) - std::log(-x) +
+         std::log1p(-w * (1.0 - w * (3.0 - w * (15.0 - w * 105.0))));
 }
 
 double computed(lane_code code, double a, double b) {
@@ -114,6 +124,12 @@ double computed(lane_code code, double a, double b) {
       return std::tanh(a);
     case lane_code::error_function:
       return std::erf(a);
+    case lane_code::log_gamma:
+      return a > 0.0 ? statsubs::gamln(a) : std::nan("");
+    case lane_code::normal_cdf:
+      return 0.5 * std::erfc(-a / std::numbers::sqrt2);
+    case lane_code::log_normal_cdf:
+      return log_normal_cdf(a);
     case lane_code::equal:
     case lane_code::not_equal:
     case lane_code::both:
@@ -122,6 +138,9 @@ double computed(lane_code code, double a, double b) {
     case lane_code::multiply_add:
     case lane_code::multiply_subtract:
     case lane_code::subtract_multiply:
+    case lane_code::digamma:
+    case lane_code::log_gamma_ratio:
+    case lane_code::log_normal_share:
       break;
   }
   return std::nan("");

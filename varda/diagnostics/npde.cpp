@@ -5,6 +5,7 @@
 #include <cmath>
 #include <limits>
 #include <utility>
+#include <vector>
 
 #include "statsubs/estep/proposals.h"
 #include "varda/diagnostics/decorrelation.h"
@@ -16,15 +17,54 @@ namespace varda {
 
 namespace {
 
-// Observations x simulations; fewer columns where the model failed.
+// The rows of the observations that have a prediction error: those whose values can be simulated
+// row by row.
+std::vector<Eigen::Index> rows_with_values(const population_model& model, int subject) {
+  const auto& observed = model.data().subjects[static_cast<std::size_t>(subject)].observations;
+  std::vector<Eigen::Index> rows;
+  for (std::size_t j = 0; j < observed.size(); ++j) {
+    const auto endpoint = static_cast<std::size_t>(observed[j].endpoint);
+    if (model.observed().is_normal(observed[j]) ||
+        has_row_values(model.specification().endpoints[endpoint].outcome))
+      rows.push_back(static_cast<Eigen::Index>(j));
+  }
+  return rows;
+}
+
+// What of observations with steps makes continuous ones: their rank and a number between 0 and 1.
+// Observed and simulated values alike, so that their order stays and ties are broken at random.
+class smoothing {
+ public:
+  smoothing(const population_model& model, int subject, int seed)
+      : model_(model),
+        observed_(model.data().subjects[static_cast<std::size_t>(subject)].observations),
+        draw_({seed, static_cast<int>(stream::steps), subject}) {}
+
+  double operator()(Eigen::Index row, double value) {
+    const observation& at = observed_[static_cast<std::size_t>(row)];
+    if (model_.observed().is_normal(at)) return value;
+    const auto endpoint = static_cast<std::size_t>(at.endpoint);
+    return rank_of(model_.specification().endpoints[endpoint].outcome, value) + draw_.uniform();
+  }
+
+ private:
+  const population_model& model_;
+  const std::vector<observation>& observed_;
+  deviates draw_;
+};
+
+// Those observations x simulations; fewer columns where the model failed.
 Eigen::MatrixXd simulate(const population_model& model, int subject, const Eigen::VectorXd& theta,
-                         const Eigen::MatrixXd& omega, int simulations, deviates& draw) {
+                         const Eigen::MatrixXd& omega, int simulations, deviates& draw,
+                         const std::vector<Eigen::Index>& rows) {
   Eigen::MatrixXd f;
   Eigen::MatrixXd result;
   const drawn_parameters at{theta, omega};
   subject_simulator from(model, subject, at);
   from.simulate(
       simulations, [&](int) -> deviates& { return draw; }, f, result);
+  if (static_cast<Eigen::Index>(rows.size()) < result.rows())
+    result = Eigen::MatrixXd(result(rows, Eigen::all));
   Eigen::Index usable = 0;
   for (Eigen::Index k = 0; k < result.cols(); ++k) {
     if (!result.col(k).allFinite()) continue;
@@ -72,11 +112,16 @@ std::pair<double, double> possible_shares(const observation& at, const Share& of
 
 Eigen::VectorXd npde(const population_model& model, int subject, const Eigen::VectorXd& theta,
                      const Eigen::MatrixXd& omega, int simulations, int seed) {
-  const Eigen::Index n = model.observations(subject);
-  const Eigen::VectorXd unknown =
-      Eigen::VectorXd::Constant(n, std::numeric_limits<double>::quiet_NaN());
+  const std::vector<Eigen::Index> rows = rows_with_values(model, subject);
+  const auto n = static_cast<Eigen::Index>(rows.size());
+  const Eigen::VectorXd unknown = Eigen::VectorXd::Constant(
+      model.observations(subject), std::numeric_limits<double>::quiet_NaN());
+  if (n == 0) return unknown;
   deviates draw({seed, subject});
-  Eigen::MatrixXd y = simulate(model, subject, theta, omega, simulations, draw);
+  Eigen::MatrixXd y = simulate(model, subject, theta, omega, simulations, draw, rows);
+  smoothing smooth(model, subject, seed);
+  for (double& value : y.reshaped())
+    value = smooth(rows[static_cast<std::size_t>((&value - y.data()) % n)], value);
   if (y.cols() <= n + 1) return unknown;
 
   const Eigen::VectorXd mean = y.rowwise().mean();
@@ -86,18 +131,24 @@ Eigen::VectorXd npde(const population_model& model, int subject, const Eigen::Ve
 
   // Forward substitution, in which a censored observation takes its place before the next.
   Eigen::VectorXd decorrelated = Eigen::VectorXd::Zero(n);
-  Eigen::VectorXd result(n);
+  Eigen::VectorXd result = unknown;
   for (Eigen::Index j = 0; j < n; ++j) {
-    const observation& at = model.data()
-                                .subjects[static_cast<std::size_t>(subject)]
-                                .observations[static_cast<std::size_t>(j)];
+    const observation& at =
+        model.data()
+            .subjects[static_cast<std::size_t>(subject)]
+            .observations[static_cast<std::size_t>(rows[static_cast<std::size_t>(j)])];
     const double expected = mean(j) + factor.row(j).dot(decorrelated);
-    const auto scaled = [&](double value) { return (value - expected) / factor(j, j); };
-    const auto [from, to] =
-        possible_shares(at, [&](double value) { return share_below(y.row(j), scaled(value)); });
+    const auto scaled = [&](double y_or_limit) { return (y_or_limit - expected) / factor(j, j); };
+    const double value = smooth(rows[static_cast<std::size_t>(j)], at.value);
+    const auto share_of = [&](double y_or_limit) {
+      return share_below(y.row(j), scaled(y_or_limit));
+    };
+    const auto [from, to] = at.censored == censoring::none
+                                ? std::pair{share_of(value), share_of(value)}
+                                : possible_shares(at, share_of);
     const double share = from + draw.uniform() * (to - from);
-    decorrelated(j) = at.censored == censoring::none ? scaled(at.value) : quantile(y.row(j), share);
-    result(j) = statsubs::dnorminv(share);
+    decorrelated(j) = at.censored == censoring::none ? scaled(value) : quantile(y.row(j), share);
+    result(rows[static_cast<std::size_t>(j)]) = statsubs::dnorminv(share);
   }
   return result;
 }

@@ -22,6 +22,10 @@ namespace varda {
 // in Dunn and Smyth, 1996, J. Comput. Graph. Stat. 5, 236-244), and those after it are decorrelated
 // with the value that has this share.
 //
+// Values of counts, binary and ordinal endpoints, observed and simulated, count as their ranks plus
+// numbers drawn uniformly between 0 and 1. Endpoints of events and such that tell a log-likelihood
+// have no errors: NaN.
+//
 // Draws follow from `seed` and the subject's position alone. Simulations that the model cannot be
 // evaluated for are left out. NaN where too few are left for a covariance that is positive
 // definite.

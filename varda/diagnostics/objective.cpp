@@ -1,10 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "varda/diagnostics/objective.h"
 
+#include <algorithm>
 #include <cmath>
 #include <numbers>
 
 namespace varda {
+
+int normal_observations(const population_model& model, int subject) {
+  const auto& all = model.data().subjects[static_cast<std::size_t>(subject)].observations;
+  return static_cast<int>(std::count_if(all.begin(), all.end(), [&](const observation& at) {
+    return model.observed().is_normal(at);
+  }));
+}
+
+int normal_observations(const population_model& model) {
+  int count = 0;
+  for (int i = 0; i < model.subjects(); ++i) count += normal_observations(model, i);
+  return count;
+}
 
 double without_constant(double minus2ll, int observations) {
   return minus2ll - observations * std::log(2.0 * std::numbers::pi);
@@ -41,18 +55,19 @@ objective_figures objective_figures_of(const population_model& model,
                                        const likelihood_estimate& sampled,
                                        const quadrature_estimate& quadrature) {
   objective_figures result;
-  const int observations = model.data().observations();
+  const int observations = normal_observations(model);
   result.minus2ll = without_constant(sampled.minus2ll, observations);
   for (int i = 0; i < model.subjects() && sampled.complete; ++i)
     result.subjects.push_back(
         without_constant(-2.0 * sampled.subjects[static_cast<std::size_t>(i)].log_likelihood,
-                         model.observations(i)));
+                         normal_observations(model, i)));
   take_criteria(model, sampled.minus2ll, result);
   if (!quadrature.complete) return result;
   result.by_quadrature = without_constant(quadrature.minus2ll, observations);
   for (int i = 0; i < model.subjects(); ++i)
-    result.subjects_by_quadrature.push_back(without_constant(
-        -2.0 * quadrature.log_likelihoods[static_cast<std::size_t>(i)], model.observations(i)));
+    result.subjects_by_quadrature.push_back(
+        without_constant(-2.0 * quadrature.log_likelihoods[static_cast<std::size_t>(i)],
+                         normal_observations(model, i)));
   result.difference = quadrature.minus2ll - sampled.minus2ll;
   result.difference_in_mc_se = result.difference / sampled.mc_se;
   return result;

@@ -9,7 +9,8 @@
 
 namespace varda {
 
-// -2 log-likelihoods without the constant N log(2 pi) of their N observations, and how the
+// -2 log-likelihoods without the constant N log(2 pi) of their N observations that have residual
+// errors (normal endpoints), and how the
 // quadrature and the sampled likelihood compare.
 struct objective_figures {
   double minus2ll = 0.0;
@@ -26,6 +27,10 @@ struct objective_figures {
   double difference = 0.0;
   double difference_in_mc_se = 0.0;
 };
+
+// Observations with a residual error: of a subject, and of all.
+int normal_observations(const population_model& model, int subject);
+int normal_observations(const population_model& model);
 
 double without_constant(double minus2ll, int observations);
 

@@ -15,7 +15,7 @@ struct model_evaluation {
                    const Eigen::VectorXd& phi) {
     density_workspace scratch(model);
     Eigen::MatrixXd f;
-    density(model).predict(subject, theta.data(), phi, f, scratch);
+    density(model).expect(subject, theta.data(), phi, f, scratch);
     predictions = f.transpose();
     model.individual_parameters(subject, theta.data(), phi, parameters);
     parameters.resize(model.structural_parameters(), model.parameter_sets(subject));
@@ -45,8 +45,10 @@ subject_predictions predictions_of(const population_model& model, int subject,
   for (Eigen::Index j = 0; j < n; ++j) {
     const observation& one = observed[static_cast<std::size_t>(j)];
     result.parameters.col(j) = at.parameters.col(at.parameters.cols() == 1 ? 0 : one.segment);
-    if (one.censored != censoring::none) continue;
+    const bool no_event = one.censored == censoring::right && !model.observed().is_normal(one);
+    if (one.censored != censoring::none && !no_event) continue;
     result.residuals(j) = one.value - result.population(j);
+    if (!model.observed().is_normal(one)) continue;
     result.weighted_residuals(j) =
         model.observed().scaled_residual(one, result.individual(j), theta.data());
   }

@@ -13,7 +13,8 @@ struct subject_predictions {
   Eigen::VectorXd population;  // predictions at eta = 0
   Eigen::VectorXd individual;  // predictions at the conditional mean of phi
   // y - population, and (y - individual) over the residual deviation at the individual prediction,
-  // of the logarithms for log-normal error. NaN for a censored observation.
+  // of the logarithms for log-normal error. NaN for a censored observation, and the latter for one
+  // of an endpoint that is not normal. A row without an event is no censored value here: y is 0.
   Eigen::VectorXd residuals;
   Eigen::VectorXd weighted_residuals;
   Eigen::MatrixXd parameters;  // in force at each observation, at the conditional mean of phi

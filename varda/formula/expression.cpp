@@ -29,7 +29,7 @@ bool is_name_character(char c) {
   return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_';
 }
 
-constexpr std::array<std::pair<const char*, lane_code>, 18> functions_of_one = {{
+constexpr std::array<std::pair<const char*, lane_code>, 21> functions_of_one = {{
     {"abs", lane_code::absolute},
     {"atan", lane_code::arctangent},
     {"ceil", lane_code::ceiling},
@@ -38,10 +38,13 @@ constexpr std::array<std::pair<const char*, lane_code>, 18> functions_of_one = {
     {"exp", lane_code::exponential},
     {"expm1", lane_code::expm1},
     {"floor", lane_code::floor},
+    {"lgamma", lane_code::log_gamma},
     {"log", lane_code::logarithm},
     {"log10", lane_code::log10},
     {"log1p", lane_code::log1p},
     {"log2", lane_code::log2},
+    {"normal_cdf", lane_code::normal_cdf},
+    {"normal_lcdf", lane_code::log_normal_cdf},
     {"sin", lane_code::sine},
     {"sqrt", lane_code::square_root},
     {"tan", lane_code::tangent},

@@ -45,6 +45,12 @@ enum class lane_code : std::uint8_t {
   arctangent,
   tanh,
   error_function,
+  log_gamma,  // NaN where the argument is not above 0, like the next two
+  digamma,
+  log_gamma_ratio,   // log of Gamma(a + b) / Gamma(a), b not below 0
+  normal_cdf,        // standard normal distribution function
+  log_normal_cdf,    // its logarithm
+  log_normal_share,  // log of the probability between a and b
 };
 
 // Operands and result are registers: positions in a table of blocks.

@@ -180,7 +180,8 @@ void engine_host::install() {
     const engine_host& me = current();
     const int thetas = static_cast<int>(me.model().thetas().size());
     std::copy_n(theta, thetas, x);
-    if (gv::freesigmafound != 0) x[me.sigma_position()] = sigma;
+    const int position = me.sigma_position();
+    if (gv::freesigmafound != 0 && position >= 0) x[position] = sigma;
     count = thetas;
     const Eigen::Map<const Eigen::MatrixXd> matrix(omega, leneta, leneta);
     for (int i = 0; i < leneta; ++i)
@@ -317,7 +318,8 @@ int engine_host::sigma_position() const {
 void engine_host::set_theta(const Eigen::VectorXd& theta) {
   assert(theta.size() == theta_.size());
   theta_ = theta;
-  if (sigma_position() >= 0) gv::sigmalchol = theta_(sigma_position());
+  // A model without residual errors has none; what another model left there is not to be seen.
+  gv::sigmalchol = sigma_position() >= 0 ? theta_(sigma_position()) : 1.0;
   gv::sigmasq = gv::sigmalchol * gv::sigmalchol;
 }
 

@@ -88,6 +88,11 @@ rate_names rates_of(int compartments, parametrisation by) {
   return names;
 }
 
+// In the model file, and not in the library.
+bool is_written_out(const structure_choice& choice) {
+  return choice.name == formula_structure || choice.name == equation_structure;
+}
+
 lines compartment_lines(const structure_choice& choice) {
   const int compartments = choice.name.rfind("one", 0) == 0   ? 1
                            : choice.name.rfind("two", 0) == 0 ? 2
@@ -120,8 +125,7 @@ void add(lines& to, const std::vector<formula_line>& section, const char* form) 
 }
 
 lines structure_lines(const structure_choice& choice) {
-  const bool own = !choice.equations.outputs.empty();
-  if (!own) return compartment_lines(choice);
+  if (!is_written_out(choice)) return compartment_lines(choice);
   const equation_text& e = choice.equations;
   lines result;
   add(result, e.definitions, "{} = {}");
@@ -135,10 +139,20 @@ lines structure_lines(const structure_choice& choice) {
   return result;
 }
 
+// The law and its formulas.
+std::string outcome_line(const outcome_text& what, const std::string& y) {
+  std::string line = fmt::format("{} ~ {}", y, name_of(what.kind));
+  for (const formula_line& formula : what.formulas)
+    line += fmt::format("{} {} = {}", &formula == what.formulas.data() ? ":" : ",", formula.name,
+                        formula.text);
+  return line;
+}
+
 // The names of an endpoint's deviations are those of theta, which say the endpoint where there are
 // several.
 std::string observation_line(const endpoint& what) {
   const std::string y = what.name.empty() ? "y" : "y(" + what.name + ")";
+  if (!what.is_normal()) return outcome_line(what.outcome, y);
   switch (what.residual.kind) {
     case error_kind::additive:
       return y + " = f + additive × ε";
@@ -163,7 +177,7 @@ model_account in_words(const population_model& model) {
   model_account result;
   const structure_choice& choice = file.structure;
   std::string structure = "Structural model: " + choice.name;
-  if (choice.equations.outputs.empty())
+  if (!is_written_out(choice))
     structure += fmt::format(", given by {}", choice.by == parametrisation::clearance
                                                   ? "clearances and volumes"
                                                   : "rate constants and a volume");
@@ -179,9 +193,11 @@ model_account in_words(const population_model& model) {
   if (!file.occasion_omega.empty())
     result.words.emplace_back("Some parameters have a random effect for each occasion.");
   for (const endpoint& what : file.endpoints)
-    result.words.push_back(fmt::format("Residual error{}: {}.",
-                                       what.name.empty() ? "" : " of " + what.name,
-                                       name_of(what.residual.kind)));
+    result.words.push_back(
+        !what.is_normal()
+            ? fmt::format("Endpoint {}: {}.", what.name, name_of(what.outcome.kind))
+            : fmt::format("Residual error{}: {}.", what.name.empty() ? "" : " of " + what.name,
+                          name_of(what.residual.kind)));
   result.structure = structure_lines(choice);
   for (std::size_t k = 0; k < file.parameters.size(); ++k)
     result.individuals.push_back(individual_line(model, k));

@@ -284,15 +284,35 @@ ordered_json to_json(const vpc_result& result) {
   return panels;
 }
 
+ordered_json events_of(const vpc_result& result) {
+  ordered_json list = ordered_json::array();
+  for (const event_panel& p : result.events) {
+    ordered_json curve = {{"endpoint", p.endpoint}, {"repeated", p.repeated}};
+    curve["times"] = drawn(p.times);
+    for (const char* name : {"observed", "lower", "median", "upper"})
+      curve[name] = ordered_json::array();
+    for (const vpc_statistic& s : p.values) {
+      curve["observed"].push_back(drawn(s.observed));
+      curve["lower"].push_back(drawn(s.lower));
+      curve["median"].push_back(drawn(s.median));
+      curve["upper"].push_back(drawn(s.upper));
+    }
+    list.push_back(curve);
+  }
+  return list;
+}
+
 ordered_json vpc_of(const report_source& from, const report_plan& plan) {
   const auto simulated = simulate(
       from.model, {from.at},
       {.replicates = plan.replicates, .seed = from.fit.about.seed, .threads = plan.threads});
   vpc_plan corrected;
   corrected.prediction_corrected = true;
+  const vpc_result plain = visual_predictive_check(from.model, from.at, simulated, {});
   return {
       {"replicates", plan.replicates},
-      {"plain", to_json(visual_predictive_check(from.model, from.at, simulated, {}))},
+      {"plain", to_json(plain)},
+      {"events", events_of(plain)},
       {"corrected", to_json(visual_predictive_check(from.model, from.at, simulated, corrected))}};
 }
 

@@ -4,6 +4,8 @@
 #include <fmt/format.h>
 
 #include <bit>
+#include <map>
+#include <utility>
 
 #include "varda/input/model_file_parts.h"
 #include "varda/model/settings_table.h"
@@ -51,13 +53,15 @@ model_specification read_model_file(const std::string& path, findings& warnings,
   file.title = root.text("title").value_or("");
   read_data(root.needed_table("data", "the data set"), file);
 
+  std::map<std::string, section> places;
+  read_endpoints(root, file, places);
   section model = root.needed_table("model", "the structural model");
   const section parameters = root.needed_table("parameters", "the parameters of the model");
   file.structure.equations.parameters = parameters.keys();
-  read_structure(std::move(model), text_of, warnings, file);
+  read_structure(std::move(model), places, text_of, warnings, file);
   read_parameters(parameters, file);
   read_omega(root.needed_table("omega", "the variances of the random effects"), file);
-  read_residual(root.needed_table("residual", "the residual error"), file);
+  check_outputs(root, file);
   if (auto estimation = root.table("estimation")) read_estimation(*estimation, file);
   root.refuse_leftovers();
   estimation_settings& settings = file.estimation;

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <map>
 #include <utility>
 
 #include "varda/data/csv.h"
@@ -30,6 +31,16 @@ const std::array<formula_table, 9> formula_tables = {{
     {"rate", &equation_text::rate},
     {"duration", &equation_text::duration},
 }};
+
+// Every formula with the section that it stands in.
+std::vector<std::pair<std::string, const formula_line*>> all_formulas(const equation_text& text) {
+  std::vector<std::pair<std::string, const formula_line*>> all;
+  for (const auto& [table, member] : formula_tables)
+    for (const formula_line& line : text.*member) all.emplace_back(table, &line);
+  for (const outcome_text& of : text.outcomes)
+    for (const formula_line& line : of.formulas) all.emplace_back("endpoint." + of.name, &line);
+  return all;
+}
 
 // A formula is a text; a plain number will do as well.
 std::vector<formula_line> read_formulas(section from) {
@@ -100,20 +111,19 @@ std::vector<formula_error> hidden_columns(const data_source& data, const equatio
     const bool no_doses =
         b.name != "t" && find_column(columns, column_of(data, "AMT")) == columns.end();
     bool told = false;
-    for (const auto& [table, member] : formula_tables)
-      for (const formula_line& line : text.*member) {
-        const expression formula(line.text);
-        const std::vector<std::string>& names = formula.names();
-        if (told || std::find(names.begin(), names.end(), b.name) == names.end()) continue;
-        told = true;
-        found.emplace_back(
-            table, line.name, no_doses ? "E-MODEL-HIDDEN" : "W-MODEL-HIDDEN",
-            fmt::format("{} in a formula is {}, not the column {}{}", b.name, b.meaning, *column,
-                        no_doses ? ", and the data have no doses" : ""),
-            fmt::format("to use the column, write {}_column = \"{}\" in [data.define], and "
-                        "{}_column in the formula",
-                        b.name, b.name, b.name));
-      }
+    for (const auto& [table, line] : all_formulas(text)) {
+      const expression formula(line->text);
+      const std::vector<std::string>& names = formula.names();
+      if (told || std::find(names.begin(), names.end(), b.name) == names.end()) continue;
+      told = true;
+      found.emplace_back(
+          table, line->name, no_doses ? "E-MODEL-HIDDEN" : "W-MODEL-HIDDEN",
+          fmt::format("{} in a formula is {}, and not the column {}{}", b.name, b.meaning, *column,
+                      no_doses ? ", and the data have no doses" : ""),
+          fmt::format("for the column write {}_column = \"{}\" in [data.define], and "
+                      "{}_column in the formula",
+                      b.name, b.name, b.name));
+    }
   }
   return found;
 }
@@ -145,42 +155,40 @@ std::vector<formula_error> places_of(const std::vector<std::string>& covariates,
                                      const equation_text& text) {
   std::vector<formula_error> places;
   for (const std::string& name : covariates)
-    for (const auto& [table, member] : formula_tables)
-      for (const formula_line& line : text.*member) {
-        const std::vector<std::string> names = expression(line.text).names();
-        if (places.size() > static_cast<std::size_t>(&name - covariates.data()) ||
-            std::find(names.begin(), names.end(), name) == names.end())
-          continue;
-        places.emplace_back(table, line.name, "E-MODEL-SYMBOL",
-                            fmt::format("{} is no parameter, state, definition or column", name),
-                            "");
-      }
+    for (const auto& [table, line] : all_formulas(text)) {
+      const std::vector<std::string> names = expression(line->text).names();
+      if (places.size() > static_cast<std::size_t>(&name - covariates.data()) ||
+          std::find(names.begin(), names.end(), name) == names.end())
+        continue;
+      places.emplace_back(table, line->name, "E-MODEL-SYMBOL",
+                          fmt::format("{} is no parameter, state, definition or column", name), "");
+    }
   return places;
 }
 
 // Notes what the formulas do with covariates.
 void note_uses(const std::vector<std::string>& covariates, const equation_text& text,
                std::map<std::string, covariate_use>& uses) {
-  for (const auto& [table, member] : formula_tables)
-    for (const formula_line& line : text.*member)
-      for (const auto& [name, made] : expression(line.text).uses()) {
-        if (std::find(covariates.begin(), covariates.end(), name) == covariates.end()) continue;
-        covariate_use& use = uses[name];
-        use.computed = use.computed || made.computes;
-        use.compared = use.compared || !made.texts.empty();
-        for (const std::string& level : made.texts)
-          if (std::find(use.levels.begin(), use.levels.end(), level) == use.levels.end())
-            use.levels.push_back(level);
-      }
+  for (const auto& [table, line] : all_formulas(text))
+    for (const auto& [name, made] : expression(line->text).uses()) {
+      if (std::find(covariates.begin(), covariates.end(), name) == covariates.end()) continue;
+      covariate_use& use = uses[name];
+      use.computed = use.computed || made.computes;
+      use.compared = use.compared || !made.texts.empty();
+      for (const std::string& level : made.texts)
+        if (std::find(use.levels.begin(), use.levels.end(), level) == use.levels.end())
+          use.levels.push_back(level);
+    }
 }
 
 bool uses_time(const equation_text& text) {
-  for (const auto& [table, member] : formula_tables)
-    for (const formula_line& line : text.*member) {
-      const expression formula(line.text);
-      for (const std::string& name : formula.names())
-        if (name == "t" || name == "tad") return true;
-    }
+  for (const outcome_text& of : text.outcomes)
+    if (of.kind == endpoint_kind::event) return true;
+  for (const auto& [table, line] : all_formulas(text)) {
+    const expression formula(line->text);
+    for (const std::string& name : formula.names())
+      if (name == "t" || name == "tad") return true;
+  }
   return false;
 }
 
@@ -195,6 +203,11 @@ void ask_of_data(const structural_model& model, const std::vector<std::string>& 
   }
   note_uses(model.covariates(), text, file.data.uses);
   check_columns(model.covariates(), file, places_of(model.covariates(), text), columns);
+}
+
+bool has_normal(const std::vector<endpoint>& endpoints) {
+  return std::any_of(endpoints.begin(), endpoints.end(),
+                     [](const endpoint& of) { return of.is_normal(); });
 }
 
 // The outputs that the model file asks for, all without it.
@@ -240,13 +253,15 @@ void read_formula_tables(section& from, equation_text& text) {
     if (const auto lines = from.table(table)) text.*member = read_formulas(*lines);
 }
 
-void read_ready_structure(section& from, const ready_structure& chosen, const file_access& text_of,
+void read_ready_structure(section& from, const ready_structure& chosen,
+                          const std::map<std::string, section>& places, const file_access& text_of,
                           findings& warnings, model_specification& file) {
-  std::vector<std::string> offered = std::move(file.structure.equations.parameters);
   equation_text& text = file.structure.equations;
-  text = chosen.equations;
-  text.parameters = std::move(offered);
+  equation_text own = std::exchange(text, chosen.equations);
+  text.parameters = std::move(own.parameters);
+  text.outcomes = std::move(own.outcomes);
   choose_outputs(from, chosen, text);
+  if (!has_normal(file.endpoints) && !from.has("outputs")) text.outputs.clear();
   add_dose_properties(from, chosen, text);
   const bool system = !text.derivatives.empty();
   if (system)
@@ -277,17 +292,23 @@ void read_ready_structure(section& from, const ready_structure& chosen, const fi
     const auto model = make_structural_model(file.structure);
     ask_of_data(*model, columns, file);
   } catch (const formula_error& e) {
+    const auto endpoint = places.find(e.section);
+    if (endpoint != places.end()) throw endpoint->second.error(e.code, e.key, e.message, e.remedy);
     throw from.error(e.code, "structure",
                      fmt::format("{} of \"{}\": {}", e.key, chosen.name, e.message), e.remedy);
   }
 }
 
-void read_equations(section& from, const file_access& text_of, findings& warnings,
-                    model_specification& file) {
+void read_equations(section& from, const std::map<std::string, section>& places,
+                    const file_access& text_of, findings& warnings, model_specification& file) {
   const bool system = file.structure.name == equation_structure;
   equation_text& text = file.structure.equations;
   const bool short_form = !system && from.has("prediction");
-  if (short_form) {
+  // Endpoints that are not normal bring their formulas themselves.
+  const bool needed = has_normal(file.endpoints);
+  if (!needed && !short_form && !from.has("outputs")) {
+    text.outputs.clear();
+  } else if (short_form) {
     text.outputs = {{"prediction", from.needed_text("prediction", "the prediction")}};
   } else {
     text.outputs = read_formulas(
@@ -301,7 +322,7 @@ void read_equations(section& from, const file_access& text_of, findings& warning
   const auto refuse_empty = [&](const char* table, const char* what) {
     throw from.error("E-MODEL-MISSING", table, "this table is empty", what);
   };
-  if (text.outputs.empty()) refuse_empty("outputs", "give a formula for each endpoint");
+  if (needed && text.outputs.empty()) refuse_empty("outputs", "give a formula for each endpoint");
   if (system) {
     from.needed_table("derivatives", "the equations of the states");
     if (text.derivatives.empty()) refuse_empty("derivatives", "give an equation for each state");
@@ -310,7 +331,10 @@ void read_equations(section& from, const file_access& text_of, findings& warning
 
   const auto refusal = [&](const formula_error& e) {
     const bool top = short_form && e.section == "outputs";
-    const section place = top ? from : *from.table(e.section);
+    const auto endpoint = places.find(e.section);
+    const section place = endpoint != places.end() ? endpoint->second
+                          : top                    ? from
+                                                   : *from.table(e.section);
     return place.error(e.code, e.key, e.message, e.remedy);
   };
   try {

@@ -53,26 +53,33 @@ bad_input unknown_structure(const section& from, const std::string& name,
 
 }  // namespace
 
-void read_structure(section from, const file_access& text_of, findings& warnings,
-                    model_specification& file) {
+void read_structure(section from, const std::map<std::string, section>& places,
+                    const file_access& text_of, findings& warnings, model_specification& file) {
   std::vector<std::string> structures = structural_model_names();
   structures.insert(structures.end(), {formula_structure, equation_structure});
   std::string& name = file.structure.name;
   name = from.needed_text("structure", "the structural model");
-  if (std::find(structures.begin(), structures.end(), name) == structures.end()) {
+  const bool own_equations = name == formula_structure || name == equation_structure;
+  const bool known = std::find(structures.begin(), structures.end(), name) != structures.end();
+  // Formulas of endpoints know the states of a system, and nothing of a closed form.
+  const bool in_closed_form = known && !own_equations && file.structure.equations.outcomes.empty();
+  if (!own_equations && !in_closed_form) {
     const std::optional<ready_structure> ready = find_or_refuse(from, name);
     if (ready) {
-      read_ready_structure(from, *ready, text_of, warnings, file);
+      read_ready_structure(from, *ready, places, text_of, warnings, file);
       from.refuse_leftovers();
       return;
     }
+    if (known)
+      throw from.error("E-MODEL-ENDPOINT", "structure",
+                       "endpoints that are not normal need a model in formulas or equations",
+                       "write the structure as \"formula\" or \"equations\"");
     for (const ready_structure& s : ready_structures()) structures.push_back(s.name);
     throw unknown_structure(from, name, structures);
   }
-  const bool own_equations = name == formula_structure || name == equation_structure;
   file.data.doses_needed = !own_equations;
   if (own_equations)
-    read_equations(from, text_of, warnings, file);
+    read_equations(from, places, text_of, warnings, file);
   else
     read_compartments(from, file.structure);
   from.refuse_leftovers();

@@ -10,7 +10,13 @@ namespace varda {
 void density::predict(int subject, const double* theta,
                       const Eigen::Ref<const Eigen::MatrixXd>& phi, Eigen::MatrixXd& f,
                       density_workspace& scratch) const {
-  const varda::subject& who = model_.data().subjects[static_cast<std::size_t>(subject)];
+  predict(subject, model_.data().subjects[static_cast<std::size_t>(subject)], theta, phi, f,
+          scratch);
+}
+
+void density::predict(int subject, const varda::subject& who, const double* theta,
+                      const Eigen::Ref<const Eigen::MatrixXd>& phi, Eigen::MatrixXd& f,
+                      density_workspace& scratch) const {
   model_.individual_parameters(subject, theta, phi, scratch.parameters_);
   const auto individuals = static_cast<std::size_t>(phi.cols());
   f.resize(phi.cols(), static_cast<Eigen::Index>(who.observations.size()));

@@ -43,9 +43,21 @@ class density {
   const population_model& model() const { return model_; }
 
   // Predictions at phi = C beta + eta (random effects x individuals) of subject `subject` (from 0):
-  // f becomes individuals x observations.
+  // f becomes individuals x observations. Those of endpoints that are not normal have the logarithm
+  // of their density there.
   void predict(int subject, const double* theta, const Eigen::Ref<const Eigen::MatrixXd>& phi,
                Eigen::MatrixXd& f, density_workspace& scratch) const;
+
+  // The same for a subject whose observations are others than those of the data.
+  void predict(int subject, const varda::subject& who, const double* theta,
+               const Eigen::Ref<const Eigen::MatrixXd>& phi, Eigen::MatrixXd& f,
+               density_workspace& scratch) const;
+  // What is expected of the subject's observations: predict, but for endpoints that are not normal,
+  // of which it gives the mean; NaN where the model does not tell one.
+  void expect(int subject, const double* theta, const Eigen::Ref<const Eigen::MatrixXd>& phi,
+              Eigen::MatrixXd& f, density_workspace& scratch) const {
+    predict(subject, model_.as_expected(subject), theta, phi, f, scratch);
+  }
 
   // -log p(y | f) of every individual, every constant included, and the sums of squared scaled
   // residuals. Not finite where a prediction or its error is of no use.

@@ -47,7 +47,11 @@ endpoints::endpoints(const std::vector<endpoint>& described, int first_theta, co
   };
   for (const endpoint& of : described) {
     const residual_error& r = of.residual;
-    entry e{.kind = r.kind};
+    entry e{.kind = r.kind, .known = !of.is_normal()};
+    if (e.known) {
+      endpoints_.push_back(e);
+      continue;
+    }
     if (r.kind != error_kind::additive && r.kind != error_kind::log_normal)
       e.proportional = add(of, "proportional", r.proportional, r.proportional_fixed);
     if (r.kind == error_kind::power)
@@ -61,7 +65,8 @@ endpoints::endpoints(const std::vector<endpoint>& described, int first_theta, co
     return std::all_of(who.observations.begin(), who.observations.end(),
                        [](const observation& o) { return o.censored == censoring::none; });
   };
-  plain_ = endpoints_.size() == 1 && endpoints_.front().kind != error_kind::log_normal &&
+  plain_ = endpoints_.size() == 1 && !endpoints_.front().known &&
+           endpoints_.front().kind != error_kind::log_normal &&
            std::all_of(data.subjects.begin(), data.subjects.end(), nothing_censored);
 }
 
@@ -87,6 +92,7 @@ void endpoints::objectives(const observation* observed, std::size_t count, const
     const double a = e.additive < 0 ? 0.0 : theta[e.additive];
     const double b = e.proportional < 0 ? 0.0 : theta[e.proportional];
     laws.data()[k] = {.kind = e.kind,
+                      .known = e.known,
                       .additive = a,
                       .proportional = b,
                       .exponent = e.exponent < 0 ? 0.0 : theta[e.exponent],
@@ -173,6 +179,7 @@ void endpoints::derivatives(const subject& who, const Eigen::MatrixXd& f, const 
   const auto n = static_cast<std::size_t>(f.rows());
   for (const observation& at : who.observations) {
     const double* const fk = f.col(column++).data();
+    if (!is_normal(at)) continue;
     if (at.censored != censoring::none) {
       add_differences(at, fk, theta, weights, gradient, hessian);
       continue;

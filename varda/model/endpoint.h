@@ -10,6 +10,9 @@
 //   power          y = f + b |f|^c e
 //   log-normal     log y = log f + a e; the density is that of y itself
 //
+// Of an endpoint that is not normal f is the logarithm of the density already, and the endpoint has
+// no parameters here.
+//
 // A censored observation counts with the probability of what is known of it: that y lies below or
 // above a limit, or between two.
 #pragma once
@@ -34,6 +37,8 @@ class endpoints {
 
   const std::vector<fixed_effect>& parameters() const { return parameters_; }
 
+  bool is_normal(const observation& at) const { return !of(at).known; }
+
   // One deviation scales all residuals, so that its update has a closed form.
   bool has_one_scale() const { return plain_ && parameters_.size() == 1; }
 
@@ -55,8 +60,8 @@ class endpoints {
                    const Eigen::VectorXd& weights, Eigen::MatrixXd& gradient,
                    Eigen::MatrixXd& hessian) const;
 
-  // Standard deviation of an observation about the prediction f (of its logarithm for log-normal
-  // error), and its scaled residual; of a censored observation that of its limit.
+  // Of an observation that is normal: standard deviation about the prediction f (of its logarithm
+  // for log-normal error), and its scaled residual; of a censored observation that of its limit.
   double deviation(const observation& at, double f, const double* theta) const;
   double scaled_residual(const observation& at, double f, const double* theta) const;
 
@@ -70,7 +75,8 @@ class endpoints {
  private:
   struct entry {
     error_kind kind = error_kind::additive;
-    int additive = -1;  // positions in theta, -1 for none
+    bool known = false;  // not normal
+    int additive = -1;   // positions in theta, -1 for none
     int proportional = -1;
     int exponent = -1;
   };

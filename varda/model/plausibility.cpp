@@ -56,7 +56,8 @@ class inspection {
   findings run() {
     predict();
     const auto endpoints = static_cast<int>(model_.specification().endpoints.size());
-    for (int k = 0; k < endpoints; ++k) inspect(k);
+    for (int k = 0; k < endpoints; ++k)
+      if (model_.specification().endpoints[static_cast<std::size_t>(k)].is_normal()) inspect(k);
     find_repeated();
     find_constant_covariates();
     return odd_.warnings();
@@ -221,7 +222,9 @@ class inspection {
     for (std::size_t i = 0; i < data_.subjects.size(); ++i) {
       const std::vector<observation>& all = data_.subjects[i].observations;
       for (std::size_t k = 0; k < all.size(); ++k) {
-        if (all[k].value == 0.0 || all[k].censored != censoring::none) continue;
+        if (all[k].value == 0.0 || all[k].censored != censoring::none ||
+            !model_.observed().is_normal(all[k]))
+          continue;
         for (std::size_t j = k; j-- > 0 && all[j].time == all[k].time;) {
           if (all[j].value != all[k].value || all[j].endpoint != all[k].endpoint ||
               all[j].censored != censoring::none)

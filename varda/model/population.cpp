@@ -8,6 +8,8 @@
 #include <utility>
 
 #include "varda/data/summed_doses.h"
+#include "varda/model/equations/outcome_formulas.h"
+#include "varda/model/event_times.h"
 #include "varda/model/lanes/kernel.h"
 
 namespace varda {
@@ -72,11 +74,23 @@ population_model::population_model(model_specification file, dataset data)
   for (const std::string& name : structure_->covariates())
     used.push_back(position(data_.covariate_names, name));
   structure_->locate_covariates(used);
+  lay_out_expected();
   lay_out_theta(coefficients);
   lay_out_effects();
   lay_out_design(coefficients);
   lay_out_omega();
   lay_out_sets();
+}
+
+void population_model::lay_out_expected() {
+  if (std::all_of(file_.endpoints.begin(), file_.endpoints.end(),
+                  [](const endpoint& of) { return of.is_normal(); }))
+    return;
+  prepare_events(file_, data_);
+  expected_ = data_.subjects;
+  for (varda::subject& who : expected_)
+    for (observation& o : who.observations)
+      if (!observed_.is_normal(o)) o.quantity = quantity::expected;
 }
 
 void population_model::lay_out_theta(const std::vector<covariate_coefficient>& coefficients) {

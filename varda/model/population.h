@@ -59,6 +59,13 @@ class population_model {
 
   const model_specification& specification() const { return file_; }
   const dataset& data() const { return data_; }
+  // Subject `subject` with observations that ask for what is expected of them: those of normal
+  // endpoints for their predictions, others for their means (varda/model/equations/
+  // outcome_formulas.h).
+  const varda::subject& as_expected(int subject) const {
+    return expected_.empty() ? at(subject) : expected_[static_cast<std::size_t>(subject)];
+  }
+  bool all_normal() const { return expected_.empty(); }
   const structural_model& structure() const { return *structure_; }
   const endpoints& observed() const { return observed_; }
 
@@ -118,6 +125,7 @@ class population_model {
   };
 
   const subject& at(int subject) const { return data_.subjects[static_cast<std::size_t>(subject)]; }
+  void lay_out_expected();
   void lay_out_theta(const std::vector<covariate_coefficient>& coefficients);
   void lay_out_effects();
   void lay_out_design(const std::vector<covariate_coefficient>& coefficients);
@@ -128,6 +136,7 @@ class population_model {
 
   model_specification file_;
   dataset data_;
+  std::vector<varda::subject> expected_;  // empty where all endpoints are normal
   std::unique_ptr<structural_model> structure_;
   std::vector<fixed_effect> thetas_;
   int first_of_endpoints_ = 0;

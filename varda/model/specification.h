@@ -16,6 +16,47 @@ struct formula_line {
   std::string text;
 };
 
+// How the values of an endpoint come about: a prediction with a residual error (normal), or one of
+// the laws of docs/endpoints.md.
+enum class endpoint_kind {
+  normal,
+  poisson,
+  negative_binomial,
+  zero_inflated_poisson,
+  zero_inflated_negative_binomial,
+  binary,
+  ordinal,
+  event,
+  log_likelihood
+};
+inline bool is_count(endpoint_kind kind) {
+  return kind == endpoint_kind::poisson || kind == endpoint_kind::negative_binomial ||
+         kind == endpoint_kind::zero_inflated_poisson ||
+         kind == endpoint_kind::zero_inflated_negative_binomial;
+}
+
+// What turns a linear predictor into a probability.
+enum class link_kind { logit, probit };
+
+// An endpoint that is not normal: the formulas of its law, by their keys in the model file
+// (thresholds one after the other).
+struct outcome_text {
+  endpoint_kind kind = endpoint_kind::normal;
+  std::string name{};
+  link_kind link = link_kind::logit;
+  std::vector<formula_line> formulas{};
+  std::vector<double> levels{};  // of an ordinal one, in their order: one more than thresholds
+  bool repeated = false;         // events may come again
+  // Until when simulations watch for events; NaN: as long as the data do.
+  double follow_up = std::numeric_limits<double>::quiet_NaN();
+
+  const formula_line* formula(const std::string& key) const {
+    for (const formula_line& line : formulas)
+      if (line.name == key) return &line;
+    return nullptr;
+  }
+};
+
 // What a model does with a covariate. Where it compares it (levels of a categorical effect, texts
 // in a formula) and does not compute with it, the column may hold texts.
 struct covariate_use {
@@ -37,12 +78,13 @@ struct data_source {
   // gives no DVID, the endpoint's name is one as well.
   std::vector<std::string> endpoints = {"1"};
   std::vector<std::string> endpoint_names = {""};
-  bool occasions = false;            // the model has random effects per occasion (OCC)
-  bool doses_needed = true;          // a subject without a dose cannot be predicted
-  bool time_needed = true;           // else the file may have no times: all are 0
-  std::vector<formula_line> define;  // columns computed from those of the file
-  std::string keep;                  // the rows to read and those to leave out, formulas
-  std::string drop;                  // of columns; empty for all and none
+  std::vector<outcome_text> outcomes;  // of the endpoints; none where all of them are normal
+  bool occasions = false;              // the model has random effects per occasion (OCC)
+  bool doses_needed = true;            // a subject without a dose cannot be predicted
+  bool time_needed = true;             // else the file may have no times: all are 0
+  std::vector<formula_line> define;    // columns computed from those of the file
+  std::string keep;                    // the rows to read and those to leave out, formulas
+  std::string drop;                    // of columns; empty for all and none
   int compartments = std::numeric_limits<int>::max();  // doses go into 1 to this one
   // Compartments whose RATE -1 (or -2) finds a parameter for the rate (or the duration).
   std::vector<int> modelled_rate;
@@ -82,6 +124,7 @@ struct equation_text {
   // those of each, and how many there can be at most: the data tell (data/summed_doses.h).
   std::vector<formula_line> sums;
   int summed_doses = 1;
+  std::vector<outcome_text> outcomes;  // of the endpoints; none where all of them are normal
   solver_settings solver;
 };
 
@@ -166,11 +209,15 @@ struct residual_error {
   bool exponent_fixed = false;
 };
 
-// What is observed: an output of the structural model with its residual error. `name` is empty
+// What is observed: an output of the structural model with its residual error, or, where the
+// outcome is not normal, what that says. `name` is empty
 // where there is one endpoint only.
 struct endpoint {
   std::string name;
   residual_error residual;
+  outcome_text outcome{};
+
+  bool is_normal() const { return outcome.kind == endpoint_kind::normal; }
 };
 
 enum class proposal_family { normal, population, t, laplace, mixture2, mixture3 };

@@ -29,6 +29,24 @@ start_evaluation evaluate_start(const population_model& model, int subject) {
   const observation& failed = who.observations[static_cast<std::size_t>(k)];
   const double prediction = f(0, k);
   const std::string why = scratch.last_failure(model);
+  if (!model.observed().is_normal(failed)) {
+    result.failure =
+        finding{.code = "E-RUN-START",
+                .message = fmt::format(
+                    "the model cannot be evaluated at the start values: the "
+                    "log-likelihood of the value {} of {} is {}{}{}",
+                    failed.value,
+                    model.specification().endpoints[static_cast<std::size_t>(failed.endpoint)].name,
+                    prediction, why.empty() ? "" : "; ", why),
+                .remedy =
+                    "change the start values so that the formulas of the endpoint stay in their "
+                    "domain: means and hazards above 0, probabilities between 0 and 1, thresholds "
+                    "that ascend",
+                .file = model.data().file,
+                .row = failed.row,
+                .subject = who.id};
+    return result;
+  }
   result.failure = finding{
       .code = "E-RUN-START",
       .message =

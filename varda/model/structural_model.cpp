@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "varda/model/structural_model.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "varda/model/closed/compartment_model.h"
@@ -76,7 +77,14 @@ std::vector<std::string> structural_model_names() {
 }
 
 std::unique_ptr<structural_model> make_structural_model(const structure_choice& choice) {
-  if (choice.name == formula_structure) return std::make_unique<formula_model>(choice.equations);
+  if (choice.name == formula_structure) {
+    // A hazard that is integrated makes a system of equations of it.
+    const auto& outcomes = choice.equations.outcomes;
+    if (std::none_of(outcomes.begin(), outcomes.end(),
+                     [](const outcome_text& of) { return of.formula("hazard") != nullptr; }))
+      return std::make_unique<formula_model>(choice.equations);
+    return std::make_unique<equation_model>(choice.equations);
+  }
   if (choice.name == equation_structure) return std::make_unique<equation_model>(choice.equations);
   for (const auto& [known, make_it] : all_models())
     if (known == choice.name) return make_it(choice);

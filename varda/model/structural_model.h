@@ -72,8 +72,8 @@ class structural_model {
   virtual bool models_rate(int /*compartment*/) const { return false; }
   virtual bool models_duration(int /*compartment*/) const { return false; }
 
-  // What can be observed, at least one. Endpoint k is output k; a model with a single output gives
-  // it for every endpoint.
+  // What can be observed with a residual error. Normal endpoint k is output k; a model with a
+  // single output gives it for every one of them.
   virtual int outputs() const { return 1; }
 
   // Covariates that predictions use beyond the parameters, by the names of their columns, and
@@ -85,9 +85,10 @@ class structural_model {
     return std::make_unique<workspace>();
   }
 
-  // Writes the predictions of the observations of `who`. Parameters outside the model's domain give
-  // NaN for their individual, which the engine treats as a failed evaluation. `scratch` comes from
-  // make_workspace of this model. An individual's predictions do not depend on the others.
+  // Writes the predictions of the observations of `who`; of those of an endpoint that is not normal
+  // the quantity that they ask for (observation::quantity). Parameters outside the model's domain
+  // give NaN for their individual, which the engine treats as a failed evaluation. `scratch` comes
+  // from make_workspace of this model. An individual's predictions do not depend on the others.
   virtual void predict(const subject& who, const parameter_block& p, const prediction_block& f,
                        workspace& scratch) const = 0;
 

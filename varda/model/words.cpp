@@ -55,6 +55,40 @@ const char* name_of(effect_form form) {
   return nullptr;
 }
 
+const char* name_of(endpoint_kind kind) {
+  switch (kind) {
+    case endpoint_kind::normal:
+      return "normal";
+    case endpoint_kind::poisson:
+      return "poisson";
+    case endpoint_kind::negative_binomial:
+      return "negative-binomial";
+    case endpoint_kind::zero_inflated_poisson:
+      return "zero-inflated-poisson";
+    case endpoint_kind::zero_inflated_negative_binomial:
+      return "zero-inflated-negative-binomial";
+    case endpoint_kind::binary:
+      return "binary";
+    case endpoint_kind::ordinal:
+      return "ordinal";
+    case endpoint_kind::event:
+      return "event";
+    case endpoint_kind::log_likelihood:
+      return "log-likelihood";
+  }
+  return nullptr;
+}
+
+const char* name_of(link_kind kind) {
+  switch (kind) {
+    case link_kind::logit:
+      return "logit";
+    case link_kind::probit:
+      return "probit";
+  }
+  return nullptr;
+}
+
 const char* name_of(error_kind kind) {
   switch (kind) {
     case error_kind::additive:

@@ -15,6 +15,8 @@ const char* name_of(parametrisation by);
 const char* name_of(distribution law);
 const char* name_of(solver_method method);
 const char* name_of(effect_form form);
+const char* name_of(endpoint_kind kind);
+const char* name_of(link_kind kind);
 const char* name_of(error_kind kind);
 const char* name_of(proposal_family family);
 const char* name_of(point_kind kind);

@@ -77,8 +77,17 @@ class row_writer {
     std::string text;
     const segment* in_force = &who.segments.front();
     const std::string begin = fmt::format("{},{},", replicate + 1, csv_field(who.id));
+    std::vector<event_row> happened = events_of(simulated, replicate);
+    auto next = happened.cbegin();
+    const auto write_events_before = [&](double time) {
+      for (; next != happened.cend() && next->time < time; ++next)
+        text += fmt::format("{}{},0{}{}", begin, next->time, dose_fields(nullptr),
+                            event_fields(*next)) +
+                covariate_fields(*in_force) + "\n";
+    };
     for (const event& e : who.timeline) {
       const auto at = static_cast<std::size_t>(e.index);
+      write_events_before(e.time);
       switch (e.kind) {
         case event_kind::segment:
           // Its record, a dose or an observation, follows; where none does, an event without
@@ -86,6 +95,8 @@ class row_writer {
           in_force = &who.segments[at];
           text += fmt::format("{}{},2{}{}", begin, e.time, dose_fields(nullptr), value_fields(0));
           break;
+        case event_kind::instant:
+          continue;
         case event_kind::reset:
           text += fmt::format("{}{},3{}{}", begin, e.time, dose_fields(nullptr), value_fields(0));
           break;
@@ -95,6 +106,7 @@ class row_writer {
           break;
         case event_kind::observation: {
           const observation& o = who.observations[at];
+          if (is_event(o.endpoint)) continue;
           text += fmt::format(
               "{}{},0{}{}", begin, e.time, dose_fields(nullptr),
               observed_fields(o, simulated, static_cast<Eigen::Index>(e.index), replicate));
@@ -103,6 +115,7 @@ class row_writer {
       }
       text += covariate_fields(*in_force) + "\n";
     }
+    write_events_before(std::numeric_limits<double>::infinity());
     return text;
   }
 
@@ -117,6 +130,28 @@ class row_writer {
     if (doses_.steady_state)
       fields += d != nullptr && d->steady_state ? fmt::format(",1,{}", d->interval) : ",,";
     return fields;
+  }
+
+  bool is_event(int endpoint) const {
+    return model_.specification().endpoints[static_cast<std::size_t>(endpoint)].outcome.kind ==
+           endpoint_kind::event;
+  }
+
+  // In the order of their times.
+  static std::vector<event_row> events_of(const simulated_subject& simulated, int replicate) {
+    if (simulated.events.empty()) return {};
+    std::vector<event_row> all = simulated.events[static_cast<std::size_t>(replicate)];
+    std::stable_sort(all.begin(), all.end(),
+                     [](const event_row& a, const event_row& b) { return a.time < b.time; });
+    return all;
+  }
+
+  // A row at the time of an event, or at the end of the watch.
+  std::string event_fields(const event_row& row) const {
+    const observation at{.endpoint = row.endpoint};
+    std::string fields;
+    if (several_endpoints()) fields += "," + dvid_field(model_, at);
+    return fields + fmt::format(",{},0,", row.happened ? 1 : 0);
   }
 
   // No observation.
@@ -204,6 +239,14 @@ std::string vpc_csv(const population_model& model, const vpc_result& result) {
         add(percentile_name(q), bin.percentiles[q]);
       add("CENSORED", bin.censored);
     }
+  for (const event_panel& panel : result.events)
+    for (std::size_t k = 0; k < panel.times.size(); ++k) {
+      const vpc_statistic& s = panel.values[k];
+      table += fmt::format("{},{},{},{},{},{},{}", csv_field(endpoint_name(model, panel.endpoint)),
+                           csv_field(panel.stratum), panel.times[k], panel.times[k], panel.times[k],
+                           panel.at_risk[k], panel.repeated ? "EVENTS" : "SURVIVAL") +
+               cell(s.observed) + cell(s.lower) + cell(s.median) + cell(s.upper) + "\n";
+    }
   return table;
 }
 
@@ -246,6 +289,22 @@ std::string vpc_text(const population_model& model, const vpc_result& result) {
                                   panel.left_out),
                       2) +
               "\n";
+  }
+  for (const event_panel& panel : result.events) {
+    std::string title = endpoint_name(model, panel.endpoint);
+    if (!panel.stratum.empty()) title += ", " + panel.stratum;
+    text += fmt::format("\n{}: {}\n", title,
+                        panel.repeated ? "mean number of events" : "share without an event");
+    text += fmt::format("{:>9} {:>7}  {:>9}   {:>9} {:>9} {:>9}\n", "time", "at risk", "observed",
+                        "lower", "median", "upper");
+    constexpr std::size_t step = 10;
+    for (std::size_t k = 0; k < panel.times.size(); k += step) {
+      const vpc_statistic& s = panel.values[k];
+      const bool outside = s.observed < s.lower || s.observed > s.upper;
+      text += fmt::format("{:>9.4g} {:>7}  {}   {} {} {}{}\n", panel.times[k], panel.at_risk[k],
+                          shown(s.observed), shown(s.lower), shown(s.median), shown(s.upper),
+                          outside ? " *" : "");
+    }
   }
   return text;
 }

@@ -165,6 +165,7 @@ void write_omega(sink out, const population_model& model, const fit_result& resu
 }
 
 void write_residual(sink out, const population_model& model, const fit_result& result) {
+  if (model.observed().parameters().empty()) return;
   fmt::format_to(out, "\n");
   write_header(out, "Residual error", "SD", result, "");
   for (int k = model.first_of_endpoints(); k < static_cast<int>(model.thetas().size()); ++k)

@@ -21,9 +21,10 @@ bool must_stop(const job& peers) {
 bool diagnose(const population_model& model, const job& peers, const progress_listener& progress,
               fit_result& result) {
   result.natural_theta = natural_theta(model, result.theta);
+  const int observations = normal_observations(model);
   for (const iteration_record& r : result.iterations)
     result.natural_iterations.push_back(
-        {without_constant(r.minus2ll, model.data().observations()), natural_theta(model, r.theta)});
+        {without_constant(r.minus2ll, observations), natural_theta(model, r.theta)});
   result.natural_covariance = natural_covariance(result.errors);
   result.objective = objective_figures_of(model, result.likelihood, result.quadrature);
   result.effects = random_effect_figures_of(model, result.omega, result.likelihood);

@@ -25,6 +25,6 @@ class deviates {
 };
 
 // What a stream of draws is for: the second figure of its address. The seed is the first.
-enum class stream : int { individuals = 1, parameters = 2, conditional = 3 };
+enum class stream : int { individuals = 1, parameters = 2, conditional = 3, steps = 4 };
 
 }  // namespace varda

@@ -161,9 +161,9 @@ std::vector<predicted_subject> predict(const population_model& given,
     const density joint(wanted);
     density_workspace scratch(wanted);
     Eigen::MatrixXd f;
-    joint.predict(i, at.theta.data(), mu + mean, f, scratch);
+    joint.expect(i, at.theta.data(), mu + mean, f, scratch);
     to.individual = f.transpose();
-    joint.predict(i, at.theta.data(), drawn.etas.colwise() + mu, f, scratch);
+    joint.expect(i, at.theta.data(), drawn.etas.colwise() + mu, f, scratch);
     to.lower.resize(n);
     to.upper.resize(n);
     std::vector<Eigen::Index> order(static_cast<std::size_t>(f.rows()));

@@ -8,6 +8,8 @@
 #include <limits>
 #include <optional>
 
+#include "statsubs/distributions/cumnor.h"
+#include "varda/model/equations/outcome_formulas.h"
 #include "varda/simulation/threads.h"
 
 namespace varda {
@@ -30,10 +32,61 @@ subject_simulator::subject_simulator(const population_model& model, int subject,
       joint_(model),
       scratch_(model) {
   model.means(subject, theta_.data(), mu_.data());
+  lay_out();
+}
+
+void subject_simulator::lay_out() {
+  const subject& who = model_.as_expected(subject_);
+  asking_ = who;
+  if (model_.all_normal()) return;
+  asking_.observations.clear();
+  asking_.timeline.clear();
+  places_.resize(who.observations.size());
+  for (const event& e : who.timeline) {
+    if (e.kind != event_kind::observation) {
+      asking_.timeline.push_back(e);
+      continue;
+    }
+    const auto k = static_cast<std::size_t>(e.index);
+    const observation& o = who.observations[k];
+    const outcome_text& of =
+        model_.specification().endpoints[static_cast<std::size_t>(o.endpoint)].outcome;
+    places_[k] = asking_.observations.size();
+    append(asking_, o);
+    const int more = has_row_values(of) ? law_parameters(of) : 0;
+    for (int q = 0; q < more; ++q) {
+      observation parameter = o;
+      parameter.quantity = quantity::parameters + q;
+      append(asking_, parameter);
+    }
+  }
+  // Instants and the states of earlier rows are found behind all observations and at new places.
+  const auto moved = [&](int place) {
+    if (place < 0) return place;
+    const auto k = static_cast<std::size_t>(place);
+    return static_cast<int>(k < places_.size() ? places_[k]
+                                               : k - places_.size() + asking_.observations.size());
+  };
+  for (observation& o : asking_.observations) {
+    o.at_begin = moved(o.at_begin);
+    o.at_limit = moved(o.at_limit);
+  }
 }
 
 void subject_simulator::simulate(int count, const std::function<deviates&(int)>& stream,
                                  Eigen::MatrixXd& f, Eigen::MatrixXd& y) {
+  simulate(count, stream, nullptr, f, y, nullptr);
+}
+
+void subject_simulator::simulate(int count, const std::function<deviates&(int)>& stream,
+                                 const event_design& events, Eigen::MatrixXd& f, Eigen::MatrixXd& y,
+                                 std::vector<std::vector<event_row>>& happened) {
+  simulate(count, stream, &events, f, y, &happened);
+}
+
+void subject_simulator::simulate(int count, const std::function<deviates&(int)>& stream,
+                                 const event_design* events, Eigen::MatrixXd& f, Eigen::MatrixXd& y,
+                                 std::vector<std::vector<event_row>>* happened) {
   constexpr int block = 256;  // individuals whose predictions are made at once
   const auto& observed = model_.data().subjects[static_cast<std::size_t>(subject_)].observations;
   const auto n = static_cast<Eigen::Index>(observed.size());
@@ -44,26 +97,56 @@ void subject_simulator::simulate(int count, const std::function<deviates&(int)>&
   for (int begin = 0; begin < count; begin += block) {
     const int size = std::min(block, count - begin);
     Eigen::MatrixXd phi(mu_.size(), size);
+    std::vector<deviates> later;
     for (int k = 0; k < size; ++k) {
       deviates& draw = stream(begin + k);
       for (double& value : z) value = draw.normal();
       phi.col(k) = mu_ + factor_ * z;
       for (double& value : y.col(begin + k)) value = draw.normal();
+      if (events != nullptr) later.push_back(draw);
     }
-    joint_.predict(subject_, theta_.data(), phi, predictions, scratch_);
-    f.middleCols(begin, size) = predictions.transpose();
+    joint_.predict(subject_, asking_, theta_.data(), phi, predictions, scratch_);
+    for (Eigen::Index j = 0; j < n; ++j) {
+      const auto place = static_cast<std::size_t>(j);
+      const auto at =
+          places_.empty() ? j : static_cast<Eigen::Index>(places_[static_cast<std::size_t>(j)]);
+      f.row(j).segment(begin, size) = predictions.col(at).transpose();
+      if (model_.observed().is_normal(observed[place])) {
+        for (int k = begin; k < begin + size; ++k)
+          y(j, k) = model_.observed().simulated(observed[place], f(j, k), y(j, k), theta_.data());
+        continue;
+      }
+      const outcome_text& of = model_.specification()
+                                   .endpoints[static_cast<std::size_t>(observed[place].endpoint)]
+                                   .outcome;
+      if (!has_row_values(of)) {
+        y.row(j).segment(begin, size).setConstant(std::numeric_limits<double>::quiet_NaN());
+        continue;
+      }
+      Eigen::VectorXd law(law_parameters(of));
+      for (int k = 0; k < size; ++k) {
+        law = predictions.row(k).segment(at + 1, law.size()).transpose();
+        double share = 0.0;
+        double rest = 0.0;
+        statsubs::cumnor(y(j, begin + k), share, rest);
+        y(j, begin + k) = outcome_at(of, law.data(), share);
+      }
+    }
+    if (events == nullptr || events->empty()) continue;
+    joint_.predict(subject_, events->who(), theta_.data(), phi, predictions, scratch_);
+    for (int k = 0; k < size; ++k) {
+      std::vector<event_row>& own = (*happened)[static_cast<std::size_t>(begin + k)];
+      if (!events->draw(predictions.row(k).transpose(), later[static_cast<std::size_t>(k)], own))
+        own.clear();
+    }
   }
-  for (Eigen::Index k = 0; k < count; ++k)
-    for (Eigen::Index j = 0; j < n; ++j)
-      y(j, k) = model_.observed().simulated(observed[static_cast<std::size_t>(j)], f(j, k), y(j, k),
-                                            theta_.data());
 }
 
 namespace {
 
 simulated_subject simulate_subject(const population_model& model, int subject,
                                    const std::vector<drawn_parameters>& parameters,
-                                   const simulation_plan& plan) {
+                                   const watch_times& until, const simulation_plan& plan) {
   simulated_subject result;
   result.individual.resize(model.observations(subject), plan.replicates);
   result.values.resize(model.observations(subject), plan.replicates);
@@ -73,18 +156,24 @@ simulated_subject simulate_subject(const population_model& model, int subject,
     return draw.emplace(std::initializer_list<int>{plan.seed, static_cast<int>(stream::individuals),
                                                    subject, replicate});
   };
+  const event_design events(model, subject, until);
+  if (!events.empty()) result.events.resize(static_cast<std::size_t>(plan.replicates));
   if (parameters.size() == 1) {
     subject_simulator(model, subject, parameters.front())
-        .simulate(plan.replicates, stream_of, result.individual, result.values);
+        .simulate(plan.replicates, stream_of, events, result.individual, result.values,
+                  result.events);
   } else {
     Eigen::MatrixXd f;
     Eigen::MatrixXd y;
+    std::vector<std::vector<event_row>> happened(1);
     for (int r = 0; r < plan.replicates; ++r) {
       subject_simulator one(model, subject, parameters[static_cast<std::size_t>(r)]);
+      happened.front().clear();
       one.simulate(
-          1, [&](int) -> deviates& { return stream_of(r); }, f, y);
+          1, [&](int) -> deviates& { return stream_of(r); }, events, f, y, happened);
       result.individual.col(r) = f;
       result.values.col(r) = y;
+      if (!events.empty()) result.events[static_cast<std::size_t>(r)] = happened.front();
     }
   }
   for (double& value : result.values.reshaped())
@@ -98,8 +187,9 @@ std::vector<simulated_subject> simulate(const population_model& model,
                                         const std::vector<drawn_parameters>& parameters,
                                         const simulation_plan& plan) {
   std::vector<simulated_subject> result(static_cast<std::size_t>(model.subjects()));
+  const watch_times until(model);
   for_each_subject(model.subjects(), plan.threads, [&](int i) {
-    result[static_cast<std::size_t>(i)] = simulate_subject(model, i, parameters, plan);
+    result[static_cast<std::size_t>(i)] = simulate_subject(model, i, parameters, until, plan);
   });
   return result;
 }
@@ -111,7 +201,7 @@ Eigen::VectorXd population_predictions(const population_model& model, int subjec
   model.means(subject, theta.data(), mu.data());
   density_workspace scratch(model);
   Eigen::MatrixXd f;
-  density(model).predict(subject, theta.data(), mu, f, scratch);
+  density(model).expect(subject, theta.data(), mu, f, scratch);
   return f.transpose();
 }
 
@@ -120,6 +210,7 @@ quantification::quantification(const population_model& model) {
   by_endpoint_.assign(model.specification().endpoints.size(), {-infinity, infinity});
   for (const subject& who : model.data().subjects)
     for (const observation& o : who.observations) {
+      if (!model.observed().is_normal(o)) continue;
       quantified_range& range = by_endpoint_[static_cast<std::size_t>(o.endpoint)];
       if (o.censored == censoring::left || o.censored == censoring::interval)
         range.lower = std::max(range.lower, o.value);

@@ -11,6 +11,7 @@
 #include "varda/model/density.h"
 #include "varda/model/population.h"
 #include "varda/simulation/deviates.h"
+#include "varda/simulation/outcomes.h"
 
 namespace varda {
 
@@ -30,14 +31,26 @@ class subject_simulator {
   // `model` outlives it.
   subject_simulator(const population_model& model, int subject, const drawn_parameters& at);
 
-  // `count` individuals more: predictions `f` and values `y` with residual error, observations x
-  // individuals; not finite where the model cannot be evaluated. Individual k draws from stream(k)
-  // a deviate for each random effect and then one for each observation, in the order of k.
-  // Predictions are made of many at once.
+  // `count` individuals more: what is expected of the observations `f` and their values `y`,
+  // observations x individuals; not finite where the model cannot be evaluated. Individual k draws
+  // from stream(k) a deviate for each random effect and then one for each observation, in the order
+  // of k. Predictions are made of many at once. Rows of endpoints without values of their rows
+  // (has_row_values) are NaN in `y`.
   void simulate(int count, const std::function<deviates&(int)>& stream, Eigen::MatrixXd& f,
                 Eigen::MatrixXd& y);
 
+  // The same, with the events of every individual, for which further draws are taken from a copy of
+  // its stream.
+  void simulate(int count, const std::function<deviates&(int)>& stream, const event_design& events,
+                Eigen::MatrixXd& f, Eigen::MatrixXd& y,
+                std::vector<std::vector<event_row>>& happened);
+
  private:
+  void simulate(int count, const std::function<deviates&(int)>& stream, const event_design* events,
+                Eigen::MatrixXd& f, Eigen::MatrixXd& y,
+                std::vector<std::vector<event_row>>* happened);
+  void lay_out();
+
   const population_model& model_;
   int subject_;
   Eigen::VectorXd theta_;
@@ -45,6 +58,10 @@ class subject_simulator {
   Eigen::MatrixXd factor_;
   density joint_;
   density_workspace scratch_;
+  // The subject with an observation for each quantity that is wanted, and where those of each of
+  // its own begin.
+  subject asking_;
+  std::vector<std::size_t> places_;
 };
 
 struct simulation_plan {
@@ -56,8 +73,10 @@ struct simulation_plan {
 // The observations of one subject, simulated: observations x replicates. NaN where the model could
 // not be evaluated.
 struct simulated_subject {
-  Eigen::MatrixXd individual;  // without residual error
+  Eigen::MatrixXd individual;  // without residual error: what is expected
   Eigen::MatrixXd values;      // with it
+  // By replicate; empty where the model has no events, whose rows are NaN above.
+  std::vector<std::vector<event_row>> events;
 };
 
 // Replicates of the whole data set. `parameters`: one set for all replicates, or one for each. The
@@ -67,7 +86,7 @@ std::vector<simulated_subject> simulate(const population_model& model,
                                         const std::vector<drawn_parameters>& parameters,
                                         const simulation_plan& plan);
 
-// Predictions at eta = 0.
+// What is expected of the observations at eta = 0.
 Eigen::VectorXd population_predictions(const population_model& model, int subject,
                                        const Eigen::VectorXd& theta);
 

@@ -237,6 +237,117 @@ void fill(const std::vector<point>& points, const std::vector<simulated_subject>
 
 }  // namespace
 
+namespace {
+
+// What is known of the events of some subjects.
+struct watched {
+  std::vector<std::vector<double>> events;
+  std::vector<double> ends;
+};
+
+int at_risk(const watched& w, double time, bool repeated) {
+  int count = 0;
+  for (std::size_t i = 0; i < w.ends.size(); ++i)
+    count +=
+        w.ends[i] >= time && (repeated || w.events[i].empty() || w.events[i][0] >= time) ? 1 : 0;
+  return count;
+}
+
+// Of the data: an event that came before its row counts at it.
+void watch(const subject& who, int endpoint, watched& to) {
+  std::vector<double> events;
+  double end = 0.0;
+  for (const observation& o : who.observations) {
+    if (o.endpoint != endpoint || std::isnan(o.value)) continue;
+    if (o.censored != censoring::right) events.push_back(o.time);
+    end = o.time;
+  }
+  to.events.push_back(std::move(events));
+  to.ends.push_back(end);
+}
+
+event_panel event_panel_of(const population_model& model, int endpoint,
+                           const std::vector<int>& members,
+                           const std::vector<simulated_subject>& simulated, int replicates,
+                           double interval) {
+  event_panel panel;
+  panel.endpoint = endpoint;
+  panel.repeated =
+      model.specification().endpoints[static_cast<std::size_t>(endpoint)].outcome.repeated;
+  panel.subjects = static_cast<int>(members.size());
+  watched seen;
+  for (const int i : members)
+    watch(model.data().subjects[static_cast<std::size_t>(i)], endpoint, seen);
+  constexpr int pieces = 100;
+  const double last = *std::max_element(seen.ends.begin(), seen.ends.end());
+  for (int k = 0; k <= pieces; ++k) panel.times.push_back(last * k / pieces);
+  for (const double time : panel.times)
+    panel.at_risk.push_back(at_risk(seen, time, panel.repeated));
+  const std::vector<double> observed =
+      event_curve(seen.events, seen.ends, panel.repeated, panel.times);
+  std::vector<std::vector<double>> by_time(panel.times.size());
+  for (int r = 0; r < replicates; ++r) {
+    watched made;
+    for (const int i : members) {
+      const auto& events = simulated[static_cast<std::size_t>(i)].events;
+      if (events.empty()) continue;
+      std::vector<double> own;
+      double end = unknown;
+      for (const event_row& row : events[static_cast<std::size_t>(r)]) {
+        if (row.endpoint != endpoint) continue;
+        if (row.happened) own.push_back(row.time);
+        end = row.time;
+      }
+      if (std::isnan(end)) continue;
+      made.events.push_back(std::move(own));
+      made.ends.push_back(end);
+    }
+    const std::vector<double> curve =
+        event_curve(made.events, made.ends, panel.repeated, panel.times);
+    for (std::size_t k = 0; k < curve.size(); ++k) by_time[k].push_back(curve[k]);
+  }
+  for (std::size_t k = 0; k < panel.times.size(); ++k) {
+    vpc_statistic s;
+    s.observed = observed[k];
+    take_replicates(std::move(by_time[k]), interval, s);
+    panel.values.push_back(s);
+  }
+  return panel;
+}
+
+}  // namespace
+
+std::vector<double> event_curve(const std::vector<std::vector<double>>& events,
+                                const std::vector<double>& ends, bool repeated,
+                                const std::vector<double>& times) {
+  std::vector<double> happened;
+  std::vector<double> leaving;  // when a subject is not watched any more
+  for (std::size_t i = 0; i < ends.size(); ++i) {
+    happened.insert(happened.end(), events[i].begin(), events[i].end());
+    leaving.push_back(!repeated && !events[i].empty() ? events[i].front() : ends[i]);
+  }
+  std::sort(happened.begin(), happened.end());
+  std::sort(leaving.begin(), leaving.end());
+  std::vector<double> curve;
+  double value = repeated ? 0.0 : 1.0;
+  auto next = happened.begin();
+  for (const double time : times) {
+    while (next != happened.end() && *next <= time) {
+      const auto same = std::upper_bound(next, happened.end(), *next);
+      const auto share =
+          static_cast<double>(same - next) /
+          static_cast<double>(leaving.end() -
+                              std::lower_bound(leaving.begin(), leaving.end(), *next));
+      value = repeated ? value + share : value * (1.0 - share);
+      next = same;
+    }
+    // Nobody is left, and some have left without an event.
+    const bool over = leaving.empty() || (time > leaving.back() && (repeated || value > 0.0));
+    curve.push_back(over ? unknown : value);
+  }
+  return curve;
+}
+
 double percentile_of(const std::vector<double>& ascending, double probability) {
   if (ascending.empty()) return unknown;
   const double h = probability * static_cast<double>(ascending.size() - 1);
@@ -296,13 +407,21 @@ vpc_result visual_predictive_check(const population_model& model, const drawn_pa
   const std::size_t endpoints = model.specification().endpoints.size();
   std::vector<std::vector<point>> points(endpoints * groups.count());
   std::vector<int> left_out(points.size(), 0);
+  std::vector<std::vector<int>> watched_by(points.size());  // subjects with events
   for (int i = 0; i < model.subjects(); ++i) {
     const subject& who = model.data().subjects[static_cast<std::size_t>(i)];
     const Eigen::VectorXd predictions = population_predictions(model, i, estimates.theta);
     for (std::size_t j = 0; j < who.observations.size(); ++j) {
       const observation& o = who.observations[j];
+      const endpoint& of = model.specification().endpoints[static_cast<std::size_t>(o.endpoint)];
       const std::size_t panel =
           static_cast<std::size_t>(o.endpoint) * groups.count() + groups.of(who, o);
+      if (of.outcome.kind == endpoint_kind::event) {
+        std::vector<int>& members = watched_by[panel];
+        if (members.empty() || members.back() != i) members.push_back(i);
+        continue;
+      }
+      if (!of.is_normal() && !has_row_values(of.outcome)) continue;
       const auto row = static_cast<Eigen::Index>(j);
       if (plan.prediction_corrected && !(predictions(row) > 0.0)) {
         ++left_out[panel];
@@ -318,8 +437,17 @@ vpc_result visual_predictive_check(const population_model& model, const drawn_pa
     }
   }
   for (std::size_t k = 0; k < points.size(); ++k) {
+    const auto endpoint = static_cast<int>(k / groups.count());
+    const outcome_text& of =
+        model.specification().endpoints[static_cast<std::size_t>(endpoint)].outcome;
+    if (of.kind == endpoint_kind::event && !watched_by[k].empty()) {
+      result.events.push_back(event_panel_of(model, endpoint, watched_by[k], simulated,
+                                             result.replicates, plan.interval));
+      result.events.back().stratum = groups.name(k % groups.count());
+    }
+    if (of.kind != endpoint_kind::normal && !has_row_values(of)) continue;
     vpc_panel panel;
-    panel.endpoint = static_cast<int>(k / groups.count());
+    panel.endpoint = endpoint;
     panel.stratum = groups.name(k % groups.count());
     panel.left_out = left_out[k];
     if (!points[k].empty()) fill(points[k], simulated, result.replicates, plan, panel);

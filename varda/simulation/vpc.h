@@ -52,10 +52,25 @@ struct vpc_panel {
   int left_out = 0;
 };
 
+// An endpoint of events in one stratum, on a grid of times: the share of subjects without an event
+// (Kaplan and Meier, 1958, J. Am. Stat. Assoc. 53, 457-481), or, of events that come again, the
+// mean number of events of a subject (Nelson and Aalen). An event in an interval counts at its end.
+// NaN where nobody is watched any more.
+struct event_panel {
+  int endpoint = 0;
+  std::string stratum;
+  bool repeated = false;
+  int subjects = 0;
+  std::vector<double> times;
+  std::vector<int> at_risk;  // in the data, just before the time
+  std::vector<vpc_statistic> values;
+};
+
 struct vpc_result {
   vpc_plan plan;
   int replicates = 0;
-  std::vector<vpc_panel> panels;
+  std::vector<vpc_panel> panels;  // of endpoints whose rows have values
+  std::vector<event_panel> events;
 };
 
 // The edges of `bins` bins that hold about as many of the times (ascending) each, halfway between
@@ -70,6 +85,12 @@ int automatic_bins(std::vector<int> counts);
 // The percentile of ascending values, between neighbours as R's type 7. An end that is infinite
 // makes it infinite.
 double percentile_of(const std::vector<double>& ascending, double probability);
+
+// One of the curves above, of subjects that are watched until `ends` and have events at times
+// (ascending, none after its end).
+std::vector<double> event_curve(const std::vector<std::vector<double>>& events,
+                                const std::vector<double>& ends, bool repeated,
+                                const std::vector<double>& times);
 
 // From simulations of the model's own data at `estimates`. Throws bad_input where the covariate
 // that is to stratify is not one of the model.

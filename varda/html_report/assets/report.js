@@ -243,8 +243,10 @@
           interval(at(omega.ci95, i, j)), isNumber(shrinkage) ? fixedTo(100 * shrinkage, 1) : "",
           e.fixed ? "fixed" : ""];
       }));
-    to.append("h3").text("Residual error");
-    table(to, head("deviation"), results.residual.map(entry));
+    if (results.residual.length > 0) {
+      to.append("h3").text("Residual error");
+      table(to, head("deviation"), results.residual.map(entry));
+    }
     const errors = results.standard_errors;
     if (errors && errors.reason) to.append("p").text(`No standard errors: ${errors.reason}`);
     else if (errors && errors.kind)
@@ -333,6 +335,8 @@
   function residuals() {
     if (rows.length === 0) return empty("residuals");
     const to = section("residuals");
+    if (!rows.some((r) => isNumber(r.npde) || isNumber(r.iwres)))
+      return to.append("p").text("No endpoint has residuals that would be standard normal.");
     eachEndpoint(to, (mine) => {
       const charts = to.append("div").attr("class", "charts");
       const xs = [["time", "time"], ["time after dose", "tad"]];
@@ -343,10 +347,12 @@
             scatter(charts, mine, (r) => r[xKey], (r) => r[key],
               { title: `${name} against ${xName}`, x: xName, y: name, levels: [-1.96, 0, 1.96] }));
         });
-      scatter(charts, mine, (r) => r.ipred, (r) => (isNumber(r.iwres) ? Math.abs(r.iwres) : null),
-        { title: "|IWRES| against individual prediction", x: "individual prediction", y: "|IWRES|" });
-      quantiles(charts, mine, "npde", "NPDE");
-      quantiles(charts, mine, "iwres", "IWRES");
+      if (mine.some((r) => isNumber(r.iwres)))
+        scatter(charts, mine, (r) => r.ipred, (r) => (isNumber(r.iwres) ? Math.abs(r.iwres) : null),
+          { title: "|IWRES| against individual prediction", x: "individual prediction", y: "|IWRES|" });
+      [["npde", "NPDE"], ["iwres", "IWRES"]].forEach(([key, name]) => {
+        if (mine.some((r) => isNumber(r[key]))) quantiles(charts, mine, key, name);
+      });
     });
     to.append("p").attr("class", "note")
       .text("Dashed: 0 and ±1.96, between which 95 % of standard normal values lie.");
@@ -574,10 +580,27 @@
     line(share, "observed", panel.bins.map((b) => b.centre), panel.bins.map((b) => b.censored.observed));
   }
 
+  function eventPanel(to, panel) {
+    const name = panel.repeated ? "mean number of events" : "share without an event";
+    const on = chart(to, { title: endpoints.length > 1 ? nameOf(panel.endpoint) : "", x: "time", y: name, width: 760,
+      height: 380, xs: panel.times, ys: [].concat(panel.observed, panel.lower, panel.upper).filter(isNumber).concat([0, 1]),
+      label: `${name} of ${nameOf(panel.endpoint)}, observed and simulated` });
+    band(on, "band", panel.times, panel.lower, panel.upper);
+    line(on, "simulated", panel.times, panel.median);
+    line(on, "observed", panel.times, panel.observed);
+  }
+
   function vpc() {
     const to = section("vpc");
     to.append("p").attr("class", "note").text("Blue: 5th, 50th and 95th percentile of the observations; " +
       `orange: medians of ${report.vpc.replicates} simulations, boxes the intervals that hold 95 % of them.`);
+    if (report.vpc.events.length > 0) {
+      to.append("p").attr("class", "note").text("Events: blue the data (Kaplan and Meier; of events that come again " +
+        "the mean number of a subject), orange the median of the simulations, the band the interval that holds 95 % of them.");
+      const curves = to.append("div").attr("class", "charts wide");
+      report.vpc.events.forEach((panel) => eventPanel(curves, panel));
+    }
+    if (report.vpc.plain.length === 0) return;
     const tools = to.append("div").attr("class", "tools");
     const place = to.append("div").attr("class", "charts wide");
     let corrected = 0;

@@ -114,6 +114,7 @@ void linear_compartments::lay_out(const subject& who, bool constant, own_workspa
   };
   for (const event& e : who.timeline) {
     if (e.kind == event_kind::segment && constant) continue;
+    if (e.kind == event_kind::instant) continue;
     closed_step step;
     step.index = static_cast<std::uint32_t>(e.index);
     step.time = e.time;
@@ -133,6 +134,8 @@ void linear_compartments::lay_out(const subject& who, bool constant, own_workspa
       case event_kind::segment:
         step.what = kind::change;
         in_force = e.index;
+        break;
+      case event_kind::instant:
         break;
     }
     if (step.what != kind::observe) {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // A structural model in ordinary differential equations. State k takes the doses into compartment
-// k.
+// k. A model in formulas whose hazards are integrated is one as well.
 #pragma once
 
 #include <memory>
@@ -21,14 +21,14 @@ class equation_model : public structural_model {
   explicit equation_model(const equation_text& text);
 
   const std::vector<std::string>& parameter_names() const override { return program_.parameters(); }
-  int dose_compartments() const override { return static_cast<int>(program_.states().size()); }
+  int dose_compartments() const override { return static_cast<int>(program_.dosed_states()); }
   bool models_rate(int compartment) const override {
     return program_.has(dose_property::rate, static_cast<std::size_t>(compartment - 1));
   }
   bool models_duration(int compartment) const override {
     return program_.has(dose_property::duration, static_cast<std::size_t>(compartment - 1));
   }
-  int outputs() const override { return static_cast<int>(program_.outputs().size()); }
+  int outputs() const override { return static_cast<int>(program_.named_outputs()); }
   std::vector<std::string> covariates() const override { return program_.covariates(); }
   void locate_covariates(const std::vector<int>& positions) override { positions_ = positions; }
 

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <limits>
 
+#include "varda/model/equations/outcome_formulas.h"
 #include "varda/support/stop.h"
 
 namespace varda {
@@ -16,12 +17,6 @@ namespace {
 // More individuals take the memory of a subject's observations out of the second cache and gain
 // nothing.
 constexpr std::size_t most_individuals = 256;
-
-double largest_dose(const subject& who) {
-  double largest = 0.0;
-  for (const dose& d : who.doses) largest = std::max(largest, std::fabs(d.amount));
-  return largest > 0.0 ? largest : 1.0;
-}
 
 }  // namespace
 
@@ -125,8 +120,11 @@ void equation_run::lay_out(const subject& who) {
       case event_kind::segment:
         current.now.segment = e.index;
         break;
+      case event_kind::instant:
+        break;
     }
-    if (e.kind != event_kind::observation) current.table = formulas_.table_of(current.now);
+    if (e.kind != event_kind::observation && e.kind != event_kind::instant)
+      current.table = formulas_.table_of(current.now);
     stages_[i + 1] = current;
   }
 }
@@ -244,6 +242,10 @@ void equation_run::write_script(script& to, std::size_t individual) {
       writer_.note(kind::observe, at);
       continue;
     }
+    if (e.kind == event_kind::instant) {
+      writer_.note(kind::observe, who_->observations.size() + at);
+      continue;
+    }
     writer_.note(kind::constants, stages_[i + 1].table);
     if (e.kind == event_kind::dose) give(who_->doses[at], facts_[at], individual);
     // Whatever was given before has no effect any more, doses that are still to arrive included.
@@ -289,7 +291,8 @@ void equation_run::solve() {
   tasks_.clear();
   for (std::size_t j = 0; j < formulas_.count(); ++j)
     tasks_.push_back({.individual = j, .stiff = stiff_[j] != 0});
-  const std::size_t rows = who_->observations.size() * states_;
+  const std::size_t rows =
+      (who_->observations.size() + static_cast<std::size_t>(who_->instants)) * states_;
   observed_.reserve(rows * formulas_.stride());
   const bool infusions = std::any_of(who_->doses.begin(), who_->doses.end(),
                                      [](const dose& d) { return d.input != dose_input::bolus; });
@@ -307,18 +310,24 @@ void equation_run::solve() {
 }
 
 void equation_run::write_outputs(std::size_t first, const prediction_block& f) {
-  const bool common = program_.outputs().size() == 1;
   const std::size_t count = formulas_.count();
   const std::size_t stride = formulas_.stride();
   double* const row = new_rows(1);
+  const auto states_at = [&](int place) -> const double* {
+    return place < 0 ? nullptr
+                     : observed_.data() + static_cast<std::size_t>(place) * states_ * stride;
+  };
   for (std::size_t i = 0; i < who_->timeline.size(); ++i) {
     const event& e = who_->timeline[i];
     if (e.kind != event_kind::observation) continue;
     const auto at = static_cast<std::size_t>(e.index);
-    const auto k = common ? 0 : static_cast<std::size_t>(who_->observations[at].endpoint);
-    formulas_.output(k, stages_[i + 1].table, e.time, observed_.data() + at * states_ * stride,
-                     row);
+    const observation& o = who_->observations[at];
+    const std::size_t k = program_.output_of(o);
+    formulas_.output({&o, states_at(o.at_begin), states_at(o.at_limit)}, stages_[i + 1].table,
+                     states_at(e.index), row);
     std::copy(row, row + count, f.values + at * f.stride + first);
+    // The hazard at the very beginning may be infinite where simulations ask for it.
+    if (program_.is_unknown(k) || o.quantity > quantity::expected) continue;
     for (std::size_t j = 0; j < count; ++j)
       if (!std::isfinite(row[j]))
         fail(j, {.why = reason::output, .time = e.time, .which = k, .value = row[j]});
@@ -344,6 +353,9 @@ std::string equation_run::last_failure() const {
     case reason::initial:
       return fmt::format("the initial value of {} is {}", program_.states()[f.which], f.value);
     case reason::output:
+      if (f.which >= program_.named_outputs())
+        return fmt::format("the endpoint {} has no finite likelihood or prediction at time {}",
+                           program_.outputs()[f.which], f.time);
       return fmt::format("the output {} is {} at time {}", program_.outputs()[f.which], f.value,
                          f.time);
     case reason::solver:

@@ -2,8 +2,35 @@
 #include "varda/model/equations/formula_lanes.h"
 
 #include <algorithm>
+#include <array>
+#include <cmath>
+
+#include "statsubs/distributions/gamma.h"
 
 namespace varda {
+
+namespace {
+
+double log_factorial(double n) {
+  constexpr std::size_t known = 256;
+  static const std::array<double, known> table = [] {
+    std::array<double, known> sums{};
+    for (std::size_t k = 1; k < known; ++k)
+      sums[k] = static_cast<double>(statsubs::gamln(static_cast<double>(k + 1)));
+    return sums;
+  }();
+  if (!(n >= 0.0)) return 0.0;
+  if (n < static_cast<double>(known)) return table[static_cast<std::size_t>(n)];
+  return statsubs::gamln(n + 1.0);
+}
+
+}  // namespace
+
+double largest_dose(const subject& who) {
+  double largest = 0.0;
+  for (const dose& d : who.doses) largest = std::max(largest, std::fabs(d.amount));
+  return largest > 0.0 ? largest : 1.0;
+}
 
 formula_lanes::formula_lanes(const formula_program& program, const lane_kernel& kernel)
     : program_(program),
@@ -20,7 +47,8 @@ formula_lanes::formula_lanes(const formula_program& program, const lane_kernel& 
     for (std::size_t s = 0; s < program.states().size(); ++s)
       sections.emplace_back(program.has(what, s) ? program.of_dose(what, s) : nothing, block);
   }
-  common_.fill((program.covariates().size() + 4 + 3 * program.summed_doses()) * block, 0.0);
+  common_.fill((program.covariates().size() + common_rows + 3 * program.summed_doses()) * block,
+               0.0);
 }
 
 void formula_lanes::begin(const subject& who, const parameter_block& p, std::size_t first,
@@ -31,6 +59,7 @@ void formula_lanes::begin(const subject& who, const parameter_block& p, std::siz
   stride_ = whole_lanes(count);
   sets_ = p.sets;
   used_tables_ = 0;
+  if (program_.integrates_hazards()) scale_ = largest_dose(who);
   const std::size_t rows = p.sets * p.parameters;
   parameters_.reserve(rows * stride_);
   for (std::size_t row = 0; row < rows; ++row) {
@@ -74,26 +103,31 @@ std::size_t formula_lanes::table_of(const epoch& now) {
   return used_tables_++;
 }
 
-void formula_lanes::fill_common(std::size_t row, double value) {
-  std::fill(common_.data() + row * block, common_.data() + (row + 1) * block, value);
-}
-
 void formula_lanes::set_common(const epoch& now, double time) {
-  const std::size_t first = program_.covariates().size();
-  for (std::size_t k = 0; k < first; ++k)
-    fill_common(k, who_->segments[static_cast<std::size_t>(now.segment)]
-                       .covariates[static_cast<std::size_t>((*positions_)[k])]);
-  fill_common(first, now.dose);
-  fill_common(first + 1, now.dosed ? 1.0 : 0.0);
-  fill_common(first + 2, now.dose_time);
-  fill_common(first + 3, time);
+  const std::size_t covariates = program_.covariates().size();
+  for (std::size_t k = 0; k < covariates; ++k)
+    std::fill_n(common_.data() + k * block, block,
+                who_->segments[static_cast<std::size_t>(now.segment)]
+                    .covariates[static_cast<std::size_t>((*positions_)[k])]);
+  fill_common(dose_row, now.dose);
+  fill_common(dosed_row, now.dosed ? 1.0 : 0.0);
+  fill_common(dose_time_row, now.dose_time);
+  fill_common(time_row, time);
+  fill_common(scale_row, scale_);
   for (std::size_t k = 0; k < program_.summed_doses(); ++k) {
     const bool given = k < now.summed.size();
-    const std::size_t row = first + 4 + 3 * k;
-    fill_common(row, given ? now.summed[k].amount : 0.0);
-    fill_common(row + 1, given ? 1.0 : 0.0);
-    fill_common(row + 2, given ? now.summed[k].time : 0.0);
+    std::fill_n(summed(k, 0), block, given ? now.summed[k].amount : 0.0);
+    std::fill_n(summed(k, 1), block, given ? 1.0 : 0.0);
+    std::fill_n(summed(k, 2), block, given ? now.summed[k].time : 0.0);
   }
+}
+
+void formula_lanes::set_row(const observation& at) {
+  fill_common(observed_value_row, at.value);
+  fill_common(log_factorial_row, log_factorial(at.value));
+  fill_common(censoring_row, static_cast<double>(at.censored));
+  fill_common(begin_time_row, at.begin);
+  fill_common(limit_time_row, at.limit);
 }
 
 void formula_lanes::from_inputs(bound_section& section, const epoch& now, double time,
@@ -101,7 +135,6 @@ void formula_lanes::from_inputs(bound_section& section, const epoch& now, double
   set_common(now, time);
   const double* const parameters =
       parameters_.data() + set_of(now.segment) * program_.parameters().size() * stride_;
-  const std::size_t first = program_.covariates().size();
   for (std::size_t lane = 0; lane < stride_; lane += block) {
     section.read_from([&](const leaf& l) -> const double* {
       switch (l.kind) {
@@ -110,19 +143,21 @@ void formula_lanes::from_inputs(bound_section& section, const epoch& now, double
         case leaf_kind::covariate:
           return common_.data() + l.index * block;
         case leaf_kind::dose:
-          return common_.data() + first * block;
+          return common(dose_row);
         case leaf_kind::dosed:
-          return common_.data() + (first + 1) * block;
+          return common(dosed_row);
         case leaf_kind::dose_time:
-          return common_.data() + (first + 2) * block;
+          return common(dose_time_row);
+        case leaf_kind::scale:
+          return common(scale_row);
         case leaf_kind::summed_dose:
-          return common_.data() + (first + 4 + 3 * l.index) * block;
+          return summed(l.index, 0);
         case leaf_kind::summed_dosed:
-          return common_.data() + (first + 5 + 3 * l.index) * block;
+          return summed(l.index, 1);
         case leaf_kind::summed_dose_time:
-          return common_.data() + (first + 6 + 3 * l.index) * block;
+          return summed(l.index, 2);
         default:
-          return common_.data() + (first + 3) * block;
+          return common(time_row);
       }
     });
     for (std::size_t k = 0; k < rows.size(); ++k) section.write_to(k, rows[k] + lane);
@@ -131,10 +166,13 @@ void formula_lanes::from_inputs(bound_section& section, const epoch& now, double
 }
 
 void formula_lanes::from_constants(bound_section& section, std::size_t table, double time,
-                                   const double* states, double* rows, std::size_t results) {
-  const std::size_t time_row = program_.covariates().size() + 3;
+                                   const double* states, const observed_row& of, double* rows,
+                                   std::size_t results) {
   fill_common(time_row, time);
   const double* const constants = tables_[table].rows.data();
+  const auto state = [&](const double* some, std::size_t index, std::size_t lane) {
+    return some == nullptr ? common(zero_row) : some + index * stride_ + lane;
+  };
   for (std::size_t lane = 0; lane < stride_; lane += block) {
     section.read_from([&](const leaf& l) -> const double* {
       switch (l.kind) {
@@ -142,8 +180,22 @@ void formula_lanes::from_constants(bound_section& section, std::size_t table, do
           return constants + l.index * stride_ + lane;
         case leaf_kind::state:
           return states + l.index * stride_ + lane;
+        case leaf_kind::begin_state:
+          return state(of.begin, l.index, lane);
+        case leaf_kind::limit_state:
+          return state(of.limit, l.index, lane);
+        case leaf_kind::observed:
+          return common(observed_value_row);
+        case leaf_kind::log_factorial:
+          return common(log_factorial_row);
+        case leaf_kind::censoring:
+          return common(censoring_row);
+        case leaf_kind::begin_time:
+          return common(begin_time_row);
+        case leaf_kind::limit_time:
+          return common(limit_time_row);
         default:
-          return common_.data() + time_row * block;
+          return common(time_row);
       }
     });
     for (std::size_t k = 0; k < results; ++k) section.write_to(k, rows + k * stride_ + lane);
@@ -151,14 +203,15 @@ void formula_lanes::from_constants(bound_section& section, std::size_t table, do
   }
 }
 
-void formula_lanes::output(std::size_t k, std::size_t table, double time, const double* states,
+void formula_lanes::output(const observed_row& of, std::size_t table, const double* states,
                            double* row) {
-  from_constants(outputs_[k], table, time, states, row, 1);
+  if (!program_.has_normal_endpoints_alone()) set_row(*of.at);
+  from_constants(outputs_[program_.output_of(*of.at)], table, of.at->time, states, of, row, 1);
 }
 
 void formula_lanes::derivatives(std::size_t table, double time, const double* states,
                                 double* slopes) {
-  from_constants(derivative_section_, table, time, states, slopes, program_.states().size());
+  from_constants(derivative_section_, table, time, states, {}, slopes, program_.states().size());
 }
 
 void formula_lanes::initial(const epoch& now, double time, double* rows) {

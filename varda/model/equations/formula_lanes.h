@@ -3,6 +3,7 @@
 // The formulas of a model at the parameters of many individuals of one subject.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <vector>
 
@@ -22,6 +23,9 @@ struct summed_dose {
   bool operator==(const summed_dose&) const = default;
 };
 
+// The largest dose of a subject, or 1 where it has none with an amount.
+double largest_dose(const subject& who);
+
 // What formulas can know besides parameters, time and states.
 struct epoch {
   int segment = 0;
@@ -29,6 +33,13 @@ struct epoch {
   double dose_time = 0.0;
   double dose = 0.0;
   std::vector<summed_dose> summed{};  // only where the program has sums
+};
+
+// An observation, and the states where its risk began and at its limit; null where all are 0.
+struct observed_row {
+  const observation* at = nullptr;
+  const double* begin = nullptr;
+  const double* limit = nullptr;
 };
 
 // Rows of numbers have one for each individual, stride() apart where there are several.
@@ -49,7 +60,8 @@ class formula_lanes {
   const double* table(std::size_t k) const { return tables_[k].rows.data(); }
   std::size_t tables() const { return used_tables_; }
 
-  void output(std::size_t k, std::size_t table, double time, const double* states, double* row);
+  // The output that the observation asks for, at its time.
+  void output(const observed_row& of, std::size_t table, const double* states, double* row);
   void derivatives(std::size_t table, double time, const double* states, double* slopes);
   void initial(const epoch& now, double time, double* rows);
   // Only where the program has it.
@@ -71,8 +83,31 @@ class formula_lanes {
   void from_inputs(bound_section& section, const epoch& now, double time,
                    const std::vector<double*>& rows);
   void from_constants(bound_section& section, std::size_t table, double time, const double* states,
-                      double* rows, std::size_t results);
-  void fill_common(std::size_t row, double value);
+                      const observed_row& of, double* rows, std::size_t results);
+  // Blocks behind those of the covariates.
+  enum common_row : std::size_t {
+    dose_row,
+    dosed_row,
+    dose_time_row,
+    time_row,
+    scale_row,
+    observed_value_row,
+    log_factorial_row,
+    censoring_row,
+    begin_time_row,
+    limit_time_row,
+    zero_row,
+    common_rows
+  };
+  double* common(common_row row) {
+    return common_.data() + (program_.covariates().size() + row) * block;
+  }
+  // Amount (0), whether there is one (1) and time (2) of a dose that sums run over.
+  double* summed(std::size_t dose, std::size_t what) {
+    return common_.data() + (program_.covariates().size() + common_rows + 3 * dose + what) * block;
+  }
+  void fill_common(common_row row, double value) { std::fill_n(common(row), block, value); }
+  void set_row(const observation& at);
 
   const formula_program& program_;
   const lane_kernel& kernel_;
@@ -87,9 +122,10 @@ class formula_lanes {
   std::size_t count_ = 0;
   std::size_t stride_ = 0;
   std::size_t sets_ = 0;
+  double scale_ = 1.0;
   lane_array parameters_;
-  lane_array common_;  // blocks of covariates, dose, dosed, time of the dose, time,
-                       // and the first three of each dose that sums run over
+  // Blocks of covariates, then common_rows, then three of each dose that sums run over.
+  lane_array common_;
   std::vector<constants_table> tables_;
   std::size_t used_tables_ = 0;
 };

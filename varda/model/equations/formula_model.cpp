@@ -28,7 +28,6 @@ std::unique_ptr<structural_model::workspace> formula_model::make_workspace() con
 void formula_model::predict(const subject& who, const parameter_block& p, const prediction_block& f,
                             workspace& scratch) const {
   auto& own = dynamic_cast<formula_workspace&>(scratch);
-  const bool common = outputs() == 1;
   for (std::size_t first = 0; first < p.individuals; first += most_individuals) {
     const std::size_t count = std::min(most_individuals, p.individuals - first);
     own.formulas.begin(who, p, first, count, positions_);
@@ -49,9 +48,10 @@ void formula_model::predict(const subject& who, const parameter_block& p, const 
         case event_kind::segment:
           now.segment = e.index;
           break;
+        case event_kind::instant:
+          break;
         case event_kind::observation: {
-          const auto k = common ? 0 : static_cast<std::size_t>(who.observations[at].endpoint);
-          own.formulas.output(k, table, e.time, nullptr, own.row.data());
+          own.formulas.output({.at = &who.observations[at]}, table, nullptr, own.row.data());
           std::copy(own.row.data(), own.row.data() + count, f.values + at * f.stride + first);
           continue;
         }

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A structural model in one formula for each endpoint, of parameters, covariates, the time t, the
-// time since the last dose tad and its amount dose. Earlier doses are not remembered.
+// A structural model in one formula for each endpoint that is normal, of parameters, covariates,
+// the time t, the time since the last dose tad and its amount dose. Earlier doses are not
+// remembered.
 #pragma once
 
 #include <memory>
@@ -20,7 +21,7 @@ class formula_model : public structural_model {
 
   const std::vector<std::string>& parameter_names() const override { return program_.parameters(); }
   int dose_compartments() const override { return 1; }
-  int outputs() const override { return static_cast<int>(program_.outputs().size()); }
+  int outputs() const override { return static_cast<int>(program_.named_outputs()); }
   std::vector<std::string> covariates() const override { return program_.covariates(); }
   void locate_covariates(const std::vector<int>& positions) override { positions_ = positions; }
 

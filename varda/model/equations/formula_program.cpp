@@ -4,11 +4,14 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cmath>
+#include <limits>
 #include <map>
 #include <set>
 
 #include "varda/data/levels.h"
 #include "varda/formula/expression.h"
+#include "varda/model/equations/outcome_formulas.h"
 #include "varda/support/finding.h"
 
 namespace varda {
@@ -19,7 +22,7 @@ using value = lane_graph::value;
 
 // A formula and the place that an error is reported at.
 struct formula_place {
-  const char* section = nullptr;
+  std::string section;
   const formula_line* line = nullptr;
 
   formula_error error(const char* code, std::string message, std::string remedy) const {
@@ -71,6 +74,14 @@ class formula_program::compiler {
     all("rate", text_.rate);
     all("duration", text_.duration);
     all("outputs", text_.outputs);
+    for (const outcome_text& of : text_.outcomes)
+      for (const formula_line& line : of.formulas) visit(formula_place{section_of(of), &line});
+  }
+
+  static std::string section_of(const outcome_text& of) { return "endpoint." + of.name; }
+  // The observed value has a name in the one formula that needs it.
+  static bool is_observed(const formula_place& at, const std::string& name) {
+    return at.line->name == "log_likelihood" && name == "DV";
   }
 
   // The names of definitions and states must be new; every other name that a formula uses is a
@@ -97,10 +108,11 @@ class formula_program::compiler {
     for_each_formula([&](const formula_place& at) {
       const expression formula = at.read();
       check_texts(at, formula, [&](const std::string& name) {
-        return !reserved_.contains(name) && !own.contains(name) && !offered.contains(name);
+        return !reserved_.contains(name) && !own.contains(name) && !offered.contains(name) &&
+               !is_observed(at, name);
       });
       for (const std::string& name : formula.names()) {
-        if (reserved_.contains(name) || own.contains(name)) continue;
+        if (reserved_.contains(name) || own.contains(name) || is_observed(at, name)) continue;
         if (used.insert(name).second && !offered.contains(name))
           program_.covariates_.push_back(name);
       }
@@ -140,17 +152,27 @@ class formula_program::compiler {
     symbols_["dose"] = dose_ = add_input(leaf_kind::dose, 0, lane_graph::on_nothing);
     dose_time_ = add_input(leaf_kind::dose_time, 0, lane_graph::on_nothing);
     const value dosed = add_input(leaf_kind::dosed, 0, lane_graph::on_nothing);
+    scale_ = add_input(leaf_kind::scale, 0, lane_graph::on_nothing);
     symbols_["t"] = time_ = add_input(leaf_kind::time, 0, lane_graph::on_time);
     // 0 before the first dose.
     symbols_["tad"] = graph_.apply(lane_code::multiply, dosed,
                                    graph_.apply(lane_code::subtract, time_, dose_time_));
-    for (const formula_line& line : text_.derivatives) {
-      const value state =
-          add_input(leaf_kind::state, program_.states_.size(), lane_graph::on_states);
-      program_.states_.push_back(line.name);
-      state_inputs_.push_back(state);
-      symbols_[line.name] = state;
+    for (const formula_line& line : text_.derivatives) symbols_[line.name] = add_state(line.name);
+    program_.integrates_hazards_ =
+        std::any_of(text_.outcomes.begin(), text_.outcomes.end(),
+                    [](const outcome_text& of) { return of.formula("hazard") != nullptr; });
+    if (text_.derivatives.empty() && program_.integrates_hazards_) {
+      add_state("the doses");
+      derivatives_.push_back(graph_.number(0.0));
     }
+    program_.dosed_states_ = program_.states_.size();
+  }
+
+  value add_state(const std::string& name) {
+    state_inputs_.push_back(
+        add_input(leaf_kind::state, program_.states_.size(), lane_graph::on_states));
+    program_.states_.push_back(name);
+    return state_inputs_.back();
   }
 
   // A sum is written out, dose by dose; those that have not been given add nothing. What it is made
@@ -193,6 +215,10 @@ class formula_program::compiler {
     const expression formula = at.read();
     std::vector<value> variables;
     for (const std::string& name : formula.names()) {
+      if (is_observed(at, name)) {
+        variables.push_back(row_.observed);
+        continue;
+      }
       const auto symbol = symbols_.find(name);
       if (symbol == symbols_.end())
         throw at.error("E-MODEL-SYMBOL", fmt::format("{} is used before it is defined", name),
@@ -228,10 +254,10 @@ class formula_program::compiler {
     compile_sums();
     for (const formula_line& line : text_.derivatives)
       derivatives_.push_back(compile({"derivatives", &line}, true));
-    for (const formula_line& line : text_.outputs) {
-      outputs_.push_back(compile({"outputs", &line}, true));
-      program_.output_names_.push_back(line.name);
-    }
+    for (const formula_line& line : text_.outputs)
+      add_output(line.name, compile({"outputs", &line}, true));
+    program_.named_outputs_ = outputs_.size();
+    if (!text_.outcomes.empty()) compile_outcomes();
     const auto initial = compile_by_state("initial", text_.initial);
     for (std::size_t s = 0; s < initial.size(); ++s)
       if (initial[s]) {
@@ -241,6 +267,100 @@ class formula_program::compiler {
     dosing_ = {compile_by_state("lag", text_.lag),
                compile_by_state("bioavailability", text_.bioavailability),
                compile_by_state("rate", text_.rate), compile_by_state("duration", text_.duration)};
+  }
+
+  void add_output(const std::string& name, value of) {
+    outputs_.push_back(of);
+    program_.output_names_.push_back(name);
+    const lane_graph::node& n = graph_.at(of);
+    program_.unknown_outputs_.push_back(n.kind == lane_graph::node_kind::number &&
+                                        std::isnan(n.number));
+  }
+
+  void compile_outcomes() {
+    row_.observed = add_input(leaf_kind::observed, 0, lane_graph::on_time);
+    row_.log_factorial = add_input(leaf_kind::log_factorial, 0, lane_graph::on_time);
+    row_.censoring = add_input(leaf_kind::censoring, 0, lane_graph::on_time);
+    std::size_t normal = 0;
+    for (const outcome_text& of : text_.outcomes) {
+      if (of.kind == endpoint_kind::normal) {
+        program_.first_outputs_.push_back(program_.named_outputs_ == 1 ? 0 : normal);
+        ++normal;
+        continue;
+      }
+      program_.first_outputs_.push_back(outputs_.size());
+      for (const value one : outcome_of(of)) add_output(of.name, one);
+    }
+  }
+
+  value compile(const outcome_text& of, const std::string& key, bool states_allowed = true) {
+    return compile({section_of(of), of.formula(key)}, states_allowed);
+  }
+
+  outcome_graph outcome_of(const outcome_text& of) {
+    switch (of.kind) {
+      case endpoint_kind::poisson:
+      case endpoint_kind::negative_binomial:
+      case endpoint_kind::zero_inflated_poisson:
+      case endpoint_kind::zero_inflated_negative_binomial: {
+        const value mean = compile(of, "mean");
+        std::optional<value> dispersion, share;
+        if (of.formula("dispersion") != nullptr) dispersion = compile(of, "dispersion");
+        if (of.formula("zero_inflation") != nullptr) share = compile(of, "zero_inflation");
+        return count_graph(graph_, row_, mean, dispersion ? &*dispersion : nullptr,
+                           share ? &*share : nullptr);
+      }
+      case endpoint_kind::binary:
+        if (of.formula("probability") != nullptr)
+          return binary_graph(graph_, row_, compile(of, "probability"));
+        return binary_graph(graph_, row_, of.link, compile(of, "linear_predictor"));
+      case endpoint_kind::ordinal: {
+        std::vector<value> thresholds;
+        for (const formula_line& line : of.formulas)
+          if (line.name == "thresholds")
+            thresholds.push_back(compile({section_of(of), &line}, true));
+        return ordinal_graph(graph_, row_, of.link, of.levels, compile(of, "linear_predictor"),
+                             thresholds);
+      }
+      case endpoint_kind::event:
+        return event_graph(graph_, row_, event_of(of));
+      case endpoint_kind::log_likelihood: {
+        const value unknown = graph_.number(std::numeric_limits<double>::quiet_NaN());
+        return {compile(of, "log_likelihood"),
+                of.formula("prediction") != nullptr ? compile(of, "prediction") : unknown};
+      }
+      case endpoint_kind::normal:
+        break;
+    }
+    return {};
+  }
+
+  event_terms event_of(const outcome_text& of) {
+    if (of.formula("hazard") != nullptr) {
+      const value hazard = compile(of, "hazard");
+      const std::size_t state = program_.states_.size();
+      const value total = add_state("the cumulative hazard of " + of.name);
+      // What is integrated is in the subject's scale, like the error that the solver allows. A
+      // hazard below 0 has no meaning.
+      const value scaled = graph_.apply(lane_code::multiply, hazard, scale_);
+      derivatives_.push_back(
+          graph_.apply(lane_code::select, graph_.apply(lane_code::less, hazard, graph_.number(0.0)),
+                       graph_.number(std::numeric_limits<double>::quiet_NaN()), scaled));
+      const auto by_scale = [&](value v) { return graph_.apply(lane_code::divide, v, scale_); };
+      return {hazard, by_scale(total),
+              by_scale(add_input(leaf_kind::begin_state, state, lane_graph::on_states)),
+              by_scale(add_input(leaf_kind::limit_state, state, lane_graph::on_states))};
+    }
+    const formula_place place{section_of(of), of.formula("cumulative_hazard")};
+    const value total = compile(place, false);
+    if (depends_on({total}, dose_) || depends_on({total}, dose_time_))
+      throw place.error("E-MODEL-SYMBOL", "a cumulative hazard in closed form knows no doses",
+                        "give the hazard instead, which is integrated");
+    const auto at = [&](leaf_kind when) {
+      return graph_.with(total, time_, add_input(when, 0, lane_graph::on_time));
+    };
+    return {graph_.derivative(total, time_), total, at(leaf_kind::begin_time),
+            at(leaf_kind::limit_time)};
   }
 
   std::vector<std::optional<value>> compile_by_state(const char* section,
@@ -373,6 +493,8 @@ class formula_program::compiler {
   value time_ = 0;
   value dose_ = 0;
   value dose_time_ = 0;
+  value scale_ = 0;
+  outcome_row row_{};
   std::vector<value> state_inputs_;
   std::vector<value> derivatives_;
   std::vector<value> outputs_;

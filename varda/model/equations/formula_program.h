@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "varda/data/observation.h"
 #include "varda/model/equations/formula_error.h"
 #include "varda/model/lanes/graph.h"
 #include "varda/model/lanes/section.h"
@@ -35,9 +36,19 @@ enum class leaf_kind {
   summed_dose,  // of the doses that sums run over, the index-th, like the next two
   summed_dosed,
   summed_dose_time,
+  scale,  // of the subject: its largest dose, or 1
   constant,
   time,
-  state
+  state,
+  // Of an observation: its value with the logarithm of that's factorial, what is known of it, and
+  // the time and states where its risk began and at its limit.
+  observed,
+  log_factorial,
+  censoring,
+  begin_time,
+  limit_time,
+  begin_state,
+  limit_state
 };
 struct leaf {
   leaf_kind kind = leaf_kind::number;
@@ -65,7 +76,24 @@ class formula_program {
   const std::vector<std::string>& parameters() const { return parameters_; }
   const std::vector<std::string>& covariates() const { return covariates_; }
   const std::vector<std::string>& states() const { return states_; }
+  // What the model file calls outputs, then the quantities of endpoints that are not normal.
   const std::vector<std::string>& outputs() const { return output_names_; }
+  std::size_t named_outputs() const { return named_outputs_; }
+  bool has_normal_endpoints_alone() const { return first_outputs_.empty(); }
+  // The output that an observation asks for.
+  std::size_t output_of(const observation& at) const {
+    const auto endpoint = static_cast<std::size_t>(at.endpoint);
+    if (!first_outputs_.empty())
+      return first_outputs_[endpoint] + static_cast<std::size_t>(at.quantity);
+    return named_outputs_ == 1 ? 0 : endpoint;
+  }
+  // Whether an output has no formula; it is NaN for everybody.
+  bool is_unknown(std::size_t output) const { return unknown_outputs_[output]; }
+  // Whether some endpoint has a hazard that is integrated. Its cumulative hazard, times the
+  // subject's scale, is a state behind those that doses go into; where the model file has no
+  // states, there is one of no effect that takes them.
+  bool integrates_hazards() const { return integrates_hazards_; }
+  std::size_t dosed_states() const { return dosed_states_; }
   bool has(dose_property what, std::size_t state) const {
     return dosing_[static_cast<std::size_t>(what)][state].has_value();
   }
@@ -110,6 +138,11 @@ class formula_program {
   std::vector<std::string> covariates_;
   std::vector<std::string> states_;
   std::vector<std::string> output_names_;
+  std::size_t named_outputs_ = 0;
+  std::vector<std::size_t> first_outputs_;  // by endpoint; empty where all are normal
+  std::vector<bool> unknown_outputs_;
+  bool integrates_hazards_ = false;
+  std::size_t dosed_states_ = 0;
 
   bool constants_know_dose_ = false;
   bool constants_know_dose_time_ = false;

@@ -3,6 +3,7 @@
 
 #include <bit>
 #include <cmath>
+#include <limits>
 #include <numbers>
 #include <optional>
 #include <utility>
@@ -63,6 +64,8 @@ std::size_t lane_graph::operands_of(lane_code code) {
     case lane_code::minimum:
     case lane_code::maximum:
     case lane_code::power:
+    case lane_code::log_gamma_ratio:
+    case lane_code::log_normal_share:
       return 2;
     case lane_code::multiply_add:
     case lane_code::multiply_subtract:
@@ -251,8 +254,37 @@ lane_graph::value lane_graph::find_derivative(value what, value by) {
     case lane_code::error_function:
       return chain(product(number(2.0 * std::numbers::inv_sqrtpi),
                            apply(lane_code::exponential, apply(lane_code::negate, product(a, a)))));
+    case lane_code::log_gamma:
+      return chain(apply(lane_code::digamma, a));
+    case lane_code::normal_cdf:
+      return chain(normal_density(a));
+    case lane_code::log_normal_cdf:
+      return chain(apply(lane_code::exponential,
+                         difference(apply(lane_code::multiply, number(-0.5), product(a, a)),
+                                    sum(what, number(0.5 * std::log(2.0 * std::numbers::pi))))));
+    // Formulas cannot name these.
+    case lane_code::digamma:
+    case lane_code::log_gamma_ratio:
+    case lane_code::log_normal_share:
+      return number(std::numeric_limits<double>::quiet_NaN());
   }
   return zero;
+}
+
+lane_graph::value lane_graph::with(value what, value input, value by) {
+  if (what == input) return by;
+  const node n = nodes_[what];  // a copy: the table grows
+  if (n.kind != node_kind::operation) return what;
+  std::array<value, 3> operands{};
+  for (std::size_t k = 0; k < operands_of(n.code); ++k)
+    operands[k] = with(n.operands[k], input, by);
+  return apply(n.code, operands[0], operands[1], operands[2]);
+}
+
+lane_graph::value lane_graph::normal_density(value x) {
+  const value exponent = apply(lane_code::multiply, number(-0.5), product(x, x));
+  return product(number(std::numbers::inv_sqrtpi / std::numbers::sqrt2),
+                 apply(lane_code::exponential, exponent));
 }
 
 lane_graph::value lane_graph::without_states(value what) {

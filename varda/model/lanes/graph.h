@@ -40,6 +40,8 @@ class lane_graph {
   value derivative(value what, value by);
   // `what` where all states are 0, likewise.
   value without_states(value what);
+  // `what` with an input replaced.
+  value with(value what, value input, value by);
 
   const node& at(value v) const { return nodes_[v]; }
   bool is_number(value v, double x) const {
@@ -57,6 +59,7 @@ class lane_graph {
   value quotient(value a, value b);
   value sum(value a, value b) { return apply(lane_code::add, a, b); }
   value difference(value a, value b) { return apply(lane_code::subtract, a, b); }
+  value normal_density(value x);
   value find_derivative(value what, value by);
 
   std::vector<node> nodes_;

@@ -134,6 +134,12 @@ inline void each(double* out, const double* a, const double* b, const double* c,
   }
 }
 
+#include "varda/model/lanes/gamma_body.h"
+
+// Below, with the density of observations.
+inline vec log_normal_probability(vec z);
+inline vec log_normal_probability(vec lower, vec upper);
+
 void run(const lane_operation* operations, std::size_t count, double* const* registers,
          std::size_t n) {
   const vec zero{};
@@ -247,6 +253,24 @@ void run(const lane_operation* operations, std::size_t count, double* const* reg
         break;
       case lane_code::error_function:
         each(out, a, n, [](vec x) { return VARDA_SLEEF(erf)(x); });
+        break;
+      case lane_code::log_gamma:
+        each(out, a, n, log_gamma);
+        break;
+      case lane_code::digamma:
+        each(out, a, n, digamma);
+        break;
+      case lane_code::log_gamma_ratio:
+        each(out, a, b, n, log_gamma_ratio);
+        break;
+      case lane_code::normal_cdf:
+        each(out, a, n, normal_probability);
+        break;
+      case lane_code::log_normal_cdf:
+        each(out, a, n, [](vec x) { return log_normal_probability(x); });
+        break;
+      case lane_code::log_normal_share:
+        each(out, a, b, n, [](vec x, vec y) { return log_normal_probability(x, y); });
         break;
     }
   }

@@ -14,6 +14,7 @@ namespace varda {
 // logarithm for log-normal error.
 struct residual_law {
   error_kind kind = error_kind::additive;
+  bool known = false;  // a prediction is the logarithm of the density already
   double additive = 0.0;
   double proportional = 0.0;
   double exponent = 0.0;

@@ -158,6 +158,10 @@ class residual_sums {
     }
   }
   void add(const observation& at, const residual_law& law, vec f) {
+    if (law.known) {
+      probability_ = probability_ + f;
+      return;
+    }
     if (at.censored != censoring::none) return add_censored(at, law, f);
     switch (law.kind) {
       case error_kind::additive:
@@ -216,6 +220,7 @@ inline vec constant_part(const residual_problem& problem) {
   double seen = 0.0;
   for (std::size_t e = 0; e < problem.endpoints; ++e) {
     const residual_law& law = problem.laws[e];
+    if (law.known) continue;
     double count = 0.0;
     for (std::size_t k = 0; k < problem.observations; ++k) {
       const observation& at = problem.observed[k];
@@ -232,7 +237,7 @@ inline vec constant_part(const residual_problem& problem) {
 }
 
 inline bool is_uniform(const residual_problem& problem) {
-  if (problem.endpoints != 1) return false;
+  if (problem.endpoints != 1 || problem.laws[0].known) return false;
   for (std::size_t k = 0; k < problem.observations; ++k)
     if (problem.observed[k].censored != censoring::none) return false;
   return true;
