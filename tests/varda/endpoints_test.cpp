@@ -603,10 +603,46 @@ TEST(Endpoints, RefusesModelsThatSayTooLittleOrTooMuch) {
   }
   const finding structure = refusal(
       "library",
-      "[model]\nstructure = \"one-compartment bolus\"\n[parameters]\nCL = { start = 1 }\n"
-      "V = { start = 1 }\n[omega]\nCL = 0.1\nV = 0.1\n[endpoint.y]\nkind = \"poisson\"\nmean = 1\n",
+      "[model]\nstructure = \"one-compartment zero-order\"\n[parameters]\nTk0 = { start = 1 }\n"
+      "CL = { start = 1 }\nV = { start = 1 }\n[omega]\nCL = 0.1\nV = 0.1\n"
+      "[endpoint.y]\nkind = \"poisson\"\nmean = 1\n",
       "ID,TIME,DV,AMT\n1,0,.,1\n1,1,0,.\n");
   EXPECT_EQ(structure.code, "E-MODEL-ENDPOINT");
+}
+
+// A structure of the library knows its states where an endpoint asks for one, also when it would be
+// a closed form by itself.
+TEST(Endpoints, StandBesideAStructureOfTheLibrary) {
+  const std::string rest =
+      "[parameters]\nka = { start = 1.2 }\nCL = { start = 3 }\nV = { start = 30 }\n"
+      "h = { start = 0.02, distribution = \"none\" }\n[omega]\nka = 0.1\nCL = 0.1\nV = 0.1\n"
+      "[residual.concentration]\nadditive = 0.5\n"
+      "[endpoint.pain]\nkind = \"event\"\nhazard = \"h * exp(-0.1 * central / V)\"\n"
+      "[model.solver]\nrelative = 1e-9\n";
+  const std::string data = "ID,TIME,DV,AMT,DVID\n1,0,.,320,.\n1,1,7,.,1\n1,6,5,.,1\n1,9,1,.,2\n";
+  const population_model named =
+      model_from("named", "[model]\nstructure = \"one-compartment oral\"\n" + rest, data);
+  const population_model written_out = model_from(
+      "written_out",
+      "[model]\nstructure = \"equations\"\n[model.derivatives]\ndepot = \"-ka * depot\"\n"
+      "central = \"ka * depot - CL / V * central\"\n"
+      "[model.outputs]\nconcentration = \"central / V\"\n" +
+          rest,
+      data);
+  const auto objective = [](const population_model& model) {
+    const density joint(model);
+    density_workspace scratch(model);
+    Eigen::MatrixXd phi(3, 1);
+    phi << 0.2, 1.0, 3.4;
+    Eigen::MatrixXd f;
+    joint.predict(0, model.start_theta().data(), phi, f, scratch);
+    Eigen::VectorXd value;
+    Eigen::VectorXd squares;
+    joint.of_data(0, model.start_theta().data(), f, value, squares);
+    return value(0);
+  };
+  EXPECT_TRUE(std::isfinite(objective(named)));
+  EXPECT_NEAR(objective(named), objective(written_out), 1e-6);
 }
 
 TEST(Endpoints, RefusesValuesThatCannotBe) {

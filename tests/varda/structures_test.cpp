@@ -490,10 +490,10 @@ TEST(ReadyStructures, LinearTextsAreTheClosedForms) {
 class structure_files : public testing::Test {
  protected:
   structure_files() { write_data("ID,TIME,DV,AMT,WT\n1,0,.,100,70\n1,1,5,.,70\n1,3,4,.,70\n"); }
-  void write_data(const std::string& text) { std::ofstream(folder_ + "structures.csv") << text; }
+  void write_data(const std::string& text) { std::ofstream(folder_ + name_ + ".csv") << text; }
   model_specification read(const std::string& model, const std::string& parameters,
                            const std::string& omega = "") {
-    std::ofstream(path_) << "data = { file = \"structures.csv\" }\n[model]\n"
+    std::ofstream(path_) << "data = { file = \"" << name_ << ".csv\" }\n[model]\n"
                          << model << "\n[parameters]\n"
                          << parameters << "\n[omega]\n"
                          << (omega.empty() ? "CL = 0.1" : omega)
@@ -511,8 +511,10 @@ class structure_files : public testing::Test {
     return {};
   }
 
+  // Tests may run at the same time.
+  std::string name_ = testing::UnitTest::GetInstance()->current_test_info()->name();
   std::string folder_ = testing::TempDir();
-  std::string path_ = folder_ + "structures.toml";
+  std::string path_ = folder_ + name_ + ".toml";
   findings warnings_;
 };
 
@@ -588,8 +590,8 @@ TEST_F(structure_files, FindTheTruthAgain) {
                                 const std::string& omega, const std::string& data) {
     SCOPED_TRACE(model);
     write_data(data);
-    std::ofstream(path_) << "data = { file = \"structures.csv\" }\n[model]\nstructure = \"" << model
-                         << "\"\n[parameters]\n"
+    std::ofstream(path_) << "data = { file = \"" << name_ << ".csv\" }\n[model]\nstructure = \""
+                         << model << "\"\n[parameters]\n"
                          << parameters << "[omega]\n"
                          << omega << "[residual]\nerror = \"proportional\"\nproportional = 0.1\n"
                          << "[estimation]\nnpde_samples = 0\n";

@@ -118,9 +118,9 @@ std::vector<formula_error> hidden_columns(const data_source& data, const equatio
       told = true;
       found.emplace_back(
           table, line->name, no_doses ? "E-MODEL-HIDDEN" : "W-MODEL-HIDDEN",
-          fmt::format("{} in a formula is {}, and not the column {}{}", b.name, b.meaning, *column,
+          fmt::format("{} in a formula is {}, not the column {}{}", b.name, b.meaning, *column,
                       no_doses ? ", and the data have no doses" : ""),
-          fmt::format("for the column write {}_column = \"{}\" in [data.define], and "
+          fmt::format("to use the column, write {}_column = \"{}\" in [data.define], and "
                       "{}_column in the formula",
                       b.name, b.name, b.name));
     }
