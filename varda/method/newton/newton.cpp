@@ -40,17 +40,17 @@ constexpr std::size_t memory_of_cheap_draws = 128UL << 20;
 // Of a measurement, put together by the processes in one go.
 constexpr Eigen::Index most_figures = 1 << 20;
 
-// Samples of a subject besides those of its normal density, as shares of these: of the population,
-// and of a wider normal density where the shape of the weights' tail has been above `heavy_tail`.
-constexpr double population_share = 0.125;
+// Samples of a subject besides those of its normal density, as shares of these: of the population
+// where the shape of the weights' tail has been above `some_tail` (that of bounded weights is
+// clearly negative), and of a wider normal density where it has been above `heavy_tail`.
+constexpr double population_share = 0.0625;
+constexpr double some_tail = -0.35;
 constexpr double heavy_tail = 0.5;
 constexpr double wide_share = 0.25;
 constexpr double wide_by = 2.0;
 
 constexpr int most_repairs_of_a_draw = 2;
 constexpr int most_newton_steps = 15;
-// A gain so many times its noise is worth a step whatever the state of the samples.
-constexpr double clear_gain = 10.0;
 constexpr int steps_without_definiteness = 2;
 constexpr double longest_log_step = 1.0;
 constexpr double longest_row_share = 0.7;
@@ -171,18 +171,19 @@ bool newton_method::start(run_state& state) const {
 }
 
 // A conditional distribution can have the tails of the population where its data say little of a
-// parameter beyond some value, or heavy ones all around. The first do not show in the weights until
-// a sample falls there, one in a million of a trial's, so that every subject has samples of the
-// population; the others are met by a wider normal density. They bound the weights. Both are drawn
-// besides, which leaves the first component its net of points.
+// parameter beyond some value, or heavy ones all around. The first hardly show in the weights until
+// a sample falls there, one in a million of a trial's, so that every subject whose weights are not
+// clearly bounded has samples of the population; the others are met by a wider normal density. They
+// bound the weights. Both are drawn besides, which leaves the first component its net of points.
 std::vector<draw_component> newton_method::defended(const newton_state& state, int subject) const {
   const auto own = static_cast<std::size_t>(subject);
   std::vector<draw_component> result = state.proposals[own];
-  if (result.size() != 1) return result;
+  const double tail = state.tails.empty() ? -1.0 : state.tails[own];
+  if (result.size() != 1 || tail < some_tail) return result;
   Eigen::VectorXd mu(host_.model().random_effects());
   host_.model().means(subject, host_.theta().data(), mu.data());
   result.push_back({population_share, mu, host_.omega().llt().matrixL()});
-  if (!state.tails.empty() && state.tails[own] > heavy_tail)
+  if (tail > heavy_tail)
     result.push_back({wide_share, result[0].centre, Eigen::MatrixXd(wide_by * result[0].factor)});
   return result;
 }
