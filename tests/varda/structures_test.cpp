@@ -187,7 +187,8 @@ amounts convolved(const exponentials& response, const std::function<double(doubl
     for (const dose& d : two_doses) {
       const double since = t - d.time;
       if (since <= 0.0) continue;
-      const auto product = [&](double s) {
+      // Of two arguments: the rule of one asserts that no point rounds to an end.
+      const auto product = [&](double s, double) {
         double left = 0.0;
         for (const auto& [coefficient, rate] : response)
           left += coefficient * std::exp(-rate * (since - s));
