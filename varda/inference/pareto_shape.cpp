@@ -16,6 +16,23 @@ constexpr std::size_t least_tail = 5;
 constexpr double prior_weight = 10.0;
 constexpr double prior_shape = 0.5;
 
+// The mean of log(1 - theta x), one logarithm for several values: their product, unless it leaves
+// the range of numbers.
+double mean_logarithm(const std::vector<double>& x, double theta) {
+  constexpr std::size_t together = 8;
+  double sum = 0.0;
+  for (std::size_t i = 0; i < x.size(); i += together) {
+    const std::size_t end = std::min(x.size(), i + together);
+    double product = 1.0;
+    for (std::size_t j = i; j < end; ++j) product *= 1.0 - theta * x[j];
+    if (std::isnormal(product))
+      sum += std::log(product);
+    else
+      for (std::size_t j = i; j < end; ++j) sum += std::log1p(-theta * x[j]);
+  }
+  return sum / static_cast<double>(x.size());
+}
+
 // Of exceedances in ascending order, the largest above 0.
 double fitted_shape(const std::vector<double>& x) {
   const auto n = static_cast<double>(x.size());
@@ -24,9 +41,7 @@ double fitted_shape(const std::vector<double>& x) {
   std::vector<double> theta, profile, shape;
   for (int j = 1; j <= grid; ++j) {
     const double t = 1.0 / x.back() + (1.0 - std::sqrt(grid / (j - 0.5))) / (3.0 * quartile);
-    double k = 0.0;
-    for (const double value : x) k += std::log1p(-t * value);
-    k /= n;
+    const double k = mean_logarithm(x, t);
     theta.push_back(t);
     shape.push_back(k);
     profile.push_back(n * (std::log(-t / k) - k - 1.0));
@@ -39,10 +54,7 @@ double fitted_shape(const std::vector<double>& x) {
     sum += weight;
     mean += weight * theta[j];
   }
-  mean /= sum;
-  double k = 0.0;
-  for (const double value : x) k += std::log1p(-mean * value);
-  return k / n;
+  return mean_logarithm(x, mean / sum);
 }
 
 }  // namespace

@@ -54,10 +54,11 @@ constexpr int most_newton_steps = 15;
 constexpr int steps_without_definiteness = 2;
 constexpr double longest_log_step = 1.0;
 constexpr double longest_row_share = 0.7;
-// No subject's effective samples may fall below this share of what they were at the draw, but for
-// those with as many left as `ample_samples`.
+// A subject is starved where its effective samples have fallen below this share of what they were
+// at the draw, but for those with as many left as `ample_samples`. A step may starve few subjects.
 constexpr double least_effective_share = 0.25;
 constexpr double ample_samples = 32.0;
+constexpr double most_starved = 0.01;
 
 // A subject's samples are sick: few effective, or a heavy tail with not many.
 constexpr double sick_share = 0.10;
@@ -425,12 +426,15 @@ newton_method::ascent newton_method::climb(const whole_draw& drawn, const Eigen:
       const Eigen::VectorXd to = limited(at.step / (1.0 + damping), result.psi);
       // What a first attempt finds is mostly what the next step needs.
       draw_measure next = measure(drawn, to, attempt == 0 ? detail::derivatives : detail::value);
-      bool sound = next.finite && next.log_likelihood > at.log_likelihood;
-      for (std::size_t i = 0; i < next.subjects.size() && sound; ++i)
-        if (host_.model().observations(static_cast<int>(i)) > 0)
-          sound = next.subjects[i].effective_share >=
-                  std::min(least_effective_share * here.subjects[i].effective_share,
-                           ample_samples / static_cast<double>(drawn.plan.samples()));
+      int starved = 0;
+      for (std::size_t i = 0; i < next.subjects.size(); ++i)
+        if (host_.model().observations(static_cast<int>(i)) > 0 &&
+            next.subjects[i].effective_share <
+                std::min(least_effective_share * here.subjects[i].effective_share,
+                         ample_samples / static_cast<double>(drawn.plan.samples())))
+          ++starved;
+      const bool sound = next.finite && next.log_likelihood > at.log_likelihood &&
+                         starved <= most_starved * host_.model().subjects();
       if (sound && attempt > 0) next = measure(drawn, to, detail::derivatives);
       if (!sound || !next.finite) {
         damping = damping == 0.0 ? 0.5 : 4.0 * damping + 1.0;
