@@ -295,6 +295,25 @@ TEST(NewtonMethod, DoesNotConvergeWhereTheModelCannotBeEvaluated) {
   }
 }
 
+// The valley of a full omega and a combined error bends: the first end is 0.05 above the maximum,
+// though the steps' own points see little ahead.
+TEST(NewtonMethod, GoesOnWhereTheReportSeesMoreAhead) {
+  const population_model model = test::theophylline([](model_specification& file) {
+    file.parameters[0].start = 7.83;
+    file.parameters[1].start = 0.556;
+    file.parameters[2].start = 87.2;
+    file.omega = {{{"ka", "CL", "V"},
+                   {0.0723, 0.00943, 0.0174, 0.00943, 0.123, 0.0756, 0.0174, 0.0756, 0.418},
+                   false}};
+    file.endpoints.front().residual = {error_kind::combined, 1.15, 0.265, false, false, 0.0, false};
+    file.estimation.seed = 2;
+    file.estimation.npde_samples = 0;
+  });
+  const fit_result result = test::fit(model);
+  EXPECT_TRUE(result.converged) << result.reason;
+  EXPECT_NEAR(result.likelihood.minus2ll, 336.7670, 0.02);
+}
+
 TEST(NewtonMethod, KeepsTheBestOfSeveralStarts) {
   const population_model model = test::theophylline([](model_specification& file) {
     file.estimation.npde_samples = 0;

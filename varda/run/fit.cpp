@@ -562,8 +562,23 @@ class fit_run {
       progress_({.stage = run_stage::likelihood,
                  .minus2ll = s_.report.likelihood.minus2ll,
                  .note = fmt::format("+- {:.2g}", s_.report.likelihood.mc_se)});
-    if (report_points_after(samples, s_.report.likelihood, model_, task::fit) == 0) conclude();
+    if (report_points_after(samples, s_.report.likelihood, model_, task::fit) == 0 && !go_on())
+      conclude();
     reached(&timings::likelihood);
+    return true;
+  }
+
+  // Back to the iterations, where the report's points see more ahead than a fit may leave.
+  bool go_on() {
+    if (!by_newton_ || !s_.report.likelihood.complete) return false;
+    run_state again = s_.method;
+    again.newton = s_.verdict.newton;
+    if (!judge_.go_on(again, s_.report.gain - s_.report.noise)) return false;
+    s_.method = std::move(again);
+    s_.verdict = {};
+    s_.report = {};
+    s_.report_samples = 0;
+    s_.next = fit_stage::iterations;
     return true;
   }
 

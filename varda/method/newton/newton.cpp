@@ -22,6 +22,7 @@ namespace {
 
 constexpr int most_draws = 40;
 constexpr int most_draws_in_vain = 4;
+constexpr int most_resumptions = 2;
 // Of several ends of the start-up: followed until well sampled with little ahead.
 constexpr int draws_of_a_choice = 8;
 constexpr double settled_gain = 1.0;
@@ -620,6 +621,19 @@ bool newton_method::advance(run_state& state) const {
   }
   state.theta = host_.theta();
   state.omega = host_.omega();
+  return true;
+}
+
+bool newton_method::go_on(run_state& state, double gain) const {
+  newton_state& n = state.newton;
+  if (!(gain > gain_limit) || !n.arrived || !n.singular.empty() ||
+      n.resumptions >= most_resumptions ||
+      n.draws >= std::min(most_draws, settings_.max_iterations))
+    return false;
+  ++n.resumptions;
+  n.samples = std::min(2 * n.samples, points_factor_ * most_samples_of_a_draw);
+  n.arrived = false;
+  state.ended = false;
   return true;
 }
 

@@ -17,6 +17,7 @@ struct newton_state {
   int vain = 0;           // draws in a row that would not come to a verdict with all points
   bool checked = false;   // for modes without points in them
   int removals = 0;       // times that the steps went on without a direction
+  int resumptions = 0;    // after fresh points saw a gain at the estimates
   bool inflated = false;  // a stationary point near a singular omega has been left once
   std::vector<std::vector<draw_component>> proposals;  // by subject
   std::vector<int> repairs;                            // of each subject's proposal
@@ -34,8 +35,9 @@ struct newton_state {
 
   template <class A>
   void visit(A& archive) {
-    archive(started, draws, samples, vain, checked, removals, inflated, proposals, repairs, tails,
-            gain_ahead, noise, arrived, sick, most_failed, singular, indistinct, held, trouble);
+    archive(started, draws, samples, vain, checked, removals, resumptions, inflated, proposals,
+            repairs, tails, gain_ahead, noise, arrived, sick, most_failed, singular, indistinct,
+            held, trouble);
   }
 };
 

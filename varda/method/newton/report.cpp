@@ -79,8 +79,8 @@ newton_report report_at(engine_host& host, const newton_method& method, run_stat
   const Eigen::VectorXd psi = method.scale().of(host.theta(), host.omega());
   draw_measure found;
   whole_draw drawn;
-  if (!method.draw_once(state, {point_pass::purpose::report, 0}, replicates * samples, replicates,
-                        drawn))
+  if (!method.draw_once(state, {point_pass::purpose::report, state.newton.resumptions},
+                        replicates * samples, replicates, drawn))
     return result;
   found = method.measure(drawn, psi, detail::derivatives);
   for (int repair = 0; repair < most_repairs && found.finite; ++repair) {
