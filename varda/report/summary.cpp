@@ -18,7 +18,6 @@ namespace {
 using sink = std::back_insert_iterator<std::string>;
 
 void write_verdict(sink out, const fit_result& result) {
-  const auto passes = result.iterations.size();
   if (result.what == task::evaluate)
     fmt::format_to(out, "{}\n\n",
                    wrapped(fmt::format("{}: {}", result.converged ? "Evaluated" : "NOT RELIABLE",
