@@ -17,6 +17,7 @@
 #include "varda/simulation/predict.h"
 #include "varda/simulation/uncertainty.h"
 #include "varda/simulation/vpc.h"
+#include "varda/support/text.h"
 
 namespace varda {
 
@@ -84,9 +85,8 @@ std::vector<drawn_parameters> parameters_of(const model_source& source,
   auto drawn = draw_parameters(model, at, source.fit()->covariance_names, source.fit()->covariance,
                                replicates, seed, again);
   if (again > 0)
-    std::fputs(fmt::format("{} draws of the parameters were repeated: their omega was not positive "
-                           "definite\n",
-                           again)
+    std::fputs(fmt::format("{} of the parameters repeated: omega was not positive definite\n",
+                           count_of(again, "draw"))
                    .c_str(),
                stderr);
   return drawn;
@@ -119,9 +119,8 @@ void count_failures(const population_model& model,
       failed += happened.empty() ? 1 : 0;
   }
   if (failed > 0)
-    std::fputs(fmt::format("{} values could not be simulated: the model has no finite prediction "
-                           "there\n",
-                           failed)
+    std::fputs(fmt::format("{} could not be simulated: the model has no finite prediction there\n",
+                           count_of(failed, "value"))
                    .c_str(),
                stderr);
 }

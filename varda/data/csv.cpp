@@ -173,8 +173,8 @@ csv_table read_table(const std::string& file, findings& refused_rows, const file
       check_header(table);
     } else if (fields->size() != table.header.size()) {
       refuse(line,
-             fmt::format("the row has {} fields where the header has {}", fields->size(),
-                         table.header.size()),
+             fmt::format("the row has {} where the header has {}",
+                         count_of(std::ssize(*fields), "field"), table.header.size()),
              remedy_of_length(fields->size(), table, separator));
     } else {
       table.records.push_back({line, std::move(*fields)});

@@ -119,7 +119,8 @@ class file_reader {
       for (const segment& s : who.segments)
         if (s.covariates[k] != who.segments.front().covariates[k]) data_.covariate_varies[k] = true;
     if (who.observations.empty() && !refused)
-      odd_.count("W-DATA-NO-OBSERVATION", "subjects have no observations", "", place);
+      odd_.count("W-DATA-NO-OBSERVATION",
+                 {"subject has no observations", "subjects have no observations"}, "", place);
   }
 
   void check_whole() {
@@ -138,7 +139,7 @@ class file_reader {
     if (data_.dose_records == 0) return;
     for (const subject& who : data_.subjects)
       if (who.doses.empty())
-        odd_.count("W-DATA-NO-DOSE", "subjects have no dose", "",
+        odd_.count("W-DATA-NO-DOSE", {"subject has no dose", "subjects have no dose"}, "",
                    {.file = source_.file, .row = who.first_row, .subject = who.id});
   }
 

@@ -124,7 +124,8 @@ void read_repeats(const record_view& from, dose_order& order, oddities& odd) {
     throw from.error("E-DATA-DOSE", "the additional doses have no interval",
                      "give II, the time between two doses", role::ii);
   if (order.spacing > 0.0 && order.additional == 0 && !given.steady_state)
-    odd.ignored(from, role::ii, "doses without ADDL and SS", "set ADDL if more doses follow");
+    odd.ignored(from, role::ii, {"dose without ADDL and SS", "doses without ADDL and SS"},
+                "set ADDL if more doses follow");
 }
 
 dose_order order_at(const record_view& from, double time) {
@@ -178,14 +179,15 @@ dose_order read_coded_dose(const record_view& from, const event_digits& code, do
     read_input(from, given);
   }
   read_repeats(from, order, odd);
-  odd.count("W-DATA-EVENT-CODES",
-            code.rate_in_amount
-                ? fmt::format("records with EVID {} are read as infusions into compartment {}, the "
-                              "rate in AMT",
-                              evid, code.compartment)
-                : fmt::format("records with EVID {} are read as doses into compartment {}", evid,
-                              code.compartment),
-            "write EVID 1 and CMT if this is not meant", from, role::evid);
+  const auto read_as = [&](const char* records, const char* doses) {
+    return fmt::format("{} with EVID {} {} into compartment {}{}", records, evid, doses,
+                       code.compartment, code.rate_in_amount ? ", the rate in AMT" : "");
+  };
+  odd.count(
+      "W-DATA-EVENT-CODES",
+      {read_as("record", code.rate_in_amount ? "is read as an infusion" : "is read as a dose"),
+       read_as("records", code.rate_in_amount ? "are read as infusions" : "are read as doses")},
+      "write EVID 1 and CMT if this is not meant", from, role::evid);
   return order;
 }
 
@@ -202,7 +204,8 @@ void refuse_amount(const record_view& from, oddities& odd) {
                      "set EVID to 1 for a dose, or the amount to 0", role::amt);
   for (const role column : {role::rate, role::dur, role::ii, role::addl, role::ss})
     if (from.number_or(column, 0.0) != 0.0)
-      odd.ignored(from, column, "records that are no doses", "set EVID to 1 if they are");
+      odd.ignored(from, column, {"record that is no dose", "records that are no doses"},
+                  "set EVID to 1 if a dose is meant");
 }
 
 void additional_doses::add(const dose_order& order, int segment) {

@@ -127,7 +127,10 @@ std::optional<observation> read_observation(const record_view& from, double time
     throw from.error("E-DATA-EVENT", fmt::format("MDV {} has no meaning", missing),
                      "1 leaves the observation out, 0 keeps it", role::mdv);
   if (missing == 1 && !from.model().missing_counts) {
-    odd.count("W-DATA-EXCLUDED", "observation records are left out (MDV 1)", "", from, role::mdv);
+    odd.count(
+        "W-DATA-EXCLUDED",
+        {"observation record is left out (MDV 1)", "observation records are left out (MDV 1)"}, "",
+        from, role::mdv);
     return std::nullopt;
   }
   // A record that was left out may hold anything.

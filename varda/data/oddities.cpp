@@ -5,11 +5,15 @@
 
 #include <algorithm>
 
+#include "varda/support/text.h"
+
 namespace varda {
 
-void oddities::count(const std::string& code, const std::string& what, const std::string& remedy,
+void oddities::count(const std::string& code, const wording& what, const std::string& remedy,
                      const finding& place) {
-  const auto same = [&](const kind& k) { return k.first.code == code && k.what == what; };
+  const auto same = [&](const kind& k) {
+    return k.first.code == code && k.what.several == what.several;
+  };
   auto at = std::find_if(kinds_.begin(), kinds_.end(), same);
   if (at == kinds_.end()) {
     finding first = place;
@@ -21,7 +25,7 @@ void oddities::count(const std::string& code, const std::string& what, const std
   ++at->cases;
 }
 
-void oddities::count(const std::string& code, const std::string& what, const std::string& remedy,
+void oddities::count(const std::string& code, const wording& what, const std::string& remedy,
                      const record_view& at, role column) {
   count(code, what, remedy, at.error("", "", "", column).what_found());
 }
@@ -32,13 +36,15 @@ void oddities::say(const std::string& code, const std::string& message, const st
   first.level = severity::warning;
   first.code = code;
   first.remedy = remedy;
-  kinds_.push_back({.first = first, .what = message});
+  kinds_.push_back({.first = first, .what = {message, ""}});
 }
 
-void oddities::ignored(const record_view& at, role column, const std::string& records,
+void oddities::ignored(const record_view& at, role column, const wording& records,
                        const std::string& remedy) {
   const finding place = at.error("", "", "", column).what_found();
-  count("W-DATA-IGNORED", fmt::format("{} hold a {}, which is ignored", records, place.column),
+  count("W-DATA-IGNORED",
+        {fmt::format("{} holds a {}, which is ignored", records.one, place.column),
+         fmt::format("{} hold a {}, which is ignored", records.several, place.column)},
         remedy, place);
 }
 
@@ -46,7 +52,7 @@ findings oddities::warnings() const {
   findings all;
   for (const kind& k : kinds_) {
     all.push_back(k.first);
-    all.back().message = k.cases == 0 ? k.what : fmt::format("{} {}", k.cases, k.what);
+    all.back().message = k.cases == 0 ? k.what.one : count_of(k.cases, k.what.one, k.what.several);
   }
   return all;
 }

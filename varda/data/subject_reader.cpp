@@ -156,8 +156,9 @@ double subject_reader::clock(const record_view& from, bool resets) {
   if (back) {
     offset_ += before - *time;
     odd_.count("W-DATA-TIME-RESTARTS",
-               "resets start TIME anew; the time in the model goes on from the record before", "",
-               from, role::time);
+               {"reset starts TIME anew; the time in the model goes on from the record before",
+                "resets start TIME anew; the time in the model goes on from the record before"},
+               "", from, role::time);
   }
   return *time + offset_;
 }
@@ -197,7 +198,8 @@ void subject_reader::take_dose(const record_view& from, double time) {
   waiting_.add(order, static_cast<int>(made_.segments.size()) - 1);
   ++dose_records_;
   if (from.number_or(role::dv, 0.0) != 0.0)
-    odd_.ignored(from, role::dv, "dose records", "put the observation into a record of its own");
+    odd_.ignored(from, role::dv, {"dose record", "dose records"},
+                 "put the observation into a record of its own");
 }
 
 void subject_reader::take_observation(const record_view& from, double time) {
@@ -208,7 +210,9 @@ void subject_reader::take_observation(const record_view& from, double time) {
   }
   made->segment = static_cast<int>(made_.segments.size()) - 1;
   if (made_.doses.empty() && !refused_ && columns_.model().doses_needed)
-    odd_.count("W-DATA-BEFORE-DOSE", "observations stand before any dose of their subject",
+    odd_.count("W-DATA-BEFORE-DOSE",
+               {"observation stands before any dose of its subject",
+                "observations stand before any dose of their subject"},
                "check the order of the records: a dose at the same time must stand before them",
                from, role::time);
   append(made_, *made);

@@ -28,10 +28,6 @@ constexpr double most_variance = 0.4;
 constexpr double least_share = 0.03;  // of a proportional deviation
 constexpr double most_share = 0.4;
 
-std::string count_of(int n, const char* what) {
-  return fmt::format("{} {}{}", n, what, n == 1 ? "" : "s");
-}
-
 // The columns of a data set and the values that tell endpoints apart.
 class data_columns {
  public:

@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "varda/model/words.h"
+#include "varda/support/text.h"
 
 namespace varda {
 
@@ -184,8 +185,9 @@ model_account in_words(const population_model& model) {
   if (choice.lag_time) structure += ", with a lag time";
   if (choice.bioavailability) structure += ", with a bioavailability";
   result.words.push_back(structure + ".");
-  result.words.push_back(fmt::format("{} parameters, {} random effects for each subject.",
-                                     file.parameters.size(), model.subject_effects()));
+  result.words.push_back(fmt::format("{}, {} for each subject.",
+                                     count_of(std::ssize(file.parameters), "parameter"),
+                                     count_of(model.subject_effects(), "random effect")));
   for (const omega_block& block : file.omega)
     if (block.names.size() > 1)
       result.words.push_back(

@@ -12,6 +12,7 @@
 #include "varda/host/integration.h"
 #include "varda/host/subjects.h"
 #include "varda/inference/modes.h"
+#include "varda/support/text.h"
 
 namespace varda {
 
@@ -43,10 +44,11 @@ void check_grid(const population_model& model) {
   if (settings.likelihood != likelihood_kind::agq || settings.agq_nodes <= most) return;
   throw bad_input(
       {.code = "E-RUN-GRID",
-       .message = fmt::format("{} nodes for each of {} random effects make a grid of more points "
-                              "than can be counted",
-                              settings.agq_nodes, model.random_effects()),
-       .remedy = fmt::format("use at most {} nodes, or likelihood = \"sampling\"", most),
+       .message = fmt::format("{} for each of {} make a grid of more points than can be counted",
+                              count_of(settings.agq_nodes, "node"),
+                              count_of(model.random_effects(), "random effect")),
+       .remedy =
+           fmt::format("use at most {}, or likelihood = \"sampling\"", count_of(most, "node")),
        .file = model.specification().path,
        .column = "estimation.agq_nodes"});
 }

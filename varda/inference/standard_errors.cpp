@@ -14,6 +14,7 @@
 #include "statsubs/stderr/geteigenvalues.h"
 #include "varda/host/scores.h"
 #include "varda/inference/estimation_scale.h"
+#include "varda/support/text.h"
 
 namespace varda {
 
@@ -107,8 +108,9 @@ covariance_estimate invert_scores(const population_model& model, const Eigen::Ma
   if (informative <= scores.rows())
     return {
         false,
-        fmt::format("{} subjects are too few for a score matrix of full rank with {} parameters",
-                    informative, scores.rows()),
+        fmt::format("{} too few for a score matrix of full rank with {}",
+                    informative == 1 ? "1 subject is" : fmt::format("{} subjects are", informative),
+                    count_of(scores.rows(), "parameter")),
         {}};
   if (const auto covariance = inverse_of(scores)) return {true, "", *covariance};
   return {false, "the score matrix is singular", {}};

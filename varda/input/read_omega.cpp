@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <set>
 
+#include "varda/support/text.h"
+
 namespace varda {
 
 namespace {
@@ -41,11 +43,13 @@ omega_block read_block(section from) {
                       "write the rows of the lower triangle, [[0.3], [0.01, 0.2]]");
   };
   if (rows.size() != order)
-    throw wrong(fmt::format("the block has {} rows for {} parameters", rows.size(), order));
+    throw wrong(fmt::format("the block has {} for {}", count_of(std::ssize(rows), "row"),
+                            count_of(std::ssize(block.names), "parameter")));
   block.matrix.assign(order * order, 0.0);
   for (std::size_t i = 0; i < order; ++i) {
     if (rows[i].size() != i + 1 && rows[i].size() != order)
-      throw wrong(fmt::format("row {} of the block has {} entries", i + 1, rows[i].size()));
+      throw wrong(fmt::format("row {} of the block has {}", i + 1,
+                              count_of(std::ssize(rows[i]), "entry", "entries")));
     for (std::size_t j = 0; j <= i; ++j)
       block.matrix[i + j * order] = block.matrix[j + i * order] = rows[i][j];
   }

@@ -11,6 +11,7 @@
 
 #include "varda/data/csv.h"
 #include "varda/model/structural_model.h"
+#include "varda/support/text.h"
 
 namespace varda {
 
@@ -101,10 +102,11 @@ void read_levels(section& from, outcome_text& of) {
   if (!from.has("levels")) return;
   of.levels = from.numbers("levels");
   if (of.levels.size() != thresholds.size() + 1)
-    throw from.error("E-MODEL-ENDPOINT", "levels",
-                     fmt::format("{} thresholds do not lie between {} levels", thresholds.size(),
-                                 of.levels.size()),
-                     "there is one level more than thresholds");
+    throw from.error(
+        "E-MODEL-ENDPOINT", "levels",
+        fmt::format("{} cannot separate {}", count_of(std::ssize(thresholds), "threshold"),
+                    count_of(std::ssize(of.levels), "level")),
+        "there is one level more than thresholds");
   for (std::size_t k = 1; k < of.levels.size(); ++k)
     if (!(of.levels[k - 1] < of.levels[k]))
       throw from.error("E-MODEL-ENDPOINT", "levels", "the levels do not ascend",
@@ -234,8 +236,8 @@ void check_outputs(section& root, const model_specification& file) {
                  : outputs != normal && !(outputs == 1 && normal > 0))
     throw place.error(
         "E-MODEL-ENDPOINT", "",
-        fmt::format("the model has {} outputs and {} {}endpoints", outputs, normal,
-                    all_normal ? "" : "normal "),
+        fmt::format("the model has {} and {}", count_of(outputs, "output"),
+                    count_of(normal, all_normal ? "endpoint" : "normal endpoint")),
         all_normal ? "write a [residual.NAME] table for every output, in their order"
                    : "write a [residual.NAME] table for every output, and no output for other "
                      "endpoints");

@@ -11,6 +11,7 @@
 
 #include "varda/data/oddities.h"
 #include "varda/model/density.h"
+#include "varda/support/text.h"
 
 namespace varda {
 
@@ -211,9 +212,9 @@ class inspection {
                {.file = data_.file, .column = column()});
     else if (first && error == error_kind::proportional)
       odd_.say("W-DATA-LOGARITHM",
-               fmt::format("{} observations{} are negative, and their error is proportional to the "
-                           "value",
-                           negative, of_endpoint(endpoint)),
+               fmt::format("{}{} {} negative, and the error is proportional to the value",
+                           count_of(negative, "observation"), of_endpoint(endpoint),
+                           negative == 1 ? "is" : "are"),
                "if they are logarithms, take an additive error and predict the logarithm", *first);
     return logarithms;
   }
@@ -229,10 +230,12 @@ class inspection {
           if (all[j].value != all[k].value || all[j].endpoint != all[k].endpoint ||
               all[j].censored != censoring::none)
             continue;
-          odd_.count("W-DATA-REPEATED",
-                     "observations repeat an earlier one of their subject, with the same time and "
-                     "value",
-                     "leave one of the two out unless both were measured", place(i, all[k].row));
+          odd_.count(
+              "W-DATA-REPEATED",
+              {"observation repeats an earlier one of its subject, with the same time and value",
+               "observations repeat an earlier one of their subject, with the same time and "
+               "value"},
+              "leave one of the two out unless both were measured", place(i, all[k].row));
           break;
         }
       }

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "varda/support/text.h"
 #include "varda/version.h"
 
 namespace varda {
@@ -35,8 +36,8 @@ std::string range_of_observations(const dataset& data) {
       data.subjects.begin(), data.subjects.end(), [](const subject& a, const subject& b) {
         return a.observations.size() < b.observations.size();
       });
-  return fmt::format("{} to {} observations each", least->observations.size(),
-                     most->observations.size());
+  return fmt::format("{} to {} each", least->observations.size(),
+                     count_of(std::ssize(most->observations), "observation"));
 }
 
 void write_data(sink out, const model_specification& model, const dataset& data) {
@@ -46,7 +47,7 @@ void write_data(sink out, const model_specification& model, const dataset& data)
   write_count(out, "subjects", static_cast<int>(data.subjects.size()), range_of_observations(data));
   write_endpoints(out, model, data);
   write_count(out, "excluded (MDV 1)", data.excluded);
-  write_count(out, "dose records", data.dose_records, fmt::format("{} doses given", data.doses()));
+  write_count(out, "dose records", data.dose_records, count_of(data.doses(), "dose") + " given");
   if (model.data.occasions) write_count(out, "occasions, at most", data.occasions());
   for (std::size_t k = 0; k < data.covariate_names.size(); ++k)
     fmt::format_to(
@@ -75,10 +76,6 @@ void write_start(sink out, const dataset& data, const check_result& result) {
                    result.minus2_log_density);
 }
 
-std::string count_of(std::size_t n, const char* what) {
-  return fmt::format("{} {}{}", n, what, n == 1 ? "" : "s");
-}
-
 }  // namespace
 
 std::string check_text(const check_result& result) {
@@ -96,9 +93,9 @@ std::string check_text(const check_result& result) {
   for (const finding& f : result.errors) fmt::format_to(out, "{}\n", to_lines(f));
   for (const finding& f : result.warnings) fmt::format_to(out, "{}\n", to_lines(f));
   fmt::format_to(out, "\n{}: {}{}, {}\n", result.errors.empty() ? "OK" : "NOT USABLE",
-                 count_of(result.errors.size(), "error"),
+                 count_of(std::ssize(result.errors), "error"),
                  result.errors.size() < most_data_errors ? "" : " or more",
-                 count_of(result.warnings.size(), "warning"));
+                 count_of(std::ssize(result.warnings), "warning"));
   return text;
 }
 

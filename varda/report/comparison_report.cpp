@@ -86,9 +86,8 @@ std::string test_text(const comparison& of, const ratio_test& t) {
       fmt::format("  {} within {}: ", run_at(of, t.smaller).folder, run_at(of, t.larger).folder);
   if (t.degrees_of_freedom == 0)
     return text + "no test, since both models have the same number of estimated parameters";
-  text += fmt::format(
-      "chi-square {:.4f} (Monte Carlo error {:.4f}), {} degree{} of freedom, p = {}", t.statistic,
-      t.mc_se, t.degrees_of_freedom, t.degrees_of_freedom == 1 ? "" : "s", p_value(t.p));
+  text += fmt::format("chi-square {:.4f} (Monte Carlo error {:.4f}), {} of freedom, p = {}",
+                      t.statistic, t.mc_se, count_of(t.degrees_of_freedom, "degree"), p_value(t.p));
   if (p_value(t.p_least) != p_value(t.p_most))
     text += fmt::format(" ({} to {} within 1.96 Monte Carlo errors)", p_value(t.p_least),
                         p_value(t.p_most));
@@ -241,12 +240,14 @@ ordered_json group_entry(const comparison& of, const comparison_group& group) {
 std::string comparison_text(const comparison& of) {
   std::string text;
   const sink out(text);
-  fmt::format_to(out, "varda {}  comparison of {} runs\n", version, of.runs.size());
+  fmt::format_to(out, "varda {}  comparison of {}\n", version,
+                 count_of(std::ssize(of.runs), "run"));
   for (const comparison_group& group : of.groups) {
     const stored_fit& first = run_at(of, group.runs.front());
     if (!group.apart.empty())
       fmt::format_to(out, "\n{}\n", wrapped("NOT COMPARABLE WITH THE ABOVE: " + group.apart, 2));
-    fmt::format_to(out, "\n{} observations of {} subjects\n", first.observations, first.subjects);
+    fmt::format_to(out, "\n{} of {}\n", count_of(first.observations, "observation"),
+                   count_of(first.subjects, "subject"));
     write_runs(out, of, group);
     write_differences(out, of, group);
     write_tests(out, of, group);

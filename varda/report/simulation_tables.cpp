@@ -254,12 +254,12 @@ std::string vpc_text(const population_model& model, const vpc_result& result) {
   const auto shown = [](double value) {
     return std::isfinite(value) ? fmt::format("{:>9.4g}", value) : fmt::format("{:>9}", "-");
   };
-  std::string text = wrapped(
-      fmt::format("{}isual predictive check, {} replicates: observed percentiles, and the {:g} % "
-                  "interval of the simulated ones (* = observed outside the interval)",
-                  result.plan.prediction_corrected ? "Prediction-corrected v" : "V",
-                  result.replicates, 100.0 * result.plan.interval),
-      2);
+  std::string text =
+      wrapped(fmt::format("{}isual predictive check, {}: observed percentiles, and the {:g} % "
+                          "interval of the simulated ones (* = observed outside the interval)",
+                          result.plan.prediction_corrected ? "Prediction-corrected v" : "V",
+                          count_of(result.replicates, "replicate"), 100.0 * result.plan.interval),
+              2);
   text += "\n";
   for (const vpc_panel& panel : result.panels) {
     std::string title = endpoint_name(model, panel.endpoint);
@@ -284,9 +284,8 @@ std::string vpc_text(const population_model& model, const vpc_result& result) {
         add(fmt::format("{:>15}", ""), "censored", bin.censored);
     }
     if (panel.left_out > 0)
-      text += wrapped(fmt::format("  {} observations are left out: their prediction is not above "
-                                  "0, or they lie outside the bins.",
-                                  panel.left_out),
+      text += wrapped(fmt::format("  {} left out: prediction not above 0, or outside the bins.",
+                                  count_of(panel.left_out, "observation")),
                       2) +
               "\n";
   }

@@ -17,12 +17,7 @@ namespace {
 
 using sink = std::back_insert_iterator<std::string>;
 
-std::string plural(int count, const char* one, const char* several) {
-  return fmt::format("{} {}", count, count == 1 ? one : several);
-}
-
 void write_verdict(sink out, const fit_result& result) {
-  const auto passes = result.iterations.size();
   if (result.what == task::evaluate)
     fmt::format_to(out, "{}\n\n",
                    wrapped(fmt::format("{}: {}", result.converged ? "Evaluated" : "NOT RELIABLE",
@@ -33,16 +28,17 @@ void write_verdict(sink out, const fit_result& result) {
                    result.converged           ? "Converged"
                    : !result.singular.empty() ? "OMEGA IS SINGULAR"
                                               : "NOT CONVERGED",
-                   plural(static_cast<int>(passes), "iteration", "iterations"),
+                   count_of(std::ssize(result.iterations), "iteration"),
                    wrapped("  " + result.reason, 2));
 }
 
 void write_quadrature(sink out, const fit_result& result) {
   const quadrature_estimate& q = result.quadrature;
   if (!q.complete) return;
-  const std::string grid =
-      q.is_laplace() ? "mode and curvature of every subject"
-                     : fmt::format("{} nodes per random effect, {} points", q.nodes, q.points);
+  const std::string grid = q.is_laplace()
+                               ? "mode and curvature of every subject"
+                               : fmt::format("{} per random effect, {}", count_of(q.nodes, "node"),
+                                             count_of(q.points, "point"));
   fmt::format_to(out, "  {:<20} {:14.4f}   {}\n",
                  q.is_laplace() ? "Laplace's method" : "by quadrature", q.minus2ll, grid);
   fmt::format_to(out, "  minus sampled value  {:14.4f}   {:.1f} Monte Carlo errors\n",
@@ -246,8 +242,8 @@ void write_quality(sink out, const population_model& model, const fit_result& re
     text += fmt::format("; largest Pareto k {:.2f} (subject {})", sampler.largest_shape,
                         id(sampler.largest_shape_subject));
   if (result.kept_factors > 0)
-    text +=
-        fmt::format("; proposal kept {} times (too few effective samples)", result.kept_factors);
+    text += fmt::format("; proposal kept {} (too few effective samples)",
+                        count_of(result.kept_factors, "time"));
   fmt::format_to(out, "\n{}.\n", wrapped(text, 2));
   if (!result.health.empty()) {
     std::vector<std::string> sick;
@@ -320,8 +316,7 @@ void write_times(sink out, const fit_result& result) {
       "Time: start {:.3f} s, iterations {:.3f} s, likelihood {:.3f} s, quadrature {:.3f} s, "
       "standard errors {:.3f} s, diagnostics {:.3f} s, total {:.3f} s; {}, {}",
       t.start, t.iterations, t.likelihood, t.quadrature, t.standard_errors, t.diagnostics, t.total,
-      plural(result.processes, "process", "processes"),
-      plural(result.threads, "thread", "threads"));
+      count_of(result.processes, "process", "processes"), count_of(result.threads, "thread"));
   if (result.processes > 1) text += " each";
   if (result.sessions > 1) text += fmt::format("; in {} sessions", result.sessions);
   if (!result.why_one_thread.empty()) text += ": " + result.why_one_thread;
@@ -338,11 +333,11 @@ std::string summary(const population_model& model, const fit_result& result) {
                  result.what == task::fit ? "fit" : "evaluation", model.specification().path);
   if (!model.specification().title.empty())
     fmt::format_to(out, "{}\n", wrapped(model.specification().title, 2));
-  fmt::format_to(
-      out, "{}\n\n",
-      wrapped(fmt::format("{} subjects, {} observations, {} doses ({}){}", model.subjects(),
-                          data.observations(), data.doses(), data.file, left_out(data)),
-              2));
+  fmt::format_to(out, "{}\n\n",
+                 wrapped(fmt::format("{}, {}, {} ({}){}", count_of(model.subjects(), "subject"),
+                                     count_of(data.observations(), "observation"),
+                                     count_of(data.doses(), "dose"), data.file, left_out(data)),
+                         2));
   write_verdict(out, result);
   write_likelihood(out, result);
   write_fixed_effects(out, model, result);

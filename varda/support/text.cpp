@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "varda/support/text.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cctype>
 
@@ -25,6 +27,11 @@ std::string shortened(std::string_view text) {
   std::size_t end = most;
   while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xc0U) == 0x80U) --end;
   return std::string(text.substr(0, end)) + "...";
+}
+
+std::string count_of(std::int64_t n, std::string_view one, std::string_view several) {
+  if (n != 1 && several.empty()) return fmt::format("{} {}s", n, one);
+  return fmt::format("{} {}", n, n == 1 ? one : several);
 }
 
 // Unicode 15, table 3-7: the bytes that may follow a first one.

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -14,6 +15,9 @@ bool equal_ignoring_case(std::string_view a, std::string_view b);
 // The text, or its first 60 bytes (whole characters of them) and "..." where it is longer: what is
 // shown of an input in a message.
 std::string shortened(std::string_view text);
+
+// "1 dose", "3 doses"; `several` is one + "s" unless it is given.
+std::string count_of(std::int64_t n, std::string_view one, std::string_view several = {});
 
 // Whether the bytes are well-formed UTF-8.
 bool is_utf8(std::string_view text);

@@ -570,7 +570,8 @@
     });
     points(on, data, (d) => d.time, (d) => d.value, { size: 18, still: !known });
     if (panel.left_out > 0)
-      to.append("p").attr("class", "note").text(`${panel.left_out} observations are left out: their prediction is not above 0.`);
+      to.append("p").attr("class", "note")
+        .text(`${panel.left_out} observation${panel.left_out === 1 ? "" : "s"} left out: prediction not above 0.`);
     if (!panel.bins.some((b) => b.censored.observed > 0)) return;
     const share = chart(to, { x: "time", y: "share censored", width: 760, height: 180,
       xDomain: on.x.domain(), yDomain: [0, 1], label: "Share of censored values" });

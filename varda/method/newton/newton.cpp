@@ -13,6 +13,7 @@
 
 #include "varda/host/subjects.h"
 #include "varda/method/newton/limits.h"
+#include "varda/support/text.h"
 
 namespace varda {
 
@@ -520,7 +521,7 @@ bool newton_method::advance(run_state& state) const {
   newton_state& n = state.newton;
   if (!n.started) return start(state) || stopped();
   if (n.draws >= std::min(most_draws, settings_.max_iterations)) {
-    n.trouble = fmt::format("iteration limit reached ({} draws)", n.draws);
+    n.trouble = fmt::format("iteration limit reached ({})", count_of(n.draws, "draw"));
     state.ended = true;
     return true;
   }

@@ -9,6 +9,7 @@
 
 #include "varda/model/equations/outcome_formulas.h"
 #include "varda/support/stop.h"
+#include "varda/support/text.h"
 
 namespace varda {
 
@@ -363,12 +364,11 @@ std::string equation_run::last_failure() const {
   }
   switch (f.status) {
     case ode_status::too_many_steps:
-      return fmt::format(
-          "the equations take more than {} steps between two events, after time {}{}",
-          settings_.max_steps, f.time,
-          settings_.method == solver_method::non_stiff
-              ? " (a stiff system needs method = \"stiff\")"
-              : "");
+      return fmt::format("the equations take more than {} between two events, after time {}{}",
+                         count_of(settings_.max_steps, "step"), f.time,
+                         settings_.method == solver_method::non_stiff
+                             ? " (a stiff system needs method = \"stiff\")"
+                             : "");
     case ode_status::step_too_small:
       return fmt::format("the equations cannot be solved to the tolerance at time {}", f.time);
     default:
