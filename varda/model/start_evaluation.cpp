@@ -56,7 +56,8 @@ start_evaluation evaluate_start(const population_model& model, int subject) {
                       why.empty() ? "" : "; ", why),
       .remedy =
           "a proportional error needs predictions other than 0 (leave such records out or add "
-          "an additive error), a log-normal one predictions and values above 0; otherwise "
+          "an additive error), a log-normal or Box-Cox one predictions and values above 0; "
+          "otherwise "
           "change the start values",
       .file = model.data().file,
       .row = failed.row,
