@@ -69,6 +69,7 @@ TEST(ResidualModel, ProbabilitiesOfStudentsTKeepTheirDigitsInBothTails) {
     const boost::math::students_t_distribution<long double> student(nu);
     for (const double z : {1e-200, 1e-3, 0.4, 1.2, 1.7, 1.8, 4.0, 30.0, 1e4, 1e12}) {
       const long double tail = boost::math::cdf(student, -static_cast<long double>(z));
+      if (tail < 1e-3000L) continue;  // out of Boost's reach
       const auto down = static_cast<double>(std::log(tail));
       const auto up = static_cast<double>(std::log1p(-tail));
       const auto found = [&](double y, censoring c) {
@@ -76,7 +77,7 @@ TEST(ResidualModel, ProbabilitiesOfStudentsTKeepTheirDigitsInBothTails) {
       };
       EXPECT_NEAR(found(-z, censoring::left) / down, 1.0, 1e-13) << nu << " " << z;
       EXPECT_NEAR(found(z, censoring::right) / down, 1.0, 1e-13) << nu << " " << z;
-      EXPECT_NEAR(found(z, censoring::left) / up, 1.0, 2e-13) << nu << " " << z;
+      EXPECT_NEAR(found(z, censoring::left), up, -2e-13 * up) << nu << " " << z;
       const long double next = boost::math::cdf(student, -static_cast<long double>(z + 0.5 * z));
       const observation between = {.value = 1.5 * z, .limit = z, .censored = censoring::interval};
       if (z < 0.1) continue;
