@@ -89,11 +89,11 @@ TEST(Simulate, ResidualsHaveTheirDistribution) {
       file.data.drop = "EVID == 0 && TIME == 0";
     });
     const drawn_parameters at = start_of(model);
-    const auto simulated = simulate(model, {at}, {.replicates = 4000, .seed = 2, .threads = 2});
+    const auto simulated = simulate(model, {at}, {.replicates = 1000, .seed = 2, .threads = 2});
     std::vector<double> shares;
     const boost::math::students_t student(error.degrees_of_freedom);
     for (const Eigen::Index j : {3, 5, 8})
-      for (Eigen::Index r = 0; r < 4000; ++r) {
+      for (Eigen::Index r = 0; r < 1000; ++r) {
         observation made = model.data().subjects[2].observations[static_cast<std::size_t>(j)];
         made.value = simulated[2].values(j, r);
         shares.push_back(
