@@ -140,6 +140,9 @@ tr -s ' \n' ' ' <stdout | grep -q 'error E-RUN-START.*, and 11 more like it (row
 [ "$(grep -c ' failed$' stdout)" -eq 12 ] || fail "the table does not name who failed"
 expect_status 2 "a model that cannot start" "$varda" fit prop.toml --output none
 grep -q 'row 3.*subject 1: error E-RUN-START' stderr || fail "the first row at fault is not named"
+sed 's/^error = .*/error = "box-cox"\nlambda = 0.5/' theophylline.toml >boxcox.toml
+expect_status 2 "values that cannot be transformed" "$varda" fit boxcox.toml --output none
+grep -q 'row 3.*subject 1: error E-RUN-START' stderr || fail "the first row without transform is not named"
 expect_status 2 "no command" "$varda"
 expect_status 2 "a seed out of range" "$varda" fit theophylline.toml --output none --seed 2147483648
 expect_status 2 "an unknown option" "$varda" fit theophylline.toml --output none --frobnicate

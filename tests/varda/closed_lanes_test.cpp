@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <bit>
+#include <boost/math/distributions/students_t.hpp>
 #include <cmath>
 #include <limits>
 #include <random>
@@ -131,7 +132,17 @@ TEST(Densities, GiveEveryIndividualItsOwnBits) {
       {"c", {error_kind::combined, 0.2, 0.1, false, false}},
       {"d", {error_kind::log_normal, 0.5, 0.0, false, false}},
       {"e", {error_kind::combined_sd, 0.2, 0.1, false, false}},
-      {"f", {error_kind::power, 0.0, 0.3, false, false, 0.7, false}}};
+      {"f", {error_kind::power, 0.0, 0.3, false, false, 0.7, false}},
+      {"g", {error_kind::additive, 0.4, 0.0, false, false, 0.0, false, 4.0}},
+      {"h", {error_kind::proportional, 0.0, 0.3, false, false, 0.0, false, 2.1}},
+      {"i", {error_kind::combined, 0.2, 0.1, false, false, 0.0, false, 5.5}},
+      {"j", {error_kind::power, 0.0, 0.3, false, false, 0.7, false, 300.0}},
+      {"k", {error_kind::log_normal, 0.5, 0.0, false, false, 0.0, false, 3.0}},
+      {"l", {error_kind::box_cox, 0.5, 0.0, false, false, 0.0, false, 0.0, 0.5}},
+      {"m", {error_kind::box_cox, 0.5, 0.0, false, false, 0.0, false, 0.0, 0.0}},
+      {"n", {error_kind::box_cox, 0.9, 0.0, false, false, 0.0, false, 0.0, 1e-9}},
+      {"o", {error_kind::box_cox, 0.5, 0.0, false, false, 0.0, false, 6.0, 1.7}},
+      {"p", {error_kind::box_cox, 0.5, 0.0, false, false, 0.0, false, 4.0, -0.3}}};
   const endpoints model(described, 0, {});
   std::vector<double> theta;
   for (const fixed_effect& t : model.parameters()) theta.push_back(t.start);
@@ -171,15 +182,25 @@ TEST(Densities, GiveEveryIndividualItsOwnBits) {
       const observation& o = who.observations[k];
       const auto at = static_cast<long double>(f[k * n + j]);
       const residual_error& r = described[static_cast<std::size_t>(o.endpoint)].residual;
-      const bool logarithmic = r.kind == error_kind::log_normal;
+      const auto lambda = static_cast<long double>(r.kind == error_kind::box_cox      ? r.lambda
+                                                   : r.kind == error_kind::log_normal ? 0.0
+                                                                                      : 1.0);
       long double s = std::hypot(static_cast<long double>(r.additive), r.proportional * at);
       if (r.kind == error_kind::combined_sd) s = r.additive + r.proportional * at;
       if (r.kind == error_kind::power)
         s = r.proportional * std::pow(at, static_cast<long double>(r.exponent));
       const auto scaled = [&](double y) {
-        return (logarithmic ? std::log(static_cast<long double>(y)) - std::log(at) : y - at) / s;
+        if (lambda == 1.0L) return (y - at) / s;
+        const long double ratio = std::log(static_cast<long double>(y)) - std::log(at);
+        if (lambda == 0.0L) return ratio / s;
+        return std::pow(at, lambda) * std::expm1(lambda * ratio) / lambda / s;
       };
-      const auto below = [](long double z) { return 0.5L * std::erfc(-z / std::sqrt(2.0L)); };
+      const boost::math::students_t_distribution<long double> student(
+          r.degrees_of_freedom > 0.0 ? r.degrees_of_freedom : 1.0);
+      const auto below = [&](long double z) {
+        if (r.degrees_of_freedom > 0.0) return boost::math::cdf(student, z);
+        return 0.5L * std::erfc(-z / std::sqrt(2.0L));
+      };
       const long double z = scaled(o.value);
       if (o.censored == censoring::left) objective -= std::log(below(z));
       if (o.censored == censoring::right) objective -= std::log(below(-z));
@@ -189,8 +210,9 @@ TEST(Densities, GiveEveryIndividualItsOwnBits) {
       }
       if (o.censored != censoring::none) continue;
       squares += z * z;
-      objective += 0.5L * (z * z + std::log(two_pi) + 2.0L * std::log(s));
-      if (logarithmic) objective += std::log(static_cast<long double>(o.value));
+      objective += r.degrees_of_freedom > 0.0 ? -std::log(boost::math::pdf(student, z))
+                                              : 0.5L * (z * z + std::log(two_pi));
+      objective += std::log(s) + (1.0L - lambda) * std::log(static_cast<long double>(o.value));
     }
     if (std::isinf(objective)) continue;  // a probability too small even for long double
     if (!std::isfinite(static_cast<double>(objective))) {
@@ -225,22 +247,29 @@ TEST(Densities, TakeManyObservationsOfAnySize) {
 TEST(Densities, RefusePredictionsThatTheErrorCannotTake) {
   const double infinity = std::numeric_limits<double>::infinity();
   const double nothing = std::numeric_limits<double>::quiet_NaN();
-  const auto objective = [](error_kind kind, double f, censoring c) {
-    const endpoints model({{"", {kind, 0.3, 0.2, false, false}}}, 0, {});
+  const auto objective = [](error_kind kind, double f, censoring c, double y = 2.0,
+                            double nu = 0.0) {
+    const endpoints model({{"", {kind, 0.3, 0.2, false, false, 0.5, false, nu, 0.5}}}, 0, {});
     std::vector<double> theta;
     for (const fixed_effect& t : model.parameters()) theta.push_back(t.start);
     subject who;
-    append(who, observation{.value = 2.0, .limit = 1.0, .censored = c});
+    append(who, observation{.value = y, .limit = 1.0, .censored = c});
     double value = 0.0, squares = 0.0;
     model.objectives(who, &f, 1, 1, theta.data(), &value, &squares);
     return value;
   };
   for (const error_kind kind : {error_kind::additive, error_kind::proportional,
-                                error_kind::combined, error_kind::log_normal})
+                                error_kind::combined, error_kind::log_normal, error_kind::box_cox})
     for (const double f : {nothing, infinity, -infinity})
-      EXPECT_FALSE(std::isfinite(objective(kind, f, censoring::none))) << f;
-  for (const double f : {0.0, -1.0})
-    EXPECT_FALSE(std::isfinite(objective(error_kind::log_normal, f, censoring::none)));
+      for (const double nu : {0.0, 4.0})
+        EXPECT_FALSE(std::isfinite(objective(kind, f, censoring::none, 2.0, nu))) << f;
+  for (const error_kind kind : {error_kind::log_normal, error_kind::box_cox})
+    for (const double nu : {0.0, 4.0})
+      for (const double bad : {0.0, -1.0}) {
+        EXPECT_FALSE(std::isfinite(objective(kind, bad, censoring::none, 2.0, nu)));
+        EXPECT_FALSE(std::isfinite(objective(kind, bad, censoring::left, 2.0, nu)));
+        EXPECT_FALSE(std::isfinite(objective(kind, 2.0, censoring::none, bad, nu)));
+      }
   for (const censoring c :
        {censoring::none, censoring::left, censoring::right, censoring::interval}) {
     EXPECT_FALSE(std::isfinite(objective(error_kind::proportional, 0.0, c)));

@@ -209,6 +209,63 @@ TEST(Fit, CombinedErrorReachesItsMaximum) {
   EXPECT_NEAR(result.theta(4) / exact.at("sd_add")[0], 1.0, 0.05);
 }
 
+// bench/residual_errors.R: -2 log-likelihoods of quadrature with 21 nodes, its maximum and
+// estimates.
+struct other_error {
+  const char* name;
+  varda::residual_error start;
+  double minus2ll_at_start;
+  double minimum;
+  std::vector<double> estimates;  // ka, CL, V, variances, deviation
+};
+
+class FitOfAnotherError : public testing::TestWithParam<other_error> {};
+
+TEST_P(FitOfAnotherError, ReachesTheMaximumByEitherMethod) {
+  const other_error& exact = GetParam();
+  const auto start_at_round_values = [&](model_specification& file) {
+    test::set_parameters(file, {1.5, 2.75, 31.8}, {0.4, 0.07, 0.017}, 0.0);
+    file.endpoints.front().residual = exact.start;
+    file.estimation.npde_samples = 0;
+    if (exact.start.lambda != 0.0) file.data.drop = "EVID == 0 && TIME == 0";
+  };
+  const population_model model = test::theophylline(start_at_round_values);
+  const double constant = model.data().observations() * std::log(2.0 * M_PI);
+  EXPECT_NEAR(minus2ll(test::evaluate(model)) + constant, exact.minus2ll_at_start, 0.03);
+  for (const auto method : {varda::method_kind::newton, varda::method_kind::em}) {
+    const varda::fit_result result = test::fit(test::theophylline([&](model_specification& file) {
+      start_at_round_values(file);
+      file.endpoints.front().residual.additive *= 1.5;
+      file.estimation.method = method;
+    }));
+    EXPECT_TRUE(result.converged) << result.reason;
+    EXPECT_NEAR(minus2ll(result) + constant, exact.minimum, 0.05);
+    for (Eigen::Index k = 0; k < 3; ++k) {
+      const auto at = static_cast<std::size_t>(k);
+      EXPECT_NEAR(result.theta(k) / exact.estimates[at], 1.0, 0.01) << k;
+      EXPECT_NEAR(result.omega(k, k) / exact.estimates[3 + at], 1.0, 0.05) << k;
+    }
+    EXPECT_NEAR(result.theta(3) / exact.estimates[6], 1.0, 0.01);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Errors, FitOfAnotherError,
+    testing::Values(
+        other_error{
+            "student",
+            {varda::error_kind::additive, 0.5, 0.0, false, false, 0.0, false, 4.0},
+            325.7893,
+            314.9309,
+            {1.72880558, 2.71264664, 32.40768629, 0.54035803, 0.07047633, 0.02141768, 0.34909386}},
+        other_error{
+            "box_cox",
+            {varda::error_kind::box_cox, 0.4, 0.0, false, false, 0.0, false, 0.0, 0.5},
+            348.3284,
+            344.6755,
+            {1.44854783, 2.74151408, 31.58262722, 0.39645990, 0.06387823, 0.01612887, 0.34424305}}),
+    [](const testing::TestParamInfo<other_error>& of) { return std::string(of.param.name); });
+
 TEST(Fit, ABoundHoldsItsParameterAndTheRestFollows) {
   const population_model bounded = test::theophylline([](model_specification& file) {
     file.parameters[2].start = 29.0;

@@ -20,8 +20,8 @@ using test::captured_unit;
 
 // A full omega, a covariate, a parameter without random effect, an error with two parameters and a
 // censored observation: every kind of coordinate.
-population_model every_coordinate(error_kind kind) {
-  const population_model plain = test::theophylline([kind](model_specification& file) {
+population_model every_coordinate(const residual_error& error) {
+  const population_model plain = test::theophylline([&error](model_specification& file) {
     file.parameters[0].law = distribution::none;
     file.parameters[0].start = 1.5;
     covariate_effect weight;
@@ -32,7 +32,7 @@ population_model every_coordinate(error_kind kind) {
     file.parameters[1].effects = {weight};
     file.data.covariates = {"WT"};
     file.omega = {{{"CL", "V"}, {0.08, 0.02, 0.02, 0.03}, false}};
-    file.endpoints.front().residual = {kind, 0.5, 0.1, false, false, 0.8, false};
+    file.endpoints.front().residual = error;
   });
   dataset data = plain.data();
   data.subjects[2].observations[9].censored = censoring::left;
@@ -49,8 +49,12 @@ population_model every_coordinate(error_kind kind) {
   return {plain.specification(), data};
 }
 
+residual_error error_of(error_kind kind, double degrees_of_freedom = 0.0) {
+  return {kind, 0.5, 0.1, false, false, 0.8, false, degrees_of_freedom, 0.5};
+}
+
 // Fisher's and Louis' identities against differences of the sampled log-likelihood itself.
-class SubjectSampler : public testing::TestWithParam<error_kind> {};
+class SubjectSampler : public testing::TestWithParam<residual_error> {};
 
 TEST_P(SubjectSampler, DerivativesAreThoseOfTheSampledLikelihood) {
   const population_model model = every_coordinate(GetParam());
@@ -58,7 +62,7 @@ TEST_P(SubjectSampler, DerivativesAreThoseOfTheSampledLikelihood) {
   const captured_unit swallowed;
   engine_host host(model, alone);
   const coordinates scale(model);
-  ASSERT_EQ(scale.size(), 9);
+  ASSERT_EQ(scale.size(), 7 + static_cast<int>(model.observed().parameters().size()));
   subject_draw drawn;
   const draw_component about{1.0, Eigen::Vector2d(1.1, 3.4),
                              Eigen::Vector2d(0.25, 0.2).asDiagonal()};
@@ -89,9 +93,13 @@ TEST_P(SubjectSampler, DerivativesAreThoseOfTheSampledLikelihood) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Errors, SubjectSampler,
-                         testing::Values(error_kind::combined, error_kind::combined_sd,
-                                         error_kind::power));
+INSTANTIATE_TEST_SUITE_P(
+    Errors, SubjectSampler,
+    testing::Values(error_of(error_kind::combined), error_of(error_kind::combined_sd),
+                    error_of(error_kind::power), error_of(error_kind::additive, 4.0),
+                    error_of(error_kind::combined, 3.0), error_of(error_kind::combined_sd, 5.0),
+                    error_of(error_kind::power, 4.0), error_of(error_kind::box_cox),
+                    error_of(error_kind::box_cox, 4.0)));
 
 // The integral of a likelihood that is normal in phi is known, whatever mixture samples it.
 TEST(DrawSubject, AMixtureIsWeighedByItsWholeDensity) {

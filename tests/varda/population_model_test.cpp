@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 
 #include <array>
+#include <boost/math/distributions/students_t.hpp>
 #include <cmath>
 
 #include "tests/varda/theophylline.h"
@@ -22,8 +23,10 @@ constexpr double infinite = std::numeric_limits<double>::infinity();
 
 // With the deviation 1 about the prediction 0 it is the logarithm of a normal probability that a
 // censored observation counts with.
-double log_probability(const observation& at) {
-  const endpoints model({{"", {error_kind::additive, 1.0, 0.0, false, false}}}, 0, {});
+double log_probability(const observation& at, double degrees_of_freedom = 0.0) {
+  const endpoints model(
+      {{"", {error_kind::additive, 1.0, 0.0, false, false, 0.0, false, degrees_of_freedom}}}, 0,
+      {});
   subject who;
   append(who, at);
   const double f = 0.0, theta = 1.0;
@@ -58,6 +61,74 @@ TEST(ResidualModel, NormalProbabilitiesKeepTheirDigitsInBothTails) {
   }
   EXPECT_EQ(log_probability({.value = -1.0, .limit = -infinite, .censored = censoring::interval}),
             log_probability({.value = -1.0, .censored = censoring::left}));
+}
+
+// Against Boost, in the tails and about the middle, where the formula changes.
+TEST(ResidualModel, ProbabilitiesOfStudentsTKeepTheirDigitsInBothTails) {
+  for (const double nu : {2.01, 3.0, 4.0, 30.5, 1000.0}) {
+    const boost::math::students_t_distribution<long double> student(nu);
+    for (const double z : {1e-200, 1e-3, 0.4, 1.2, 1.7, 1.8, 4.0, 30.0, 1e4, 1e12}) {
+      const long double tail = boost::math::cdf(student, -static_cast<long double>(z));
+      if (tail < 1e-3000L) continue;  // out of Boost's reach
+      const auto down = static_cast<double>(std::log(tail));
+      const auto up = static_cast<double>(std::log1p(-tail));
+      const auto found = [&](double y, censoring c) {
+        return log_probability({.value = y, .censored = c}, nu);
+      };
+      EXPECT_NEAR(found(-z, censoring::left) / down, 1.0, 1e-13) << nu << " " << z;
+      EXPECT_NEAR(found(z, censoring::right) / down, 1.0, 1e-13) << nu << " " << z;
+      EXPECT_NEAR(found(z, censoring::left), up, -2e-13 * up) << nu << " " << z;
+      const long double next = boost::math::cdf(student, -static_cast<long double>(z + 0.5 * z));
+      const observation between = {.value = 1.5 * z, .limit = z, .censored = censoring::interval};
+      if (z < 0.1) continue;
+      EXPECT_NEAR(log_probability(between, nu) / static_cast<double>(std::log(tail - next)), 1.0,
+                  1e-12)
+          << nu << " " << z;
+    }
+  }
+}
+
+// Where the transformed values end: what is known of a censored value covers what lies beyond.
+TEST(ResidualModel, BoxCoxProbabilitiesReachTheEndOfTheRange) {
+  for (const double lambda : {-0.5, 0.0, 0.5}) {
+    const endpoints model(
+        {{"", {error_kind::box_cox, 0.8, 0.0, false, false, 0.0, false, 0.0, lambda}}}, 0, {});
+    const double theta = 0.8;
+    const auto probability = [&](const observation& at) {
+      subject who;
+      append(who, at);
+      const double f = 0.3;
+      double objective = 0.0, squares = 0.0;
+      model.objectives(who, &f, 1, 1, &theta, &objective, &squares);
+      return std::exp(-objective);
+    };
+    const double below = probability({.value = 0.2, .censored = censoring::left});
+    const double above = probability({.value = 0.2, .censored = censoring::right});
+    EXPECT_NEAR(below + above, 1.0, 1e-14);
+    for (const double limit : {0.0, -1.0})
+      EXPECT_EQ(probability({.value = 0.2, .limit = limit, .censored = censoring::interval}),
+                below);
+    // The density of what is in between, by Simpson's rule, and what is at the end.
+    double inside = 0.0;
+    constexpr int cells = 20000;
+    const double lowest = 1e-9;
+    const double step = std::log(0.2 / lowest) / cells;
+    for (int k = 0; k <= cells; ++k) {
+      const double y = lowest * std::exp(step * k);
+      const double weight = k == 0 || k == cells ? 1.0 : k % 2 == 0 ? 2.0 : 4.0;
+      inside += weight * step / 3.0 * y * probability({.value = y});
+    }
+    // h(0) is -1 / lambda, h(0.3) is 2 (0.3^0.5 - 1) for lambda = 0.5.
+    const double at_zero =
+        lambda > 0.0 ? 0.5 * std::erfc(2.0 * std::sqrt(0.3) / 0.8 / std::sqrt(2.0)) : 0.0;
+    EXPECT_NEAR(inside + at_zero, below, 1e-4) << lambda;
+    const observation any{.value = 1.0};
+    if (lambda == 0.0) continue;
+    EXPECT_EQ(model.simulated(any, 0.3, lambda > 0.0 ? -30.0 : 30.0, &theta),
+              lambda > 0.0 ? 0.0 : infinite);
+    const double drawn = model.simulated(any, 0.3, 0.4, &theta);
+    EXPECT_NEAR(model.scaled_residual({.value = drawn}, 0.3, &theta), 0.4, 1e-14);
+  }
 }
 
 // Two endpoints, observations of every kind of censoring; prediction 2 throughout.

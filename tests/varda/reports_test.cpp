@@ -99,8 +99,19 @@ TEST(Decorrelation, IsThatOfTheCholeskyFactorWithEveryKernel) {
 }
 
 TEST(Npde, IsStandardNormalForDataThatTheModelMade) {
-  for (const double limit : {0.0, 4.0}) {
-    const population_model model = test::simulated(test::theophylline(), 10, 3, limit);
+  const residual_error additive{error_kind::additive, 1.0};
+  const residual_error student{error_kind::additive, 0.8, 0.0, false, false, 0.0, false, 3.0};
+  const residual_error box_cox{error_kind::box_cox, 0.4, 0.0, false, false, 0.0, false, 0.0, 0.5};
+  for (const auto& [limit, error] :
+       {std::pair{0.0, additive}, std::pair{4.0, additive}, std::pair{-1e300, student},
+        std::pair{1.0, student}, std::pair{-1e300, box_cox}, std::pair{1.0, box_cox}}) {
+    const population_model model =
+        test::simulated(test::theophylline([&error = error](model_specification& file) {
+                          file.endpoints.front().residual = error;
+                          if (error.kind == error_kind::box_cox)
+                            file.data.drop = "EVID == 0 && TIME == 0";
+                        }),
+                        10, 3, limit);
     double sum = 0.0;
     double squares = 0.0;
     double n = 0.0;

@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <Eigen/Cholesky>
+#include <algorithm>
+#include <boost/math/distributions/students_t.hpp>
 #include <cmath>
 #include <fstream>
 
@@ -72,6 +74,38 @@ TEST(Simulate, HasTheMomentsOfTheModel) {
     const Eigen::ArrayXd squares = (y - y.mean()).square();
     const double error = std::sqrt((squares - squares.mean()).square().mean() / replicates);
     EXPECT_NEAR(squares.mean(), variance, 4.0 * error) << j;
+  }
+}
+
+// Scaled residuals of simulated values against Student's t, in Boost, by their largest distance.
+TEST(Simulate, ResidualsHaveTheirDistribution) {
+  const std::vector<residual_error> errors = {
+      {error_kind::combined, 0.4, 0.1, false, false, 0.0, false, 2.5},
+      {error_kind::box_cox, 0.1, 0.0, false, false, 0.0, false, 30.0, 0.5}};
+  for (const residual_error& error : errors) {
+    const population_model model = test::theophylline([&](model_specification& file) {
+      file.endpoints.front().residual = error;
+      // Where the prediction is 0.
+      file.data.drop = "EVID == 0 && TIME == 0";
+    });
+    const drawn_parameters at = start_of(model);
+    const auto simulated = simulate(model, {at}, {.replicates = 1000, .seed = 2, .threads = 2});
+    std::vector<double> shares;
+    const boost::math::students_t student(error.degrees_of_freedom);
+    for (const Eigen::Index j : {3, 5, 8})
+      for (Eigen::Index r = 0; r < 1000; ++r) {
+        observation made = model.data().subjects[2].observations[static_cast<std::size_t>(j)];
+        made.value = simulated[2].values(j, r);
+        shares.push_back(
+            boost::math::cdf(student, model.observed().scaled_residual(
+                                          made, simulated[2].individual(j, r), at.theta.data())));
+      }
+    std::sort(shares.begin(), shares.end());
+    const auto n = static_cast<double>(shares.size());
+    double furthest = 0.0;
+    for (std::size_t k = 0; k < shares.size(); ++k)
+      furthest = std::max(furthest, std::fabs(shares[k] - (static_cast<double>(k) + 0.5) / n));
+    EXPECT_LT(furthest, 1.9 / std::sqrt(n));  // Kolmogorov and Smirnov at 0.1 %
   }
 }
 

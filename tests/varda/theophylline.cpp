@@ -78,8 +78,10 @@ varda::population_model simulated(const varda::population_model& from, int copie
       const Eigen::VectorXd f = predict(from, i, theta, phi);
       for (std::size_t k = 0; k < who.observations.size(); ++k) {
         varda::observation& o = who.observations[k];
-        o.value = from.observed().simulated(o, f(static_cast<Eigen::Index>(k)), normal(bits),
-                                            theta.data());
+        double e = normal(bits);
+        const double nu = from.observed().degrees_of_freedom(o);
+        if (nu > 0.0) e /= std::sqrt(std::chi_squared_distribution<double>(nu)(bits) / nu);
+        o.value = from.observed().simulated(o, f(static_cast<Eigen::Index>(k)), e, theta.data());
         if (o.value >= limit) continue;
         o.value = limit;
         o.censored = varda::censoring::left;

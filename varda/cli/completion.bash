@@ -20,7 +20,7 @@ _varda() {
       ;;
     --column | --outputs) return ;;
     --error)
-      mapfile -t COMPREPLY < <(compgen -W "additive proportional combined combined-sd power log-normal" -- "$current")
+      mapfile -t COMPREPLY < <(compgen -W "additive proportional combined combined-sd power log-normal box-cox" -- "$current")
       return
       ;;
     --seed | --samples | --threads | -n | --replicates | --times | --bins | --stratify) return ;;

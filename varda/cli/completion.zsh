@@ -55,7 +55,7 @@ _varda() {
         '--data[data set that start values come from]:data:_files -g "*.csv"' \
         '(-o --output)'{-o,--output}'[model file]:file:_files' '--equations[write the equations]' \
         '--outputs[outputs that were measured]:outputs:' '*--column[ROLE=NAME]:column:' \
-        '--error[residual error]:error:(additive proportional combined combined-sd power log-normal)'
+        '--error[residual error]:error:(additive proportional combined combined-sd power log-normal box-cox)'
       ;;
     report)
       _arguments ':folder:_directories' '(-o --output)'{-o,--output}'[file for the report]:file:_files' \

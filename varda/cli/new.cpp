@@ -112,7 +112,7 @@ std::string plain_draft(const new_request& request, const ready_structure& struc
       e.error = *error;
       e.deviations.clear();
       for (const std::string& key : deviation_keys_of(*error))
-        e.deviations.push_back({key, key == "exponent" ? 1.0 : 0.2});
+        e.deviations.push_back({key, key == "exponent" ? 1.0 : key == "lambda" ? 0.5 : 0.2});
     }
   draft.remarks = {"Put in the name of your data set and start values that suit it."};
   return model_text(draft);

@@ -288,6 +288,9 @@ std::vector<drafted_deviation> deviations_of(error_kind kind, const scatter& s) 
       return {{"proportional", share}, {"exponent", 1.0}};
     case error_kind::log_normal:
       return {{"log_normal", share}};
+    case error_kind::box_cox:
+      // 2 sqrt(y) scatters by share sqrt(y) where y scatters by share y.
+      return {{"additive", std::sqrt(share * absolute)}, {"lambda", 0.5}};
   }
   return {};
 }

@@ -168,6 +168,8 @@ std::vector<std::string> deviation_keys_of(error_kind error) {
       return {"proportional", "exponent"};
     case error_kind::log_normal:
       return {"log_normal"};
+    case error_kind::box_cox:
+      return {"additive", "lambda"};
   }
   return {};
 }

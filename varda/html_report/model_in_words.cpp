@@ -149,12 +149,8 @@ std::string outcome_line(const outcome_text& what, const std::string& y) {
   return line;
 }
 
-// The names of an endpoint's deviations are those of theta, which say the endpoint where there are
-// several.
-std::string observation_line(const endpoint& what) {
-  const std::string y = what.name.empty() ? "y" : "y(" + what.name + ")";
-  if (!what.is_normal()) return outcome_line(what.outcome, y);
-  switch (what.residual.kind) {
+std::string error_line(const residual_error& error, const std::string& y) {
+  switch (error.kind) {
     case error_kind::additive:
       return y + " = f + additive × ε";
     case error_kind::proportional:
@@ -167,8 +163,22 @@ std::string observation_line(const endpoint& what) {
       return y + " = f + proportional × |f|^exponent × ε";
     case error_kind::log_normal:
       return "log " + y + " = log f + log_normal × ε";
+    case error_kind::box_cox:
+      return fmt::format(
+          "h({}) = h(f) + additive × ε, {}", y,
+          error.lambda == 0.0 ? "h = log" : fmt::format("h(x) = (x^{0} − 1) / {0}", error.lambda));
   }
   return "";
+}
+
+// The names of an endpoint's deviations are those of theta, which say the endpoint where there are
+// several.
+std::string observation_line(const endpoint& what) {
+  const std::string y = what.name.empty() ? "y" : "y(" + what.name + ")";
+  if (!what.is_normal()) return outcome_line(what.outcome, y);
+  const std::string line = error_line(what.residual, y);
+  const double nu = what.residual.degrees_of_freedom;
+  return nu > 0.0 ? fmt::format("{}, ε ~ t({})", line, nu) : line;
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cmath>
 #include <map>
 #include <optional>
 #include <string>
@@ -23,6 +24,27 @@ double read_deviation(section& from, const std::string& key, bool& fixed) {
   if (!(value > 0.0))
     throw from.error("E-MODEL-RANGE", key, fmt::format("{} is not above 0", value),
                      "standard deviations and exponents are positive");
+  return value;
+}
+
+// The NPDE need a variance, which Student's t has above 2.
+double read_degrees_of_freedom(section& from) {
+  constexpr double least = 2.0;
+  constexpr double most = 1000.0;
+  const std::string key = "degrees_of_freedom";
+  const double value = from.needed_number(key, "the degrees of freedom of Student's t");
+  if (!(value > least && value <= most))
+    throw from.error("E-MODEL-RANGE", key, fmt::format("{} is not between 2 and 1000", value),
+                     "the variance is finite above 2; beyond 1000 take normal residuals");
+  return value;
+}
+
+double read_lambda(section& from) {
+  constexpr double most = 2.0;
+  const double value = from.needed_number("lambda", "the exponent of the Box-Cox transformation");
+  if (!(std::fabs(value) <= most))
+    throw from.error("E-MODEL-RANGE", "lambda", fmt::format("{} is not between -2 and 2", value),
+                     "0 is the logarithm, 1 leaves DV as it is");
   return value;
 }
 
@@ -54,7 +76,14 @@ residual_error read_error(section& from) {
     case error_kind::log_normal:
       read_additive("log_normal");
       break;
+    case error_kind::box_cox:
+      read_additive("additive");
+      r.lambda = read_lambda(from);
+      break;
   }
+  if (from.kind_or("distribution", residual_distribution::normal) ==
+      residual_distribution::student_t)
+    r.degrees_of_freedom = read_degrees_of_freedom(from);
   return r;
 }
 

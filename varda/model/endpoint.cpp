@@ -5,6 +5,7 @@
 #include <array>
 #include <cmath>
 #include <limits>
+#include <numbers>
 #include <vector>
 
 #include "varda/model/lanes/kernel.h"
@@ -12,6 +13,11 @@
 namespace varda {
 
 namespace {
+
+// Whether the one deviation is that of a transformed value.
+bool is_transformed(error_kind kind) {
+  return kind == error_kind::log_normal || kind == error_kind::box_cox;
+}
 
 // The laws of the endpoints at theta: memory of the caller's for the usual number.
 class law_list {
@@ -29,6 +35,12 @@ class law_list {
   std::vector<residual_law> many_;
   residual_law* first_;
 };
+
+// log B(a, 1/2). Large terms cancel.
+double log_beta_with_half(long double a) {
+  return static_cast<double>(std::lgamma(a) + 0.5L * std::log(std::numbers::pi_v<long double>) -
+                             std::lgamma(a + 0.5L));
+}
 
 }  // namespace
 
@@ -52,7 +64,10 @@ endpoints::endpoints(const std::vector<endpoint>& described, int first_theta, co
       endpoints_.push_back(e);
       continue;
     }
-    if (r.kind != error_kind::additive && r.kind != error_kind::log_normal)
+    e.degrees_of_freedom = r.degrees_of_freedom;
+    if (r.degrees_of_freedom > 0.0) e.log_beta = log_beta_with_half(0.5 * r.degrees_of_freedom);
+    e.lambda = r.lambda;
+    if (r.kind != error_kind::additive && !is_transformed(r.kind))
       e.proportional = add(of, "proportional", r.proportional, r.proportional_fixed);
     if (r.kind == error_kind::power)
       e.exponent = add(of, "exponent", r.exponent, r.exponent_fixed);
@@ -66,7 +81,8 @@ endpoints::endpoints(const std::vector<endpoint>& described, int first_theta, co
                        [](const observation& o) { return o.censored == censoring::none; });
   };
   plain_ = endpoints_.size() == 1 && !endpoints_.front().known &&
-           endpoints_.front().kind != error_kind::log_normal &&
+           !is_transformed(endpoints_.front().kind) &&
+           !(endpoints_.front().degrees_of_freedom > 0.0) &&
            std::all_of(data.subjects.begin(), data.subjects.end(), nothing_censored);
 }
 
@@ -96,6 +112,9 @@ void endpoints::objectives(const observation* observed, std::size_t count, const
                       .additive = a,
                       .proportional = b,
                       .exponent = e.exponent < 0 ? 0.0 : theta[e.exponent],
+                      .degrees_of_freedom = e.degrees_of_freedom,
+                      .log_beta = e.log_beta,
+                      .lambda = e.lambda,
                       .per_additive_square = 1.0 / (a * a),
                       .per_proportional_square = 1.0 / (b * b)};
   }
@@ -185,17 +204,18 @@ void endpoints::derivatives(const subject& who, const Eigen::MatrixXd& f, const 
       continue;
     }
     const entry& e = of(at);
-    if (e.kind == error_kind::combined_sd || e.kind == error_kind::power) {
+    if (e.kind == error_kind::combined_sd || e.kind == error_kind::power ||
+        e.degrees_of_freedom > 0.0) {
       add_derivatives_of_deviation(at, fk, theta, weights, gradient, hessian);
       continue;
     }
-    const bool logarithmic = e.kind == error_kind::log_normal;
+    const bool transformed = is_transformed(e.kind);
     const Eigen::Index a = e.additive < 0 ? -1 : e.additive - first_theta_;
     const Eigen::Index b = e.proportional < 0 ? -1 : e.proportional - first_theta_;
     const double a2 = a < 0 ? 0.0 : theta[e.additive] * theta[e.additive];
     const double b2 = b < 0 ? 0.0 : theta[e.proportional] * theta[e.proportional];
     for (Eigen::Index j = 0; j < f.rows(); ++j)
-      residual(j) = logarithmic ? std::log(at.value / fk[j]) : at.value - fk[j];
+      residual(j) = transformed ? difference(e, at.value, fk[j]) : at.value - fk[j];
     double* const by_additive = a < 0 ? nullptr : gradient.col(a).data();
     double* const by_proportional = b < 0 ? nullptr : gradient.col(b).data();
     const auto add = b < 0   ? add_derivatives<true, false>
@@ -212,21 +232,28 @@ void endpoints::derivatives(const subject& who, const Eigen::MatrixXd& f, const 
   }
 }
 
-// With s the deviation, q = (y - f)^2 / s^2 and l = -q / 2 - log s: dl/dlog s = q - 1 and
-// d2l/d(log s)^2 = -2 q. log s moves with log a by a / s, with log b by the rest where there is an
-// a, else by 1, and with log c by c log |f|.
+// With s the deviation, q the squared residual over s^2 and l = -q / 2 - log s: dl/dlog s = q - 1
+// and d2l/d(log s)^2 = -2 q; for Student's t with l = -(nu + 1) / 2 log(1 + q / nu) - log s they
+// are (nu + 1) q / (nu + q) - 1 and -2 q (nu + 1) nu / (nu + q)^2. log s moves with log a by a / s
+// (combined-sd) or a^2 / s^2 (combined), with log b by the rest where there is an a, and with log c
+// by c log |f|. A deviation that stands alone moves it by 1.
 void endpoints::add_derivatives_of_deviation(const observation& at, const double* f,
                                              const double* theta, const Eigen::VectorXd& weights,
                                              Eigen::MatrixXd& gradient,
                                              Eigen::MatrixXd& hessian) const {
   const entry& e = of(at);
   const bool is_power = e.kind == error_kind::power;
-  const Eigen::Index one = e.proportional - first_theta_;
+  const bool is_pair = e.proportional >= 0 && (is_power || e.additive >= 0);
+  const Eigen::Index one = (e.proportional < 0 ? e.additive : e.proportional) - first_theta_;
   const Eigen::Index other = (is_power ? e.exponent : e.additive) - first_theta_;
+  const double nu = e.degrees_of_freedom;
   for (Eigen::Index j = 0; j < gradient.rows(); ++j) {
     if (weights(j) == 0.0) continue;
     const double s = deviation(at, f[j], theta);
-    const double q = std::pow((at.value - f[j]) / s, 2);
+    const double q = std::pow(difference(e, at.value, f[j]) / s, 2);
+    const double slope = nu > 0.0 ? (nu + 1.0) * q / (nu + q) - 1.0 : q - 1.0;
+    const double curvature =
+        nu > 0.0 ? -2.0 * q * (nu + 1.0) * nu / ((nu + q) * (nu + q)) : -2.0 * q;
     // First and second derivatives of log s.
     double by_one = 1.0;
     double by_other = 0.0;
@@ -235,18 +262,21 @@ void endpoints::add_derivatives_of_deviation(const observation& at, const double
     double other_other = 0.0;
     if (is_power) {
       by_other = other_other = theta[e.exponent] * std::log(std::fabs(f[j]));
-    } else {
+    } else if (is_pair) {
+      const bool by_variance = e.kind == error_kind::combined;
       by_other = theta[e.additive] / s;
+      if (by_variance) by_other *= by_other;
       by_one = 1.0 - by_other;
-      one_one = other_other = by_one * by_other;
+      one_one = other_other = (by_variance ? 2.0 : 1.0) * by_one * by_other;
       one_other = -one_one;
     }
-    gradient(j, one) += (q - 1.0) * by_one;
-    gradient(j, other) += (q - 1.0) * by_other;
+    gradient(j, one) += slope * by_one;
     const double w = weights(j);
-    hessian(one, one) += w * (-2.0 * q * by_one * by_one + (q - 1.0) * one_one);
-    hessian(other, other) += w * (-2.0 * q * by_other * by_other + (q - 1.0) * other_other);
-    const double mixed = w * (-2.0 * q * by_one * by_other + (q - 1.0) * one_other);
+    hessian(one, one) += w * (curvature * by_one * by_one + slope * one_one);
+    if (!is_pair) continue;
+    gradient(j, other) += slope * by_other;
+    hessian(other, other) += w * (curvature * by_other * by_other + slope * other_other);
+    const double mixed = w * (curvature * by_one * by_other + slope * one_other);
     hessian(one, other) += mixed;
     hessian(other, one) += mixed;
   }
@@ -304,11 +334,23 @@ void endpoints::add_differences(const observation& at, const double* f, const do
   hessian(own[1] - first_theta_, own[0] - first_theta_) += both;
 }
 
+// Of an observation and its prediction, transformed.
+double endpoints::difference(const entry& e, double y, double f) const {
+  if (!is_transformed(e.kind)) return y - f;
+  const double ratio = std::log(y / f);
+  if (e.kind == error_kind::log_normal || e.lambda == 0.0) return ratio;
+  const double power = e.lambda * ratio;
+  // About the larger of the two powers: the other may underflow.
+  return power > 0.0 ? -std::pow(y, e.lambda) * std::expm1(-power) / e.lambda
+                     : std::pow(f, e.lambda) * std::expm1(power) / e.lambda;
+}
+
 double endpoints::deviation(const observation& at, double f, const double* theta) const {
   const entry& e = of(at);
   switch (e.kind) {
     case error_kind::additive:
     case error_kind::log_normal:
+    case error_kind::box_cox:
       return theta[e.additive];
     case error_kind::proportional:
       return std::fabs(theta[e.proportional] * f);
@@ -324,12 +366,17 @@ double endpoints::deviation(const observation& at, double f, const double* theta
 
 double endpoints::scaled_residual(const observation& at, double f, const double* theta) const {
   const double s = deviation(at, f, theta);
-  return (of(at).kind == error_kind::log_normal ? std::log(at.value / f) : at.value - f) / s;
+  return difference(of(at), at.value, f) / s;
 }
 
 double endpoints::simulated(const observation& at, double f, double e, const double* theta) const {
   const double s = deviation(at, f, theta);
-  return of(at).kind == error_kind::log_normal ? f * std::exp(s * e) : f + s * e;
+  const entry& law = of(at);
+  if (!is_transformed(law.kind)) return f + s * e;
+  if (law.kind == error_kind::log_normal || law.lambda == 0.0) return f * std::exp(s * e);
+  if (!(f > 0.0)) return std::numeric_limits<double>::quiet_NaN();
+  const double power = std::pow(f, law.lambda) + law.lambda * s * e;
+  return std::pow(std::max(power, 0.0), 1.0 / law.lambda);
 }
 
 int endpoints::first_failure(const subject& who, const double* f, const double* theta) const {

@@ -9,6 +9,10 @@
 //   combined-sd    y = f + (a + b |f|) e
 //   power          y = f + b |f|^c e
 //   log-normal     log y = log f + a e; the density is that of y itself
+//   box-cox        h(y) = h(f) + a e with h(y) = (y^lambda - 1) / lambda; the density is that of y
+//
+// e may have Student's t distribution with so many degrees of freedom instead; what is called a
+// deviation here is then its scale.
 //
 // Of an endpoint that is not normal f is the logarithm of the density already, and the endpoint has
 // no parameters here.
@@ -61,11 +65,16 @@ class endpoints {
                    Eigen::MatrixXd& hessian) const;
 
   // Of an observation that is normal: standard deviation about the prediction f (of its logarithm
-  // for log-normal error), and its scaled residual; of a censored observation that of its limit.
+  // for log-normal error, transformed for Box-Cox error), and its scaled residual; of a censored
+  // observation that of its limit.
   double deviation(const observation& at, double f, const double* theta) const;
   double scaled_residual(const observation& at, double f, const double* theta) const;
 
-  // The observation as it would have come out at the standard normal e.
+  // Of the distribution of e; 0 where it is standard normal.
+  double degrees_of_freedom(const observation& at) const { return of(at).degrees_of_freedom; }
+
+  // The observation as it would have come out at the scaled residual e. With Box-Cox error an e so
+  // far out that nothing is transformed to it gives the end of the range, 0 or infinity.
   double simulated(const observation& at, double f, double e, const double* theta) const;
 
   // The first observation whose contribution is not finite, or -1. `f` has one entry for each
@@ -79,6 +88,9 @@ class endpoints {
     int additive = -1;   // positions in theta, -1 for none
     int proportional = -1;
     int exponent = -1;
+    double degrees_of_freedom = 0.0;
+    double log_beta = 0.0;
+    double lambda = 0.0;
   };
   const entry& of(const observation& at) const {
     return endpoints_[static_cast<std::size_t>(at.endpoint)];
@@ -86,6 +98,7 @@ class endpoints {
   void objectives(const observation* observed, std::size_t count, const double* f,
                   std::size_t stride, std::size_t n, const double* theta, double* objective,
                   double* scaled_squares, const lane_kernel& with) const;
+  double difference(const entry& e, double y, double f) const;
   void add_derivatives_of_deviation(const observation& at, const double* f, const double* theta,
                                     const Eigen::VectorXd& weights, Eigen::MatrixXd& gradient,
                                     Eigen::MatrixXd& hessian) const;
@@ -96,7 +109,7 @@ class endpoints {
   int first_theta_ = 0;
   std::vector<entry> endpoints_;
   std::vector<fixed_effect> parameters_;
-  bool plain_ = false;  // one endpoint, nothing censored, no logarithms
+  bool plain_ = false;  // one endpoint, nothing censored, nothing transformed, normal
 };
 
 }  // namespace varda

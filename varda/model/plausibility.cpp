@@ -179,7 +179,7 @@ class inspection {
   bool find_logarithms(int endpoint) {
     const error_kind error =
         model_.specification().endpoints[static_cast<std::size_t>(endpoint)].residual.kind;
-    if (error == error_kind::additive) return false;
+    if (error == error_kind::additive || error == error_kind::box_cox) return false;
     std::vector<double> as_they_are, as_logarithms, predictions;
     int negative = 0;
     std::optional<finding> first;

@@ -196,17 +196,20 @@ struct omega_block {
   bool fixed = false;
 };
 
-enum class error_kind { additive, proportional, combined, combined_sd, power, log_normal };
+enum class error_kind { additive, proportional, combined, combined_sd, power, log_normal, box_cox };
+enum class residual_distribution { normal, student_t };
 
 // Residual deviations with their start values; see residual_model.h.
 struct residual_error {
   error_kind kind = error_kind::additive;
-  double additive = 0.0;  // of the logarithm for the log-normal kind
+  double additive = 0.0;  // of what is transformed for the log-normal and Box-Cox kinds
   double proportional = 0.0;
   bool additive_fixed = false;
   bool proportional_fixed = false;
   double exponent = 0.0;
   bool exponent_fixed = false;
+  double degrees_of_freedom = 0.0;  // of Student's t, above 2; 0 for normal residuals
+  double lambda = 0.0;              // of the Box-Cox transformation
 };
 
 // What is observed: an output of the structural model with its residual error, or, where the

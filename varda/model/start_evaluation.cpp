@@ -47,16 +47,18 @@ start_evaluation evaluate_start(const population_model& model, int subject) {
                 .subject = who.id};
     return result;
   }
+  const bool by_value = prediction > 0.0 && !(failed.value > 0.0);
   result.failure = finding{
       .code = "E-RUN-START",
-      .message =
-          fmt::format("the model cannot be evaluated at the start values: prediction {}, "
-                      "residual deviation {}{}{}",
-                      prediction, model.observed().deviation(failed, prediction, theta.data()),
-                      why.empty() ? "" : "; ", why),
+      .message = fmt::format("the model cannot be evaluated at the start values: {}prediction {}, "
+                             "residual deviation {}{}{}",
+                             by_value ? fmt::format("value {}, ", failed.value) : "", prediction,
+                             model.observed().deviation(failed, prediction, theta.data()),
+                             why.empty() ? "" : "; ", why),
       .remedy =
           "a proportional error needs predictions other than 0 (leave such records out or add "
-          "an additive error), a log-normal one predictions and values above 0; otherwise "
+          "an additive error), a log-normal or Box-Cox one predictions and values above 0; "
+          "otherwise "
           "change the start values",
       .file = model.data().file,
       .row = failed.row,

@@ -103,6 +103,18 @@ const char* name_of(error_kind kind) {
       return "power";
     case error_kind::log_normal:
       return "log-normal";
+    case error_kind::box_cox:
+      return "box-cox";
+  }
+  return nullptr;
+}
+
+const char* name_of(residual_distribution law) {
+  switch (law) {
+    case residual_distribution::normal:
+      return "normal";
+    case residual_distribution::student_t:
+      return "student-t";
   }
   return nullptr;
 }

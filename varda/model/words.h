@@ -18,6 +18,7 @@ const char* name_of(effect_form form);
 const char* name_of(endpoint_kind kind);
 const char* name_of(link_kind kind);
 const char* name_of(error_kind kind);
+const char* name_of(residual_distribution law);
 const char* name_of(proposal_family family);
 const char* name_of(point_kind kind);
 const char* name_of(start_kind kind);

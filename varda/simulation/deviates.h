@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cmath>
 #include <cstdint>
 #include <initializer_list>
 #include <random>
@@ -19,6 +20,17 @@ class deviates {
   }
   double uniform() { return (static_cast<double>(bits_() >> 12) + 0.5) * 0x1p-52; }
   double normal() { return statsubs::dnorminv(uniform()); }
+  // With degrees of freedom from 2 on; G. Marsaglia and W. W. Tsang, ACM Transactions on
+  // Mathematical Software 26 (2000) 363.
+  double chi_square(double degrees_of_freedom) {
+    const double d = 0.5 * degrees_of_freedom - 1.0 / 3.0;
+    for (;;) {
+      const double x = normal();
+      const double v = std::pow(1.0 + x / std::sqrt(9.0 * d), 3);
+      if (v > 0.0 && std::log(uniform()) < 0.5 * x * x + d * (1.0 - v + std::log(v)))
+        return 2.0 * d * v;
+    }
+  }
 
  private:
   std::mt19937_64 bits_;

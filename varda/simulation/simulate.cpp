@@ -103,6 +103,12 @@ void subject_simulator::simulate(int count, const std::function<deviates&(int)>&
       for (double& value : z) value = draw.normal();
       phi.col(k) = mu_ + factor_ * z;
       for (double& value : y.col(begin + k)) value = draw.normal();
+      for (std::size_t j = 0; j < observed.size(); ++j) {
+        if (!model_.observed().is_normal(observed[j])) continue;
+        const double nu = model_.observed().degrees_of_freedom(observed[j]);
+        if (nu > 0.0)
+          y(static_cast<Eigen::Index>(j), begin + k) /= std::sqrt(draw.chi_square(nu) / nu);
+      }
       if (events != nullptr) later.push_back(draw);
     }
     joint_.predict(subject_, asking_, theta_.data(), phi, predictions, scratch_);

@@ -10,14 +10,17 @@
 
 namespace varda {
 
-// The error of an endpoint: deviations, 0 where there is none. The additive one is that of the
-// logarithm for log-normal error.
+// The error of an endpoint: deviations (scales of Student's t), 0 where there is none. The additive
+// one is that of the logarithm for log-normal error, of the transformed value for Box-Cox error.
 struct residual_law {
   error_kind kind = error_kind::additive;
   bool known = false;  // a prediction is the logarithm of the density already
   double additive = 0.0;
   double proportional = 0.0;
   double exponent = 0.0;
+  double degrees_of_freedom = 0.0;   // of Student's t; 0 for a normal law
+  double log_beta = 0.0;             // of half of them and 1/2
+  double lambda = 0.0;               // of the Box-Cox transformation
   double per_additive_square = 0.0;  // 1 over the squares
   double per_proportional_square = 0.0;
 };

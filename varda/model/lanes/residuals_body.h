@@ -109,14 +109,88 @@ inline vec log_normal_probability(vec z) {
   return choose(far, distant, result);
 }
 
-// log(Phi(upper) - Phi(lower)) for lower < upper. In the upper half the complements are the small
-// numbers, whose difference keeps its digits.
-inline vec log_normal_probability(vec lower, vec upper) {
+// log(Phi(upper) - Phi(lower)) for lower < upper, Phi symmetrical and its logarithm given. In the
+// upper half the complements are the small numbers, whose difference keeps its digits.
+template <class Logarithm>
+inline vec log_share(vec lower, vec upper, Logarithm log_probability) {
   const mask high = lower > vec{};
   const vec from = choose(high, -upper, lower);
   const vec to = choose(high, -lower, upper);
-  const vec whole = log_normal_probability(to);
-  return whole + VARDA_SLEEF(log1p)(-VARDA_SLEEF(exp)(log_normal_probability(from) - whole));
+  const vec whole = log_probability(to);
+  return whole + VARDA_SLEEF(log1p)(-VARDA_SLEEF(exp)(log_probability(from) - whole));
+}
+inline vec log_normal_probability(vec lower, vec upper) {
+  return log_share(lower, upper, [](vec z) { return log_normal_probability(z); });
+}
+
+// The continued fraction of the incomplete beta function I_x(a, b) (DLMF 8.17.22), for
+// x < (a + 1) / (a + b + 2), by Lentz' method (W. J. Lentz, Applied Optics 15 (1976) 668). A lane
+// keeps its value from where its own factors have come to 1.
+inline vec beta_fraction(vec x, vec a, vec b) {
+  constexpr int most_pairs = 400;  // some 60 for 1000 degrees of freedom
+  vec above = all(1.0);
+  vec below = 1.0 / (1.0 - (a + b) * x / (a + 1.0));
+  vec result = below;
+  mask open = result == result;
+  for (int m = 1; m <= most_pairs && which(open) != 0; ++m) {
+    const double k = m;
+    const vec at = a + 2.0 * k;
+    const vec even = k * (b - k) * x / ((at - 1.0) * at);
+    const vec odd = -((a + k) * (a + b + k) * x / (at * (at + 1.0)));
+    below = 1.0 / (1.0 + even * below);
+    above = 1.0 + even / above;
+    const vec first = below * above;
+    below = 1.0 / (1.0 + odd * below);
+    above = 1.0 + odd / above;
+    const vec second = below * above;
+    result = choose(open, result * first * second, result);
+    open = open & (magnitude(second - 1.0) > all(2.0 * epsilon));
+  }
+  return result;
+}
+
+// log of the distribution function of Student's t, whose tail beyond |z| is I_x(nu / 2, 1 / 2) / 2
+// at x = nu / (nu + z^2) (Abramowitz and Stegun 26.7.1); near the middle 1/2 less half of
+// I_(1 - x)(1 / 2, nu / 2) (DLMF 8.17.4).
+inline vec log_t_probability(vec z, const residual_law& law) {
+  const double nu = law.degrees_of_freedom;
+  const vec a = all(0.5 * nu);
+  const vec half = all(0.5);
+  // Between these limits neither q nor its inverse leaves the range.
+  const vec q = larger(smaller(z * z / nu, all(1e300)), all(1e-300));
+  const vec inverse = 1.0 / q;
+  const mask far = q > all(3.0 / (nu + 2.0));
+  const vec x = 1.0 / (1.0 + choose(far, q, inverse));
+  const vec fraction = beta_fraction(x, choose(far, a, half), choose(far, half, a));
+  const vec power = -(0.5 * nu) * VARDA_SLEEF(log1p)(q) - 0.5 * VARDA_SLEEF(log1p)(inverse);
+  const vec share = VARDA_SLEEF(log)(fraction) + (power - law.log_beta);
+  const vec beyond = share - VARDA_SLEEF(log)(all(nu));
+  const vec tail = choose(far, VARDA_SLEEF(exp)(beyond), 0.5 - VARDA_SLEEF(exp)(share));
+  const vec down = choose(far, beyond, VARDA_SLEEF(log)(tail));
+  const vec result = choose(z > vec{}, VARDA_SLEEF(log1p)(-tail), down);
+  const vec infinite = all(__builtin_inf());
+  return choose(z == -infinite, -infinite, choose(z == infinite, vec{}, result));
+}
+
+inline vec log_probability(const residual_law& law, vec z) {
+  return law.degrees_of_freedom > 0.0 ? log_t_probability(z, law) : log_normal_probability(z);
+}
+inline vec log_probability(const residual_law& law, vec lower, vec upper) {
+  if (law.degrees_of_freedom > 0.0)
+    return log_share(lower, upper, [&](vec z) { return log_t_probability(z, law); });
+  return log_normal_probability(lower, upper);
+}
+
+// (y^lambda - f^lambda) / lambda of a bound y and positive f, about the larger of the two powers;
+// a y of 0 is the end of the range, which lies at -1 / lambda or at infinity.
+inline vec box_cox_difference(double lambda, double y, vec f) {
+  const vec ratio = log_bound_ratio(y, f);
+  if (lambda == 0.0) return ratio;
+  const vec power = lambda * ratio;
+  const vec base = choose(power > vec{}, all(y), f);
+  const vec size = VARDA_SLEEF(exp)(lambda * VARDA_SLEEF(log)(base)) *
+                   -VARDA_SLEEF(expm1)(-magnitude(power)) / (lambda < 0.0 ? -lambda : lambda);
+  return choose(ratio == ratio, signed_like(size, ratio), ratio);
 }
 
 // Whether the deviation, with all its factors, is computed for each prediction.
@@ -128,6 +202,21 @@ inline bool is_whole(error_kind kind) {
 inline vec deviation_at(const residual_law& law, vec f) {
   if (law.kind == error_kind::combined_sd) return law.additive + law.proportional * magnitude(f);
   return law.proportional * VARDA_SLEEF(exp)(law.exponent * VARDA_SLEEF(log)(magnitude(f)));
+}
+
+// The deviation of any kind, or the scale of Student's t.
+inline vec any_deviation(const residual_law& law, vec f) {
+  if (is_whole(law.kind)) return deviation_at(law, f);
+  if (law.kind == error_kind::proportional) return magnitude(law.proportional * f);
+  if (law.kind == error_kind::combined)
+    return root(law.additive * law.additive + (law.proportional * law.proportional) * (f * f));
+  return all(law.additive);
+}
+
+// Of a value or a bound and its prediction, transformed.
+inline vec any_difference(const residual_law& law, double y, vec f) {
+  if (law.kind == error_kind::box_cox) return box_cox_difference(law.lambda, y, f);
+  return law.kind == error_kind::log_normal ? log_bound_ratio(y, f) : y - f;
 }
 
 // Squares, logarithms of variances and probabilities, of one vector of individuals.
@@ -152,6 +241,9 @@ class residual_sums {
       const vec r = difference / deviation;
       squares_ = squares_ + r * r;
       scales_.multiply_square(deviation);
+    } else if constexpr (Kind == error_kind::box_cox) {
+      const vec r = box_cox_difference(law.lambda, positive(at), f);
+      squares_ = squares_ + (r * r) * law.per_additive_square;
     } else {
       const vec r = log_bound_ratio(at.value, f);
       squares_ = squares_ + (r * r) * law.per_additive_square;
@@ -163,6 +255,7 @@ class residual_sums {
       return;
     }
     if (at.censored != censoring::none) return add_censored(at, law, f);
+    if (law.degrees_of_freedom > 0.0) return add_student(at, law, f);
     switch (law.kind) {
       case error_kind::additive:
         return add<error_kind::additive>(at, law, f);
@@ -176,43 +269,56 @@ class residual_sums {
         return add<error_kind::power>(at, law, f);
       case error_kind::log_normal:
         return add<error_kind::log_normal>(at, law, f);
+      case error_kind::box_cox:
+        return add<error_kind::box_cox>(at, law, f);
     }
   }
-  vec squares() const { return squares_; }
+  vec squares() const { return squares_ + student_squares_; }
   // -log of the density but for what no prediction enters.
   vec objective() const { return 0.5 * (squares_ + scales_.value()) - probability_; }
 
  private:
+  // 0 can be transformed as a bound, but has no density.
+  static double positive(const observation& at) {
+    return at.value > 0.0 ? at.value : __builtin_nan("");
+  }
+
+  void add_student(const observation& at, const residual_law& law, vec f) {
+    const vec deviation = any_deviation(law, f);
+    const double y = law.kind == error_kind::box_cox ? positive(at) : at.value;
+    const vec r = any_difference(law, y, f) / deviation;
+    const double nu = law.degrees_of_freedom;
+    student_squares_ = student_squares_ + r * r;
+    scales_.multiply_square(deviation);
+    probability_ = probability_ - (0.5 * (nu + 1.0)) * VARDA_SLEEF(log1p)(r * r / nu);
+  }
+
   void add_censored(const observation& at, const residual_law& law, vec f) {
-    const bool logarithmic = law.kind == error_kind::log_normal;
-    const bool relative = law.kind == error_kind::proportional;
-    vec deviation = all(law.additive);
-    if (relative) deviation = magnitude(law.proportional * f);
-    if (law.kind == error_kind::combined)
-      deviation =
-          root(law.additive * law.additive + (law.proportional * law.proportional) * (f * f));
-    if (is_whole(law.kind)) deviation = deviation_at(law, f);
-    const auto scaled = [&](double y) {
-      return (logarithmic ? log_bound_ratio(y, f) : y - f) / deviation;
-    };
+    const vec deviation = any_deviation(law, f);
+    const auto scaled = [&](double y) { return any_difference(law, y, f) / deviation; };
     const vec z = scaled(at.value);
     vec value{};
-    if (at.censored == censoring::left) value = log_normal_probability(z);
-    if (at.censored == censoring::right) value = log_normal_probability(-z);
+    if (at.censored == censoring::left) value = log_probability(law, z);
+    if (at.censored == censoring::right) value = log_probability(law, -z);
     if (at.censored == censoring::interval) {
+      // From 0 on means from the end of the line: nothing that is transformed lies below 0.
+      const bool logarithmic = law.kind == error_kind::log_normal;
       const double limit = logarithmic && at.limit < 0.0 ? 0.0 : at.limit;
-      value = log_normal_probability(scaled(limit), z);
+      const bool from_end = law.kind == error_kind::box_cox && limit <= 0.0;
+      value = from_end ? log_probability(law, z) : log_probability(law, scaled(limit), z);
     }
     probability_ = probability_ + choose(deviation > vec{}, value, all(__builtin_nan("")));
   }
 
   vec squares_{};
+  vec student_squares_{};
   vec probability_{};
   log_product scales_;
 };
 
 // What of -log of the density no prediction enters: half the logarithms of 2 pi, of the deviations
-// that stand alone, and of the values that have log-normal errors.
+// that stand alone, the factors of Student's t, and the logarithms of the values that are
+// transformed, times the power that the slope of the transformation takes off.
 inline vec constant_part(const residual_problem& problem) {
   constexpr double log_2pi = 0x1.d67f1c864beb5p+0;
   vec sum{};
@@ -222,11 +328,18 @@ inline vec constant_part(const residual_problem& problem) {
     const residual_law& law = problem.laws[e];
     if (law.known) continue;
     double count = 0.0;
+    log_product powers;
     for (std::size_t k = 0; k < problem.observations; ++k) {
       const observation& at = problem.observed[k];
       if (at.censored != censoring::none || static_cast<std::size_t>(at.endpoint) != e) continue;
       count += 1.0;
       if (law.kind == error_kind::log_normal) values.multiply_square(all(at.value));
+      if (law.kind == error_kind::box_cox) powers.multiply(all(at.value));
+    }
+    if (law.kind == error_kind::box_cox) sum = sum + (2.0 - 2.0 * law.lambda) * powers.value();
+    if (law.degrees_of_freedom > 0.0) {
+      sum = sum + count * (2.0 * law.log_beta + VARDA_SLEEF(log)(all(law.degrees_of_freedom)));
+      continue;
     }
     seen += count;
     if (count == 0.0 || law.kind == error_kind::combined || is_whole(law.kind)) continue;
@@ -238,6 +351,7 @@ inline vec constant_part(const residual_problem& problem) {
 
 inline bool is_uniform(const residual_problem& problem) {
   if (problem.endpoints != 1 || problem.laws[0].known) return false;
+  if (problem.laws[0].degrees_of_freedom > 0.0) return false;
   for (std::size_t k = 0; k < problem.observations; ++k)
     if (problem.observed[k].censored != censoring::none) return false;
   return true;
@@ -277,6 +391,8 @@ void residuals(const residual_problem& problem) {
       add_of_kind.operator()<error_kind::combined_sd>();
     else if (first.kind == error_kind::power)
       add_of_kind.operator()<error_kind::power>();
+    else if (first.kind == error_kind::box_cox)
+      add_of_kind.operator()<error_kind::box_cox>();
     else
       add_of_kind.operator()<error_kind::log_normal>();
     put(problem.objective + lane, sums.objective() + constant, left);
