@@ -107,6 +107,8 @@ grep -q '"converged": false' short/fit.json || fail "fit.json of an unfinished f
 expect_status 0 "a check" "$varda" check theophylline.toml
 grep -Eq '^  1 +11 +74\.5249$' stdout || fail "the first evaluation is wrong: $(cat stdout)"
 grep -q '^OK: 0 errors, 0 warnings' stdout || fail "no verdict of the check"
+tr '\n' ' ' <stdout | grep -Eq 'Memory: about [0-9]+ MB a process for the fit .[0-9]+ MB if .*, +[0-9]+ MB more' ||
+  fail "the check tells no memory: $(cat stdout)"
 expect_status 0 "a check as JSON" "$varda" check theophylline.toml --json
 grep -q '"dose_records": 12' stdout || fail "the JSON has no data summary"
 sed 's/2.84/many/; s/10\.5/more/; s/^2,0.27,/2,8:30,/' theophylline.csv >wrong.csv
@@ -124,6 +126,26 @@ END
 expect_status 3 "a likelihood without a maximum" "$varda" fit full.toml --output full
 grep -q '^OMEGA IS SINGULAR' stdout || fail "a singular omega is not named"
 [ -e full/fit.cov ] && fail "a singular omega leaves a covariance of the estimates"
+
+# Diagnostics that do not fit into memory cost themselves alone. A sanitizer's runtime reserves more
+# of the address space than any limit leaves.
+if ! grep -q __asan_init "$varda"; then
+  awk -F, 'NR == 1 || $5 == 1 { print; next } { for (i = 0; i < 10; ++i) print }' \
+    theophylline.csv >many.csv
+  for n in 0 100000; do
+    sed "s/^file = .*/file = \"many.csv\"/; s/^samples = .*/npde_samples = $n/" \
+      theophylline.toml >many-$n.toml
+  done
+  expect_status 0 "without NPDE" "$varda" fit many-0.toml --quiet
+  # shellcheck disable=SC2016
+  expect_status 0 "NPDE beyond the limit" bash -c 'ulimit -v 200000 && exec "$@"' limited \
+    "$varda" fit many-100000.toml --quiet --threads 1
+  grep -q 'W-RUN-MEMORY' stdout && grep -q 'the NPDE are left out: about [0-9]* MB' stdout ||
+    fail "nobody tells that the NPDE are missing: $(cat stdout)"
+  for file in estimates.csv subjects.csv rows.csv fit.cov; do
+    cmp -s many-0-out/$file many-100000-out/$file || fail "missing NPDE change $file"
+  done
+fi
 
 expect_status 2 "no such model file" "$varda" fit nothing.toml --output none
 sed 's/^file = .*/file = "nothing.csv"/' theophylline.toml >nodata.toml

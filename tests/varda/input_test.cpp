@@ -173,13 +173,13 @@ TEST(Dataset, ReadsEveryWayOfWritingIt) {
   const csv_table quoted =
       read_csv(file_with("\"a\" , b\n\" x,\"\"y\"\"\" , z", "quoted.csv"), rows);
   EXPECT_THAT(quoted.header, ElementsAre("a", "b"));
-  EXPECT_THAT(quoted.records[0].fields, ElementsAre(" x,\"y\"", "z"));
+  EXPECT_THAT(quoted.at(0).fields, ElementsAre(" x,\"y\"", "z"));
   // Separators in a column name, columns without a name, remarks.
   const csv_table odd =
       read_csv(file_with(";\"b, c, d\";e,f;\n# a note\n1;2;3;4\n#", "odd.csv"), rows);
   EXPECT_THAT(odd.header, ElementsAre("", "b, c, d", "e,f", ""));
-  ASSERT_EQ(odd.records.size(), 1U);
-  EXPECT_EQ(odd.records[0].line, 3);
+  ASSERT_EQ(odd.records(), 1U);
+  EXPECT_EQ(odd.at(0).line, 3);
 }
 
 std::string covariates_text(const dataset& data, const segment& s) {

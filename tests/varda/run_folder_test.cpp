@@ -80,6 +80,13 @@ TEST(Digest, OfKnownTexts) {
             "d5e285683cd4efc02d021a5c62014694958901005d6f71e89e0989fac77e4072");
   EXPECT_EQ(sha256(std::string(64, 'x')),
             "7ce100971f64e7001e8fe5a51973ecdfe1ced42befe7ee8d5fd6219506b5393c");
+  for (const std::size_t piece : {1U, 55U, 63U, 64U, 65U, 200U}) {
+    sha256_of_pieces all;
+    for (std::size_t done = 0; done < 1000000; done += piece)
+      all.add(std::string(std::min<std::size_t>(piece, 1000000 - done), 'a'));
+    EXPECT_EQ(all.digest(), "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0")
+        << piece;
+  }
 }
 
 TEST(RunFolder, ReplacesARunAsAWholeAndNothingElse) {

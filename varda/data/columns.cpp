@@ -21,8 +21,8 @@ const std::vector<std::string>& data_roles() {
 
 namespace {
 
-std::string remedy_for(const std::string& text, role of) {
-  if (of == role::time && text.find(':') != std::string::npos)
+std::string remedy_for(std::string_view text, role of) {
+  if (of == role::time && text.find(':') != std::string_view::npos)
     return "write the time as a number: 8:30 is 8.5 in hours";
   if (of == role::dv && text.starts_with('<'))
     return "write the limit of quantification into DV and 1 into a column CENS";
@@ -140,7 +140,7 @@ bad_input column_map::no_column(const std::string& name) const {
                     .column = name});
 }
 
-const std::string& record_view::id() const {
+std::string_view record_view::id() const {
   return field(columns_->position_of(role::id));
 }
 
@@ -156,7 +156,7 @@ bad_input record_view::error(const std::string& code, const std::string& message
 }
 
 std::optional<double> record_view::number_at(int position, const std::string& remedy) const {
-  const std::string& text = field(position);
+  const std::string_view text = field(position);
   if (is_missing(text)) return std::nullopt;
   const std::optional<double> value = to_number(text);
   if (value && std::isfinite(*value)) return value;
@@ -179,7 +179,7 @@ std::optional<double> record_view::number(role of) const {
 }
 
 std::optional<double> record_view::level_at(int position) const {
-  const std::string& text = field(position);
+  const std::string_view text = field(position);
   if (is_missing(text)) return std::nullopt;
   if (is_utf8(text)) return level_number(text);
   finding found = error("E-DATA-ENCODING", "the text is not valid UTF-8", "save the file as UTF-8")
@@ -201,10 +201,9 @@ std::optional<double> record_view::level(role of) const {
   return position < 0 ? std::nullopt : level_at(position);
 }
 
-const std::string& record_view::text(role of) const {
-  static const std::string none;
+std::string_view record_view::text(role of) const {
   const int position = columns_->position_of(of);
-  return position < 0 ? none : field(position);
+  return position < 0 ? std::string_view() : field(position);
 }
 
 int record_view::whole_number_or(role of, int fallback) const {

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -74,7 +75,7 @@ class record_view {
       : columns_(&columns), fields_(&fields) {}
 
   int row() const { return fields_->line; }
-  const std::string& id() const;
+  std::string_view id() const;
   const data_source& model() const { return columns_->model(); }
 
   // The number in a column, nothing where it is missing or the file has no such column. Throws
@@ -87,14 +88,14 @@ class record_view {
   int whole_number_or(role of, int fallback) const;
 
   // The field of a role, "" where the file has no such column.
-  const std::string& text(role of) const;
+  std::string_view text(role of) const;
 
   // An error at this record, in the column of a role or in no column.
   bad_input error(const std::string& code, const std::string& message, const std::string& remedy,
                   std::optional<role> at = std::nullopt) const;
 
  private:
-  const std::string& field(int position) const {
+  std::string_view field(int position) const {
     return fields_->fields[static_cast<std::size_t>(position)];
   }
   std::optional<double> number_at(int position, const std::string& remedy) const;

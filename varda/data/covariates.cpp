@@ -17,7 +17,7 @@ constexpr double no_value = std::numeric_limits<double>::quiet_NaN();
 // record is read.
 double first_value(std::span<const csv_table::record> records, int column, bool levels) {
   for (const csv_table::record& r : records) {
-    const std::string& text = r.fields[static_cast<std::size_t>(column)];
+    const std::string_view text = r.fields[static_cast<std::size_t>(column)];
     if (is_missing(text)) continue;
     if (levels) return level_number(text);
     if (const std::optional<double> value = to_number(text)) return *value;

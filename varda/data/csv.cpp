@@ -57,9 +57,9 @@ std::string_view without_blanks(std::string_view text) {
   return text;
 }
 
-// Takes the fields of one line apart; nothing when a quote is not closed.
-std::optional<std::vector<std::string>> split(std::string_view line, char separator) {
-  std::vector<std::string> fields;
+// Takes the fields of one line apart; false when a quote is not closed.
+bool split(std::string_view line, char separator, std::vector<std::string>& fields) {
+  fields.clear();
   std::string field;
   bool quoted = false;
   bool was_quoted = false;
@@ -91,8 +91,7 @@ std::optional<std::vector<std::string>> split(std::string_view line, char separa
     }
   }
   finish();
-  if (quoted) return std::nullopt;
-  return fields;
+  return !quoted;
 }
 
 void check_header(const csv_table& table) {
@@ -147,7 +146,11 @@ csv_table read_table(const std::string& file, findings& refused_rows, const file
 
   csv_table table;
   table.file = file;
+  if (!header_alone)
+    table.reserve(content.size(),
+                  static_cast<std::size_t>(std::count(content.begin(), content.end(), '\n')));
   char separator = ',';
+  std::vector<std::string> fields;
   const auto refuse = [&](int line, const std::string& message, const std::string& remedy) {
     refused_rows.push_back(
         {.code = "E-DATA-ROW", .message = message, .remedy = remedy, .file = file, .row = line});
@@ -157,10 +160,10 @@ csv_table read_table(const std::string& file, findings& refused_rows, const file
     if (without_blanks(text).empty() || without_blanks(text).front() == '#') continue;
     const bool is_header = table.header.empty();
     if (is_header) separator = separator_of(text);
-    auto fields = split(text, separator);
+    const bool whole = split(text, separator, fields);
     const auto is_long = [](const std::string& field) { return field.size() > longest_field; };
-    if (!fields || std::any_of(fields->begin(), fields->end(), is_long)) {
-      if (fields)
+    if (!whole || std::any_of(fields.begin(), fields.end(), is_long)) {
+      if (whole)
         refuse(line, fmt::format("a field is longer than {} bytes", longest_field),
                "shorten it, or close the quote before it");
       else
@@ -168,16 +171,16 @@ csv_table read_table(const std::string& file, findings& refused_rows, const file
                "close the quote; a field must not run over several lines");
       if (is_header) throw bad_input(refused_rows.back());
     } else if (is_header) {
-      table.header = std::move(*fields);
+      table.header = fields;
       table.header_line = line;
       check_header(table);
-    } else if (fields->size() != table.header.size()) {
+    } else if (fields.size() != table.header.size()) {
       refuse(line,
              fmt::format("the row has {} where the header has {}",
-                         count_of(std::ssize(*fields), "field"), table.header.size()),
-             remedy_of_length(fields->size(), table, separator));
+                         count_of(std::ssize(fields), "field"), table.header.size()),
+             remedy_of_length(fields.size(), table, separator));
     } else {
-      table.records.push_back({line, std::move(*fields)});
+      table.add(line, fields);
     }
   }
   if (table.header.empty())
@@ -189,6 +192,47 @@ csv_table read_table(const std::string& file, findings& refused_rows, const file
 }
 
 }  // namespace
+
+csv_table::record csv_table::at(std::size_t record) const {
+  const place& own = places_[record];
+  csv_table::record result{own.line, {}};
+  result.fields.reserve(columns_);
+  const char* from = text_.data() + own.begin;
+  for (std::size_t k = 0; k < columns_; ++k) {
+    result.fields.emplace_back(from);
+    from += result.fields.back().size() + 1;
+  }
+  return result;
+}
+
+std::string_view csv_table::field(std::size_t record, std::size_t column) const {
+  std::string_view found(text_.data() + places_[record].begin);
+  for (std::size_t k = 0; k < column; ++k) found = found.data() + found.size() + 1;
+  return found;
+}
+
+template <class Text>
+void csv_table::append(int line, const std::vector<Text>& fields) {
+  columns_ = fields.size();
+  places_.push_back({text_.size(), line});
+  for (const Text& field : fields) {
+    text_ += field;
+    text_ += '\0';
+  }
+}
+
+void csv_table::add(int line, const std::vector<std::string>& fields) {
+  append(line, fields);
+}
+
+void csv_table::add(int line, const std::vector<std::string_view>& fields) {
+  append(line, fields);
+}
+
+void csv_table::reserve(std::size_t bytes, std::size_t records) {
+  text_.reserve(bytes);
+  places_.reserve(records);
+}
 
 csv_table read_csv(const std::string& file, findings& refused_rows, const file_access& text_of) {
   return read_table(file, refused_rows, text_of, false);

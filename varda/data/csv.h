@@ -17,15 +17,43 @@ namespace varda {
 // runs of blanks. Fields may stand in double quotes; blanks around a field do not count; LF, CR LF
 // and CR all end a line, a byte order mark is skipped, and empty lines and those that begin with #
 // are passed over.
-struct csv_table {
+//
+// The records stand in one text and are taken apart when they are asked for: a string for each
+// field would be many times the size of the file.
+class csv_table {
+ public:
   struct record {
     int line = 0;  // in the file, from 1
-    std::vector<std::string> fields;
+    // As many as the header has; they are the table's, and good until it is changed or moved.
+    std::vector<std::string_view> fields;
   };
   std::string file;
   int header_line = 0;              // 1 unless lines that are passed over stand before it
   std::vector<std::string> header;  // a column without a name is "", and there may be several
-  std::vector<record> records;      // each with as many fields as the header
+
+  std::size_t records() const { return places_.size(); }
+  std::size_t bytes() const { return text_.size(); }  // of all fields and what stands between them
+  // Records count from 0 in the order of the file.
+  record at(std::size_t record) const;
+  std::string_view field(std::size_t record, std::size_t column) const;
+
+  // Adds a record. No field holds a zero byte, and every record has the same number of them.
+  void add(int line, const std::vector<std::string>& fields);
+  void add(int line, const std::vector<std::string_view>& fields);
+  // Makes room for so many bytes of fields, a byte behind each of them, and so many records.
+  void reserve(std::size_t bytes, std::size_t records);
+
+ private:
+  struct place {
+    std::size_t begin;
+    int line;
+  };
+  template <class Text>
+  void append(int line, const std::vector<Text>& fields);
+
+  std::string text_;  // the fields, each with a zero byte behind it
+  std::vector<place> places_;
+  std::size_t columns_ = 0;  // of the records: the header may grow before they do
 };
 
 // Reads a file, or throws bad_input: no such file, not plain text, nothing in it, a column name

@@ -32,22 +32,21 @@ class file_reader {
     data_.file = source_.file;
     data_.covariate_names = source_.covariates;
     data_.covariate_varies.assign(source_.covariates.size(), false);
-    data_.records = static_cast<int>(table_.records.size());
-    std::span<const csv_table::record> rest = table_.records;
+    data_.records = static_cast<int>(table_.records());
     for (const auto& [column, role] : columns_.misspelt())
       odd_.say("W-DATA-COLUMN", fmt::format("the column {} has no meaning", column),
                "did you mean " + role + "? Rename it, or name it in data.columns",
                {.file = source_.file, .row = table_.header_line, .column = column});
     for (std::size_t k = 0; k < source_.covariates.size(); ++k)
       if (columns_.may_be_text(k)) find_levels(k);
-    while (!rest.empty()) {
-      const std::string id = record_view(columns_, rest.front()).id();
-      const auto end = std::find_if(rest.begin(), rest.end(), [&](const csv_table::record& r) {
-        return record_view(columns_, r).id() != id;
-      });
-      const auto count = static_cast<std::size_t>(end - rest.begin());
-      take(rest.first(count));
-      rest = rest.subspan(count);
+    const std::vector<std::size_t> ends = ends_of_subjects();
+    data_.subjects.reserve(ends.size());
+    std::vector<csv_table::record> own;
+    std::size_t next = 0;
+    for (const std::size_t end : ends) {
+      own.clear();
+      for (; next < end; ++next) own.push_back(table_.at(next));
+      take(own);
     }
     if (errors_.empty()) check_whole();
     return std::move(data_);
@@ -56,6 +55,20 @@ class file_reader {
   findings warnings() const { return odd_.warnings(); }
 
  private:
+  // For each stretch of records with the same identifier the position behind its last one.
+  std::vector<std::size_t> ends_of_subjects() const {
+    const auto column = static_cast<std::size_t>(columns_.position_of(role::id));
+    std::vector<std::size_t> ends;
+    std::string_view id;
+    for (std::size_t i = 0; i < table_.records(); ++i) {
+      const std::string_view here = table_.field(i, column);
+      if (i > 0 && here != id) ends.push_back(i);
+      id = here;
+    }
+    if (table_.records() > 0) ends.push_back(table_.records());
+    return ends;
+  }
+
   // Lists the levels of a covariate. Two that differ in case alone are probably one, and a formula
   // that names one that does not occur is always false.
   void find_levels(std::size_t k) {
@@ -64,8 +77,10 @@ class file_reader {
                         .row = table_.header_line,
                         .column = columns_.name_at(columns_.position_of_covariate(k))};
     std::set<std::string> seen;
-    for (const csv_table::record& r : table_.records)
-      if (!is_missing(r.fields[column]) && is_utf8(r.fields[column])) seen.insert(r.fields[column]);
+    for (std::size_t i = 0; i < table_.records(); ++i) {
+      const std::string_view text = table_.field(i, column);
+      if (!is_missing(text) && is_utf8(text)) seen.emplace(text);
+    }
     std::set<double> numbers;
     std::map<std::string, std::string> folded;
     for (const std::string& text : seen) {
@@ -149,7 +164,7 @@ class file_reader {
   refusals& errors_;
   oddities odd_;
   dataset data_;
-  std::map<std::string, int> last_rows_;  // subject -> its last row
+  std::map<std::string_view, int> last_rows_;  // subject, in the table -> its last row
 };
 
 template <class Count>

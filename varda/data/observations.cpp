@@ -17,7 +17,7 @@ namespace {
 
 // The position of the endpoint that DVID asks for, or -1. 1 and 1.0 are the same.
 int known_endpoint(const record_view& from) {
-  const std::string& given = from.text(role::dvid);
+  const std::string_view given = from.text(role::dvid);
   if (is_missing(given) || level_number(given) == 0.0) return 0;
   const data_source& model = from.model();
   for (std::size_t k = 0; k < model.endpoints.size(); ++k)

@@ -287,7 +287,7 @@ class rules {
     if (drop_) note(*drop_);
   }
 
-  // Whether the record stays.
+  // Whether the record stays; if so the computed columns are added to it, until the next call.
   bool take(csv_table::record& record) {
     row_.assign(columns_, {});
     for (const int column : used_)
@@ -300,10 +300,10 @@ class rules {
       const cell& value = row_[columns_ + k];
       if (value.what == kind::impossible) refuse(defined_[k], value, record);
     }
-    std::vector<std::string> fields;
+    computed_.clear();
     for (std::size_t k = 0; k < defined_.size(); ++k)
-      fields.push_back(field_of(row_[columns_ + k]));
-    record.fields.insert(record.fields.end(), fields.begin(), fields.end());
+      computed_.push_back(field_of(row_[columns_ + k]));
+    record.fields.insert(record.fields.end(), computed_.begin(), computed_.end());
     return true;
   }
 
@@ -344,6 +344,7 @@ class rules {
   std::optional<row_formula> drop_;
   std::vector<int> used_;
   std::vector<cell> row_;
+  std::vector<std::string> computed_;
 };
 
 }  // namespace
@@ -351,9 +352,18 @@ class rules {
 int apply_row_rules(const data_source& source, csv_table& table, refusals& errors) {
   if (source.define.empty() && source.keep.empty() && source.drop.empty()) return 0;
   rules all(source, table, errors);
-  const std::size_t before = table.records.size();
-  std::erase_if(table.records, [&](csv_table::record& record) { return !all.take(record); });
-  return static_cast<int>(before - table.records.size());
+  csv_table changed;
+  changed.file = table.file;
+  changed.header_line = table.header_line;
+  changed.header = table.header;
+  changed.reserve(table.bytes(), table.records());
+  for (std::size_t i = 0; i < table.records(); ++i) {
+    csv_table::record record = table.at(i);
+    if (all.take(record)) changed.add(record.line, record.fields);
+  }
+  const std::size_t left_out = table.records() - changed.records();
+  table = std::move(changed);
+  return static_cast<int>(left_out);
 }
 
 }  // namespace varda

@@ -106,6 +106,10 @@ subject subject_reader::read(const std::function<void(const finding&)>& refuse) 
   }
   if (std::isfinite(columns_.model().doses_until)) give_due(columns_.model().doses_until);
   made_.occasions = covariates_.occasions();
+  made_.doses.shrink_to_fit();
+  made_.observations.shrink_to_fit();
+  made_.segments.shrink_to_fit();
+  made_.timeline.shrink_to_fit();
   // A record that was refused may hold what the whole would lack.
   if (refused_) return std::move(made_);
   try {

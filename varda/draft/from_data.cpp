@@ -49,14 +49,15 @@ class data_columns {
     if (at < 0) return {};
     std::set<double> numbers;
     std::vector<std::string> texts;
-    for (const csv_table::record& r : table_.records) {
+    for (std::size_t i = 0; i < table_.records(); ++i) {
+      const csv_table::record r = table_.at(i);
       if (!is_observation(r)) continue;
-      const std::string& field = r.fields[static_cast<std::size_t>(at)];
+      const std::string_view field = r.fields[static_cast<std::size_t>(at)];
       if (is_missing(field)) continue;
       if (const auto value = to_number(field))
         numbers.insert(*value);
       else if (std::find(texts.begin(), texts.end(), field) == texts.end())
-        texts.push_back(field);
+        texts.emplace_back(field);
     }
     std::vector<std::string> all;
     for (const double value : numbers) all.push_back(fmt::format("{}", value));
@@ -88,7 +89,7 @@ class data_columns {
     for (const char* role : {"EVID", "MDV"}) {
       const int at = position_of(role);
       if (at < 0) continue;
-      const std::string& field = r.fields[static_cast<std::size_t>(at)];
+      const std::string_view field = r.fields[static_cast<std::size_t>(at)];
       if (!is_missing(field) && to_number(field).value_or(0.0) != 0.0) return false;
     }
     const int value = position_of("DV");

@@ -239,8 +239,8 @@ void run_folder::check_old(const std::string& task, const std::vector<std::strin
   }
 }
 
-void run_folder::add(const std::string& name, const std::string& content) {
-  added_.emplace_back(name, content);
+void run_folder::add(const std::string& name, std::string content) {
+  added_.emplace_back(name, std::move(content));
 }
 
 void run_folder::write_part(const manifest& about) {

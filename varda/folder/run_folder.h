@@ -47,7 +47,7 @@ class run_folder {
   void keep_state(const std::string& content);
 
   // Keeps a file for the exchange.
-  void add(const std::string& name, const std::string& content);
+  void add(const std::string& name, std::string content);
 
   // Puts what was added into the place of the run before; `about` with the list of it becomes the
   // manifest. Throws std::runtime_error, and then everything is as it was.

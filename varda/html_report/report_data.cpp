@@ -35,7 +35,7 @@ ordered_json drawn(const std::vector<double>& values) {
   return list;
 }
 
-ordered_json exact(const std::string& field) {
+ordered_json exact(std::string_view field) {
   const std::optional<double> value = to_number(field);
   return value && std::isfinite(*value) ? ordered_json(*value) : ordered_json();
 }
@@ -64,9 +64,9 @@ ordered_json results_of(const stored_fit& fit) {
 ordered_json iterations_of(const stored_fit& fit) {
   const csv_table table = table_of(fit, "iterations.csv");
   ordered_json rows = ordered_json::array();
-  for (const csv_table::record& r : table.records) {
+  for (std::size_t i = 0; i < table.records(); ++i) {
     ordered_json row = ordered_json::array();
-    for (const std::string& field : r.fields) row.push_back(exact(field));
+    for (const std::string_view field : table.at(i).fields) row.push_back(exact(field));
     rows.push_back(row);
   }
   return {{"names", table.header}, {"rows", rows}};
@@ -94,8 +94,8 @@ ordered_json rows_of(const stored_fit& fit, const population_model& model) {
   for (const char* name : {"subject", "time", "tad", "dv", "limit", "endpoint", "cens", "pred",
                            "ipred", "iwres", "npde"})
     rows[name] = ordered_json::array();
-  if (table.records.empty()) return rows;
-  if (static_cast<int>(table.records.size()) != model.data().observations())
+  if (table.records() == 0) return rows;
+  if (static_cast<int>(table.records()) != model.data().observations())
     throw bad_input({.code = "E-RUN-FOLDER",
                      .message = "rows.csv has another number of rows than the data",
                      .remedy = "fit again",
@@ -105,7 +105,7 @@ ordered_json rows_of(const stored_fit& fit, const population_model& model) {
     const subject& who = model.data().subjects[static_cast<std::size_t>(i)];
     for (std::size_t j = 0; j < who.observations.size(); ++j, ++next) {
       const observation& o = who.observations[j];
-      const std::vector<std::string>& fields = table.records[next].fields;
+      const std::vector<std::string_view> fields = table.at(next).fields;
       const std::optional<double> dosed = last_dose(who, j);
       rows["subject"].push_back(i);
       rows["time"].push_back(o.time);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "varda/support/memory.h"
 #include "varda/support/text.h"
 #include "varda/version.h"
 
@@ -60,16 +61,16 @@ void write_start(sink out, const dataset& data, const check_result& result) {
       out,
       "\nFirst evaluation, at the start values with all random effects 0\n{:<20} {:>12} {:>18}\n",
       "  subject", "observations", "-2 log density");
-  const std::vector<start_evaluation>& start = result.start;
+  const std::vector<std::optional<double>>& start = result.start_minus2_log_density;
   bool whole = true;
   for (std::size_t i = 0; i < start.size(); ++i) {
     const subject& who = data.subjects[i];
     fmt::format_to(out, "  {:<18} {:>12} ", who.id, who.observations.size());
-    if (start[i].failure)
-      fmt::format_to(out, "{:>18}\n", "failed");
+    if (start[i])
+      fmt::format_to(out, "{:>18.4f}\n", *start[i]);
     else
-      fmt::format_to(out, "{:>18.4f}\n", start[i].minus2_log_density);
-    whole = whole && !start[i].failure;
+      fmt::format_to(out, "{:>18}\n", "failed");
+    whole = whole && start[i].has_value();
   }
   if (whole)
     fmt::format_to(out, "  {:<18} {:>12} {:>18.4f}\n", "all", data.observations(),
@@ -88,7 +89,15 @@ std::string check_text(const check_result& result) {
     fmt::format_to(out, "\n");
     write_data(out, *result.model, *result.data);
   }
-  if (!result.start.empty()) write_start(out, *result.data, result);
+  if (!result.start_minus2_log_density.empty()) write_start(out, *result.data, result);
+  if (const std::optional<memory_forecast>& memory = result.memory)
+    fmt::format_to(
+        out, "\n{}\n",
+        wrapped(fmt::format("Memory: about {} a process for the fit ({} if it needs all "
+                            "points), {} more for the diagnostics",
+                            bytes_in_words(memory->fit), bytes_in_words(memory->fit_at_most),
+                            bytes_in_words(memory->diagnostics)),
+                2));
   if (!result.errors.empty() || !result.warnings.empty()) fmt::format_to(out, "\n");
   for (const finding& f : result.errors) fmt::format_to(out, "{}\n", to_lines(f));
   for (const finding& f : result.warnings) fmt::format_to(out, "{}\n", to_lines(f));

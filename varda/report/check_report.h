@@ -3,13 +3,14 @@
 // What `varda check` finds, and the two ways of telling it.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "varda/data/dataset.h"
 #include "varda/model/specification.h"
-#include "varda/model/start_evaluation.h"
+#include "varda/run/memory_needs.h"
 #include "varda/support/finding.h"
 
 namespace varda {
@@ -19,9 +20,11 @@ struct check_result {
   findings errors;  // an input is sound when there are none
   findings warnings;
   std::optional<model_specification> model;  // where the model file can be read
-  std::optional<dataset> data;               // where the data set can be used
-  std::vector<start_evaluation> start;       // of every subject, where there is a model to evaluate
-  double minus2_log_density = 0.0;           // of all of them, where none failed
+  std::shared_ptr<const dataset> data;       // where the data set can be used
+  // Of every subject, where there is a model to evaluate; nothing where that failed.
+  std::vector<std::optional<double>> start_minus2_log_density;
+  double minus2_log_density = 0.0;        // of all of them, where none failed
+  std::optional<memory_forecast> memory;  // where a fit could begin
 };
 
 // For people: the data in figures, the first evaluation, what is wrong, the verdict.

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <fmt/format.h>
+
 #include <cmath>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -169,33 +171,56 @@ ordered_json residual(const population_model& model, const fit_result& result) {
   return list;
 }
 
-ordered_json subjects(const population_model& model, const fit_result& result) {
-  ordered_json list = ordered_json::array();
-  for (int i = 0; i < model.subjects(); ++i) {
-    const auto at = static_cast<std::size_t>(i);
-    const subject_integral& s = result.likelihood.subjects[at];
-    ordered_json entry;
-    entry["id"] = model.data().subjects[at].id;
-    entry["observations"] = model.observations(i);
-    entry["minus2ll_without_constant"] = result.objective.subjects[at];
-    if (result.likelihood.by_subject.size() > 0)
-      entry["minus2ll_replicates"] =
-          to_json(Eigen::VectorXd(-2.0 * result.likelihood.by_subject.col(i)));
-    entry["eta_mean"] = to_json(s.mean);
-    entry["eta_cov"] = to_json(s.covariance);
-    entry["ess"] = s.effective_samples;
-    entry["largest_weight"] = s.largest_weight;
-    if (!result.health.empty()) {
-      const subject_health& h = result.health[at];
-      entry["pareto_k"] = h.shape;  // null where it is not finite
-      entry["failed"] = h.failed;
-      entry["badly_sampled"] = h.sick;
+std::string text_of(const ordered_json& value) {
+  return value.dump(2, ' ', false, ordered_json::error_handler_t::replace);
+}
+
+// The text of a report of which the value of `key`, an array with an entry for each of `count`
+// subjects, is put in one by one: as values they take several times the memory of their text.
+template <class Entry>
+std::string text_with_list(ordered_json& report, const char* key, std::size_t count, Entry entry) {
+  report[key] = ordered_json::array();
+  const std::string frame = text_of(report) + "\n";
+  if (count == 0) return frame;
+  // Keys of the report itself, and no others, stand behind two blanks.
+  const std::string before = fmt::format("\n  \"{}\": [", key);
+  const std::size_t place = frame.find(before + "]") + before.size();
+  std::string text = frame.substr(0, place);
+  for (std::size_t i = 0; i < count; ++i) {
+    text += i == 0 ? "\n    " : ",\n    ";
+    // A line break is one of the layout: those of a text are escaped.
+    for (const char c : text_of(entry(i))) {
+      text += c;
+      if (c == '\n') text += "    ";
     }
-    if (result.quadrature.complete)
-      entry["agq_minus2ll_without_constant"] = result.objective.subjects_by_quadrature[at];
-    list.push_back(entry);
+    if (i == 0) text.reserve(count * (text.size() - place) + frame.size());
   }
-  return list;
+  return text + "\n  " + frame.substr(place);
+}
+
+ordered_json subject_report(const population_model& model, const fit_result& result, int i) {
+  const auto at = static_cast<std::size_t>(i);
+  const subject_integral& s = result.likelihood.subjects[at];
+  ordered_json entry;
+  entry["id"] = model.data().subjects[at].id;
+  entry["observations"] = model.observations(i);
+  entry["minus2ll_without_constant"] = result.objective.subjects[at];
+  if (result.likelihood.by_subject.size() > 0)
+    entry["minus2ll_replicates"] =
+        to_json(Eigen::VectorXd(-2.0 * result.likelihood.by_subject.col(i)));
+  entry["eta_mean"] = to_json(s.mean);
+  entry["eta_cov"] = to_json(s.covariance);
+  entry["ess"] = s.effective_samples;
+  entry["largest_weight"] = s.largest_weight;
+  if (!result.health.empty()) {
+    const subject_health& h = result.health[at];
+    entry["pareto_k"] = h.shape;  // null where it is not finite
+    entry["failed"] = h.failed;
+    entry["badly_sampled"] = h.sick;
+  }
+  if (result.quadrature.complete)
+    entry["agq_minus2ll_without_constant"] = result.objective.subjects_by_quadrature[at];
+  return entry;
 }
 
 ordered_json starts(const population_model& model, const fit_result& result) {
@@ -289,17 +314,12 @@ ordered_json data_summary(const model_specification& model, const dataset& data)
           {"covariates", covariates}};
 }
 
-ordered_json start_report(const check_result& result) {
-  ordered_json list = ordered_json::array();
-  for (std::size_t i = 0; i < result.start.size(); ++i) {
-    const start_evaluation& s = result.start[i];
-    const subject& who = result.data->subjects[i];
-    list.push_back(
-        {{"id", who.id},
-         {"observations", who.observations.size()},
-         {"minus2_log_density", s.failure ? ordered_json() : ordered_json(s.minus2_log_density)}});
-  }
-  return list;
+ordered_json start_report(const check_result& result, std::size_t i) {
+  const std::optional<double>& found = result.start_minus2_log_density[i];
+  const subject& who = result.data->subjects[i];
+  return {{"id", who.id},
+          {"observations", who.observations.size()},
+          {"minus2_log_density", found ? ordered_json(*found) : ordered_json()}};
 }
 
 }  // namespace
@@ -346,12 +366,14 @@ std::string json_report(const population_model& model, const fit_result& result)
   report["residual"] = residual(model, result);
   if (result.what == task::fit) report["standard_errors"] = standard_errors_report(result);
   report["kept_proposals"] = result.kept_factors;
-  report["subjects"] = known ? subjects(model, result) : ordered_json::array();
+  report["subjects"] = nullptr;  // holds its place
   if (!result.starts.empty()) report["starts"] = starts(model, result);
   report["warnings"] = to_json(result.warnings);
   report["settings"] = settings(model);
   report["versions"] = {{"varda", version}, {"commit", commit()}};
-  return report.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
+  return text_with_list(
+      report, "subjects", known ? static_cast<std::size_t>(model.subjects()) : 0,
+      [&](std::size_t i) { return subject_report(model, result, static_cast<int>(i)); });
 }
 
 std::string run_json(const fit_result& result, const std::vector<std::string>& command) {
@@ -372,7 +394,7 @@ std::string run_json(const fit_result& result, const std::vector<std::string>& c
                        {"standard_errors", result.times.standard_errors},
                        {"diagnostics", result.times.diagnostics},
                        {"total", result.times.total}};
-  return report.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
+  return text_of(report) + "\n";
 }
 
 std::string check_json(const check_result& result) {
@@ -385,9 +407,14 @@ std::string check_json(const check_result& result) {
   report["errors"] = to_json(result.errors);
   report["warnings"] = to_json(result.warnings);
   report["data"] = result.data ? data_summary(*result.model, *result.data) : ordered_json();
-  report["start"] = start_report(result);
+  report["start"] = nullptr;  // holds its place
+  report["memory"] = result.memory ? ordered_json({{"fit", result.memory->fit},
+                                                   {"fit_at_most", result.memory->fit_at_most},
+                                                   {"diagnostics", result.memory->diagnostics}})
+                                   : ordered_json();
   report["versions"] = {{"varda", version}, {"compiler", compiler}};
-  return report.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
+  return text_with_list(report, "start", result.start_minus2_log_density.size(),
+                        [&](std::size_t i) { return start_report(result, i); });
 }
 
 }  // namespace varda

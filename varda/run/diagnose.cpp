@@ -1,8 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "varda/run/diagnose.h"
 
+#include <utility>
+#include <vector>
+
 #include "varda/diagnostics/natural_scale.h"
 #include "varda/diagnostics/npde.h"
+#include "varda/run/memory_needs.h"
 #include "varda/support/stop.h"
 
 namespace varda {
@@ -31,19 +35,27 @@ bool diagnose(const population_model& model, const job& peers, const progress_li
   result.sampler = sampler_health_of(model, result.likelihood, result.health);
   if (must_stop(peers)) return false;
   if (!result.likelihood.complete) return true;
-  result.predictions.resize(static_cast<std::size_t>(model.subjects()));
-  peers.threads().for_each(model.subjects(), [&](int i, int) {
-    const auto at = static_cast<std::size_t>(i);
-    result.predictions[at] =
-        predictions_of(model, i, result.theta, result.likelihood.subjects[at].mean);
-  });
-  if (must_stop(peers)) {
-    result.predictions.clear();
-    return false;
-  }
-  std::vector<Eigen::VectorXd> errors = npde(model, result.theta, result.omega, peers, progress);
+  const bool predicted =
+      within_memory(peers, "the predictions and residuals are", bytes_of_predictions(model),
+                    result.warnings, [&] {
+                      result.predictions.resize(static_cast<std::size_t>(model.subjects()));
+                      peers.threads().for_each(model.subjects(), [&](int i, int) {
+                        const auto at = static_cast<std::size_t>(i);
+                        result.predictions[at] = predictions_of(
+                            model, i, result.theta, result.likelihood.subjects[at].mean);
+                      });
+                    });
+  const bool stopped = must_stop(peers);
+  if (stopped || !predicted) result.predictions = {};
+  if (stopped) return false;
+  // They are shown beside the predictions.
+  if (!predicted) return true;
+  std::vector<Eigen::VectorXd> errors;
+  const bool simulated = within_memory(
+      peers, "the NPDE are", bytes_of_npde(model, peers.threads().size()), result.warnings,
+      [&] { errors = npde(model, result.theta, result.omega, peers, progress); });
   if (must_stop(peers)) return false;
-  result.npde = std::move(errors);
+  if (simulated) result.npde = std::move(errors);
   return true;
 }
 

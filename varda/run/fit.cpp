@@ -7,6 +7,7 @@
 #include <bit>
 #include <chrono>
 #include <cmath>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <string>
@@ -19,6 +20,7 @@
 #include "varda/method/em/map_np_steps.h"
 #include "varda/method/newton/report.h"
 #include "varda/run/diagnose.h"
+#include "varda/run/memory_needs.h"
 
 namespace varda {
 
@@ -381,12 +383,29 @@ bool integrate_besides(engine_host& host, const progress_listener& progress, fit
   const estimation_settings& settings = host.model().specification().estimation;
   if (settings.likelihood != likelihood_kind::agq || !result.likelihood.complete)
     return !engine_host::agree_on_stop();
-  quadrature_estimate found = integrate_by_quadrature(host, settings.agq_nodes, progress);
+  quadrature_estimate found;
+  const bool integrated = within_memory(
+      host.peers(), "the quadrature is", bytes_of_quadrature(host.model()), result.warnings,
+      [&] { found = integrate_by_quadrature(host, settings.agq_nodes, progress); });
   if (engine_host::agree_on_stop()) return false;
+  if (!integrated) return true;
   result.quadrature = std::move(found);
   if (!result.quadrature.placed_by_omega.empty())
     result.warnings.push_back(odd_curvatures(host.model(), result.quadrature.placed_by_omega));
   return true;
+}
+
+constexpr const char* likelihood_left_out = "the likelihood was left out for want of memory";
+
+// Another draw for the likelihood, after one with `before` points a subject or none. Collective.
+bool draw_within_memory(const engine_host& host, int samples, int before, findings& warnings,
+                        const std::function<void()>& draw) {
+  const job& peers = host.peers();
+  const char* const what = before == 0 ? "the likelihood and what follows from it are"
+                                       : "more points for the likelihood are";
+  return within_memory(
+      peers, what, bytes_of_likelihood(host.model(), peers.size(), peers.threads().size(), samples),
+      warnings, draw);
 }
 
 std::unique_ptr<estimation_method> method_of(engine_host& host) {
@@ -552,9 +571,18 @@ class fit_run {
         report_points_after(s_.report_samples, s_.report.likelihood, model_, task::fit);
     announce(run_stage::likelihood,
              fmt::format("{} x {} points per subject", settings_.replicates, samples));
-    run_state next = s_.verdict;
-    newton_report found = report_at(host_, judge_, next, settings_.replicates, samples);
+    run_state next;
+    newton_report found;
+    const bool drawn = draw_within_memory(host_, samples, s_.report_samples, left_out_, [&] {
+      next = s_.verdict;
+      found = report_at(host_, judge_, next, settings_.replicates, samples);
+    });
     if (engine_host::agree_on_stop()) return false;
+    if (!drawn) {
+      conclude();
+      reached(&timings::likelihood);
+      return true;
+    }
     s_.verdict = std::move(next);
     s_.report = std::move(found);
     s_.report_samples = samples;
@@ -595,7 +623,12 @@ class fit_run {
   // The verdict on the fit in work, and what comes after it.
   void conclude() {
     fit_result tried = result_so_far();
-    judge(model_, s_.report, tried);
+    tried.warnings.insert(tried.warnings.end(), left_out_.begin(), left_out_.end());
+    left_out_.clear();
+    if (s_.report_samples > 0)
+      judge(model_, s_.report, tried);
+    else
+      refuse(likelihood_left_out, tried);
     take_place(std::move(tried));
     ++s_.number;
     s_.method = {};
@@ -659,6 +692,7 @@ class fit_run {
   newton_method judge_;
   fit_state& s_;
   stopwatch watch_;
+  findings left_out_;  // of the fit in work, for want of memory
 };
 
 // Of a fit that nobody will take up.
@@ -703,13 +737,17 @@ fit_result evaluate(engine_host& host, const progress_listener& progress) {
     if (next == 0) break;
     progress({.stage = run_stage::likelihood,
               .note = fmt::format("{} x {} points per subject", replicates, next)});
-    newton_report found = report_at(host, method, state, replicates, next);
+    newton_report found;
+    const bool drawn = draw_within_memory(host, next, samples, result.warnings, [&] {
+      found = report_at(host, method, state, replicates, next);
+    });
     going = !engine_host::agree_on_stop();
-    if (!going) break;
+    if (!going || !drawn) break;
     report = std::move(found);
     samples = next;
   }
   result.times.likelihood = watch.lap();
+  if (going && samples == 0) result.reason = likelihood_left_out;
   if (samples > 0) {
     take_likelihood(model, report, samples, result);
     judge_evaluation(model, report, result);

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "varda/support/digest.h"
 
-#include <array>
+#include <algorithm>
 #include <bit>
-#include <cstdint>
 
 namespace varda {
 
@@ -57,28 +56,47 @@ void take_block(const unsigned char* bytes, std::array<word, 8>& hash) {
 
 }  // namespace
 
-std::string sha256(std::string_view bytes) {
-  std::array<word, 8> hash = {0x6a09e667, 0xbb67ae85, 0x3c6ef372, 0xa54ff53a,
-                              0x510e527f, 0x9b05688c, 0x1f83d9ab, 0x5be0cd19};
+void sha256_of_pieces::add(std::string_view bytes) {
   const auto* at = reinterpret_cast<const unsigned char*>(bytes.data());
   std::size_t left = bytes.size();
-  for (; left >= block; left -= block, at += block) take_block(at, hash);
+  bytes_ += left;
+  if (waits_ > 0) {
+    const std::size_t taken = std::min(left, block - waits_);
+    std::copy_n(at, taken, waiting_.begin() + static_cast<std::ptrdiff_t>(waits_));
+    waits_ += taken;
+    at += taken;
+    left -= taken;
+    if (waits_ < block) return;
+    take_block(waiting_.data(), hash_);
+    waits_ = 0;
+  }
+  for (; left >= block; left -= block, at += block) take_block(at, hash_);
+  std::copy_n(at, left, waiting_.begin());
+  waits_ = left;
+}
 
-  std::array<unsigned char, 2 * block> last{};
-  for (std::size_t k = 0; k < left; ++k) last[k] = at[k];
-  last[left] = 0x80;
-  const std::size_t end = left + 9 <= block ? block : 2 * block;
-  std::uint64_t bits = std::uint64_t{bytes.size()} * 8;
+std::string sha256_of_pieces::digest() {
+  std::fill(waiting_.begin() + static_cast<std::ptrdiff_t>(waits_), waiting_.end(),
+            static_cast<unsigned char>(0));
+  waiting_[waits_] = 0x80;
+  const std::size_t end = waits_ + 9 <= block ? block : 2 * block;
+  std::uint64_t bits = bytes_ * 8;
   for (std::size_t k = 1; k <= 8; ++k, bits >>= 8U)
-    last[end - k] = static_cast<unsigned char>(bits & 0xffU);
-  take_block(last.data(), hash);
-  if (end > block) take_block(last.data() + block, hash);
+    waiting_[end - k] = static_cast<unsigned char>(bits & 0xffU);
+  take_block(waiting_.data(), hash_);
+  if (end > block) take_block(waiting_.data() + block, hash_);
 
   std::string text;
-  for (const word w : hash)
+  for (const word w : hash_)
     for (unsigned shift = 32; shift > 0; shift -= 4)
       text += "0123456789abcdef"[w >> (shift - 4) & 0xfU];
   return text;
+}
+
+std::string sha256(std::string_view bytes) {
+  sha256_of_pieces all;
+  all.add(bytes);
+  return all.digest();
 }
 
 }  // namespace varda

@@ -3,7 +3,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <vector>
 
 namespace varda {
@@ -15,18 +14,16 @@ std::optional<std::string> read_from_disk(const std::string& path) {
   const bool pipe = std::filesystem::is_fifo(path, unknown);
   if (!pipe && !std::filesystem::is_regular_file(path, unknown)) return std::nullopt;
   std::ifstream in(path, std::ios::binary);
-  if (!pipe) {
-    std::ostringstream content;
-    content << in.rdbuf();
-    if (!in) return std::nullopt;
-    return content.str();
-  }
+  if (!in) return std::nullopt;
   std::string content;
+  if (const auto size = std::filesystem::file_size(path, unknown); !pipe && !unknown)
+    content.reserve(static_cast<std::size_t>(size));
   std::vector<char> piece(std::size_t{1} << 16U);
   while (in.read(piece.data(), static_cast<std::streamsize>(piece.size())) || in.gcount() > 0) {
     content.append(piece.data(), static_cast<std::size_t>(in.gcount()));
-    if (content.size() > most_of_a_pipe) return std::nullopt;
+    if (pipe && content.size() > most_of_a_pipe) return std::nullopt;
   }
+  if (in.bad()) return std::nullopt;
   return content;
 }
 

@@ -3,6 +3,7 @@
 
 #include <Eigen/Cholesky>
 #include <cmath>
+#include <cstddef>
 #include <vector>
 
 #include "varda/host/draws.h"
@@ -16,6 +17,11 @@ inline constexpr int verdict_samples = 256;
 inline constexpr int trial_samples = 1024;
 inline constexpr int most_samples_of_a_draw = 4096;
 inline constexpr int groups_of_a_draw = 4;
+
+// What the samples of a draw may take in a process where an evaluation is dear, and where it is
+// not, in bytes.
+inline constexpr std::size_t memory_of_dear_draws = 1024UL << 20;
+inline constexpr std::size_t memory_of_cheap_draws = 128UL << 20;
 
 // Of the information with unit diagonal.
 inline constexpr double least_eigenvalue = 1e-3;

@@ -35,10 +35,6 @@ constexpr double noise_limit = 0.005;
 constexpr double last_step_ratio = 1.5;
 constexpr double last_step_slack = 0.001;
 
-// What the samples of a draw may take in a process where an evaluation is dear, and where it is
-// not.
-constexpr std::size_t memory_of_dear_draws = 1024UL << 20;
-constexpr std::size_t memory_of_cheap_draws = 128UL << 20;
 // Of a measurement, put together by the processes in one go.
 constexpr Eigen::Index most_figures = 1 << 20;
 
@@ -412,13 +408,13 @@ Eigen::VectorXd newton_method::limited(const Eigen::VectorXd& step,
 
 newton_method::ascent newton_method::climb(const whole_draw& drawn, const Eigen::VectorXd& psi,
                                            const draw_measure& here, int most_steps) const {
-  ascent result{psi, 0.0, here};
+  ascent result{psi, 0.0, std::nullopt};
   double damping = 0.0;
   double last_gain = here.gain;
   for (int s = 0; s < most_steps; ++s) {
     // With many subjects a climb takes long.
     if (engine_host::agree_on_stop()) break;
-    const draw_measure& at = result.last;
+    const draw_measure& at = result.end(here);
     if (at.gain < at.noise) break;
     if (s > 0 && at.gain < 10.0 * at.noise && at.gain > 0.7 * last_gain) break;
     if (!at.definite && at.gain < 10.0 && s >= steps_without_definiteness) break;
@@ -437,7 +433,10 @@ newton_method::ascent newton_method::climb(const whole_draw& drawn, const Eigen:
           ++starved;
       const bool sound = next.finite && next.log_likelihood > at.log_likelihood &&
                          starved <= most_starved * host_.model().subjects();
-      if (sound && attempt > 0) next = measure(drawn, to, detail::derivatives);
+      if (sound && attempt > 0) {
+        next = {};  // one of many subjects takes much memory
+        next = measure(drawn, to, detail::derivatives);
+      }
       if (!sound || !next.finite) {
         damping = damping == 0.0 ? 0.5 : 4.0 * damping + 1.0;
         continue;
@@ -584,7 +583,7 @@ bool newton_method::advance(run_state& state) const {
     const ascent last = climb(drawn, psi, here, 1);
     if (engine_host::stopped()) return stopped();
     if (last.gained <= last_step_ratio * here.gain + last_step_slack && take_force(state, last.psi))
-      follow(last.last, n);
+      follow(last.end(here), n);
     n.arrived = true;
     state.ended = true;
   } else {
@@ -595,7 +594,7 @@ bool newton_method::advance(run_state& state) const {
       state.ended = true;
       return true;
     }
-    follow(up.last, n);
+    follow(up.end(here), n);
     const bool noise_is_left = here.gain <= std::max(noise_limit, 3.0 * here.noise);
     if ((noise_is_left || up.gained < 0.5) && (here.noise > noise_limit || !enough)) {
       const int middle = points_factor_ * trial_samples;

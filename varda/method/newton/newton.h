@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <optional>
+
 #include "varda/inference/standard_errors.h"
 #include "varda/method/newton/measure.h"
 #include "varda/method/newton/startup.h"
@@ -112,8 +114,9 @@ class newton_method final : public estimation_method {
  private:
   struct ascent {
     Eigen::VectorXd psi;
-    double gained = 0.0;  // in -2 log-likelihood
-    draw_measure last;
+    double gained = 0.0;               // in -2 log-likelihood
+    std::optional<draw_measure> last;  // at psi; nothing where no step was taken
+    const draw_measure& end(const draw_measure& here) const { return last ? *last : here; }
   };
   bool advance(run_state& state) const;
   bool start(run_state& state) const;

@@ -126,7 +126,16 @@ std::vector<pooled_fit> pooled_fits(const engine_host& host, const participants&
   const population_model& model = host.model();
   const auto rungs = static_cast<Eigen::Index>(factors.size());
   const auto count = static_cast<Eigen::Index>(thetas.size());
-  Eigen::MatrixXd by_subject = Eigen::MatrixXd::Zero(rungs * count, model.subjects());
+  // A column for each participant: among many subjects they are few.
+  std::vector<std::ptrdiff_t> sizes(among.included.size(), 0);
+  std::vector<Eigen::Index> columns(among.included.size(), -1);
+  Eigen::Index participating = 0;
+  for (std::size_t i = 0; i < sizes.size(); ++i)
+    if (among.included[i] != 0) {
+      sizes[i] = rungs * count;
+      columns[i] = participating++;
+    }
+  Eigen::MatrixXd by_subject = Eigen::MatrixXd::Zero(rungs * count, participating);
   // Thetas that differ in nothing but the means of phi are individuals of one block.
   const Eigen::Index at_once = differ_in_means_alone(model, thetas) ? count : 1;
   for_each_subject(host, among.own, static_cast<int>(count), [&](int i, int worker) {
@@ -147,15 +156,20 @@ std::vector<pooled_fit> pooled_fits(const engine_host& host, const participants&
             scaled(static_cast<Eigen::Index>(k)) *= factors[static_cast<std::size_t>(r)];
         host.joint().of_data(i, scaled.data(), f, objective, squares);
         for (Eigen::Index c = 0; c < at_once; ++c)
-          by_subject(rungs * (first + c) + r, i) =
+          by_subject(rungs * (first + c) + r, columns[static_cast<std::size_t>(i)]) =
               std::isfinite(objective(c)) ? objective(c) : 1e100;
       }
     }
   });
-  host.peers().gather(by_subject.data(), by_subject.rows(), by_subject.cols());
+  host.peers().gather(by_subject.data(), sizes);
   std::vector<pooled_fit> result;
+  // Summed with a column for every subject, which settles the order of the sum.
+  Eigen::MatrixXd own = Eigen::MatrixXd::Zero(rungs, model.subjects());
   for (Eigen::Index c = 0; c < count; ++c) {
-    const Eigen::MatrixXd own = by_subject.middleRows(rungs * c, rungs);
+    for (std::size_t i = 0; i < columns.size(); ++i)
+      if (columns[i] >= 0)
+        own.col(static_cast<Eigen::Index>(i)) =
+            by_subject.col(columns[i]).segment(rungs * c, rungs);
     const Eigen::VectorXd total = own.rowwise().sum();
     Eigen::Index best = 0;
     const double value = total.minCoeff(&best);
@@ -299,6 +313,7 @@ void share(const engine_host& host, const participants& among,
   }
   host.peers().gather(packed.data(), packed.rows(), packed.cols());
   for (int i = 0; i < host.model().subjects(); ++i) {
+    if (!among.includes(i)) continue;
     normal_posterior& m = modes[static_cast<std::size_t>(i)];
     m.phi = packed.col(i).head(effects);
     m.covariance = packed.col(i).segment(effects, effects * effects).reshaped(effects, effects);
