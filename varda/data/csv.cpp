@@ -193,8 +193,8 @@ csv_table read_table(const std::string& file, findings& refused_rows, const file
 
 }  // namespace
 
-csv_table::record csv_table::at(std::size_t record) const {
-  const place& own = places_[record];
+csv_table::record csv_table::at(std::size_t index) const {
+  const place& own = places_[index];
   csv_table::record result{own.line, {}};
   result.fields.reserve(columns_);
   const char* from = text_.data() + own.begin;
@@ -205,8 +205,8 @@ csv_table::record csv_table::at(std::size_t record) const {
   return result;
 }
 
-std::string_view csv_table::field(std::size_t record, std::size_t column) const {
-  std::string_view found(text_.data() + places_[record].begin);
+std::string_view csv_table::field(std::size_t index, std::size_t column) const {
+  std::string_view found(text_.data() + places_[index].begin);
   for (std::size_t k = 0; k < column; ++k) found = found.data() + found.size() + 1;
   return found;
 }

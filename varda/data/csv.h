@@ -34,8 +34,8 @@ class csv_table {
   std::size_t records() const { return places_.size(); }
   std::size_t bytes() const { return text_.size(); }  // of all fields and what stands between them
   // Records count from 0 in the order of the file.
-  record at(std::size_t record) const;
-  std::string_view field(std::size_t record, std::size_t column) const;
+  record at(std::size_t index) const;
+  std::string_view field(std::size_t index, std::size_t column) const;
 
   // Adds a record. No field holds a zero byte, and every record has the same number of them.
   void add(int line, const std::vector<std::string>& fields);
