@@ -6,7 +6,8 @@
 #include <numbers>
 #include <numeric>
 
-#include "statsubs/estep/proposals.h"
+#include "statsubs/estep/normal_quantiles.h"
+#include "varda/model/lanes/kernel.h"
 
 namespace varda {
 
@@ -14,14 +15,30 @@ namespace {
 
 constexpr int most_at_once = 1024;
 
-// log of share x density of a component at every sample.
+// log of share x density of a component at every sample, by forward substitution for all of them.
 Eigen::ArrayXd log_density(const draw_component& of, double share,
                            const Eigen::Ref<const Eigen::MatrixXd>& phi) {
-  const Eigen::MatrixXd z =
-      of.factor.triangularView<Eigen::Lower>().solve(phi.colwise() - of.centre);
+  const Eigen::Index effects = phi.rows();
   const double constant = std::log(share) - of.factor.diagonal().array().log().sum() -
-                          0.5 * static_cast<double>(phi.rows()) * std::log(2.0 * std::numbers::pi);
-  return constant - 0.5 * z.colwise().squaredNorm().transpose().array();
+                          0.5 * static_cast<double>(effects) * std::log(2.0 * std::numbers::pi);
+  Eigen::MatrixXd z(phi.cols(), effects);
+  Eigen::ArrayXd result = Eigen::ArrayXd::Constant(phi.cols(), constant);
+  for (Eigen::Index a = 0; a < effects; ++a) {
+    z.col(a) = phi.row(a).transpose().array() - of.centre(a);
+    for (Eigen::Index b = 0; b < a; ++b)
+      if (of.factor(a, b) != 0.0) z.col(a) -= of.factor(a, b) * z.col(b);
+    z.col(a) /= of.factor(a, a);
+    result -= 0.5 * z.col(a).array().square();
+  }
+  return result;
+}
+
+// log(exp(a) + exp(b)) in place of a.
+void add_to_logarithm(Eigen::ArrayXd& a, const Eigen::ArrayXd& b) {
+  Eigen::ArrayXd ratio = -(a - b).abs();
+  best_lane_kernel().exponentials(ratio.data(), ratio.data(),
+                                  static_cast<std::size_t>(ratio.size()));
+  a = a.max(b) + (1.0 + ratio).log();
 }
 
 // How many samples of a group come from each component.
@@ -67,13 +84,10 @@ void subject_drawer::draw_group(int subject, const Eigen::VectorXd& theta,
                                 int group, subject_draw& drawn) {
   const population_model& model = joint_.model();
   const int effects = model.random_effects();
-  Eigen::VectorXd mu(effects);
-  model.means(subject, theta.data(), mu.data());
   const std::vector<int> counts = split(from, plan.group_size);
   const int size = std::accumulate(counts.begin(), counts.end(), 0);
   const int first = group * size;
   int at = first;
-  Eigen::VectorXd eta(effects);
   for (std::size_t c = 0; c < from.size(); ++c) {
     const int count = counts[c];
     const int address = (plan.pass.index * plan.groups_of_pass + plan.first_group + group) *
@@ -81,19 +95,19 @@ void subject_drawer::draw_group(int subject, const Eigen::VectorXd& theta,
                         static_cast<int>(c);
     normals_.resize(effects, count);
     points_.fill({plan.pass.why, address}, subject, count, normals_.data());
-    for (double& u : normals_.reshaped()) u = statsubs::dnorminv(u);
-    const Eigen::VectorXd centre = from[c].centre - mu;
-    for (int j = 0; j < count; ++j) {
-      statsubs::simmn(effects, centre.data(), from[c].factor.data(), effects,
-                      normals_.col(j).data(), eta.data());
-      drawn.phi.col(at + j) = eta + mu;
-    }
-    // A block's predictions stay in the cache until they are put in their place.
+    statsubs::normal_quantiles({normals_.data(), effects, count});
+    const Eigen::MatrixXd& factor = from[c].factor;
+    for (int j = 0; j < count; ++j)
+      for (int a = 0; a < effects; ++a) {
+        double value = from[c].centre(a);
+        for (int b = 0; b <= a; ++b) value += factor(a, b) * normals_(b, j);
+        drawn.phi(a, at + j) = value;
+      }
+    // A block's intermediate values stay in the cache.
     for (int done = 0; done < count; done += most_at_once) {
       const int now = std::min(most_at_once, count - done);
-      joint_.predict(subject, theta.data(), drawn.phi.middleCols(at + done, now), predictions_,
-                     scratch_);
-      drawn.predictions.middleRows(at + done, now) = predictions_;
+      joint_.predict(subject, theta.data(), drawn.phi.middleCols(at + done, now),
+                     drawn.predictions.middleRows(at + done, now), scratch_);
     }
     evaluations_ += count;
     at += count;
@@ -101,11 +115,8 @@ void subject_drawer::draw_group(int subject, const Eigen::VectorXd& theta,
   const auto phi = drawn.phi.middleCols(first, size);
   const auto share = [&](std::size_t c) { return static_cast<double>(counts[c]) / size; };
   Eigen::ArrayXd mixture = log_density(from.front(), share(0), phi);
-  for (std::size_t c = 1; c < from.size(); ++c) {
-    const Eigen::ArrayXd next = log_density(from[c], share(c), phi);
-    const Eigen::ArrayXd larger = mixture.max(next);
-    mixture = larger + ((mixture - larger).exp() + (next - larger).exp()).log();
-  }
+  for (std::size_t c = 1; c < from.size(); ++c)
+    add_to_logarithm(mixture, log_density(from[c], share(c), phi));
   drawn.log_proposal.segment(first, size) = mixture;
 }
 

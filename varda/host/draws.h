@@ -9,6 +9,8 @@
 #include <Eigen/Core>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <utility>
 #include <vector>
 
 #include "varda/host/points.h"
@@ -27,6 +29,14 @@ struct draw_component {
     archive(share, centre, factor);
   }
 };
+
+// What a subject's samples are drawn from. Copies share it: the states of a fit of many subjects
+// differ in little.
+using draw_mixture = std::shared_ptr<const std::vector<draw_component>>;
+
+inline draw_mixture mixture_of(std::vector<draw_component> components) {
+  return std::make_shared<const std::vector<draw_component>>(std::move(components));
+}
 
 struct subject_draw {
   Eigen::MatrixXd phi;           // random effects x samples
@@ -86,7 +96,7 @@ class subject_drawer {
   const density& joint_;
   const point_source& points_;
   density_workspace scratch_;
-  Eigen::MatrixXd normals_, predictions_;
+  Eigen::MatrixXd normals_;
   std::int64_t evaluations_ = 0;
 };
 

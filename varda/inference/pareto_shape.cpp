@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <functional>
+#include <iterator>
 #include <limits>
 #include <vector>
 
@@ -57,14 +58,35 @@ double fitted_shape(const std::vector<double>& x) {
   return mean_logarithm(x, mean / sum);
 }
 
+// At least the `count` largest values and not many more: those from a threshold on that the values
+// of a small sample suggest.
+std::vector<double> largest(const Eigen::VectorXd& values, std::size_t count) {
+  constexpr Eigen::Index apart = 16;
+  constexpr std::size_t least_worth_it = 512;
+  const double* const end = values.data() + values.size();
+  std::vector<double> result;
+  if (static_cast<std::size_t>(values.size()) >= least_worth_it) {
+    std::vector<double> some;
+    for (Eigen::Index j = 0; j < values.size(); j += apart) some.push_back(values(j));
+    const auto place = static_cast<std::ptrdiff_t>(
+        1.5 * static_cast<double>(count) / static_cast<double>(apart) + 2.0);
+    std::nth_element(some.begin(), some.begin() + place, some.end(), std::greater<>());
+    const double threshold = some[static_cast<std::size_t>(place)];
+    std::copy_if(values.data(), end, std::back_inserter(result),
+                 [&](double x) { return x >= threshold; });
+  }
+  if (result.size() < count) result.assign(values.data(), end);
+  return result;
+}
+
 }  // namespace
 
 double pareto_shape(const Eigen::VectorXd& weights) {
   constexpr double unknown = -std::numeric_limits<double>::infinity();
-  std::vector<double> sorted(weights.data(), weights.data() + weights.size());
-  const auto n = static_cast<double>(sorted.size());
+  const auto n = static_cast<double>(weights.size());
   const auto tail = static_cast<std::size_t>(std::ceil(std::min(0.2 * n, 3.0 * std::sqrt(n))));
-  if (tail < least_tail || tail >= sorted.size()) return unknown;
+  if (tail < least_tail || n <= static_cast<double>(tail)) return unknown;
+  std::vector<double> sorted = largest(weights, tail + 1);
   std::nth_element(sorted.begin(), sorted.begin() + static_cast<std::ptrdiff_t>(tail), sorted.end(),
                    std::greater<>());
   const double threshold = sorted[tail];

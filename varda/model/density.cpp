@@ -17,9 +17,15 @@ void density::predict(int subject, const double* theta,
 void density::predict(int subject, const varda::subject& who, const double* theta,
                       const Eigen::Ref<const Eigen::MatrixXd>& phi, Eigen::MatrixXd& f,
                       density_workspace& scratch) const {
+  f.resize(phi.cols(), static_cast<Eigen::Index>(who.observations.size()));
+  fill(subject, who, theta, phi, f, scratch);
+}
+
+void density::fill(int subject, const varda::subject& who, const double* theta,
+                   const Eigen::Ref<const Eigen::MatrixXd>& phi, Eigen::Ref<Eigen::MatrixXd> f,
+                   density_workspace& scratch) const {
   model_.individual_parameters(subject, theta, phi, scratch.parameters_);
   const auto individuals = static_cast<std::size_t>(phi.cols());
-  f.resize(phi.cols(), static_cast<Eigen::Index>(who.observations.size()));
   model_.structure().predict(
       who,
       {.values = scratch.parameters_.data(),
@@ -27,7 +33,8 @@ void density::predict(int subject, const varda::subject& who, const double* thet
        .sets = static_cast<std::size_t>(model_.parameter_sets(subject)),
        .individuals = individuals,
        .stride = individuals},
-      {f.data(), who.observations.size(), individuals}, *scratch.structure_);
+      {f.data(), who.observations.size(), static_cast<std::size_t>(f.outerStride())},
+      *scratch.structure_);
 }
 
 void density::of_data(int subject, const double* theta, const Eigen::MatrixXd& f,

@@ -47,6 +47,12 @@ class density {
   // of their density there.
   void predict(int subject, const double* theta, const Eigen::Ref<const Eigen::MatrixXd>& phi,
                Eigen::MatrixXd& f, density_workspace& scratch) const;
+  // The same into a part of a matrix, which has that size.
+  void predict(int subject, const double* theta, const Eigen::Ref<const Eigen::MatrixXd>& phi,
+               Eigen::Ref<Eigen::MatrixXd> f, density_workspace& scratch) const {
+    fill(subject, model_.data().subjects[static_cast<std::size_t>(subject)], theta, phi, f,
+         scratch);
+  }
 
   // The same for a subject whose observations are others than those of the data.
   void predict(int subject, const varda::subject& who, const double* theta,
@@ -69,6 +75,10 @@ class density {
                  double& scaled_squares, density_workspace& scratch) const;
 
  private:
+  void fill(int subject, const varda::subject& who, const double* theta,
+            const Eigen::Ref<const Eigen::MatrixXd>& phi, Eigen::Ref<Eigen::MatrixXd> f,
+            density_workspace& scratch) const;
+
   const population_model& model_;
 };
 

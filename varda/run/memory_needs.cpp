@@ -56,7 +56,8 @@ struct sizes {
 // Proposals of all subjects, of one normal density each.
 std::size_t proposals_of(const sizes& n) {
   return n.subjects *
-         (sizeof(std::vector<draw_component>) + heap_bytes(sizeof(draw_component)) + n.moments());
+         (sizeof(draw_mixture) + heap_bytes(sizeof(std::vector<draw_component>) + 2 * sizeof(int)) +
+          heap_bytes(sizeof(draw_component)) + n.moments());
 }
 
 // What a measurement keeps of the subjects of a process, and the figures that are exchanged.
@@ -64,7 +65,7 @@ std::size_t measurement(const sizes& n, int processes) {
   const std::size_t own = n.subjects / static_cast<std::size_t>(processes) + 1;
   return n.subjects * (sizeof(subject_measure) +
                        sizeof(double) * static_cast<std::size_t>(newton_limits::groups_of_a_draw)) +
-         own * (reals(n.coordinates) + n.moments());
+         own * n.moments();
 }
 
 // A subject's samples and what is computed of them, by every thread.
@@ -78,13 +79,14 @@ std::size_t kept_draws(const population_model& model, const sizes& n, int proces
   const std::size_t all = sizeof(double) * samples *
                           (n.subjects * (n.effects + 1) + n.observations) /
                           static_cast<std::size_t>(processes);
-  return std::min(all, evaluations_are_dear(model) ? newton_limits::memory_of_dear_draws
-                                                   : newton_limits::memory_of_cheap_draws);
+  const std::size_t most = evaluations_are_dear(model) ? newton_limits::memory_of_dear_draws
+                                                       : newton_limits::memory_of_cheap_draws;
+  return std::min(all, newton_limits::memory_for_samples(most, n.subjects));
 }
 
 // What the processes exchange at one time of a measurement.
 std::size_t exchanged(const sizes& n) {
-  const std::size_t figures = 9 + n.coordinates + 2 * n.coordinates * n.coordinates;
+  const std::size_t figures = 8 + n.coordinates + 2 * n.coordinates * n.coordinates;
   return sizeof(double) * std::min(n.subjects * figures, std::size_t{1} << 20U);
 }
 
@@ -104,9 +106,9 @@ std::size_t bytes_of_fit(const population_model& model, int processes, int threa
   const auto points = static_cast<std::size_t>(samples);
   const std::size_t data = bytes_of_data(model.data()) * (model.all_normal() ? 1 : 2) +
                            n.subjects * (sizeof(double) * model.columns().size() + sizeof(int));
-  // Of the state before the step, the one in work, the copy to go back to, and the draw; of the
-  // measurements the one at the draw, the last step's and the one in work.
-  return bytes_of_program + data + 4 * proposals_of(n) + 3 * measurement(n, processes) +
+  // Proposals before the step, after it, and with what defends them; of the measurements the one at
+  // the draw, the last step's and the one in work.
+  return bytes_of_program + data + 3 * proposals_of(n) + 3 * measurement(n, processes) +
          exchanged(n) + kept_draws(model, n, processes, points) +
          working_samples(n, points, threads);
 }
@@ -117,8 +119,7 @@ std::size_t bytes_of_likelihood(const population_model& model, int processes, in
   const auto replicates = static_cast<std::size_t>(model.specification().estimation.replicates);
   const std::size_t all = replicates * static_cast<std::size_t>(samples);
   const std::size_t kept = evaluations_are_dear(model) ? kept_draws(model, n, processes, all) : 0;
-  const std::size_t packed =
-      sizeof(double) * n.subjects * (n.effects + n.effects * n.effects + n.coordinates);
+  const std::size_t packed = sizeof(double) * n.subjects * (n.effects + n.effects * n.effects);
   const std::size_t found = n.subjects * (sizeof(subject_integral) + sizeof(subject_health) +
                                           n.moments() + sizeof(double) * replicates);
   return 2 * proposals_of(n) + measurement(n, processes) + exchanged(n) + kept +

@@ -8,6 +8,7 @@
 #include <Eigen/Core>
 #include <cstdint>
 #include <istream>
+#include <memory>
 #include <optional>
 #include <ostream>
 #include <stdexcept>
@@ -52,6 +53,13 @@ class archive_writer {
   void put(std::optional<T>& value) {
     size(value ? 1 : 0);
     if (value) put(*value);
+  }
+  template <class T>
+  void put(std::shared_ptr<const T>& value) {
+    size(value ? 1 : 0);
+    if (!value) return;
+    T copy = *value;
+    put(copy);
   }
   template <class A, class B>
   void put(std::pair<A, B>& value) {
@@ -111,6 +119,14 @@ class archive_reader {
   void get(std::optional<T>& value) {
     value.reset();
     if (size() != 0) get(value.emplace());
+  }
+  template <class T>
+  void get(std::shared_ptr<const T>& value) {
+    value.reset();
+    if (size() == 0) return;
+    T own;
+    get(own);
+    value = std::make_shared<const T>(std::move(own));
   }
   template <class A, class B>
   void get(std::pair<A, B>& value) {

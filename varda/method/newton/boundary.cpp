@@ -91,7 +91,7 @@ bool newton_method::maximise(run_state& state, int held, double hopeless, draw_m
     if (!end.finite || last) return true;
     const bool healthy = std::none_of(end.subjects.begin(), end.subjects.end(), is_sampled_badly);
     // Twice what is ahead, and three errors.
-    const double within_reach = -2.0 * end.log_likelihood - 2.0 * end.gain - 3.0 * end.error;
+    const double within_reach = -2.0 * end.log_likelihood - 2.0 * end.gain - 3.0 * end.error();
     if (healthy && d > least_draws_of_a_trial && within_reach > hopeless) return true;
     std::vector<int> repaired;
     if (!healthy && !look_widely(state, end, repaired)) return false;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <Eigen/Cholesky>
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <vector>
@@ -22,6 +23,13 @@ inline constexpr int groups_of_a_draw = 4;
 // not, in bytes.
 inline constexpr std::size_t memory_of_dear_draws = 1024UL << 20;
 inline constexpr std::size_t memory_of_cheap_draws = 128UL << 20;
+
+// About what a subject takes beside its samples: where there are many, fewer samples are kept.
+inline constexpr std::size_t bytes_beside_samples = 1024;
+inline std::size_t memory_for_samples(std::size_t memory, std::size_t subjects) {
+  const std::size_t beside = subjects * bytes_beside_samples;
+  return std::max(memory - std::min(memory, beside), memory / 8);
+}
 
 // Of the information with unit diagonal.
 inline constexpr double least_eigenvalue = 1e-3;

@@ -37,7 +37,7 @@ bool newton_method::look_widely(run_state& state, const draw_measure& found,
     const auto own = static_cast<std::size_t>(i);
     const Eigen::MatrixXd far = population_samples(host_, i, population_points, at);
     const Eigen::VectorXd data = finder.log_data(i, far, at);
-    const draw_component& main = state.newton.proposals[own].front();
+    const draw_component& main = state.newton.proposals[own]->front();
     double outside = 0.0;
     Eigen::Index best = -1;
     for (Eigen::Index j = 0; j < data.size(); ++j) {
@@ -49,16 +49,17 @@ bool newton_method::look_widely(run_state& state, const draw_measure& found,
       if (best < 0 || data(j) > data(best)) best = j;
     }
     outside /= population_points;
-    const bool has_mixture = state.newton.proposals[own].size() > 1;
+    const bool has_mixture = state.newton.proposals[own]->size() > 1;
     const bool sick = is_sick(found.subjects[own]);
     normal_posterior other;
     bool second = false;
     if (best >= 0 && !has_mixture) {
-      other = finder.search(i, far.col(best), at);
-      const double distance =
-          main.factor.triangularView<Eigen::Lower>().solve(other.phi - main.centre).squaredNorm();
-      second = other.usable && distance > 4.0 &&
-               std::exp(other.log_mass - found.subjects[own].log_likelihood) > most_outside;
+      other = finder.search_beside(i, far.col(best), at, main.centre, main.factor);
+      second =
+          other.usable &&
+          main.factor.triangularView<Eigen::Lower>().solve(other.phi - main.centre).squaredNorm() >
+              4.0 &&
+          std::exp(other.log_mass - found.subjects[own].log_likelihood) > most_outside;
     }
     if (second) {
       packed.col(i) << 1.0, other.phi, other.covariance.reshaped();
@@ -85,16 +86,17 @@ bool newton_method::look_widely(run_state& state, const draw_measure& found,
     if (packed(0, i) < 0.5 || repairs >= most_repairs) continue;
     ++repairs;
     repaired.push_back(i);
-    std::vector<draw_component>& own = state.newton.proposals[static_cast<std::size_t>(i)];
+    draw_mixture& shared = state.newton.proposals[static_cast<std::size_t>(i)];
+    std::vector<draw_component> own = {shared->front()};
     const Eigen::VectorXd centre = packed.col(i).segment(1, d);
     const Eigen::MatrixXd covariance = packed.col(i).segment(1 + d, d * d).reshaped(d, d);
     Eigen::VectorXd mu(d);
     model.means(i, state.theta.data(), mu.data());
-    own.resize(1);
     own.front().share = 1.0 - 2.0 * defensive_share;
     own.push_back(single(centre, covariance, target_ratio).front());
     own.back().share = defensive_share;
     own.push_back({defensive_share, mu, state.omega.llt().matrixL()});
+    shared = mixture_of(std::move(own));
   }
   return true;
 }

@@ -8,6 +8,7 @@
 #include <numbers>
 
 #include "varda/inference/pareto_shape.h"
+#include "varda/model/lanes/kernel.h"
 
 namespace varda {
 
@@ -16,6 +17,8 @@ namespace {
 constexpr double minus_infinity = -std::numeric_limits<double>::infinity();
 // Of central differences by parameters that predictions depend on directly, on the scale of psi.
 constexpr double difference = 2e-3;
+// Weights whose sum lies below this have lost digits.
+constexpr double least_total = 1e-290;
 
 double log_sum(const Eigen::Ref<const Eigen::VectorXd>& x) {
   const double largest = x.maxCoeff();
@@ -32,14 +35,24 @@ double failures_in_bulk(const Eigen::MatrixXd& centred, const Eigen::MatrixXd& c
   const double reach = d + 2.0 * std::sqrt(2.0 * d);
   int all = 0;
   int failed = 0;
-  for (Eigen::Index j = 0; j < centred.cols(); ++j) {
+  for (Eigen::Index j = 0; j < centred.rows(); ++j) {
     if (factor.info() == Eigen::Success &&
-        factor.matrixL().solve(centred.col(j)).squaredNorm() > reach)
+        factor.matrixL().solve(centred.row(j).transpose()).squaredNorm() > reach)
       continue;
     ++all;
     failed += log_data(j) == minus_infinity ? 1 : 0;
   }
   return all > 0 ? static_cast<double>(failed) / all : 1.0;
+}
+
+// x m' of samples in rows, with few entries in m and most often only its diagonal.
+template <class Matrix>
+Eigen::MatrixXd times_transposed(const Eigen::MatrixXd& x, const Matrix& m) {
+  Eigen::MatrixXd result = Eigen::MatrixXd::Zero(x.rows(), x.cols());
+  for (Eigen::Index a = 0; a < m.rows(); ++a)
+    for (Eigen::Index b = 0; b < m.cols(); ++b)
+      if (m(a, b) != 0.0) result.col(a) += m(a, b) * x.col(b);
+  return result;
 }
 
 double step_of(const coordinates::entry& e, double psi) {
@@ -68,7 +81,8 @@ subject_sampler::subject_sampler(const density& joint, const coordinates& scale)
 
 subject_measure subject_sampler::measure(int subject, const subject_draw& drawn,
                                          const Eigen::VectorXd& drawn_at, const measure_point& at,
-                                         detail wanted, std::int64_t& evaluations) {
+                                         detail wanted, subject_derivatives& by_psi,
+                                         std::int64_t& evaluations) {
   const population_model& model = joint_.model();
   const Eigen::Index n = drawn.phi.cols();
   const Eigen::Index effects = drawn.phi.rows();
@@ -88,27 +102,35 @@ subject_measure subject_sampler::measure(int subject, const subject_draw& drawn,
   Eigen::VectorXd squares;
   joint_.of_data(subject, at.theta.data(), f, log_data, squares);
 
+  // From here on samples are rows, so that a step is one loop over all of them.
   Eigen::VectorXd mu(effects);
   model.means(subject, at.theta.data(), mu.data());
-  const Eigen::MatrixXd z =
-      at.prior.whitener().triangularView<Eigen::Lower>() * (drawn.phi.colwise() - mu);
+  const Eigen::MatrixXd eta = (drawn.phi.colwise() - mu).transpose();
+  const Eigen::MatrixXd z = times_transposed(eta, at.prior.whitener());
   const double prior_constant =
       at.prior.whitener().diagonal().array().log().sum() -
       0.5 * static_cast<double>(effects) * std::log(2.0 * std::numbers::pi);
-  Eigen::VectorXd log_weight(n);
+  Eigen::VectorXd log_weight = prior_constant - drawn.log_proposal.array();
+  for (Eigen::Index a = 0; a < effects; ++a) log_weight.array() -= 0.5 * z.col(a).array().square();
   int failed = 0;
   for (Eigen::Index j = 0; j < n; ++j) {
     log_data(j) = std::isfinite(log_data(j)) ? -log_data(j) : minus_infinity;
-    log_weight(j) =
-        log_data(j) + prior_constant - 0.5 * z.col(j).squaredNorm() - drawn.log_proposal(j);
     failed += log_data(j) == minus_infinity ? 1 : 0;
+    log_weight(j) += log_data(j);
     if (std::isnan(log_weight(j))) log_weight(j) = minus_infinity;
   }
   result.failed = static_cast<double>(failed) / static_cast<double>(n);
-  const double total = log_sum(log_weight);
-  result.log_likelihood = total - std::log(static_cast<double>(n));
-  if (!std::isfinite(total)) return result;
-  const Eigen::VectorXd weights = (log_weight.array() - total).exp();
+  const double largest = log_weight.maxCoeff();
+  result.log_likelihood = minus_infinity;
+  if (!std::isfinite(largest)) return result;
+  Eigen::VectorXd weights = log_weight.array() - largest;
+  best_lane_kernel().exponentials(weights.data(), weights.data(), static_cast<std::size_t>(n));
+  const double total = weights.sum();
+  result.log_likelihood = largest + std::log(total / static_cast<double>(n));
+  // Of each group, before the weights are made to sum to 1.
+  const Eigen::Index size = n / drawn.groups;
+  const Eigen::VectorXd group_totals = weights.reshaped(size, drawn.groups).colwise().sum();
+  weights /= total;
   result.effective_share = 1.0 / weights.squaredNorm() / static_cast<double>(n);
   if (wanted == detail::value) return result;
 
@@ -118,70 +140,52 @@ subject_measure subject_sampler::measure(int subject, const subject_draw& drawn,
     if (weights(j) > 0.0) result.scaled_squares += weights(j) * squares(j);
   result.scaled_squares /= std::max(model.observations(subject), 1);
   result.mean = drawn.phi * weights;
-  const Eigen::MatrixXd centred = drawn.phi.colwise() - result.mean;
-  result.covariance = centred * weights.asDiagonal() * centred.transpose();
+  const Eigen::MatrixXd centred = (drawn.phi.colwise() - result.mean).transpose();
+  result.covariance = centred.transpose() * (centred.array().colwise() * weights.array()).matrix();
   if (failed > 0) result.failed = failures_in_bulk(centred, result.covariance, log_data);
 
-  const Eigen::MatrixXd u = at.prior.whitener().transpose().triangularView<Eigen::Upper>() * z;
-  Eigen::MatrixXd scores = Eigen::MatrixXd::Zero(scale_.size(), n);
+  Eigen::MatrixXd scores = Eigen::MatrixXd::Zero(n, scale_.size());
   Eigen::MatrixXd hessian = Eigen::MatrixXd::Zero(scale_.size(), scale_.size());
-  score_prior(subject, z, u, at, scores);
+  score_prior(subject, z, at, scores);
   const Eigen::VectorXd first = result.mean - mu;
   hessian += curvature_of_prior(subject, first, result.covariance + first * first.transpose(), at);
-  score_data(subject, drawn, f, log_data, at, weights, scores, hessian, evaluations);
+  score_data(subject, drawn, f, {log_data, squares, weights}, at, scores, hessian, evaluations);
 
-  result.gradient = scores * weights;
-  const Eigen::VectorXd roots = weights.cwiseSqrt();
-  const Eigen::MatrixXd weighted = scores * roots.asDiagonal();
-  result.information =
-      -(hessian + weighted * weighted.transpose() - result.gradient * result.gradient.transpose());
-  const Eigen::Index size = n / drawn.groups;
-  result.group_log_likelihood.resize(drawn.groups);
-  result.group_gradient.resize(scale_.size(), drawn.groups);
+  const Eigen::MatrixXd weighted = scores.array().colwise() * weights.array();
+  by_psi.group_log_likelihood.resize(drawn.groups);
+  by_psi.group_gradient.resize(scale_.size(), drawn.groups);
   for (int g = 0; g < drawn.groups; ++g) {
-    const double group_total = log_sum(log_weight.segment(g * size, size));
-    result.group_log_likelihood(g) = group_total - std::log(static_cast<double>(size));
-    const double sum = weights.segment(g * size, size).sum();
-    result.group_gradient.col(g) =
-        scores.middleCols(g * size, size) * weights.segment(g * size, size) / std::max(sum, 1e-300);
+    const double group_total = group_totals(g) > least_total
+                                   ? largest + std::log(group_totals(g))
+                                   : log_sum(log_weight.segment(g * size, size));
+    by_psi.group_log_likelihood(g) = group_total - std::log(static_cast<double>(size));
+    by_psi.group_gradient.col(g) = weighted.middleRows(g * size, size).colwise().sum();
   }
+  by_psi.gradient = by_psi.group_gradient.rowwise().sum();
+  by_psi.group_gradient.array().rowwise() /=
+      (group_totals / total).transpose().array().max(least_total);
+  by_psi.information =
+      -(hessian + scores.transpose() * weighted - by_psi.gradient * by_psi.gradient.transpose());
   return result;
 }
 
 // With z = L^-1 eta and u = L^-T z = omega^-1 eta: d/d beta_k is u'c_k, d/d L_ab is u_a z_b less
 // 1 / L_aa on the diagonal.
-void subject_sampler::score_prior(int subject, const Eigen::MatrixXd& z, const Eigen::MatrixXd& u,
-                                  const measure_point& at, Eigen::MatrixXd& scores) const {
+void subject_sampler::score_prior(int subject, const Eigen::MatrixXd& z, const measure_point& at,
+                                  Eigen::MatrixXd& scores) const {
   const population_model& model = joint_.model();
-  // Sample by sample, as scores, z and u stand in memory.
-  struct of_mean {
-    Eigen::Index k, eta;
-    double design;
-  };
-  struct of_factor {
-    Eigen::Index k, a, b;
-    double scale, less;
-  };
-  std::vector<of_mean> means;
-  std::vector<of_factor> factors;
+  const Eigen::MatrixXd u = times_transposed(z, at.prior.whitener().transpose());
   for (int k = 0; k < scale_.size(); ++k) {
     const coordinates::entry& e = scale_.entries()[static_cast<std::size_t>(k)];
-    if (e.theta >= 0) {
-      for (std::size_t c = 0; c < model.columns().size(); ++c)
-        if (model.columns()[c].theta == e.theta)
-          means.push_back({k, model.columns()[c].eta, model.design(subject, static_cast<int>(c))});
-      continue;
+    auto own = scores.col(k).array();
+    for (std::size_t c = 0; e.theta >= 0 && c < model.columns().size(); ++c)
+      if (model.columns()[c].theta == e.theta)
+        own += model.design(subject, static_cast<int>(c)) * u.col(model.columns()[c].eta).array();
+    if (e.theta >= 0) continue;
+    for (const auto& [a, b] : e.places) {
+      const double scale = e.diagonal ? at.prior.factor()(a, a) : 1.0;
+      own += scale * u.col(a).array() * z.col(b).array() - (e.diagonal ? 1.0 : 0.0);
     }
-    for (const auto& [a, b] : e.places)
-      factors.push_back(
-          {k, a, b, e.diagonal ? at.prior.factor()(a, a) : 1.0, e.diagonal ? 1.0 : 0.0});
-  }
-  for (Eigen::Index j = 0; j < z.cols(); ++j) {
-    double* const own = scores.col(j).data();
-    const double* const zj = z.col(j).data();
-    const double* const uj = u.col(j).data();
-    for (const of_mean& m : means) own[m.k] += m.design * uj[m.eta];
-    for (const of_factor& f : factors) own[f.k] = own[f.k] + f.scale * uj[f.a] * zj[f.b] - f.less;
   }
 }
 
@@ -236,24 +240,34 @@ Eigen::MatrixXd subject_sampler::curvature_of_prior(int subject, const Eigen::Ve
 }
 
 void subject_sampler::score_data(int subject, const subject_draw& drawn,
-                                 const Eigen::MatrixXd& predictions,
-                                 const Eigen::VectorXd& log_data, const measure_point& at,
-                                 const Eigen::VectorXd& weights, Eigen::MatrixXd& scores,
+                                 const Eigen::MatrixXd& predictions, const sample_values& values,
+                                 const measure_point& at, Eigen::MatrixXd& scores,
                                  Eigen::MatrixXd& hessian, std::int64_t& evaluations) {
   const population_model& model = joint_.model();
   const varda::subject& who = model.data().subjects[static_cast<std::size_t>(subject)];
+  const Eigen::VectorXd& log_data = values.log_data;
+  const Eigen::VectorXd& weights = values.weights;
   const auto position = [&](int k) { return scale_.entries()[static_cast<std::size_t>(k)].theta; };
+  // With q the sum of squared scaled residuals one deviation has d/dlog = q - n, d2/dlog2 = -2 q.
   const auto of_residual = [&](const Eigen::MatrixXd& f, const Eigen::VectorXd& theta,
-                               Eigen::MatrixXd& gradient, Eigen::MatrixXd& second) {
-    model.observed().derivatives(who, f, theta.data(), weights, gradient, second);
+                               const Eigen::VectorXd& squares, Eigen::MatrixXd& gradient,
+                               Eigen::MatrixXd& second) {
+    if (!model.observed().has_one_scale()) {
+      model.observed().derivatives(who, f, theta.data(), weights, gradient, second);
+      return;
+    }
+    const auto used = weights.array() > 0.0;
+    gradient = used.select(squares.array() - static_cast<double>(f.cols()), 0.0);
+    second = Eigen::MatrixXd::Constant(
+        1, 1, -2.0 * used.select(weights.array() * squares.array(), 0.0).sum());
   };
   Eigen::MatrixXd gradient;
   Eigen::MatrixXd second;
   if (!residual_.empty()) {
-    of_residual(predictions, at.theta, gradient, second);
+    of_residual(predictions, at.theta, values.squares, gradient, second);
     for (const int k : residual_) {
       const int own = position(k) - model.first_of_endpoints();
-      scores.row(k) += gradient.col(own).transpose();
+      scores.col(k) += gradient.col(own);
       for (const int l : residual_)
         hessian(k, l) += second(own, position(l) - model.first_of_endpoints());
     }
@@ -285,7 +299,7 @@ void subject_sampler::score_data(int subject, const subject_draw& drawn,
     if (!residual_.empty()) {
       Eigen::MatrixXd g;
       Eigen::MatrixXd h;
-      of_residual(f, theta, g, h);
+      of_residual(f, theta, squares, g, h);
       result.residual = Eigen::VectorXd::Zero(g.cols());
       for (Eigen::Index j = 0; j < g.rows(); ++j)
         if (weights(j) > 0.0 && g.row(j).allFinite())
@@ -311,7 +325,7 @@ void subject_sampler::score_data(int subject, const subject_draw& drawn,
     const int k = moving_[i];
     for (Eigen::Index j = 0; j < weights.size(); ++j)
       if (weights(j) > 0.0)
-        scores(k, j) += (above[i].value(j) - below[i].value(j)) / (2.0 * step[i]);
+        scores(j, k) += (above[i].value(j) - below[i].value(j)) / (2.0 * step[i]);
     hessian(k, k) += expected([&](Eigen::Index j) {
                        return above[i].value(j) - 2.0 * log_data(j) + below[i].value(j);
                      }) /

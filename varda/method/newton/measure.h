@@ -21,12 +21,7 @@ namespace varda {
 // What one subject's samples say at one psi.
 struct subject_measure {
   double log_likelihood = 0.0;
-  Eigen::VectorXd gradient;
-  Eigen::MatrixXd information;  // minus the Hessian
-  // Of each group of samples alone.
-  Eigen::VectorXd group_log_likelihood;
-  Eigen::MatrixXd group_gradient;  // coordinates x groups
-  Eigen::VectorXd mean;            // of phi given the data
+  Eigen::VectorXd mean;  // of phi given the data
   Eigen::MatrixXd covariance;
   double scaled_squares = 0.0;
   double effective_share = 0.0;  // effective samples / samples
@@ -35,6 +30,14 @@ struct subject_measure {
   double error = 0.0;  // of the subject's -2 log-likelihood, from the groups
   // Share of the samples in the bulk of the conditional distribution whose density is not finite.
   double failed = 0.0;
+};
+
+// Of its log-likelihood, and of each group of samples alone.
+struct subject_derivatives {
+  Eigen::VectorXd gradient;
+  Eigen::MatrixXd information;  // minus the Hessian
+  Eigen::VectorXd group_log_likelihood;
+  Eigen::MatrixXd group_gradient;  // coordinates x groups
 };
 
 // What a measurement needs of the parameters, made once for all subjects.
@@ -54,22 +57,27 @@ class subject_sampler {
 
   // Of subject `subject` (from 0). Predictions in `drawn` belong to `drawn_at`, theta at the draw;
   // where parameters have moved that predictions depend on they are made anew. `evaluations` counts
-  // those.
+  // those. `by_psi` is overwritten where derivatives are wanted of a likelihood that is finite.
   subject_measure measure(int subject, const subject_draw& drawn, const Eigen::VectorXd& drawn_at,
-                          const measure_point& at, detail wanted, std::int64_t& evaluations);
+                          const measure_point& at, detail wanted, subject_derivatives& by_psi,
+                          std::int64_t& evaluations);
 
   // Whether every step re-evaluates the model.
   bool moves_predictions() const { return !moving_.empty(); }
 
  private:
-  void score_prior(int subject, const Eigen::MatrixXd& z, const Eigen::MatrixXd& u,
-                   const measure_point& at, Eigen::MatrixXd& scores) const;
+  // Of each sample: log p(y | phi), the sum of its squared scaled residuals, its weight.
+  struct sample_values {
+    const Eigen::VectorXd &log_data, &squares, &weights;
+  };
+  // `z` and `scores` have a row for each sample.
+  void score_prior(int subject, const Eigen::MatrixXd& z, const measure_point& at,
+                   Eigen::MatrixXd& scores) const;
   Eigen::MatrixXd curvature_of_prior(int subject, const Eigen::VectorXd& first,
                                      const Eigen::MatrixXd& second, const measure_point& at) const;
   void score_data(int subject, const subject_draw& drawn, const Eigen::MatrixXd& predictions,
-                  const Eigen::VectorXd& log_data, const measure_point& at,
-                  const Eigen::VectorXd& weights, Eigen::MatrixXd& scores, Eigen::MatrixXd& hessian,
-                  std::int64_t& evaluations);
+                  const sample_values& values, const measure_point& at, Eigen::MatrixXd& scores,
+                  Eigen::MatrixXd& hessian, std::int64_t& evaluations);
 
   const density& joint_;
   const coordinates& scale_;

@@ -119,21 +119,23 @@ bool newton_method::leap_to(run_state& state, const Eigen::VectorXd& psi) const 
   const double widening = std::pow(target_ratio, -1.0 / static_cast<double>(before.rows()));
   Eigen::VectorXd mu(before.rows());
   for (std::size_t i = 0; i < state.newton.proposals.size(); ++i) {
-    draw_component& main = state.newton.proposals[i].front();
+    std::vector<draw_component> components = *state.newton.proposals[i];
+    draw_component& main = components.front();
     const Eigen::MatrixXd covariance =
         main.factor * main.factor.transpose() / (widening * widening);
     const Eigen::MatrixXd own = covariance.llt().solve(identity);
     const Eigen::LLT<Eigen::MatrixXd> moved(own + precision - old_precision);
-    if (moved.info() != Eigen::Success) {
+    if (moved.info() == Eigen::Success) {
+      host_.model().means(static_cast<int>(i), state.theta.data(), mu.data());
+      const Eigen::MatrixXd next = moved.solve(identity);
+      const Eigen::LLT<Eigen::MatrixXd> factor(0.5 * (next + next.transpose()));
+      if (factor.info() != Eigen::Success) continue;
+      main.centre = mu + moved.solve(own * (main.centre - mu));
+      main.factor = widening * Eigen::MatrixXd(factor.matrixL());
+    } else {
       main.factor = widening * Eigen::MatrixXd(state.omega.llt().matrixL());
-      continue;
     }
-    host_.model().means(static_cast<int>(i), state.theta.data(), mu.data());
-    const Eigen::MatrixXd next = moved.solve(identity);
-    const Eigen::LLT<Eigen::MatrixXd> factor(0.5 * (next + next.transpose()));
-    if (factor.info() != Eigen::Success) continue;
-    main.centre = mu + moved.solve(own * (main.centre - mu));
-    main.factor = widening * Eigen::MatrixXd(factor.matrixL());
+    state.newton.proposals[i] = mixture_of(std::move(components));
   }
   return true;
 }
@@ -174,17 +176,17 @@ bool newton_method::start(run_state& state) const {
 // a sample falls there, one in a million of a trial's, so that every subject whose weights are not
 // clearly bounded has samples of the population; the others are met by a wider normal density. They
 // bound the weights. Both are drawn besides, which leaves the first component its net of points.
-std::vector<draw_component> newton_method::defended(const newton_state& state, int subject) const {
+draw_mixture newton_method::defended(const newton_state& state, int subject) const {
   const auto own = static_cast<std::size_t>(subject);
-  std::vector<draw_component> result = state.proposals[own];
   const double tail = state.tails.empty() ? -1.0 : state.tails[own];
-  if (result.size() != 1 || tail < some_tail) return result;
+  if (state.proposals[own]->size() != 1 || tail < some_tail) return state.proposals[own];
+  std::vector<draw_component> result = *state.proposals[own];
   Eigen::VectorXd mu(host_.model().random_effects());
   host_.model().means(subject, host_.theta().data(), mu.data());
   result.push_back({population_share, mu, host_.omega().llt().matrixL()});
   if (tail > heavy_tail)
     result.push_back({wide_share, result[0].centre, Eigen::MatrixXd(wide_by * result[0].factor)});
-  return result;
+  return mixture_of(std::move(result));
 }
 
 // Where there is no mode to be had the population serves.
@@ -194,9 +196,9 @@ void newton_method::propose_from(const std::vector<normal_posterior>& modes,
   state.newton.proposals.resize(modes.size());
   for (std::size_t i = 0; i < modes.size(); ++i) {
     host_.model().means(static_cast<int>(i), state.theta.data(), mu.data());
-    state.newton.proposals[i] = modes[i].usable
-                                    ? single(modes[i].phi, modes[i].covariance, target_ratio)
-                                    : single(mu, state.omega, target_ratio);
+    state.newton.proposals[i] =
+        mixture_of(modes[i].usable ? single(modes[i].phi, modes[i].covariance, target_ratio)
+                                   : single(mu, state.omega, target_ratio));
   }
 }
 
@@ -221,11 +223,12 @@ bool newton_method::draw(const run_state& state, const draw_plan& plan, std::siz
   drawn.kept.assign(static_cast<std::size_t>(model.subjects()), {});
   std::vector<int> kept;
   std::size_t taken = 0;
+  const std::size_t room = memory_for_samples(memory, static_cast<std::size_t>(model.subjects()));
   for (const int i : own_subjects(host_)) {
-    taken += bytes_of_draw(model, i, drawn.proposals[static_cast<std::size_t>(i)], plan);
-    if (taken > memory) break;
+    taken += bytes_of_draw(model, i, *drawn.proposals[static_cast<std::size_t>(i)], plan);
+    if (taken > room) break;
     kept.push_back(i);
-    subject_drawer::make_room(model, i, drawn.proposals[static_cast<std::size_t>(i)], plan,
+    subject_drawer::make_room(model, i, *drawn.proposals[static_cast<std::size_t>(i)], plan,
                               drawn.kept[static_cast<std::size_t>(i)]);
   }
   draw_kept(kept, drawn);
@@ -243,7 +246,7 @@ void newton_method::draw_kept(const std::vector<int>& subjects, whole_draw& draw
     if (engine_host::stop_requested()) return;
     const int subject = subjects[static_cast<std::size_t>(item / groups)];
     const auto at = static_cast<std::size_t>(subject);
-    drawers[static_cast<std::size_t>(worker)].draw_group(subject, drawn.theta, drawn.proposals[at],
+    drawers[static_cast<std::size_t>(worker)].draw_group(subject, drawn.theta, *drawn.proposals[at],
                                                          drawn.plan, item % groups, drawn.kept[at]);
   });
   for (const subject_drawer& drawer : drawers) host_.count_evaluations(drawer.evaluations());
@@ -255,13 +258,20 @@ bool newton_method::mend(run_state& state, const Eigen::VectorXd& psi, whole_dra
   if (!look_widely(state, found, repaired)) return false;
   changed = !repaired.empty();
   if (!changed) return true;
-  for (const int i : repaired)
-    drawn.proposals[static_cast<std::size_t>(i)] = defended(state.newton, i);
-  std::erase_if(repaired,
-                [&](int i) { return drawn.kept[static_cast<std::size_t>(i)].phi.size() == 0; });
-  draw_kept(repaired, drawn);
+  const measure_point at(scale_, psi, host_.theta(), host_.omega());
+  if (!add(drawn, at, detail::derivatives, repaired, -1.0, found)) return false;
+  std::vector<int> again;
+  for (const int i : repaired) {
+    const auto own = static_cast<std::size_t>(i);
+    drawn.proposals[own] = defended(state.newton, i);
+    if (drawn.kept[own].phi.size() == 0) continue;
+    again.push_back(i);
+    subject_drawer::make_room(host_.model(), i, *drawn.proposals[own], drawn.plan, drawn.kept[own]);
+  }
+  draw_kept(again, drawn);
+  if (!add(drawn, at, detail::derivatives, repaired, 1.0, found)) return false;
   drawn.left_alone.clear();
-  found = measure(drawn, psi, detail::derivatives);
+  if (found.finite) judge_information(found, psi, drawn.left_alone);
   return !engine_host::agree_on_stop();
 }
 
@@ -273,24 +283,40 @@ draw_measure newton_method::measure(const whole_draw& drawn, const Eigen::Vector
   draw_measure result;
   result.samples = drawn.plan.samples();
   result.gradient = Eigen::VectorXd::Zero(p);
-  result.information = Eigen::MatrixXd::Zero(p, p);
-  result.scatter = Eigen::MatrixXd::Zero(p, p);
+  result.information = result.scatter = result.outer_products = Eigen::MatrixXd::Zero(p, p);
   result.subjects.resize(static_cast<std::size_t>(model.subjects()));
+  if (wanted == detail::derivatives)
+    result.group_log_likelihood.setZero(drawn.plan.groups, model.subjects());
   if (!at.theta.allFinite() || !at.prior.is_definite()) return result;
+  std::vector<int> subjects;
+  for (int i = 0; i < model.subjects(); ++i)
+    if (model.observations(i) > 0) subjects.push_back(i);
+  result.finite = true;
+  if (!add(drawn, at, wanted, subjects, 1.0, result)) return result;
+  if (wanted == detail::derivatives && result.finite)
+    judge_information(result, psi, drawn.left_alone);
+  return result;
+}
 
+// Adds to the sums what the samples of these subjects, in ascending order, say, or takes it away
+// again. Collective. False, and no sum finite, after a stop request.
+bool newton_method::add(const whole_draw& drawn, const measure_point& at, detail wanted,
+                        const std::vector<int>& subjects, double sign, draw_measure& sum) const {
+  const Eigen::Index p = scale_.size();
   const Eigen::Index groups = drawn.plan.groups;
-  const Eigen::Index figures = wanted == detail::value ? 2 : 9 + p + 2 * p * p + groups;
-  if (wanted == detail::derivatives) result.group_log_likelihood.resize(groups, model.subjects());
+  const Eigen::Index figures = wanted == detail::value ? 2 : 8 + p + 2 * p * p + groups;
   struct worker_of_measure {
     subject_sampler sampler;
     subject_drawer drawer;
     subject_draw again;
+    subject_derivatives by_psi;
     std::int64_t evaluations;
   };
   std::vector<worker_of_measure> workers;
   for (int w = 0; w < host_.peers().threads().size(); ++w)
     workers.push_back({subject_sampler(host_.joint(), scale_),
                        subject_drawer(host_.joint(), host_.points()),
+                       {},
                        {},
                        0});
   // A column of figures for each subject, summed over the processes: each column stands on one.
@@ -299,83 +325,81 @@ draw_measure newton_method::measure(const whole_draw& drawn, const Eigen::Vector
     const auto own = static_cast<std::size_t>(i);
     worker_of_measure& worker = workers[static_cast<std::size_t>(w)];
     const bool kept = drawn.kept[own].phi.size() > 0;
-    if (!kept) worker.drawer.draw(i, drawn.theta, drawn.proposals[own], drawn.plan, worker.again);
-    subject_measure& m = result.subjects[own];
-    m = worker.sampler.measure(i, kept ? drawn.kept[own] : worker.again, drawn.theta, at, wanted,
-                               worker.evaluations);
+    if (!kept) worker.drawer.draw(i, drawn.theta, *drawn.proposals[own], drawn.plan, worker.again);
+    subject_derivatives& by_psi = worker.by_psi;
+    const subject_measure m =
+        worker.sampler.measure(i, kept ? drawn.kept[own] : worker.again, drawn.theta, at, wanted,
+                               by_psi, worker.evaluations);
     const bool finite = std::isfinite(m.log_likelihood);
     auto figure = packed.col(column);
     figure(0) = finite ? m.log_likelihood : -1e10;
     figure(1) = m.effective_share;
+    if (sign > 0.0) sum.subjects[own] = m;
     if (wanted == detail::value || !finite) return;
     const auto r = static_cast<double>(groups);
     double variance = 0.0;
     Eigen::MatrixXd scatter = Eigen::MatrixXd::Zero(p, p);
     for (Eigen::Index g = 0; g < groups; ++g) {
-      variance += std::pow(std::exp(m.group_log_likelihood(g) - m.log_likelihood) - 1.0, 2);
-      const Eigen::VectorXd off = m.group_gradient.col(g) - m.gradient;
+      variance += std::pow(std::exp(by_psi.group_log_likelihood(g) - m.log_likelihood) - 1.0, 2);
+      const Eigen::VectorXd off = by_psi.group_gradient.col(g) - by_psi.gradient;
       scatter += off * off.transpose();
     }
     variance /= r * (r - 1.0);
     scatter /= r * (r - 1.0);
-    figure.segment(2, 7) << m.largest_weight, m.shape, m.failed, variance, m.scaled_squares, 0.0,
-        0.0;
+    figure.segment(2, 6) << m.largest_weight, m.shape, m.failed, variance, m.scaled_squares, 0.0;
     if (!std::isfinite(m.shape)) figure(3) = 0.0;
-    figure.segment(9, p) = m.gradient;
-    figure.segment(9 + p, p * p) = m.information.reshaped();
-    figure.segment(9 + p + p * p, p * p) = scatter.reshaped();
-    figure.tail(groups) = m.group_log_likelihood;
-    // What has gone into the sums is of no more use.
-    m.information.resize(0, 0);
-    m.group_gradient.resize(0, 0);
-    m.group_log_likelihood.resize(0);
+    figure.segment(8, p) = by_psi.gradient;
+    figure.segment(8 + p, p * p) = by_psi.information.reshaped();
+    figure.segment(8 + p + p * p, p * p) = scatter.reshaped();
+    figure.tail(groups) = by_psi.group_log_likelihood;
   };
   // Of so many subjects at a time, whole turns of the processes.
-  const int processes = host_.peers().size();
-  const int at_once = std::max(static_cast<int>(most_figures / figures) / processes, 1) * processes;
-  const std::vector<int> own = own_subjects(host_);
-  double variance = 0.0;
-  result.finite = true;
-  for (int first = 0; first < model.subjects(); first += at_once) {
-    const int last = std::min(first + at_once, model.subjects());
-    packed = Eigen::MatrixXd::Zero(figures, last - first);
-    for_each_subject(host_,
-                     {std::lower_bound(own.begin(), own.end(), first),
-                      std::lower_bound(own.begin(), own.end(), last)},
-                     verdict_samples, [&](int i, int worker) { one(i, worker, i - first); });
-    if (!engine_host::share(packed)) {
-      result.finite = false;
-      return result;
-    }
-    if (wanted == detail::derivatives)
-      result.group_log_likelihood.middleCols(first, last - first) = packed.bottomRows(groups);
-    for (int i = first; i < last; ++i) {
-      if (model.observations(i) == 0) continue;
-      const auto figure = packed.col(i - first);
-      subject_measure& m = result.subjects[static_cast<std::size_t>(i)];
-      m.log_likelihood = figure(0);
-      m.effective_share = figure(1);
-      result.finite = result.finite && figure(0) > -1e10;
-      result.log_likelihood += figure(0);
+  const auto processes = static_cast<std::size_t>(host_.peers().size());
+  const std::size_t at_once =
+      std::max(static_cast<std::size_t>(most_figures / figures) / processes, std::size_t{1}) *
+      processes;
+  for (std::size_t first = 0; first < subjects.size(); first += at_once) {
+    const std::size_t last = std::min(first + at_once, subjects.size());
+    packed = Eigen::MatrixXd::Zero(figures, static_cast<Eigen::Index>(last - first));
+    std::vector<int> own;
+    for (std::size_t k = first; k < last; ++k)
+      if (owns(host_, subjects[k])) own.push_back(subjects[k]);
+    const auto begin = subjects.begin() + static_cast<std::ptrdiff_t>(first);
+    for_each_subject(host_, own, verdict_samples, [&](int i, int worker) {
+      one(i, worker, std::lower_bound(begin, subjects.end(), i) - begin);
+    });
+    if (!engine_host::share(packed)) return sum.finite = false;
+    for (Eigen::Index k = 0; k < packed.cols(); ++k) {
+      const int i = begin[k];
+      const auto figure = packed.col(k);
+      sum.finite = sum.finite && figure(0) > -1e10;
+      sum.log_likelihood += sign * figure(0);
+      if (sign > 0.0) {
+        subject_measure& m = sum.subjects[static_cast<std::size_t>(i)];
+        m.log_likelihood = figure(0);
+        m.effective_share = figure(1);
+        if (wanted == detail::derivatives) {
+          m.largest_weight = figure(2);
+          m.shape = figure(3);
+          m.failed = figure(4);
+          m.error = 2.0 * std::sqrt(figure(5));
+          m.scaled_squares = figure(6);
+        }
+      }
       if (wanted == detail::value) continue;
-      m.largest_weight = figure(2);
-      m.shape = figure(3);
-      m.failed = figure(4);
-      m.scaled_squares = figure(6);
-      m.error = 2.0 * std::sqrt(figure(5));
-      variance += figure(5);
-      result.gradient += figure.segment(9, p);
-      result.information += figure.segment(9 + p, p * p).reshaped(p, p);
-      result.scatter += figure.segment(9 + p + p * p, p * p).reshaped(p, p);
+      const auto gradient = figure.segment(8, p);
+      sum.variance += sign * figure(5);
+      sum.gradient += sign * gradient;
+      sum.outer_products += sign * gradient * gradient.transpose();
+      sum.information += sign * figure.segment(8 + p, p * p).reshaped(p, p);
+      sum.scatter += sign * figure.segment(8 + p + p * p, p * p).reshaped(p, p);
+      sum.group_log_likelihood.col(i) = figure.tail(groups);
     }
   }
   for (const worker_of_measure& worker : workers)
     host_.count_evaluations(worker.evaluations + worker.drawer.evaluations());
-  result.error = 2.0 * std::sqrt(variance);
-  result.finite = result.finite && result.gradient.allFinite() && result.information.allFinite();
-  if (wanted == detail::derivatives && result.finite)
-    judge_information(result, psi, drawn.left_alone);
-  return result;
+  sum.finite = sum.finite && sum.gradient.allFinite() && sum.information.allFinite();
+  return true;
 }
 
 // A step with no leap in it, inside the bounds.
@@ -466,12 +490,14 @@ void newton_method::follow(const draw_measure& found, newton_state& state) const
   host_.peers().gather(packed.data(), packed.rows(), packed.cols());
   for (int i = 0; i < model.subjects(); ++i) {
     if (packed(d + d * d, i) < 0.5) continue;
-    std::vector<draw_component>& own = state.proposals[static_cast<std::size_t>(i)];
+    draw_mixture& shared = state.proposals[static_cast<std::size_t>(i)];
+    std::vector<draw_component> own = *shared;
     const auto moved =
         single(packed.col(i).head(d), packed.col(i).segment(d, d * d).reshaped(d, d), target_ratio);
     // A mixture keeps its defensive part.
     own.front().centre = moved.front().centre;
     own.front().factor = moved.front().factor;
+    shared = mixture_of(std::move(own));
   }
 }
 
@@ -549,7 +575,8 @@ bool newton_method::advance(run_state& state) const {
     if (!find_modes(host_, parameter_values(state.theta, state.omega), true, modes, laplace))
       return stopped();
     for (std::size_t i = 0; i < modes.size(); ++i)
-      if (modes[i].usable) n.proposals[i] = single(modes[i].phi, modes[i].covariance, target_ratio);
+      if (modes[i].usable)
+        n.proposals[i] = mixture_of(single(modes[i].phi, modes[i].covariance, target_ratio));
     if (++n.vain >= most_draws_in_vain) {
       n.trouble = "the likelihood of a subject is not finite";
       state.ended = true;

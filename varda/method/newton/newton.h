@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cmath>
 #include <optional>
 
 #include "varda/inference/standard_errors.h"
@@ -15,10 +16,11 @@ struct draw_measure {
   bool finite = false;
   int samples = 0;  // a subject
   double log_likelihood = 0.0;
-  double error = 0.0;  // standard error of -2 log-likelihood, pooled over subjects
+  double variance = 0.0;  // of the log-likelihood's error, pooled over subjects
   Eigen::VectorXd gradient;
   Eigen::MatrixXd information;
   Eigen::MatrixXd scatter;                // covariance of the gradient's error
+  Eigen::MatrixXd outer_products;         // of the subjects' gradients with themselves
   std::vector<subject_measure> subjects;  // those of this process; the figures of all
   // Of every group of samples alone, groups x subjects.
   Eigen::MatrixXd group_log_likelihood;
@@ -27,6 +29,9 @@ struct draw_measure {
   double noise = 0.0;
   Eigen::VectorXd step;  // Newton's, towards the maximum
   bool definite = false;
+
+  // Standard error of -2 log-likelihood.
+  double error() const { return 2.0 * std::sqrt(variance); }
 };
 
 // Whether a subject's samples are not to be trusted: few effective ones, or a heavy tail with not
@@ -47,7 +52,7 @@ struct whole_draw {
   draw_plan plan;
   Eigen::VectorXd theta;  // where the predictions are made
   // Of every subject, as they were at the draw.
-  std::vector<std::vector<draw_component>> proposals;
+  std::vector<draw_mixture> proposals;
   std::vector<subject_draw> kept;  // by subject; empty where nothing is kept
   // Directions of psi that are left alone: no step is taken along them and no gain seen there.
   std::vector<Eigen::VectorXd> left_alone;
@@ -106,8 +111,9 @@ class newton_method final : public estimation_method {
   // Looks for likelihood where the proposals have no points, and repairs the proposals of subjects
   // that are badly sampled: those of `repaired`. Collective. False when a stop was asked for.
   bool look_widely(run_state& state, const draw_measure& found, std::vector<int>& repaired) const;
-  // The same, after which these subjects are drawn again and `found` is what the draw then says at
-  // psi. New points for all would find others that are badly sampled where there are many subjects.
+  // The same, after which these subjects are drawn again and `found`, what the draw said at psi, is
+  // what it says then. New points for all would find others that are badly sampled where there are
+  // many subjects.
   bool mend(run_state& state, const Eigen::VectorXd& psi, whole_draw& drawn, draw_measure& found,
             bool& changed) const;
 
@@ -120,7 +126,7 @@ class newton_method final : public estimation_method {
   };
   bool advance(run_state& state) const;
   bool start(run_state& state) const;
-  std::vector<draw_component> defended(const newton_state& state, int subject) const;
+  draw_mixture defended(const newton_state& state, int subject) const;
   void propose_from(const std::vector<normal_posterior>& modes, run_state& state) const;
   ascent climb(const whole_draw& drawn, const Eigen::VectorXd& psi, const draw_measure& here,
                int most_steps) const;
@@ -142,6 +148,8 @@ class newton_method final : public estimation_method {
   Eigen::VectorXd psi_in_force() const;
   bool draw(const run_state& state, const draw_plan& plan, std::size_t memory,
             whole_draw& drawn) const;
+  bool add(const whole_draw& drawn, const measure_point& at, detail wanted,
+           const std::vector<int>& subjects, double sign, draw_measure& sum) const;
   void draw_kept(const std::vector<int>& subjects, whole_draw& drawn) const;
 
   engine_host& host_;

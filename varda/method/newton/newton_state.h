@@ -19,8 +19,8 @@ struct newton_state {
   int removals = 0;       // times that the steps went on without a direction
   int resumptions = 0;    // after fresh points saw a gain at the estimates
   bool inflated = false;  // a stationary point near a singular omega has been left once
-  std::vector<std::vector<draw_component>> proposals;  // by subject
-  std::vector<int> repairs;                            // of each subject's proposal
+  std::vector<draw_mixture> proposals;  // by subject
+  std::vector<int> repairs;             // of each subject's proposal
   std::vector<double> tails;  // of each subject's weights: the heaviest shape that has been seen
   // The last draw's verdict in figures.
   double gain_ahead = 0.0;

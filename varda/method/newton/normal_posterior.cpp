@@ -91,8 +91,18 @@ Eigen::VectorXd mode_finder::log_density(int subject, const Eigen::MatrixXd& phi
   return result;
 }
 
+normal_posterior mode_finder::search_beside(int subject, const Eigen::VectorXd& from,
+                                            const parameter_values& at,
+                                            const Eigen::VectorXd& centre,
+                                            const Eigen::MatrixXd& factor) {
+  return search(subject, from, at, [&](const Eigen::VectorXd& phi) {
+    return factor.triangularView<Eigen::Lower>().solve(phi - centre).squaredNorm() < 1.0;
+  });
+}
+
 normal_posterior mode_finder::search(int subject, const Eigen::VectorXd& from,
-                                     const parameter_values& at) {
+                                     const parameter_values& at,
+                                     const std::function<bool(const Eigen::VectorXd&)>& is_known) {
   const Eigen::Index n = from.size();
   const Eigen::VectorXd unit = at.omega.diagonal().cwiseSqrt();
   Eigen::VectorXd phi = from;
@@ -140,6 +150,7 @@ normal_posterior mode_finder::search(int subject, const Eigen::VectorXd& from,
     }
     if (!(value > f(0))) break;
     phi = tries.col(best);
+    if (is_known && is_known(phi)) return {};
     result.log_density = value;
   }
   result.phi = phi;

@@ -3,6 +3,7 @@
 
 #include <Eigen/Core>
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 #include "varda/model/density.h"
@@ -38,11 +39,22 @@ class mode_finder {
   // log p(y | phi) alone.
   Eigen::VectorXd log_data(int subject, const Eigen::MatrixXd& phi, const parameter_values& at);
 
-  normal_posterior search(int subject, const Eigen::VectorXd& from, const parameter_values& at);
+  normal_posterior search(int subject, const Eigen::VectorXd& from, const parameter_values& at) {
+    return search(subject, from, at, nullptr);
+  }
+  // The same for another mode than the one about `centre`, a normal distribution with this lower
+  // Cholesky factor: where a search comes within a deviation of it, it ends with nothing usable.
+  normal_posterior search_beside(int subject, const Eigen::VectorXd& from,
+                                 const parameter_values& at, const Eigen::VectorXd& centre,
+                                 const Eigen::MatrixXd& factor);
 
   std::int64_t evaluations() const { return evaluations_; }
 
  private:
+  // `is_known` tells of a place whether it leads to a mode that is of no interest; may be null.
+  normal_posterior search(int subject, const Eigen::VectorXd& from, const parameter_values& at,
+                          const std::function<bool(const Eigen::VectorXd&)>& is_known);
+
   const density& joint_;
   density_workspace scratch_;
   std::int64_t evaluations_ = 0;

@@ -37,8 +37,7 @@ namespace {
 
 // What the derivatives of a draw say of the errors of the estimates.
 void find_errors(const newton_method& method, const whole_draw& drawn, const Eigen::VectorXd& psi,
-                 const draw_measure& found, const Eigen::MatrixXd& opg,
-                 const Eigen::MatrixXd& slopes, newton_report& result) {
+                 const draw_measure& found, const Eigen::MatrixXd& slopes, newton_report& result) {
   // A move of 1 along a flat direction that changes a quantity by more than this share of its error
   // leaves it without one.
   constexpr double touched = 0.3;
@@ -60,7 +59,7 @@ void find_errors(const newton_method& method, const whole_draw& drawn, const Eig
     }
   }
   const Eigen::MatrixXd inverse = slopes.inverse();
-  errors.scores = inverse.transpose() * opg * inverse;
+  errors.scores = inverse.transpose() * found.outer_products * inverse;
 }
 
 }  // namespace
@@ -93,24 +92,21 @@ newton_report report_at(engine_host& host, const newton_method& method, run_stat
   result.gain = found.gain;
   result.noise = found.noise;
 
-  // Moments and gradients stand on the process that owns the subject.
-  const Eigen::Index figures = effects + effects * effects;
-  const Eigen::Index p = psi.size();
-  Eigen::MatrixXd packed = Eigen::MatrixXd::Zero(figures + p, model.subjects());
+  // Moments stand on the process that owns the subject.
+  Eigen::MatrixXd packed = Eigen::MatrixXd::Zero(effects + effects * effects, model.subjects());
   for (int i = 0; i < model.subjects(); ++i) {
     const subject_measure& m = found.subjects[static_cast<std::size_t>(i)];
     if (m.mean.size() != effects) continue;
-    packed.col(i) << m.mean, m.covariance.reshaped(), m.gradient;
+    packed.col(i) << m.mean, m.covariance.reshaped();
   }
   host.peers().gather(packed.data(), packed.rows(), packed.cols());
 
   likelihood_estimate& likelihood = result.likelihood;
   likelihood.minus2ll = -2.0 * found.log_likelihood;
-  likelihood.mc_se = found.error;
+  likelihood.mc_se = found.error();
   likelihood.replicates.assign(static_cast<std::size_t>(replicates), 0.0);
   likelihood.by_subject = found.group_log_likelihood;
   Eigen::VectorXd mu(effects);
-  Eigen::MatrixXd opg = Eigen::MatrixXd::Zero(p, p);
   for (int i = 0; i < model.subjects(); ++i) {
     subject_integral& s = likelihood.subjects.emplace_back();
     s.mean = Eigen::VectorXd::Zero(effects);
@@ -123,19 +119,17 @@ newton_report report_at(engine_host& host, const newton_method& method, run_stat
     s.mean = packed.col(i).head(effects) - mu;
     s.covariance = packed.col(i).segment(effects, effects * effects).reshaped(effects, effects);
     s.scaled_squares = m.scaled_squares;
-    s.effective_samples = m.effective_share *
-                          drawn.plan.samples_of_group(drawn.proposals[static_cast<std::size_t>(i)]);
+    s.effective_samples = m.effective_share * drawn.plan.samples_of_group(
+                                                  *drawn.proposals[static_cast<std::size_t>(i)]);
     // Of one randomisation's points, as the effective samples are.
     s.largest_weight = std::min(m.largest_weight * replicates, 1.0);
     health = {m.effective_share, m.largest_weight, m.shape, m.failed, m.error, is_bad(m)};
     for (int r = 0; r < replicates; ++r)
       likelihood.replicates[static_cast<std::size_t>(r)] -= 2.0 * likelihood.by_subject(r, i);
-    const Eigen::VectorXd gradient = packed.col(i).tail(p);
-    opg += gradient * gradient.transpose();
   }
   likelihood.complete = found.finite;
   if (found.finite)
-    find_errors(method, drawn, psi, found, opg,
+    find_errors(method, drawn, psi, found,
                 jacobian(model, method.scale(), host.theta(), host.omega()), result);
   return result;
 }

@@ -372,7 +372,9 @@ bool find_modes(engine_host& host, const participants& among, const parameter_va
         best = j;
     }
     if (best < 0) return;
-    const normal_posterior other = finder.search(i, far.col(best), at);
+    const normal_posterior other =
+        mode.usable ? finder.search_beside(i, far.col(best), at, mode.phi, factor.matrixL())
+                    : finder.search(i, far.col(best), at);
     if (other.usable && (!mode.usable || other.log_mass > mode.log_mass)) mode = other;
   });
   for (const mode_finder& finder : finders) host.count_evaluations(finder.evaluations());
