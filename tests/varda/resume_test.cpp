@@ -57,13 +57,13 @@ population_model by_em() {
 
 std::map<std::string, std::string> reports(const population_model& model,
                                            const fit_result& result) {
-  std::map<std::string, std::string> files = {{"json", json_report(model, result)},
+  std::map<std::string, std::string> files = {{"json", whole(json_report(model, result))},
                                               {"estimates", estimates_csv(model, result)},
                                               {"iterations", iterations_csv(model, result)},
-                                              {"subjects", subjects_csv(model, result)},
-                                              {"rows", rows_csv(model, result)},
+                                              {"subjects", whole(subjects_csv(model, result))},
+                                              {"rows", whole(rows_csv(model, result))},
                                               {"ext", ext_table(model, result)},
-                                              {"phi", phi_table(model, result)}};
+                                              {"phi", whole(phi_table(model, result))}};
   if (!result.errors.chosen().empty()) files["cov"] = cov_table(model, result);
   const std::string page = summary(model, result);
   files["page"] = page.substr(0, page.find("\nTime: "));

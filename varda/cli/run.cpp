@@ -177,45 +177,21 @@ manifest origin_of(const run_request& request, const population_model& model) {
   return about;
 }
 
-// Returns the files that there is no memory for, with what they want of it. The small ones come
-// first.
-std::vector<std::string> add_reports(run_folder& folder, const population_model& model,
-                                     const fit_result& result) {
+// `model` and `result` outlive the exchange.
+void add_reports(run_folder& folder, const population_model& model, const fit_result& result) {
   const std::string stem = name_of(result.what);
-  std::vector<std::string> missing;
-  const auto add = [&](const std::string& name, std::size_t numbers, const auto& text) {
-    const std::size_t wanted = bytes_of_numbers(numbers);
-    bool made = wanted <= available_memory();
-    try {
-      if (made) folder.add(name, text());
-    } catch (const std::bad_alloc&) {
-      made = false;
-    } catch (const std::length_error&) {
-      made = false;
-    }
-    if (!made) missing.push_back(fmt::format("{} (about {})", name, bytes_in_words(wanted)));
-  };
-  const auto subjects = static_cast<std::size_t>(model.subjects());
-  const auto effects = static_cast<std::size_t>(model.random_effects());
-  const std::size_t moments = subjects * (1 + effects) * effects;
-  const auto rows = static_cast<std::size_t>(model.data().observations()) *
-                    (11 + static_cast<std::size_t>(model.structural_parameters()));
-  add("estimates.csv", 0, [&] { return estimates_csv(model, result); });
-  add("iterations.csv", 0, [&] { return iterations_csv(model, result); });
-  add("legend.csv", 0, [&] { return legend_csv(model); });
-  add(stem + ".ext", 0, [&] { return ext_table(model, result); });
+  folder.add("estimates.csv", estimates_csv(model, result));
+  folder.add("iterations.csv", iterations_csv(model, result));
+  folder.add("legend.csv", legend_csv(model));
+  folder.add(stem + ".ext", ext_table(model, result));
   if (!result.errors.chosen().empty()) {
-    add(stem + ".cov", 0, [&] { return cov_table(model, result); });
-    add(stem + ".cor", 0, [&] { return cor_table(model, result); });
+    folder.add(stem + ".cov", cov_table(model, result));
+    folder.add(stem + ".cor", cor_table(model, result));
   }
-  // Keys and layout take twice as much as numbers.
-  const std::size_t figures =
-      subjects * (16 + static_cast<std::size_t>(model.specification().estimation.replicates));
-  add(stem + ".json", 3 * (figures + moments), [&] { return json_report(model, result); });
-  add("subjects.csv", figures + moments, [&] { return subjects_csv(model, result); });
-  add(stem + ".phi", moments, [&] { return phi_table(model, result); });
-  add("rows.csv", rows, [&] { return rows_csv(model, result); });
-  return missing;
+  folder.add(stem + ".json", json_report(model, result));
+  folder.add("subjects.csv", subjects_csv(model, result));
+  folder.add(stem + ".phi", phi_table(model, result));
+  folder.add("rows.csv", rows_csv(model, result));
 }
 
 // False where standard output cannot take it.
@@ -285,14 +261,7 @@ exit_status run(const run_request& request, job& peers) {
   bool failed = false;
   if (peers.is_root()) {
     std::string page = summary(model, result) + (from.started.empty() ? "" : "\n" + from.started);
-    const std::vector<std::string> missing = add_reports(*folder, model, result);
-    if (!missing.empty()) {
-      const std::string words =
-          wrapped(fmt::format("NOT WRITTEN for want of memory: {}", fmt::join(missing, ", ")), 2);
-      std::fputs(fmt::format("varda: {}\n", words).c_str(), stderr);
-      page += "\n" + words + "\n";
-      failed = true;
-    }
+    add_reports(*folder, model, result);
     folder->add("model-used.toml", model_text);
     folder->add("run.json", run_json(result, request.command));
     if (!keeper.at_stop().empty()) {

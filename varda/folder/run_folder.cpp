@@ -12,8 +12,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <memory>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include "varda/folder/saved_run.h"
 #include "varda/support/digest.h"
@@ -39,13 +41,27 @@ std::string reason_of(int number) {
 }
 
 // Writes a file to the disk itself, so that what is renamed later is whole after a loss of power.
-void write_file(const fs::path& path, const std::string& content) {
-  std::FILE* file = std::fopen(path.c_str(), "wb");
-  if (file == nullptr) fail(path, reason_of(errno));
-  const bool written = std::fwrite(content.data(), 1, content.size(), file) == content.size() &&
-                       std::fflush(file) == 0 && ::fsync(::fileno(file)) == 0;
-  const int why = errno;
-  if (std::fclose(file) != 0 || !written) fail(path, reason_of(written ? errno : why));
+// Returns what the manifest says of it.
+manifest::file write_file(const fs::path& path, const text_pieces& content) {
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "wb"),
+                                                             std::fclose);
+  if (!file) fail(path, reason_of(errno));
+  manifest::file written{path.filename().string(), 0, ""};
+  sha256_of_pieces digest;
+  content([&](std::string_view piece) {
+    if (std::fwrite(piece.data(), 1, piece.size(), file.get()) != piece.size())
+      fail(path, reason_of(errno));
+    written.size += piece.size();
+    digest.add(piece);
+  });
+  if (std::fflush(file.get()) != 0 || ::fsync(::fileno(file.get())) != 0)
+    fail(path, reason_of(errno));
+  written.sha256 = digest.digest();
+  return written;
+}
+
+text_pieces one_piece(std::string content) {
+  return [content = std::move(content)](const text_sink& to) { to(content); };
 }
 
 void rename_or_fail(const fs::path& from, const fs::path& to) {
@@ -56,7 +72,7 @@ void rename_or_fail(const fs::path& from, const fs::path& to) {
 
 void write_manifest(const fs::path& folder, const manifest& about) {
   const fs::path working = folder / (std::string(manifest_name) + ".new");
-  write_file(working, manifest_text(about));
+  write_file(working, one_piece(manifest_text(about)));
   rename_or_fail(working, folder / manifest_name);
 }
 
@@ -240,32 +256,41 @@ void run_folder::check_old(const std::string& task, const std::vector<std::strin
 }
 
 void run_folder::add(const std::string& name, std::string content) {
+  add(name, one_piece(std::move(content)));
+}
+
+void run_folder::add(const std::string& name, text_pieces content) {
   added_.emplace_back(name, std::move(content));
 }
 
-void run_folder::write_part(const manifest& about) {
+// Enters what was added into the manifest: names first, so that a run that is killed in between
+// leaves nothing that the next one does not know.
+void run_folder::write_part(manifest& about) {
   std::error_code ignored;
   fs::create_directories(part_, ignored);
-  // First, so that a run that is killed in between leaves nothing that the next one does not know.
+  const std::vector<manifest::file> others = about.files;
+  for (const auto& [name, content] : added_) about.files.push_back({name, 0, ""});
   write_manifest(part_, about);
+  about.files = others;
   for (const auto& [name, content] : added_)
-    if (name == state_name)
-      write_state(content);
-    else
-      write_file(part_ / name, content);
+    about.files.push_back(name == state_name ? write_state(content)
+                                             : write_file(part_ / name, content));
+  write_manifest(part_, about);
   flush_folder(part_);
 }
 
-void run_folder::write_state(const std::string& content) {
+manifest::file run_folder::write_state(const text_pieces& content) {
   const fs::path working = part_ / (std::string(state_name) + ".new");
-  write_file(working, content);
+  manifest::file written = write_file(working, content);
   rename_or_fail(working, part_ / state_name);
+  written.name = state_name;
+  return written;
 }
 
 void run_folder::keep_state(const std::string& content) {
   std::error_code ignored;
   fs::create_directories(part_, ignored);
-  write_state(content);
+  write_state(one_piece(content));
   flush_folder(part_);
 }
 
@@ -283,8 +308,6 @@ std::optional<run_folder::leftover> run_folder::left_in(const std::string& path)
 
 void run_folder::exchange(manifest about) {
   about.files.clear();
-  for (const auto& [name, content] : added_)
-    about.files.push_back({name, content.size(), sha256(content)});
   write_part(about);
   if (in_place_)
     exchange_in_place(about);
@@ -301,12 +324,13 @@ void run_folder::exchange(manifest about) {
 void run_folder::add_to_run(const std::string& name, const std::string& content) {
   manifest about = old_;
   std::erase_if(about.files, [&name](const manifest::file& f) { return f.name == name; });
-  about.files.push_back({name, content.size(), ""});
-  added_.assign(1, {name, content});
+  added_.clear();
+  add(name, content);
   write_part(about);
+  const std::string digest = std::exchange(about.files.back().sha256, "");
   write_manifest(path_, about);
   rename_or_fail(part_ / name, path_ / name);
-  about.files.back().sha256 = sha256(content);
+  about.files.back().sha256 = digest;
   write_manifest(path_, about);
 }
 

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "varda/folder/manifest.h"
+#include "varda/support/text_pieces.h"
 
 namespace varda {
 
@@ -46,8 +47,9 @@ class run_folder {
   // before. Throws std::runtime_error.
   void keep_state(const std::string& content);
 
-  // Keeps a file for the exchange.
+  // Keeps a file for the exchange, which asks for its text.
   void add(const std::string& name, std::string content);
+  void add(const std::string& name, text_pieces content);
 
   // Puts what was added into the place of the run before; `about` with the list of it becomes the
   // manifest. Throws std::runtime_error, and then everything is as it was.
@@ -63,8 +65,8 @@ class run_folder {
   void choose_place();
   void hold();
   void check_old(const std::string& task, const std::vector<std::string>& names);
-  void write_part(const manifest& about);
-  void write_state(const std::string& content);
+  void write_part(manifest& about);
+  manifest::file write_state(const text_pieces& content);
   void move_state_away(const manifest& about);
   void exchange_whole(const manifest& about);
   void exchange_in_place(const manifest& about);
@@ -77,7 +79,7 @@ class run_folder {
   bool done_ = false;
   int held_ = -1;  // descriptor of the locked part
   manifest old_;   // of the results to be replaced; without files where there are none
-  std::vector<std::pair<std::string, std::string>> added_;
+  std::vector<std::pair<std::string, text_pieces>> added_;
 };
 
 }  // namespace varda

@@ -178,24 +178,27 @@ std::string text_of(const ordered_json& value) {
 // The text of a report of which the value of `key`, an array with an entry for each of `count`
 // subjects, is put in one by one: as values they take several times the memory of their text.
 template <class Entry>
-std::string text_with_list(ordered_json& report, const char* key, std::size_t count, Entry entry) {
+text_pieces text_with_list(ordered_json& report, const char* key, std::size_t count, Entry entry) {
   report[key] = ordered_json::array();
-  const std::string frame = text_of(report) + "\n";
-  if (count == 0) return frame;
+  std::string frame = text_of(report) + "\n";
   // Keys of the report itself, and no others, stand behind two blanks.
   const std::string before = fmt::format("\n  \"{}\": [", key);
   const std::size_t place = frame.find(before + "]") + before.size();
-  std::string text = frame.substr(0, place);
-  for (std::size_t i = 0; i < count; ++i) {
-    text += i == 0 ? "\n    " : ",\n    ";
-    // A line break is one of the layout: those of a text are escaped.
-    for (const char c : text_of(entry(i))) {
-      text += c;
-      if (c == '\n') text += "    ";
+  return [frame = std::move(frame), place, count, entry](const text_sink& to) {
+    if (count == 0) return to(frame);
+    to(std::string_view(frame).substr(0, place));
+    for (std::size_t i = 0; i < count; ++i) {
+      std::string text = i == 0 ? "\n    " : ",\n    ";
+      // A line break is one of the layout: those of a text are escaped.
+      for (const char c : text_of(entry(i))) {
+        text += c;
+        if (c == '\n') text += "    ";
+      }
+      to(text);
     }
-    if (i == 0) text.reserve(count * (text.size() - place) + frame.size());
-  }
-  return text + "\n  " + frame.substr(place);
+    to("\n  ");
+    to(std::string_view(frame).substr(place));
+  };
 }
 
 ordered_json subject_report(const population_model& model, const fit_result& result, int i) {
@@ -324,7 +327,7 @@ ordered_json start_report(const check_result& result, std::size_t i) {
 
 }  // namespace
 
-std::string json_report(const population_model& model, const fit_result& result) {
+text_pieces json_report(const population_model& model, const fit_result& result) {
   ordered_json report;
   report["schema_version"] = json_schema_version;
   report["task"] = result.what == task::fit ? "fit" : "evaluate";
@@ -371,9 +374,10 @@ std::string json_report(const population_model& model, const fit_result& result)
   report["warnings"] = to_json(result.warnings);
   report["settings"] = settings(model);
   report["versions"] = {{"varda", version}, {"commit", commit()}};
-  return text_with_list(
-      report, "subjects", known ? static_cast<std::size_t>(model.subjects()) : 0,
-      [&](std::size_t i) { return subject_report(model, result, static_cast<int>(i)); });
+  return text_with_list(report, "subjects", known ? static_cast<std::size_t>(model.subjects()) : 0,
+                        [&model, &result](std::size_t i) {
+                          return subject_report(model, result, static_cast<int>(i));
+                        });
 }
 
 std::string run_json(const fit_result& result, const std::vector<std::string>& command) {
@@ -413,8 +417,8 @@ std::string check_json(const check_result& result) {
                                                    {"diagnostics", result.memory->diagnostics}})
                                    : ordered_json();
   report["versions"] = {{"varda", version}, {"compiler", compiler}};
-  return text_with_list(report, "start", result.start_minus2_log_density.size(),
-                        [&](std::size_t i) { return start_report(result, i); });
+  return whole(text_with_list(report, "start", result.start_minus2_log_density.size(),
+                              [&](std::size_t i) { return start_report(result, i); }));
 }
 
 }  // namespace varda

@@ -175,24 +175,26 @@ std::string ext_table(const population_model& model, const fit_result& result) {
   return table;
 }
 
-std::string phi_table(const population_model& model, const fit_result& result) {
+text_pieces phi_table(const population_model& model, const fit_result& result) {
   const int effects = model.random_effects();
-  std::string table = title(result) + heading("SUBJECT_NO") + heading("ID");
-  for (int i = 1; i <= effects; ++i) table += heading(fmt::format("PHI({})", i));
+  std::string header = title(result) + heading("SUBJECT_NO") + heading("ID");
+  for (int i = 1; i <= effects; ++i) header += heading(fmt::format("PHI({})", i));
   for (int i = 1; i <= effects; ++i)
-    for (int j = 1; j <= i; ++j) table += heading(fmt::format("PHC({},{})", i, j));
-  table += " OBJ\n";
-  if (result.predictions.empty()) return table;
-  for (int i = 0; i < model.subjects(); ++i) {
-    const auto at = static_cast<std::size_t>(i);
-    const Eigen::MatrixXd& covariance = result.likelihood.subjects[at].covariance;
-    table += fmt::format(" {:>12} {:>12}", i + 1, without_blanks(model.data().subjects[at].id));
-    for (const double phi : result.predictions[at].phi) table += field(phi);
-    for (int r = 0; r < effects; ++r)
-      for (int c = 0; c <= r; ++c) table += field(covariance(r, c));
-    table += objective(result.objective.subjects[at]);
-  }
-  return table;
+    for (int j = 1; j <= i; ++j) header += heading(fmt::format("PHC({},{})", i, j));
+  return [&model, &result, effects, header = header + " OBJ\n"](const text_sink& to) {
+    to(header);
+    if (result.predictions.empty()) return;
+    for (int i = 0; i < model.subjects(); ++i) {
+      const auto at = static_cast<std::size_t>(i);
+      const Eigen::MatrixXd& covariance = result.likelihood.subjects[at].covariance;
+      std::string row =
+          fmt::format(" {:>12} {:>12}", i + 1, without_blanks(model.data().subjects[at].id));
+      for (const double phi : result.predictions[at].phi) row += field(phi);
+      for (int r = 0; r < effects; ++r)
+        for (int c = 0; c <= r; ++c) row += field(covariance(r, c));
+      to(row + objective(result.objective.subjects[at]));
+    }
+  };
 }
 
 std::string cov_table(const population_model& model, const fit_result& result) {

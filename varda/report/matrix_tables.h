@@ -10,6 +10,7 @@
 
 #include "varda/model/population.h"
 #include "varda/run/fit_result.h"
+#include "varda/support/text_pieces.h"
 
 namespace varda {
 
@@ -17,7 +18,7 @@ namespace varda {
 std::string ext_table(const population_model& model, const fit_result& result);
 
 // Per subject the conditional mean of phi, its covariance, and -2 log-likelihood without constant.
-std::string phi_table(const population_model& model, const fit_result& result);
+text_pieces phi_table(const population_model& model, const fit_result& result);
 
 // Covariance of the estimates on the scale of the .ext; correlations with the standard errors in
 // the diagonal. Zero where a quantity is fixed. Only where standard errors are known.

@@ -42,14 +42,15 @@ std::string rows_of(const population_model& model, const fit_result& result, int
 
 }  // namespace
 
-std::string rows_csv(const population_model& model, const fit_result& result) {
-  std::string table = "ID,TIME,DV,DVID,CENS,LIMIT,PRED,IPRED,RES,IWRES,NPDE";
-  for (const parameter& p : model.specification().parameters) table += "," + csv_field(p.name);
-  table += "\n";
-  if (result.predictions.empty()) return table;
-  for (int i = 0; i < model.subjects(); ++i)
-    if (model.observations(i) > 0) table += rows_of(model, result, i);
-  return table;
+text_pieces rows_csv(const population_model& model, const fit_result& result) {
+  std::string header = "ID,TIME,DV,DVID,CENS,LIMIT,PRED,IPRED,RES,IWRES,NPDE";
+  for (const parameter& p : model.specification().parameters) header += "," + csv_field(p.name);
+  return [&model, &result, header = header + "\n"](const text_sink& to) {
+    to(header);
+    if (result.predictions.empty()) return;
+    for (int i = 0; i < model.subjects(); ++i)
+      if (model.observations(i) > 0) to(rows_of(model, result, i));
+  };
 }
 
 }  // namespace varda

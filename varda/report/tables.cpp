@@ -54,39 +54,46 @@ std::string iterations_csv(const population_model& model, const fit_result& resu
   return table;
 }
 
-std::string subjects_csv(const population_model& model, const fit_result& result) {
+namespace {
+
+std::string row_of_subject(const population_model& model, const fit_result& result, int subject) {
+  const auto at = static_cast<std::size_t>(subject);
   const int effects = model.random_effects();
-  std::string table =
+  const subject_integral& s = result.likelihood.subjects[at];
+  std::string row = fmt::format("{},{},{},{},{}", csv_field(model.data().subjects[at].id),
+                                model.observations(subject), result.objective.subjects[at],
+                                s.effective_samples, s.largest_weight);
+  if (result.health.empty()) {
+    row += ",,,";
+  } else {
+    const subject_health& h = result.health[at];
+    row += std::isfinite(h.shape) ? fmt::format(",{}", h.shape) : ",";
+    row += fmt::format(",{},{}", h.failed, h.sick ? 1 : 0);
+  }
+  for (int e = 0; e < effects; ++e) row += fmt::format(",{}", s.mean(e));
+  for (int r = 0; r < effects; ++r)
+    for (int c = 0; c <= r; ++c) row += fmt::format(",{}", s.covariance(r, c));
+  if (result.quadrature.complete)
+    row += fmt::format(",{}", result.objective.subjects_by_quadrature[at]);
+  return row + "\n";
+}
+
+}  // namespace
+
+text_pieces subjects_csv(const population_model& model, const fit_result& result) {
+  std::string header =
       "id,observations,minus2ll_without_constant,ess,largest_weight,pareto_k,failed,badly_sampled";
-  for (const random_effect& e : model.effects()) table += "," + csv_field("eta(" + e.name + ")");
+  for (const random_effect& e : model.effects()) header += "," + csv_field("eta(" + e.name + ")");
   for (std::size_t i = 0; i < model.effects().size(); ++i)
     for (std::size_t j = 0; j <= i; ++j)
-      table += "," + csv_field(fmt::format("var({},{})", model.effects()[i].name,
-                                           model.effects()[j].name));
-  if (result.quadrature.complete) table += ",agq_minus2ll_without_constant";
-  table += "\n";
-  if (!result.likelihood.complete) return table;
-  for (int i = 0; i < model.subjects(); ++i) {
-    const auto at = static_cast<std::size_t>(i);
-    const subject_integral& s = result.likelihood.subjects[at];
-    table += fmt::format("{},{},{},{},{}", csv_field(model.data().subjects[at].id),
-                         model.observations(i), result.objective.subjects[at], s.effective_samples,
-                         s.largest_weight);
-    if (result.health.empty()) {
-      table += ",,,";
-    } else {
-      const subject_health& h = result.health[at];
-      table += std::isfinite(h.shape) ? fmt::format(",{}", h.shape) : ",";
-      table += fmt::format(",{},{}", h.failed, h.sick ? 1 : 0);
-    }
-    for (int e = 0; e < effects; ++e) table += fmt::format(",{}", s.mean(e));
-    for (int r = 0; r < effects; ++r)
-      for (int c = 0; c <= r; ++c) table += fmt::format(",{}", s.covariance(r, c));
-    if (result.quadrature.complete)
-      table += fmt::format(",{}", result.objective.subjects_by_quadrature[at]);
-    table += "\n";
-  }
-  return table;
+      header += "," + csv_field(fmt::format("var({},{})", model.effects()[i].name,
+                                            model.effects()[j].name));
+  if (result.quadrature.complete) header += ",agq_minus2ll_without_constant";
+  return [&model, &result, header = header + "\n"](const text_sink& to) {
+    to(header);
+    if (!result.likelihood.complete) return;
+    for (int i = 0; i < model.subjects(); ++i) to(row_of_subject(model, result, i));
+  };
 }
 
 }  // namespace varda

@@ -157,11 +157,6 @@ std::size_t bytes_of_npde(const population_model& model, int threads) {
          2 * sizeof(double) * n.observations;
 }
 
-std::size_t bytes_of_numbers(std::size_t count) {
-  constexpr std::size_t digits = 20;
-  return 2 * digits * count;
-}
-
 memory_forecast forecast_memory(const population_model& model, int processes, int threads) {
   const int factor = points_factor(model.random_effects());
   return {bytes_of_fit(model, processes, threads, factor * newton_limits::verdict_samples),

@@ -27,9 +27,6 @@ std::size_t bytes_of_quadrature(const population_model& model);
 std::size_t bytes_of_predictions(const population_model& model);
 std::size_t bytes_of_npde(const population_model& model, int threads);
 
-// The text of so many numbers, while it is put together.
-std::size_t bytes_of_numbers(std::size_t count);
-
 // What a fit takes whose verdict falls on the first draws that may bring one, what it takes where
 // all points are wanted, and what the diagnostics take beyond.
 struct memory_forecast {
