@@ -75,18 +75,18 @@ TEST_P(SubjectSampler, DerivativesAreThoseOfTheSampledLikelihood) {
   std::int64_t evaluations = 0;
   struct measured {
     double log_likelihood;
-    subject_derivatives by_psi;
+    subject_details details;
   };
   const auto at = [&](const Eigen::VectorXd& where) {
     measured result;
     result.log_likelihood =
         sampler
             .measure(2, drawn, drawn_at, measure_point(scale, where, host.theta(), host.omega()),
-                     detail::derivatives, result.by_psi, evaluations)
+                     detail::derivatives, result.details, evaluations)
             .log_likelihood;
     return result;
   };
-  const subject_derivatives found = at(psi).by_psi;
+  const subject_details found = at(psi).details;
   const double step = 1e-4;
   for (Eigen::Index k = 0; k < psi.size(); ++k) {
     const Eigen::VectorXd by = step * Eigen::VectorXd::Unit(psi.size(), k);
@@ -96,7 +96,7 @@ TEST_P(SubjectSampler, DerivativesAreThoseOfTheSampledLikelihood) {
     EXPECT_NEAR(found.gradient(k), (up.log_likelihood - down.log_likelihood) / (2.0 * step),
                 1e-4 * (1.0 + std::fabs(found.gradient(k))))
         << name;
-    const Eigen::VectorXd column = (down.by_psi.gradient - up.by_psi.gradient) / (2.0 * step);
+    const Eigen::VectorXd column = (down.details.gradient - up.details.gradient) / (2.0 * step);
     for (Eigen::Index l = 0; l < psi.size(); ++l)
       EXPECT_NEAR(found.information(l, k), column(l), 2e-3 * (1.0 + std::fabs(column(l))))
           << name << " " << scale.entries()[static_cast<std::size_t>(l)].name;
@@ -126,10 +126,10 @@ TEST(DrawSubject, AMixtureIsWeighedByItsWholeDensity) {
     subject_drawer(host.joint(), host.points())
         .draw(0, host.theta(), from, {{}, 4096, 4, 0, 4}, drawn);
     std::int64_t evaluations = 0;
-    subject_derivatives by_psi;
+    subject_details details;
     return sampler
         .measure(0, drawn, host.theta(), measure_point(scale, psi, host.theta(), host.omega()),
-                 detail::value, by_psi, evaluations)
+                 detail::value, details, evaluations)
         .log_likelihood;
   };
   mode_finder finder(host.joint());

@@ -43,6 +43,10 @@ population_model by_newton() {
   });
 }
 
+text_pieces file_of(const saved_run::identity& of, const std::string& body) {
+  return saved_run_text(of, [body](std::ostream& to) { to << body; });
+}
+
 // An update without a formula, whose choices of points have to be kept.
 population_model by_em() {
   return test::theophylline([](model_specification& file) {
@@ -143,7 +147,7 @@ TEST_P(Resume, AKilledProcessLeavesAStateInItsFolder) {
             : folder_(path.string(), "fit", {}), of_(std::move(of)), most_(most) {}
         void keep(fit_state& state, bool stopped) override {
           every_state::keep(state, stopped);
-          folder_.keep_state(saved_run_text({of_, written.back()}));
+          folder_.keep_state(file_of(of_, written.back()));
           if (written.size() == most_) std::raise(SIGKILL);
         }
 
@@ -210,7 +214,7 @@ INSTANTIATE_TEST_SUITE_P(Methods, Resume, testing::Values("newton", "em"),
 
 TEST(SavedRun, TellsWhatDiffersAndWhatIsDamaged) {
   const saved_run::identity one = {{"seed", "1"}, {"data file", std::string(64, 'a')}};
-  const std::string text = saved_run_text({one, std::string("body\0of bytes", 13)});
+  const std::string text = whole(file_of(one, std::string("body\0of bytes", 13)));
   EXPECT_EQ(read_saved_run(text).of, one);
   EXPECT_EQ(read_saved_run(text).body.size(), 13U);
   for (std::size_t at = 0; at < text.size(); ++at) {

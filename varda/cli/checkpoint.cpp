@@ -144,11 +144,11 @@ void checkpointer::keep(fit_state& state, bool stopped) {
   session.records = records_.substr(0, records_reached_);
   session.seconds += std::chrono::duration<double>(kept_ - began_).count();
   ++session.sessions;
-  std::ostringstream body;
-  archive_writer to(body);
-  to(session, state);
-  const std::string content = saved_run_text({of_, body.str()});
-  if (stopped) at_stop_ = content;
+  const text_pieces content = saved_run_text(of_, [&](std::ostream& to) {
+    archive_writer archive(to);
+    archive(session, state);
+  });
+  if (stopped) at_stop_ = whole(content);
   try {
     folder_->keep_state(content);
   } catch (const std::exception& error) {

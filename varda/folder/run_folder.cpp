@@ -287,10 +287,10 @@ manifest::file run_folder::write_state(const text_pieces& content) {
   return written;
 }
 
-void run_folder::keep_state(const std::string& content) {
+void run_folder::keep_state(const text_pieces& content) {
   std::error_code ignored;
   fs::create_directories(part_, ignored);
-  write_state(one_piece(content));
+  write_state(content);
   flush_folder(part_);
 }
 

@@ -45,7 +45,7 @@ class run_folder {
 
   // Keeps the run's state where it is found after a kill: always a whole one, this or the one
   // before. Throws std::runtime_error.
-  void keep_state(const std::string& content);
+  void keep_state(const text_pieces& content);
 
   // Keeps a file for the exchange, which asks for its text.
   void add(const std::string& name, std::string content);

@@ -4,8 +4,11 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdint>
 #include <sstream>
 #include <stdexcept>
+#include <streambuf>
 
 #include "varda/support/archive.h"
 #include "varda/support/digest.h"
@@ -18,14 +21,58 @@ namespace {
 const std::string mark = "varda run state 1\n";
 constexpr std::size_t digest_size = 64;
 
+// A stream whose bytes go to a sink, a buffer at a time.
+class sink_buffer final : public std::streambuf {
+ public:
+  explicit sink_buffer(const text_sink& to) : to_(to) { empty(); }
+
+ protected:
+  int_type overflow(int_type next) override {
+    sync();
+    if (!traits_type::eq_int_type(next, traits_type::eof())) sputc(traits_type::to_char_type(next));
+    return traits_type::not_eof(next);
+  }
+  int sync() override {
+    to_({pbase(), static_cast<std::size_t>(pptr() - pbase())});
+    empty();
+    return 0;
+  }
+
+ private:
+  void empty() { setp(bytes_.data(), bytes_.data() + bytes_.size()); }
+
+  const text_sink& to_;
+  std::array<char, 1 << 16> bytes_;
+};
+
+void write_to(const text_sink& to, const std::function<void(std::ostream&)>& write) {
+  sink_buffer buffer(to);
+  std::ostream out(&buffer);
+  write(out);
+  out.flush();
+}
+
 }  // namespace
 
-std::string saved_run_text(saved_run what) {
-  std::ostringstream out;
-  archive_writer to(out);
-  to(what.of, what.body);
-  const std::string content = out.str();
-  return mark + sha256(content) + "\n" + content;
+text_pieces saved_run_text(const saved_run::identity& of,
+                           const std::function<void(std::ostream&)>& body) {
+  std::int64_t size = 0;
+  write_to([&](std::string_view piece) { size += static_cast<std::int64_t>(piece.size()); }, body);
+  const text_pieces content = [of, body, size](const text_sink& to) {
+    write_to(to, [&](std::ostream& out) {
+      saved_run::identity what = of;
+      std::int64_t bytes = size;
+      archive_writer archive(out);
+      archive(what, bytes);
+      body(out);
+    });
+  };
+  sha256_of_pieces digest;
+  content([&](std::string_view piece) { digest.add(piece); });
+  return [head = mark + digest.digest() + "\n", content](const text_sink& to) {
+    to(head);
+    content(to);
+  };
 }
 
 bool is_saved_run(const std::string& text) {

@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <functional>
+#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "varda/support/text_pieces.h"
 
 namespace varda {
 
@@ -17,8 +21,10 @@ struct saved_run {
   std::string body;
 };
 
-// As the bytes of a file that tells when it is damaged.
-std::string saved_run_text(saved_run what);
+// As the bytes of a file that tells when it is damaged. `body` writes the same bytes whenever it is
+// called, and is called several times: they never are in memory as a whole.
+text_pieces saved_run_text(const saved_run::identity& of,
+                           const std::function<void(std::ostream&)>& body);
 
 // Whether a file is one of these, damaged or not.
 bool is_saved_run(const std::string& text);

@@ -645,6 +645,9 @@ class fit_run {
     if (s_.number > 0 && !is_better(tried, s_.best)) return;
     s_.best = std::move(tried);
     s_.best_report = s_.report;
+    // These stand in the result.
+    s_.best_report.likelihood = {};
+    s_.best_report.health.clear();
     s_.kept = s_.starts.size() - 1;
   }
 

@@ -39,7 +39,9 @@ whole_draw group_of(const whole_draw& drawn, int group) {
   whole_draw result;
   result.plan = drawn.plan.alone(group);
   result.theta = drawn.theta;
+  result.population = drawn.population;
   result.proposals = drawn.proposals;
+  result.tails = drawn.tails;
   for (const subject_draw& s : drawn.kept) {
     subject_draw& part = result.kept.emplace_back();
     if (s.phi.size() == 0) continue;

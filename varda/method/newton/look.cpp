@@ -71,9 +71,11 @@ bool newton_method::look_widely(run_state& state, const draw_measure& found,
           (mode.usable && sick ? Eigen::MatrixXd(4.0 * mode.covariance) : state.omega).reshaped();
     }
     // The mixture has found samples that its main component misses: a mode near them.
-    const subject_measure& m = found.subjects[own];
-    if (!is_sick(m) || packed(0, i) > 0.0 || m.mean.size() != d || !m.mean.allFinite()) return;
-    const normal_posterior mode = finder.search(i, m.mean, at);
+    const auto mean = found.moments.col(i).head(d);
+    if (!sick || packed(0, i) > 0.0 || found.subjects[own].effective_share == 0.0 ||
+        !mean.allFinite())
+      return;
+    const normal_posterior mode = finder.search(i, mean, at);
     if (mode.usable) packed.col(i) << 1.0, mode.phi, mode.covariance.reshaped();
   });
   for (const mode_finder& finder : finders) host_.count_evaluations(finder.evaluations());

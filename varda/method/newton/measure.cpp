@@ -81,7 +81,7 @@ subject_sampler::subject_sampler(const density& joint, const coordinates& scale)
 
 subject_measure subject_sampler::measure(int subject, const subject_draw& drawn,
                                          const Eigen::VectorXd& drawn_at, const measure_point& at,
-                                         detail wanted, subject_derivatives& by_psi,
+                                         detail wanted, subject_details& details,
                                          std::int64_t& evaluations) {
   const population_model& model = joint_.model();
   const Eigen::Index n = drawn.phi.cols();
@@ -139,33 +139,33 @@ subject_measure subject_sampler::measure(int subject, const subject_draw& drawn,
   for (Eigen::Index j = 0; j < n; ++j)
     if (weights(j) > 0.0) result.scaled_squares += weights(j) * squares(j);
   result.scaled_squares /= std::max(model.observations(subject), 1);
-  result.mean = drawn.phi * weights;
-  const Eigen::MatrixXd centred = (drawn.phi.colwise() - result.mean).transpose();
-  result.covariance = centred.transpose() * (centred.array().colwise() * weights.array()).matrix();
-  if (failed > 0) result.failed = failures_in_bulk(centred, result.covariance, log_data);
+  details.mean = drawn.phi * weights;
+  const Eigen::MatrixXd centred = (drawn.phi.colwise() - details.mean).transpose();
+  details.covariance = centred.transpose() * (centred.array().colwise() * weights.array()).matrix();
+  if (failed > 0) result.failed = failures_in_bulk(centred, details.covariance, log_data);
 
   Eigen::MatrixXd scores = Eigen::MatrixXd::Zero(n, scale_.size());
   Eigen::MatrixXd hessian = Eigen::MatrixXd::Zero(scale_.size(), scale_.size());
   score_prior(subject, z, at, scores);
-  const Eigen::VectorXd first = result.mean - mu;
-  hessian += curvature_of_prior(subject, first, result.covariance + first * first.transpose(), at);
+  const Eigen::VectorXd first = details.mean - mu;
+  hessian += curvature_of_prior(subject, first, details.covariance + first * first.transpose(), at);
   score_data(subject, drawn, f, {log_data, squares, weights}, at, scores, hessian, evaluations);
 
   const Eigen::MatrixXd weighted = scores.array().colwise() * weights.array();
-  by_psi.group_log_likelihood.resize(drawn.groups);
-  by_psi.group_gradient.resize(scale_.size(), drawn.groups);
+  details.group_log_likelihood.resize(drawn.groups);
+  details.group_gradient.resize(scale_.size(), drawn.groups);
   for (int g = 0; g < drawn.groups; ++g) {
     const double group_total = group_totals(g) > least_total
                                    ? largest + std::log(group_totals(g))
                                    : log_sum(log_weight.segment(g * size, size));
-    by_psi.group_log_likelihood(g) = group_total - std::log(static_cast<double>(size));
-    by_psi.group_gradient.col(g) = weighted.middleRows(g * size, size).colwise().sum();
+    details.group_log_likelihood(g) = group_total - std::log(static_cast<double>(size));
+    details.group_gradient.col(g) = weighted.middleRows(g * size, size).colwise().sum();
   }
-  by_psi.gradient = by_psi.group_gradient.rowwise().sum();
-  by_psi.group_gradient.array().rowwise() /=
+  details.gradient = details.group_gradient.rowwise().sum();
+  details.group_gradient.array().rowwise() /=
       (group_totals / total).transpose().array().max(least_total);
-  by_psi.information =
-      -(hessian + scores.transpose() * weighted - by_psi.gradient * by_psi.gradient.transpose());
+  details.information =
+      -(hessian + scores.transpose() * weighted - details.gradient * details.gradient.transpose());
   return result;
 }
 

@@ -18,11 +18,9 @@
 
 namespace varda {
 
-// What one subject's samples say at one psi.
+// What one subject's samples say at one psi, in figures.
 struct subject_measure {
   double log_likelihood = 0.0;
-  Eigen::VectorXd mean;  // of phi given the data
-  Eigen::MatrixXd covariance;
   double scaled_squares = 0.0;
   double effective_share = 0.0;  // effective samples / samples
   double largest_weight = 0.0;
@@ -32,10 +30,13 @@ struct subject_measure {
   double failed = 0.0;
 };
 
-// Of its log-likelihood, and of each group of samples alone.
-struct subject_derivatives {
+// The moments of phi given the data, and the derivatives of the log-likelihood by psi.
+struct subject_details {
+  Eigen::VectorXd mean;
+  Eigen::MatrixXd covariance;
   Eigen::VectorXd gradient;
   Eigen::MatrixXd information;  // minus the Hessian
+  // Of each group of samples alone.
   Eigen::VectorXd group_log_likelihood;
   Eigen::MatrixXd group_gradient;  // coordinates x groups
 };
@@ -57,9 +58,9 @@ class subject_sampler {
 
   // Of subject `subject` (from 0). Predictions in `drawn` belong to `drawn_at`, theta at the draw;
   // where parameters have moved that predictions depend on they are made anew. `evaluations` counts
-  // those. `by_psi` is overwritten where derivatives are wanted of a likelihood that is finite.
+  // those. `details` are overwritten where derivatives are wanted of a likelihood that is finite.
   subject_measure measure(int subject, const subject_draw& drawn, const Eigen::VectorXd& drawn_at,
-                          const measure_point& at, detail wanted, subject_derivatives& by_psi,
+                          const measure_point& at, detail wanted, subject_details& details,
                           std::int64_t& evaluations);
 
   // Whether every step re-evaluates the model.

@@ -176,14 +176,14 @@ bool newton_method::start(run_state& state) const {
 // a sample falls there, one in a million of a trial's, so that every subject whose weights are not
 // clearly bounded has samples of the population; the others are met by a wider normal density. They
 // bound the weights. Both are drawn besides, which leaves the first component its net of points.
-draw_mixture newton_method::defended(const newton_state& state, int subject) const {
+draw_mixture components_of(const population_model& model, const whole_draw& drawn, int subject) {
   const auto own = static_cast<std::size_t>(subject);
-  const double tail = state.tails.empty() ? -1.0 : state.tails[own];
-  if (state.proposals[own]->size() != 1 || tail < some_tail) return state.proposals[own];
-  std::vector<draw_component> result = *state.proposals[own];
-  Eigen::VectorXd mu(host_.model().random_effects());
-  host_.model().means(subject, host_.theta().data(), mu.data());
-  result.push_back({population_share, mu, host_.omega().llt().matrixL()});
+  const double tail = drawn.tails.empty() ? -1.0 : drawn.tails[own];
+  if (drawn.proposals[own]->size() != 1 || tail < some_tail) return drawn.proposals[own];
+  std::vector<draw_component> result = *drawn.proposals[own];
+  Eigen::VectorXd mu(model.random_effects());
+  model.means(subject, drawn.theta.data(), mu.data());
+  result.push_back({population_share, mu, drawn.population});
   if (tail > heavy_tail)
     result.push_back({wide_share, result[0].centre, Eigen::MatrixXd(wide_by * result[0].factor)});
   return mixture_of(std::move(result));
@@ -218,18 +218,19 @@ bool newton_method::draw(const run_state& state, const draw_plan& plan, std::siz
   const population_model& model = host_.model();
   drawn.plan = plan;
   drawn.theta = host_.theta();
-  drawn.proposals.clear();
-  for (int i = 0; i < model.subjects(); ++i) drawn.proposals.push_back(defended(state.newton, i));
+  drawn.population = host_.omega().llt().matrixL();
+  drawn.proposals = state.newton.proposals;
+  drawn.tails = state.newton.tails;
   drawn.kept.assign(static_cast<std::size_t>(model.subjects()), {});
   std::vector<int> kept;
   std::size_t taken = 0;
   const std::size_t room = memory_for_samples(memory, static_cast<std::size_t>(model.subjects()));
   for (const int i : own_subjects(host_)) {
-    taken += bytes_of_draw(model, i, *drawn.proposals[static_cast<std::size_t>(i)], plan);
+    const draw_mixture from = components_of(model, drawn, i);
+    taken += bytes_of_draw(model, i, *from, plan);
     if (taken > room) break;
     kept.push_back(i);
-    subject_drawer::make_room(model, i, *drawn.proposals[static_cast<std::size_t>(i)], plan,
-                              drawn.kept[static_cast<std::size_t>(i)]);
+    subject_drawer::make_room(model, i, *from, plan, drawn.kept[static_cast<std::size_t>(i)]);
   }
   draw_kept(kept, drawn);
   return !engine_host::agree_on_stop();
@@ -246,8 +247,9 @@ void newton_method::draw_kept(const std::vector<int>& subjects, whole_draw& draw
     if (engine_host::stop_requested()) return;
     const int subject = subjects[static_cast<std::size_t>(item / groups)];
     const auto at = static_cast<std::size_t>(subject);
-    drawers[static_cast<std::size_t>(worker)].draw_group(subject, drawn.theta, *drawn.proposals[at],
-                                                         drawn.plan, item % groups, drawn.kept[at]);
+    const draw_mixture from = components_of(host_.model(), drawn, subject);
+    drawers[static_cast<std::size_t>(worker)].draw_group(subject, drawn.theta, *from, drawn.plan,
+                                                         item % groups, drawn.kept[at]);
   });
   for (const subject_drawer& drawer : drawers) host_.count_evaluations(drawer.evaluations());
 }
@@ -263,10 +265,11 @@ bool newton_method::mend(run_state& state, const Eigen::VectorXd& psi, whole_dra
   std::vector<int> again;
   for (const int i : repaired) {
     const auto own = static_cast<std::size_t>(i);
-    drawn.proposals[own] = defended(state.newton, i);
+    drawn.proposals[own] = state.newton.proposals[own];
     if (drawn.kept[own].phi.size() == 0) continue;
     again.push_back(i);
-    subject_drawer::make_room(host_.model(), i, *drawn.proposals[own], drawn.plan, drawn.kept[own]);
+    subject_drawer::make_room(host_.model(), i, *components_of(host_.model(), drawn, i), drawn.plan,
+                              drawn.kept[own]);
   }
   draw_kept(again, drawn);
   if (!add(drawn, at, detail::derivatives, repaired, 1.0, found)) return false;
@@ -285,8 +288,11 @@ draw_measure newton_method::measure(const whole_draw& drawn, const Eigen::Vector
   result.gradient = Eigen::VectorXd::Zero(p);
   result.information = result.scatter = result.outer_products = Eigen::MatrixXd::Zero(p, p);
   result.subjects.resize(static_cast<std::size_t>(model.subjects()));
-  if (wanted == detail::derivatives)
+  if (wanted == detail::derivatives) {
+    const Eigen::Index effects = model.random_effects();
     result.group_log_likelihood.setZero(drawn.plan.groups, model.subjects());
+    result.moments.setZero(effects + effects * effects, model.subjects());
+  }
   if (!at.theta.allFinite() || !at.prior.is_definite()) return result;
   std::vector<int> subjects;
   for (int i = 0; i < model.subjects(); ++i)
@@ -309,7 +315,7 @@ bool newton_method::add(const whole_draw& drawn, const measure_point& at, detail
     subject_sampler sampler;
     subject_drawer drawer;
     subject_draw again;
-    subject_derivatives by_psi;
+    subject_details details;
     std::int64_t evaluations;
   };
   std::vector<worker_of_measure> workers;
@@ -325,33 +331,36 @@ bool newton_method::add(const whole_draw& drawn, const measure_point& at, detail
     const auto own = static_cast<std::size_t>(i);
     worker_of_measure& worker = workers[static_cast<std::size_t>(w)];
     const bool kept = drawn.kept[own].phi.size() > 0;
-    if (!kept) worker.drawer.draw(i, drawn.theta, *drawn.proposals[own], drawn.plan, worker.again);
-    subject_derivatives& by_psi = worker.by_psi;
+    if (!kept)
+      worker.drawer.draw(i, drawn.theta, *components_of(host_.model(), drawn, i), drawn.plan,
+                         worker.again);
+    subject_details& details = worker.details;
     const subject_measure m =
         worker.sampler.measure(i, kept ? drawn.kept[own] : worker.again, drawn.theta, at, wanted,
-                               by_psi, worker.evaluations);
+                               details, worker.evaluations);
     const bool finite = std::isfinite(m.log_likelihood);
     auto figure = packed.col(column);
     figure(0) = finite ? m.log_likelihood : -1e10;
     figure(1) = m.effective_share;
     if (sign > 0.0) sum.subjects[own] = m;
     if (wanted == detail::value || !finite) return;
+    if (sign > 0.0) sum.moments.col(i) << details.mean, details.covariance.reshaped();
     const auto r = static_cast<double>(groups);
     double variance = 0.0;
     Eigen::MatrixXd scatter = Eigen::MatrixXd::Zero(p, p);
     for (Eigen::Index g = 0; g < groups; ++g) {
-      variance += std::pow(std::exp(by_psi.group_log_likelihood(g) - m.log_likelihood) - 1.0, 2);
-      const Eigen::VectorXd off = by_psi.group_gradient.col(g) - by_psi.gradient;
+      variance += std::pow(std::exp(details.group_log_likelihood(g) - m.log_likelihood) - 1.0, 2);
+      const Eigen::VectorXd off = details.group_gradient.col(g) - details.gradient;
       scatter += off * off.transpose();
     }
     variance /= r * (r - 1.0);
     scatter /= r * (r - 1.0);
     figure.segment(2, 6) << m.largest_weight, m.shape, m.failed, variance, m.scaled_squares, 0.0;
     if (!std::isfinite(m.shape)) figure(3) = 0.0;
-    figure.segment(8, p) = by_psi.gradient;
-    figure.segment(8 + p, p * p) = by_psi.information.reshaped();
+    figure.segment(8, p) = details.gradient;
+    figure.segment(8 + p, p * p) = details.information.reshaped();
     figure.segment(8 + p + p * p, p * p) = scatter.reshaped();
-    figure.tail(groups) = by_psi.group_log_likelihood;
+    figure.tail(groups) = details.group_log_likelihood;
   };
   // Of so many subjects at a time, whole turns of the processes.
   const auto processes = static_cast<std::size_t>(host_.peers().size());
@@ -483,9 +492,11 @@ void newton_method::follow(const draw_measure& found, newton_state& state) const
   Eigen::MatrixXd packed = Eigen::MatrixXd::Zero(d + d * d + 1, model.subjects());
   for (int i = 0; i < model.subjects(); ++i) {
     const subject_measure& m = found.subjects[static_cast<std::size_t>(i)];
-    if (m.mean.size() != d || !m.mean.allFinite()) continue;
-    if (is_sick(m) || Eigen::LLT<Eigen::MatrixXd>(m.covariance).info() != Eigen::Success) continue;
-    packed.col(i) << m.mean, m.covariance.reshaped(), 1.0;
+    const auto moments = found.moments.col(i);
+    if (!owns(host_, i) || m.effective_share == 0.0 || !moments.allFinite() || is_sick(m) ||
+        Eigen::LLT<Eigen::MatrixXd>(moments.tail(d * d).reshaped(d, d)).info() != Eigen::Success)
+      continue;
+    packed.col(i) << moments, 1.0;
   }
   host_.peers().gather(packed.data(), packed.rows(), packed.cols());
   for (int i = 0; i < model.subjects(); ++i) {

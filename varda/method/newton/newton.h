@@ -19,9 +19,11 @@ struct draw_measure {
   double variance = 0.0;  // of the log-likelihood's error, pooled over subjects
   Eigen::VectorXd gradient;
   Eigen::MatrixXd information;
-  Eigen::MatrixXd scatter;                // covariance of the gradient's error
-  Eigen::MatrixXd outer_products;         // of the subjects' gradients with themselves
-  std::vector<subject_measure> subjects;  // those of this process; the figures of all
+  Eigen::MatrixXd scatter;         // covariance of the gradient's error
+  Eigen::MatrixXd outer_products;  // of the subjects' gradients with themselves
+  std::vector<subject_measure> subjects;
+  // Of the subjects of this process: mean and covariance of phi given the data, by columns.
+  Eigen::MatrixXd moments;
   // Of every group of samples alone, groups x subjects.
   Eigen::MatrixXd group_log_likelihood;
   // What is still ahead in -2 log-likelihood and its noise, by this information.
@@ -50,13 +52,19 @@ int points_factor(int random_effects);
 // the subjects of this process; every measurement draws those of the others again.
 struct whole_draw {
   draw_plan plan;
-  Eigen::VectorXd theta;  // where the predictions are made
-  // Of every subject, as they were at the draw.
+  // As they were at the draw: theta, where the predictions are made, the lower Cholesky factor of
+  // omega, and of every subject the proposal and the heaviest tail that weights had had.
+  Eigen::VectorXd theta;
+  Eigen::MatrixXd population;
   std::vector<draw_mixture> proposals;
+  std::vector<double> tails;
   std::vector<subject_draw> kept;  // by subject; empty where nothing is kept
   // Directions of psi that are left alone: no step is taken along them and no gain seen there.
   std::vector<Eigen::VectorXd> left_alone;
 };
+
+// What the samples of a subject come from: its proposal, and what defends it against a tail.
+draw_mixture components_of(const population_model& model, const whole_draw& drawn, int subject);
 
 // Maximum likelihood by Newton steps on the sampled log-likelihood, with fresh points for every
 // draw. What is still to be gained at a draw's points before any step on them, and the noise of
@@ -126,7 +134,6 @@ class newton_method final : public estimation_method {
   };
   bool advance(run_state& state) const;
   bool start(run_state& state) const;
-  draw_mixture defended(const newton_state& state, int subject) const;
   void propose_from(const std::vector<normal_posterior>& modes, run_state& state) const;
   ascent climb(const whole_draw& drawn, const Eigen::VectorXd& psi, const draw_measure& here,
                int most_steps) const;

@@ -93,13 +93,7 @@ newton_report report_at(engine_host& host, const newton_method& method, run_stat
   result.noise = found.noise;
 
   // Moments stand on the process that owns the subject.
-  Eigen::MatrixXd packed = Eigen::MatrixXd::Zero(effects + effects * effects, model.subjects());
-  for (int i = 0; i < model.subjects(); ++i) {
-    const subject_measure& m = found.subjects[static_cast<std::size_t>(i)];
-    if (m.mean.size() != effects) continue;
-    packed.col(i) << m.mean, m.covariance.reshaped();
-  }
-  host.peers().gather(packed.data(), packed.rows(), packed.cols());
+  host.peers().gather(found.moments.data(), found.moments.rows(), found.moments.cols());
 
   likelihood_estimate& likelihood = result.likelihood;
   likelihood.minus2ll = -2.0 * found.log_likelihood;
@@ -116,11 +110,11 @@ newton_report report_at(engine_host& host, const newton_method& method, run_stat
     const subject_measure& m = found.subjects[static_cast<std::size_t>(i)];
     model.means(i, host.theta().data(), mu.data());
     s.log_likelihood = m.log_likelihood;
-    s.mean = packed.col(i).head(effects) - mu;
-    s.covariance = packed.col(i).segment(effects, effects * effects).reshaped(effects, effects);
+    s.mean = found.moments.col(i).head(effects) - mu;
+    s.covariance = found.moments.col(i).tail(effects * effects).reshaped(effects, effects);
     s.scaled_squares = m.scaled_squares;
-    s.effective_samples = m.effective_share * drawn.plan.samples_of_group(
-                                                  *drawn.proposals[static_cast<std::size_t>(i)]);
+    s.effective_samples =
+        m.effective_share * drawn.plan.samples_of_group(*components_of(model, drawn, i));
     // Of one randomisation's points, as the effective samples are.
     s.largest_weight = std::min(m.largest_weight * replicates, 1.0);
     health = {m.effective_share, m.largest_weight, m.shape, m.failed, m.error, is_bad(m)};
