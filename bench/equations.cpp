@@ -158,10 +158,10 @@ subject subject_of(const model& m) {
   subject who;
   who.segments.resize(1);
   who.doses.push_back({.amount = m.dose});
-  who.timeline.push_back({event_kind::dose, 0.0, 0});
+  who.timeline.push_back({event_kind::dose, 0, 0.0});
   for (std::size_t i = 0; i < m.times.size(); ++i) {
     who.observations.push_back({.time = m.times[i]});
-    who.timeline.push_back({event_kind::observation, m.times[i], static_cast<int>(i)});
+    who.timeline.push_back({event_kind::observation, static_cast<int>(i), m.times[i]});
   }
   return who;
 }

@@ -51,9 +51,9 @@ subject eventful(const linear_compartments& model) {
                    .rate = 16.0});
   see(5.0);
   append(who, dose{.time = 11.0, .amount = 50.0});
-  who.timeline.push_back({event_kind::segment, 11.5, 1});
+  who.timeline.push_back({event_kind::segment, 1, 11.5});
   see(11.5);
-  who.timeline.push_back({event_kind::reset, 17.0, 0});
+  who.timeline.push_back({event_kind::reset, 0, 17.0});
   append(who, dose{.time = 17.0,
                    .amount = 30.0,
                    .input = dose_input::infusion,

@@ -88,9 +88,9 @@ subject eventful(const structural_model& model) {
     if (!(fields >> what >> time)) continue;
     if (what == "see") append(who, observation{.time = time});
     if (what == "dose") append(who, read_dose(fields, time, model));
-    if (what == "reset") who.timeline.push_back({event_kind::reset, time, 0});
+    if (what == "reset") who.timeline.push_back({event_kind::reset, 0, time});
     if (what != "segment") continue;
-    who.timeline.push_back({event_kind::segment, time, static_cast<int>(who.segments.size())});
+    who.timeline.push_back({event_kind::segment, static_cast<int>(who.segments.size()), time});
     who.segments.resize(who.segments.size() + 1);
   }
   return who;

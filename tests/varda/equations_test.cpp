@@ -286,7 +286,7 @@ TEST(Equations, KeepToTheOrderOfEventsResetsAndSegments) {
   append(who, dose{.time = 0.0, .amount = 10.0, .compartment = 2});
   append(who, observation{.time = 0.0});
   append(who, observation{.time = 3.0});
-  who.timeline.push_back({event_kind::segment, 3.0, 1});
+  who.timeline.push_back({event_kind::segment, 1, 3.0});
   append(who, observation{.time = 3.0, .segment = 1});
   append(who, observation{.time = 4.0, .segment = 1});
   append(who, dose{.time = 4.0, .amount = 10.0, .compartment = 1});
@@ -295,7 +295,7 @@ TEST(Equations, KeepToTheOrderOfEventsResetsAndSegments) {
                    .compartment = 2,
                    .input = dose_input::infusion,
                    .rate = 4.0});
-  who.timeline.push_back({event_kind::reset, 5.0, 0});
+  who.timeline.push_back({event_kind::reset, 0, 5.0});
   append(who, observation{.time = 5.0, .segment = 1});
   append(who, observation{.time = 9.0, .segment = 1});
   const double at_3 = 15.0 * std::exp(-0.3 * 3.0);

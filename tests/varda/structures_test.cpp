@@ -650,7 +650,7 @@ TEST(ReadyStructures, SumsEndAtResets) {
     who.segments.resize(1);
     if (history) {
       append(who, dose{.time = 0.0, .amount = 500.0});
-      who.timeline.push_back({event_kind::reset, 1.0, 0});
+      who.timeline.push_back({event_kind::reset, 0, 1.0});
     }
     append(who, dose{.time = 2.0, .amount = 70.0});
     for (const double t : {2.5, 4.0, 8.0}) append(who, observation{.time = t});

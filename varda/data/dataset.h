@@ -54,8 +54,8 @@ enum class event_kind { dose, observation, reset, segment, instant };
 
 struct event {
   event_kind kind = event_kind::observation;
-  double time = 0.0;
   int index = 0;  // of the dose, observation, segment or instant
+  double time = 0.0;
 };
 
 struct subject {

@@ -43,13 +43,13 @@ int event_of(const record_view& from) {
 }  // namespace
 
 void append(subject& to, const dose& given) {
-  to.timeline.push_back({event_kind::dose, given.time, static_cast<int>(to.doses.size())});
+  to.timeline.push_back({event_kind::dose, static_cast<int>(to.doses.size()), given.time});
   to.doses.push_back(given);
 }
 
 void append(subject& to, const observation& made) {
   to.timeline.push_back(
-      {event_kind::observation, made.time, static_cast<int>(to.observations.size())});
+      {event_kind::observation, static_cast<int>(to.observations.size()), made.time});
   to.observations.push_back(made);
 }
 
@@ -170,7 +170,7 @@ double subject_reader::clock(const record_view& from, bool resets) {
 void subject_reader::enter_segment(const record_view& from, double time) {
   const std::optional<segment> changed = covariates_.next(from, time);
   if (!changed) return;
-  made_.timeline.push_back({event_kind::segment, time, static_cast<int>(made_.segments.size())});
+  made_.timeline.push_back({event_kind::segment, static_cast<int>(made_.segments.size()), time});
   made_.segments.push_back(*changed);
 }
 
@@ -180,7 +180,7 @@ void subject_reader::give_due(double time) {
 
 void subject_reader::reset(double time) {
   waiting_.cancel();
-  made_.timeline.push_back({event_kind::reset, time, 0});
+  made_.timeline.push_back({event_kind::reset, 0, time});
 }
 
 void subject_reader::take_dose(const record_view& from, double time) {

@@ -85,7 +85,7 @@ class preparation {
   int add_instant(double time) {
     const auto after = std::find_if(who_.timeline.begin(), who_.timeline.end(),
                                     [&](const event& e) { return e.time > time; });
-    who_.timeline.insert(after, {event_kind::instant, time, who_.instants});
+    who_.timeline.insert(after, {event_kind::instant, who_.instants, time});
     return static_cast<int>(who_.observations.size()) + who_.instants++;
   }
 

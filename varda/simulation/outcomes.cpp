@@ -134,7 +134,7 @@ event_design::event_design(const population_model& model, int subject, const wat
   // The places in the order of the timeline, which the grids of several endpoints share.
   std::vector<event> rows;
   for (std::size_t j = 0; j < who_.observations.size(); ++j)
-    rows.push_back({event_kind::observation, who_.observations[j].time, static_cast<int>(j)});
+    rows.push_back({event_kind::observation, static_cast<int>(j), who_.observations[j].time});
   std::stable_sort(rows.begin(), rows.end(),
                    [](const event& a, const event& b) { return a.time < b.time; });
   std::vector<event> timeline;

@@ -17,7 +17,9 @@ namespace {
 constexpr int population_points = 128;
 constexpr double most_outside = 0.02;
 constexpr double defensive_share = 0.25;
-constexpr int most_repairs = 4;  // of a subject's proposal: what does not help will not
+// Of a subject's proposal: what does not help will not. Each takes more points than the one before.
+constexpr int most_repairs = 4;
+constexpr double more_points = 2.0;
 
 }  // namespace
 
@@ -86,7 +88,7 @@ bool newton_method::look_widely(run_state& state, const draw_measure& found,
   for (int i = 0; i < model.subjects(); ++i) {
     int& repairs = state.newton.repairs[static_cast<std::size_t>(i)];
     if (packed(0, i) < 0.5 || repairs >= most_repairs) continue;
-    ++repairs;
+    const double points = std::pow(more_points, repairs++);
     repaired.push_back(i);
     draw_mixture& shared = state.newton.proposals[static_cast<std::size_t>(i)];
     std::vector<draw_component> own = {shared->front()};
@@ -94,10 +96,10 @@ bool newton_method::look_widely(run_state& state, const draw_measure& found,
     const Eigen::MatrixXd covariance = packed.col(i).segment(1 + d, d * d).reshaped(d, d);
     Eigen::VectorXd mu(d);
     model.means(i, state.theta.data(), mu.data());
-    own.front().share = 1.0 - 2.0 * defensive_share;
+    own.front().share = points * (1.0 - 2.0 * defensive_share);
     own.push_back(single(centre, covariance, target_ratio).front());
-    own.back().share = defensive_share;
-    own.push_back({defensive_share, mu, state.omega.llt().matrixL()});
+    own.back().share = points * defensive_share;
+    own.push_back({points * defensive_share, mu, state.omega.llt().matrixL()});
     shared = mixture_of(std::move(own));
   }
   return true;

@@ -58,16 +58,19 @@ constexpr double least_effective_share = 0.25;
 constexpr double ample_samples = 32.0;
 constexpr double most_starved = 0.01;
 
-// A subject's samples are sick: few effective, or a heavy tail with not many.
+// A subject's samples are sick: few effective, or a heavy tail with not many, and a likelihood that
+// is not known for that.
 constexpr double sick_share = 0.10;
 constexpr double sick_shape = 0.7;
 constexpr double sick_share_with_shape = 0.40;
+constexpr double harmless_error = 0.03;
 
 }  // namespace
 
 bool is_sick(const subject_measure& m) {
-  return m.effective_share < sick_share ||
-         (m.shape > sick_shape && m.effective_share < sick_share_with_shape);
+  const bool few = m.effective_share < sick_share ||
+                   (m.shape > sick_shape && m.effective_share < sick_share_with_shape);
+  return few && !(m.error <= harmless_error);
 }
 
 int points_factor(int random_effects) {

@@ -37,7 +37,7 @@ struct draw_measure {
 };
 
 // Whether a subject's samples are not to be trusted: few effective ones, or a heavy tail with not
-// many.
+// many, where the error of its -2 log-likelihood shows it.
 bool is_sick(const subject_measure& m);
 
 // The greatest share of a subject's samples in the bulk of its conditional distribution that may

@@ -67,11 +67,6 @@ void find_errors(const newton_method& method, const whole_draw& drawn, const Eig
 newton_report report_at(engine_host& host, const newton_method& method, run_state& state,
                         int replicates, int samples) {
   constexpr int most_repairs = 3;
-  // With so many points a subject's error is known: a tail that does not show in it is harmless.
-  constexpr double harmless_error = 0.03;
-  const auto is_bad = [](const subject_measure& m) {
-    return is_sick(m) && m.error > harmless_error;
-  };
   const population_model& model = host.model();
   const int effects = model.random_effects();
   newton_report result;
@@ -84,7 +79,7 @@ newton_report report_at(engine_host& host, const newton_method& method, run_stat
   found = method.measure(drawn, psi, detail::derivatives);
   for (int repair = 0; repair < most_repairs && found.finite; ++repair) {
     bool changed = false;
-    if (std::none_of(found.subjects.begin(), found.subjects.end(), is_bad)) break;
+    if (std::none_of(found.subjects.begin(), found.subjects.end(), is_sick)) break;
     if (!method.mend(state, psi, drawn, found, changed)) return result;
     if (!changed) break;
   }
@@ -117,7 +112,7 @@ newton_report report_at(engine_host& host, const newton_method& method, run_stat
         m.effective_share * drawn.plan.samples_of_group(*components_of(model, drawn, i));
     // Of one randomisation's points, as the effective samples are.
     s.largest_weight = std::min(m.largest_weight * replicates, 1.0);
-    health = {m.effective_share, m.largest_weight, m.shape, m.failed, m.error, is_bad(m)};
+    health = {m.effective_share, m.largest_weight, m.shape, m.failed, m.error, is_sick(m)};
     for (int r = 0; r < replicates; ++r)
       likelihood.replicates[static_cast<std::size_t>(r)] -= 2.0 * likelihood.by_subject(r, i);
   }
