@@ -4,8 +4,12 @@
 #include <nlopt.h>
 
 #include <cmath>
+#include <condition_variable>
+#include <exception>
 #include <limits>
 #include <memory>
+#include <mutex>
+#include <thread>
 
 namespace varda {
 
@@ -57,6 +61,89 @@ minimum minimise(const objective_function& f, const Eigen::VectorXd& start,
   const Eigen::VectorXd infinite =
       Eigen::VectorXd::Constant(start.size(), std::numeric_limits<double>::infinity());
   return minimise(f, start, step, -infinite, infinite, precision);
+}
+
+namespace {
+
+// Where searches, a thread each, wait until all that go on have asked for a point.
+class rounds {
+ public:
+  explicit rounds(std::size_t searches) : points_(searches), values_(searches), going_(searches) {}
+
+  // By a search: the value at its next point; at the end that there is none.
+  double ask(std::size_t search, const Eigen::VectorXd& x) {
+    std::unique_lock lock(mutex_);
+    points_[search] = x;
+    ++asked_;
+    changed_.notify_all();
+    changed_.wait(lock, [&] { return points_[search].size() == 0; });
+    return values_[search];
+  }
+  void leave() {
+    const std::lock_guard lock(mutex_);
+    --going_;
+    changed_.notify_all();
+  }
+
+  // By the thread that began them, until all have left. What `f` throws is thrown in the end, and
+  // then nothing is asked of it any more.
+  void answer(const objective_of_searches& f) {
+    std::exception_ptr failure;
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      changed_.wait(lock, [&] { return asked_ == going_; });
+      if (going_ == 0) break;
+      std::vector<asked_point> round;
+      for (std::size_t s = 0; s < points_.size(); ++s)
+        if (points_[s].size() > 0) round.push_back({s, points_[s]});
+      std::vector<double> found(round.size(), very_large);
+      try {
+        if (!failure) found = f(round);
+      } catch (...) {
+        failure = std::current_exception();
+      }
+      for (std::size_t k = 0; k < round.size(); ++k) {
+        values_[round[k].search] = found[k];
+        points_[round[k].search].resize(0);
+      }
+      asked_ = 0;
+      changed_.notify_all();
+    }
+    if (failure) std::rethrow_exception(failure);
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<Eigen::VectorXd> points_;  // asked for; without entries where none is
+  std::vector<double> values_;
+  std::size_t going_;
+  std::size_t asked_ = 0;
+};
+
+}  // namespace
+
+std::vector<minimum> minimise_together(const objective_of_searches& f,
+                                       const std::vector<Eigen::VectorXd>& starts,
+                                       const Eigen::VectorXd& step, double precision) {
+  std::vector<minimum> result(starts.size());
+  rounds shared(starts.size());
+  std::vector<std::thread> searches;
+  for (std::size_t s = 0; s < starts.size(); ++s)
+    searches.emplace_back([&, s] {
+      result[s] = minimise([&](const Eigen::VectorXd& x) { return shared.ask(s, x); }, starts[s],
+                           step, precision);
+      shared.leave();
+    });
+  std::exception_ptr failure;
+  try {
+    shared.answer(f);
+  } catch (...) {
+    failure = std::current_exception();
+  }
+  for (std::thread& search : searches) search.join();
+  if (failure) std::rethrow_exception(failure);
+  return result;
 }
 
 difference_stencil::difference_stencil(const Eigen::VectorXd& centre, const Eigen::VectorXd& step)

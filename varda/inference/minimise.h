@@ -2,7 +2,9 @@
 #pragma once
 
 #include <Eigen/Core>
+#include <cstddef>
 #include <functional>
+#include <vector>
 
 namespace varda {
 
@@ -24,6 +26,19 @@ minimum minimise(const objective_function& f, const Eigen::VectorXd& start,
 // The same without bounds.
 minimum minimise(const objective_function& f, const Eigen::VectorXd& start,
                  const Eigen::VectorXd& step, double precision);
+
+// A point that a search asks for.
+struct asked_point {
+  std::size_t search = 0;  // from 0
+  Eigen::VectorXd x;
+};
+using objective_of_searches = std::function<std::vector<double>(const std::vector<asked_point>&)>;
+
+// Several searches without bounds, a start each: the same as one after the other, but `f` is asked
+// for the points of all of them together, by the calling thread, searches in ascending order.
+std::vector<minimum> minimise_together(const objective_of_searches& f,
+                                       const std::vector<Eigen::VectorXd>& starts,
+                                       const Eigen::VectorXd& step, double precision);
 
 // Central second differences about a point: the points at which a function has to be known, and its
 // Hessian from the values there. The error is of the order of step^2 times the fourth derivatives.

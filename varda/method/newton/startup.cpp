@@ -104,12 +104,19 @@ std::vector<double> coarse_ladder() {
   return factors;
 }
 
-// Whether nothing that predictions or residual errors depend on directly tells the thetas apart.
-bool differ_in_means_alone(const population_model& model,
-                           const std::vector<Eigen::VectorXd>& thetas) {
+Eigen::VectorXd scaled_deviations(const population_model& model, Eigen::VectorXd theta,
+                                  double factor) {
+  for (std::size_t k = 0; k < model.thetas().size(); ++k)
+    if (is_free_scale(model.thetas()[k])) theta(static_cast<Eigen::Index>(k)) *= factor;
+  return theta;
+}
+
+// Whether the thetas agree in all fixed effects of a kind.
+template <class Kind>
+bool agree_in(const population_model& model, const std::vector<Eigen::VectorXd>& thetas,
+              Kind is_of_kind) {
   for (std::size_t k = 0; k < model.thetas().size(); ++k) {
-    const fixed_effect& t = model.thetas()[k];
-    if (t.role != theta_role::residual_deviation && !t.moves_predictions()) continue;
+    if (!is_of_kind(model.thetas()[k])) continue;
     const auto at = static_cast<Eigen::Index>(k);
     for (const Eigen::VectorXd& theta : thetas)
       if (theta(at) != thetas.front()(at)) return false;
@@ -136,8 +143,14 @@ std::vector<pooled_fit> pooled_fits(const engine_host& host, const participants&
       columns[i] = participating++;
     }
   Eigen::MatrixXd by_subject = Eigen::MatrixXd::Zero(rungs * count, participating);
-  // Thetas that differ in nothing but the means of phi are individuals of one block.
-  const Eigen::Index at_once = differ_in_means_alone(model, thetas) ? count : 1;
+  // Thetas between which predictions differ in nothing but the means of phi are individuals of one
+  // block, and of one block of densities where their residual errors are the same.
+  const Eigen::Index at_once =
+      agree_in(model, thetas, [](const fixed_effect& t) { return t.moves_predictions(); }) ? count
+                                                                                           : 1;
+  const bool same_errors = agree_in(model, thetas, [](const fixed_effect& t) {
+    return t.role == theta_role::residual_deviation;
+  });
   for_each_subject(host, among.own, static_cast<int>(count), [&](int i, int worker) {
     Eigen::MatrixXd phi(model.random_effects(), at_once);
     Eigen::MatrixXd f;
@@ -150,14 +163,19 @@ std::vector<pooled_fit> pooled_fits(const engine_host& host, const participants&
       host.joint().predict(i, theta.data(), phi, f, scratch[worker].densities);
       scratch[worker].evaluations += at_once;
       for (Eigen::Index r = 0; r < rungs; ++r) {
-        Eigen::VectorXd scaled = theta;
-        for (std::size_t k = 0; k < model.thetas().size(); ++k)
-          if (is_free_scale(model.thetas()[k]))
-            scaled(static_cast<Eigen::Index>(k)) *= factors[static_cast<std::size_t>(r)];
-        host.joint().of_data(i, scaled.data(), f, objective, squares);
-        for (Eigen::Index c = 0; c < at_once; ++c)
+        const double factor = factors[static_cast<std::size_t>(r)];
+        if (same_errors)
+          host.joint().of_data(i, scaled_deviations(model, theta, factor).data(), f, objective,
+                               squares);
+        for (Eigen::Index c = 0; c < at_once; ++c) {
+          const Eigen::VectorXd& own = thetas[static_cast<std::size_t>(first + c)];
+          if (!same_errors)
+            host.joint().of_data(i, scaled_deviations(model, own, factor).data(), f.row(c),
+                                 objective, squares);
+          const double value = objective(same_errors ? c : 0);
           by_subject(rungs * (first + c) + r, columns[static_cast<std::size_t>(i)]) =
-              std::isfinite(objective(c)) ? objective(c) : 1e100;
+              std::isfinite(value) ? value : 1e100;
+        }
       }
     }
   });
@@ -207,29 +225,31 @@ Eigen::Index values_to_move(const population_model& model) {
   return count;
 }
 
-Eigen::VectorXd scaled_deviations(const population_model& model, Eigen::VectorXd theta,
-                                  double factor) {
-  for (std::size_t k = 0; k < model.thetas().size(); ++k)
-    if (is_free_scale(model.thetas()[k])) theta(static_cast<Eigen::Index>(k)) *= factor;
-  return theta;
-}
-
-// The maximum of the pooled fit next to `from`.
-Eigen::VectorXd pooled_maximum(const engine_host& host, const participants& among,
-                               const Eigen::VectorXd& from, scratch_of_workers& scratch) {
+// The maxima of the pooled fit next to each of `from`.
+std::vector<Eigen::VectorXd> pooled_maxima(const engine_host& host, const participants& among,
+                                           const std::vector<Eigen::VectorXd>& from,
+                                           scratch_of_workers& scratch) {
   constexpr double first_step = 0.3;
   constexpr double precision = 0.02;
   const population_model& model = host.model();
   const Eigen::Index n = values_to_move(model);
-  const auto at = [&](const Eigen::VectorXd& x) {
-    return scaled_deviations(model, moved_by(model, from, x.head(n)), std::exp(x(n)));
+  const auto at = [&](std::size_t search, const Eigen::VectorXd& x) {
+    return scaled_deviations(model, moved_by(model, from[search], x.head(n)), std::exp(x(n)));
   };
-  const auto value = [&](const Eigen::VectorXd& x) {
-    return pooled_fits(host, among, {at(x)}, {1.0}, scratch).front().value;
+  const auto values = [&](const std::vector<asked_point>& asked) {
+    std::vector<Eigen::VectorXd> thetas;
+    for (const asked_point& p : asked) thetas.push_back(at(p.search, p.x));
+    std::vector<double> result;
+    for (const pooled_fit& fit : pooled_fits(host, among, thetas, {1.0}, scratch))
+      result.push_back(fit.value);
+    return result;
   };
-  return at(minimise(value, Eigen::VectorXd::Zero(n + 1),
-                     Eigen::VectorXd::Constant(n + 1, first_step), precision)
-                .x);
+  const std::vector<minimum> found = minimise_together(
+      values, std::vector<Eigen::VectorXd>(from.size(), Eigen::VectorXd::Zero(n + 1)),
+      Eigen::VectorXd::Constant(n + 1, first_step), precision);
+  std::vector<Eigen::VectorXd> result;
+  for (std::size_t s = 0; s < found.size(); ++s) result.push_back(at(s, found[s].x));
+  return result;
 }
 
 Eigen::VectorXd perturbed(const population_model& model, const Eigen::VectorXd& theta,
@@ -283,10 +303,11 @@ std::vector<Eigen::VectorXd> screen(engine_host& host, const participants& among
     return one.fit.value < other.fit.value;
   });
   all.resize(1 + climbed);
-  for (candidate& c : all) {
-    c.theta = pooled_maximum(host, among, scaled_deviations(model, c.theta, c.fit.scale), scratch);
-    c.fit = pooled_fits(host, among, {c.theta}, {1.0}, scratch).front();
-  }
+  std::vector<Eigen::VectorXd> thetas;
+  for (const candidate& c : all) thetas.push_back(scaled_deviations(model, c.theta, c.fit.scale));
+  thetas = pooled_maxima(host, among, thetas, scratch);
+  const std::vector<pooled_fit> maxima = pooled_fits(host, among, thetas, {1.0}, scratch);
+  for (std::size_t c = 0; c < all.size(); ++c) all[c] = {maxima[c], thetas[c]};
   host.count_evaluations(scratch.evaluations());
   std::stable_sort(all.begin(), all.end(), [](const candidate& one, const candidate& other) {
     return one.fit.value < other.fit.value;
