@@ -63,42 +63,45 @@ TEST(Npde, IsTheNormalScoreOfASingleObservation) {
   }
 }
 
-// Beside the factor of the whole matrix: with one block, with means that depend on few effects and
-// leave a last block that is not full, more observations than simulations, and means of full rank.
+// Beside the factor of the whole matrix, with every kernel: with one block, with means that depend
+// on few effects and leave a last block that is not full, more observations than simulations, means
+// of full rank, and means that are known.
 TEST(Decorrelation, IsThatOfTheCholeskyFactor) {
+  enum class shape { any, smooth, constant };
   struct problem {
     Eigen::Index observations;
     Eigen::Index simulations;
-    bool smooth;
+    shape means;
   };
-  for (const auto& [n, simulations, smooth] :
-       {problem{1, 9, true}, problem{13, 61, false}, problem{100, 200, true},
-        problem{160, 120, true}, problem{70, 90, false}}) {
+  for (const auto& [n, simulations, kind] :
+       {problem{1, 9, shape::any}, problem{13, 61, shape::any}, problem{99, 200, shape::smooth},
+        problem{160, 120, shape::smooth}, problem{70, 90, shape::any},
+        problem{35, 20, shape::constant}}) {
     SCOPED_TRACE(n);
     double state = 0.3;
     const auto next = [&] { return state = 3.9 * state * (1.0 - state); };
     Eigen::MatrixXd means(simulations, n);
-    if (smooth) {
-      for (Eigen::Index k = 0; k < simulations; ++k) {
-        const double rate = 0.5 + next();
-        const double size = 10.0 * next();
-        for (Eigen::Index j = 0; j < n; ++j)
-          means(k, j) = size * std::exp(-rate * static_cast<double>(j) / static_cast<double>(n));
+    for (Eigen::Index k = 0; k < simulations; ++k) {
+      const double rate = 0.5 + next();
+      const double size = 10.0 * next();
+      for (Eigen::Index j = 0; j < n; ++j) {
+        const double time = static_cast<double>(j) / static_cast<double>(n);
+        means(k, j) = kind == shape::smooth ? size * std::exp(-rate * time)
+                      : kind == shape::any  ? next()
+                                            : 2.0;
       }
-    } else {
-      for (double& value : means.reshaped()) value = next();
     }
     const Eigen::VectorXd variances = Eigen::VectorXd::NullaryExpr(n, [&] { return 0.1 + next(); });
-    Eigen::MatrixXd y = Eigen::MatrixXd::NullaryExpr(11, n, [&] { return 5.0 * next(); });
+    const Eigen::MatrixXd y = Eigen::MatrixXd::NullaryExpr(11, n, [&] { return 5.0 * next(); });
 
-    const Eigen::VectorXd mean = means.colwise().mean();
-    const Eigen::MatrixXd centred = means.rowwise() - mean.transpose();
+    const Eigen::RowVectorXd mean = means.colwise().mean();
+    const Eigen::MatrixXd centred = means.rowwise() - mean;
     Eigen::MatrixXd covariance =
         centred.transpose() * centred / (static_cast<double>(simulations) - 1.0);
     covariance.diagonal() += variances;
     const Eigen::MatrixXd factor = covariance.llt().matrixL();
-    const Eigen::MatrixXd expected =
-        factor.triangularView<Eigen::Lower>().solve((y.rowwise() - mean.transpose()).transpose());
+    const Eigen::MatrixXd from_mean = (y.rowwise() - mean).transpose();
+    const Eigen::MatrixXd expected = factor.triangularView<Eigen::Lower>().solve(from_mean);
 
     const auto found = decorrelation::of(means, variances);
     ASSERT_TRUE(found);
@@ -109,8 +112,14 @@ TEST(Decorrelation, IsThatOfTheCholeskyFactor) {
       EXPECT_NEAR(one.deviation(), factor(j, j), 1e-8) << j;
       one.append(in_sequence);
     }
-    found->apply(y);
-    EXPECT_LT((y.transpose() - expected).cwiseAbs().maxCoeff(), 1e-8);
+    Eigen::MatrixXd all = y;
+    found->apply(all, *lane_kernel_named("sse2"));
+    EXPECT_LT((all.transpose() - expected).cwiseAbs().maxCoeff(), 1e-8);
+    if (const lane_kernel* wide = lane_kernel_named("avx2")) {
+      Eigen::MatrixXd again = y;
+      found->apply(again, *wide);
+      EXPECT_EQ(again, all);
+    }
   }
   EXPECT_FALSE(decorrelation::of(Eigen::MatrixXd::Random(9, 2), Eigen::Vector2d(1.0, 0.0)));
 }

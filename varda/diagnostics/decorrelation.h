@@ -5,6 +5,8 @@
 #include <optional>
 #include <vector>
 
+#include "varda/model/lanes/kernel.h"
+
 namespace varda {
 
 // What makes a vector of observations uncorrelated: with their mean m and the lower Cholesky factor
@@ -26,7 +28,7 @@ class decorrelation {
   static std::optional<decorrelation> of(Eigen::MatrixXd means, const Eigen::VectorXd& variances);
 
   // Every row of `y`, as many as there are, becomes L^-1 (y - m).
-  void apply(Eigen::MatrixXd& y) const;
+  void apply(Eigen::MatrixXd& y, const lane_kernel& with = best_lane_kernel()) const;
 
   // Of one vector, whose entries are told one after another.
   class sequence {

@@ -74,6 +74,9 @@ class endpoints {
   // log-normal error, transformed for Box-Cox error; -infinity where that is not above 0 and has no
   // such value.
   double transformed(const observation& at, double y) const;
+  // Of `n` predictions f of the observation: the transformed predictions and the deviations.
+  void scatter(const observation& at, const double* f, std::size_t n, const double* theta,
+               double* transformed_f, double* deviations) const;
 
   // Of the distribution of e; 0 where it is standard normal.
   double degrees_of_freedom(const observation& at) const { return of(at).degrees_of_freedom; }

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <limits>
 #include <optional>
+#include <utility>
 
 #include "statsubs/distributions/cumnor.h"
 #include "varda/model/equations/outcome_formulas.h"
@@ -75,22 +76,32 @@ void subject_simulator::lay_out() {
 
 template <class Next, class After>
 void subject_simulator::draw_block(int size, const Next& next, const After& after, block& made) {
+  // A line of memory holds so many of the individuals' deviations of one observation.
+  constexpr int together = 8;
   const auto& observed = model_.data().subjects[static_cast<std::size_t>(subject_)].observations;
+  const auto n = static_cast<Eigen::Index>(observed.size());
+  // The observations with Student's t and their degrees of freedom.
+  std::vector<std::pair<Eigen::Index, double>> student;
+  for (Eigen::Index j = 0; j < n; ++j) {
+    const observation& at = observed[static_cast<std::size_t>(j)];
+    const double nu = model_.observed().degrees_of_freedom(at);
+    if (nu > 0.0) student.emplace_back(j, nu);
+  }
   made.phi.resize(mu_.size(), size);
-  made.deviations.resize(static_cast<Eigen::Index>(observed.size()), size);
+  made.deviations.resize(size, n);
   Eigen::VectorXd z(mu_.size());
-  for (int k = 0; k < size; ++k) {
-    deviates& draw = next(k);
-    for (double& value : z) value = draw.normal();
-    made.phi.col(k) = mu_ + factor_ * z;
-    for (double& value : made.deviations.col(k)) value = draw.normal();
-    for (std::size_t j = 0; j < observed.size(); ++j) {
-      if (!model_.observed().is_normal(observed[j])) continue;
-      const double nu = model_.observed().degrees_of_freedom(observed[j]);
-      if (nu > 0.0)
-        made.deviations(static_cast<Eigen::Index>(j), k) /= std::sqrt(draw.chi_square(nu) / nu);
+  Eigen::MatrixXd e(n, together);
+  for (int begin = 0; begin < size; begin += together) {
+    const int count = std::min(together, size - begin);
+    for (int k = 0; k < count; ++k) {
+      deviates& draw = next(begin + k);
+      for (double& value : z) value = draw.normal();
+      made.phi.col(begin + k) = mu_ + factor_ * z;
+      draw.normals(e.col(k).data(), n);
+      for (const auto& [j, nu] : student) e(j, k) /= std::sqrt(draw.chi_square(nu) / nu);
+      after(draw);
     }
-    after(draw);
+    made.deviations.middleRows(begin, count) = e.leftCols(count).transpose();
   }
   joint_.predict(subject_, asking_, theta_.data(), made.phi, made.predictions, scratch_);
 }
@@ -130,7 +141,7 @@ void subject_simulator::simulate(int count, const std::function<deviates&(int)>&
       f.row(j).segment(begin, size) = made.predictions.col(place).transpose();
       if (model_.observed().is_normal(at)) {
         for (int k = 0; k < size; ++k)
-          y(j, begin + k) = model_.observed().simulated(at, f(j, begin + k), made.deviations(j, k),
+          y(j, begin + k) = model_.observed().simulated(at, f(j, begin + k), made.deviations(k, j),
                                                         theta_.data());
         continue;
       }
@@ -143,7 +154,7 @@ void subject_simulator::simulate(int count, const std::function<deviates&(int)>&
       Eigen::VectorXd law(law_parameters(of));
       for (int k = 0; k < size; ++k) {
         law = made.predictions.row(k).segment(place + 1, law.size()).transpose();
-        y(j, begin + k) = outcome_at(of, law.data(), share_of(made.deviations(j, k)));
+        y(j, begin + k) = outcome_at(of, law.data(), share_of(made.deviations(k, j)));
       }
     }
     if (events.empty()) continue;
@@ -184,14 +195,12 @@ ranked_values subject_simulator::simulate(int count, deviates& draw,
       const observation& at = observed[static_cast<std::size_t>(row)];
       const Eigen::Index place = place_of(static_cast<std::size_t>(row));
       if (model_.observed().is_normal(at)) {
-        const double variance_of_e = model_.observed().variance_of_e(at);
-        for (int k = 0; k < size; ++k) {
-          const double f = made.predictions(k, place);
-          const double s = model_.observed().deviation(at, f, theta_.data());
-          means(k, j) = model_.observed().transformed(at, f);
-          variances(k, j) = s * s * variance_of_e;
-          values(k, j) = means(k, j) + s * made.deviations(row, k);
-        }
+        auto deviations = variances.col(j).array();
+        model_.observed().scatter(at, made.predictions.col(place).data(),
+                                  static_cast<std::size_t>(size), theta_.data(),
+                                  means.col(j).data(), deviations.data());
+        values.col(j) = means.col(j).array() + deviations * made.deviations.col(row).array();
+        deviations *= deviations * model_.observed().variance_of_e(at);
         add_up(j);
         continue;
       }
@@ -203,7 +212,7 @@ ranked_values subject_simulator::simulate(int count, deviates& draw,
         const rank_moments moments = rank_moments_of(of, law.data());
         means(k, j) = moments.mean;
         variances(k, j) = moments.variance;
-        values(k, j) = rank_of(of, outcome_at(of, law.data(), share_of(made.deviations(row, k))));
+        values(k, j) = rank_of(of, outcome_at(of, law.data(), share_of(made.deviations(k, row))));
       }
       add_up(j);
     }
@@ -217,7 +226,7 @@ ranked_values subject_simulator::simulate(int count, deviates& draw,
       }
       ++kept;
     }
-    result.variances += variances.topRows(kept).colwise().sum();
+    result.variances += variances.topRows(kept).colwise().sum().transpose();
     usable += kept;
   }
   if (usable < count) {

@@ -60,7 +60,7 @@ class subject_simulator {
   // So many individuals more, with what follows from their draws.
   struct block {
     Eigen::MatrixXd phi;          // random effects x individuals
-    Eigen::MatrixXd deviations;   // observations x individuals: standardised residuals
+    Eigen::MatrixXd deviations;   // individuals x observations: standardised residuals
     Eigen::MatrixXd predictions;  // individuals x quantities
   };
   static constexpr int block_size = 256;
