@@ -14,8 +14,8 @@ namespace varda {
 
 namespace {
 
-// Blocks of so many observations where the rank is low: what the matrix products of a block save
-// and what its own triangle takes are about even.
+// Blocks of so many observations where the rank is low: long enough for products of matrices, short
+// enough for the triangles on the diagonal to take less than these.
 constexpr Eigen::Index observations_of_block = 16;
 // Beyond so many columns for each observation a factor of low rank saves nothing.
 constexpr double largest_rank = 0.25;

@@ -23,8 +23,8 @@ class decorrelation {
  public:
   // Of `means`, simulations x observations, at least two simulations: the covariance is of divisor
   // simulations - 1. `variances` has a number for each observation. None where the covariance is
-  // not positive definite or a variance is not above 0. Takes r multiplications for each of
-  // `means`, or half as many as there are observations.
+  // not positive definite, not finite, or a variance is not above 0. Takes r multiplications for
+  // each of `means`, or about as many as there are observations.
   static std::optional<decorrelation> of(Eigen::MatrixXd means, const Eigen::VectorXd& variances);
 
   // Every row of `y`, as many as there are, becomes L^-1 (y - m).
@@ -49,8 +49,8 @@ class decorrelation {
   };
 
  private:
-  // Observations are centred and divided by the square roots of their variances. `covariance` is
-  // then I + D + U U', D and U as below, or all of it where U has no columns.
+  // Observations are centred and divided by the square roots of their variances. The covariance of
+  // these is loadings_ loadings_' beside its diagonal, or in one block.
   Eigen::VectorXd means_;
   Eigen::VectorXd scales_;
   Eigen::Index block_ = 0;

@@ -53,6 +53,7 @@ class value_scale {
   double step(Eigen::Index row) {
     return model_.observed().is_normal(at(row)) ? 0.0 : draw_.uniform();
   }
+  // The same for those simulated, and for what is known of them.
   void smooth(const std::vector<Eigen::Index>& rows, ranked_values& simulated) {
     for (std::size_t k = 0; k < rows.size(); ++k) {
       if (model_.observed().is_normal(at(rows[k]))) continue;
@@ -79,9 +80,10 @@ double share_below(const Values& values, double x) {
 
 // The value below which a share of the values lies.
 double quantile(Eigen::VectorXd values, double share) {
-  std::sort(values.begin(), values.end());
-  const auto rank = static_cast<Eigen::Index>(share * static_cast<double>(values.size()));
-  return values(std::min(rank, values.size() - 1));
+  const auto rank = std::min(static_cast<Eigen::Index>(share * static_cast<double>(values.size())),
+                             values.size() - 1);
+  std::nth_element(values.begin(), values.begin() + rank, values.end());
+  return values(rank);
 }
 
 // The shares of the values that what is known of an observation leaves, the one for `of` being
