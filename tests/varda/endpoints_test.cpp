@@ -551,7 +551,7 @@ TEST(Endpoints, MomentsGivenTheRandomEffectsAreThoseOfSimulatedValues) {
     expect_moments_of_values(model_of(name));
   }
   for (const residual_error& error :
-       {residual_error{error_kind::additive, 0.8, 0.0, false, false, 0.0, false, 8.0},
+       {residual_error{error_kind::additive, 3.0, 0.0, false, false, 0.0, false, 8.0},
         residual_error{error_kind::combined, 0.8, 0.2}, residual_error{error_kind::log_normal, 0.5},
         residual_error{error_kind::box_cox, 0.4, 0.0, false, false, 0.0, false, 0.0, 0.5}}) {
     SCOPED_TRACE(static_cast<int>(error.kind));

@@ -165,6 +165,7 @@ std::optional<decorrelation> decorrelation::of(Eigen::MatrixXd means,
     const Eigen::LLT<Eigen::MatrixXd> llt(covariance);
     if (llt.info() != Eigen::Success) return std::nullopt;
     result.diagonal_.emplace_back(llt.matrixL());
+    if (rank == 0) continue;
     auto gains = result.gains_.middleRows(first, size);
     gains = llt.matrixL().solve(shared);
     unknown.noalias() -= gains.transpose() * gains;
