@@ -509,6 +509,59 @@ TEST(Events, RepeatedEventsComeAsOftenAsTheHazardSays) {
   EXPECT_NEAR(count / replicates, mean, 4.0 * std::sqrt(mean / replicates));
 }
 
+// What NPDE decorrelate by, beside what their simulated values are.
+void expect_moments_of_values(const population_model& model) {
+  constexpr int individuals = 40000;
+  const drawn_parameters at{model.start_theta(), model.start_omega()};
+  const auto& observed = model.data().subjects[0].observations;
+  const std::vector<Eigen::Index> rows = {0, static_cast<Eigen::Index>(observed.size()) - 1};
+  deviates draw({1, 2});
+  const ranked_values found = subject_simulator(model, 0, at).simulate(individuals, draw, rows);
+  ASSERT_EQ(found.values.rows(), individuals);
+  const auto covariance_of = [](const Eigen::MatrixXd& values) -> Eigen::MatrixXd {
+    const Eigen::MatrixXd centred = values.rowwise() - values.colwise().mean();
+    return centred.transpose() * centred / (individuals - 1.0);
+  };
+  const Eigen::MatrixXd expected = covariance_of(found.values);
+  Eigen::MatrixXd covariance = covariance_of(found.means);
+  covariance.diagonal() += found.variances;
+  for (Eigen::Index i = 0; i < 2; ++i) {
+    EXPECT_NEAR(found.means.col(i).mean(), found.values.col(i).mean(),
+                4.0 * std::sqrt(expected(i, i) / individuals));
+    for (Eigen::Index j = 0; j < 2; ++j)
+      EXPECT_NEAR(covariance(i, j), expected(i, j),
+                  0.04 * std::sqrt(expected(i, i) * expected(j, j)));
+  }
+  for (Eigen::Index j = 0; j < 2; ++j) {
+    const observation& o = observed[static_cast<std::size_t>(rows[static_cast<std::size_t>(j)])];
+    if (!model.observed().is_normal(o)) continue;
+    const double* const theta = at.theta.data();
+    const double value = model.observed().simulated(o, 7.0, -0.8, theta);
+    EXPECT_NEAR(
+        model.observed().transformed(o, value),
+        model.observed().transformed(o, 7.0) - 0.8 * model.observed().deviation(o, 7.0, theta),
+        1e-12);
+  }
+}
+
+TEST(Endpoints, MomentsGivenTheRandomEffectsAreThoseOfSimulatedValues) {
+  for (const char* name :
+       {"poisson", "negative-binomial", "zero-inflated", "binary", "ordinal", "joint"}) {
+    SCOPED_TRACE(name);
+    expect_moments_of_values(model_of(name));
+  }
+  for (const residual_error& error :
+       {residual_error{error_kind::additive, 3.0, 0.0, false, false, 0.0, false, 8.0},
+        residual_error{error_kind::combined, 0.8, 0.2}, residual_error{error_kind::log_normal, 0.5},
+        residual_error{error_kind::box_cox, 0.4, 0.0, false, false, 0.0, false, 0.0, 0.5}}) {
+    SCOPED_TRACE(static_cast<int>(error.kind));
+    expect_moments_of_values(test::theophylline([&](model_specification& file) {
+      file.endpoints.front().residual = error;
+      file.data.drop = "EVID == 0 && TIME == 0";
+    }));
+  }
+}
+
 // At the truth the errors of data that the model has made are standard normal.
 TEST(Endpoints, RandomisedPredictionErrorsAreStandardNormal) {
   for (const char* name : {"poisson", "ordinal"}) {

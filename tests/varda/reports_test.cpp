@@ -63,39 +63,65 @@ TEST(Npde, IsTheNormalScoreOfASingleObservation) {
   }
 }
 
-// Beside Eigen, at numbers of observations and simulations that fill no tile, one that does, and
-// one.
-TEST(Decorrelation, IsThatOfTheCholeskyFactorWithEveryKernel) {
-  for (const auto& [observations, simulations] :
-       {std::pair{1, 9}, std::pair{13, 61}, std::pair{16, 64}, std::pair{37, 50}}) {
-    Eigen::MatrixXd y(observations, simulations);
+// Beside the factor of the whole matrix, with every kernel: with one block, with means that depend
+// on few effects and leave a last block that is not full, more observations than simulations, means
+// of full rank, and means that are known.
+TEST(Decorrelation, IsThatOfTheCholeskyFactor) {
+  enum class shape { any, smooth, constant };
+  struct problem {
+    Eigen::Index observations;
+    Eigen::Index simulations;
+    shape means;
+  };
+  for (const auto& [n, simulations, kind] :
+       {problem{1, 9, shape::any}, problem{13, 61, shape::any}, problem{99, 200, shape::smooth},
+        problem{160, 120, shape::smooth}, problem{70, 90, shape::any},
+        problem{35, 20, shape::constant}}) {
+    SCOPED_TRACE(n);
     double state = 0.3;
-    for (double& value : y.reshaped()) value = (state = 3.9 * state * (1.0 - state));
-    for (Eigen::Index i = 1; i < y.rows(); ++i) y.row(i) += 0.7 * y.row(i - 1);
-    y.colwise() -= Eigen::VectorXd(y.rowwise().mean());
-    const Eigen::MatrixXd covariance = y * y.transpose() / (simulations - 1.0);
+    const auto next = [&] { return state = 3.9 * state * (1.0 - state); };
+    Eigen::MatrixXd means(simulations, n);
+    for (Eigen::Index k = 0; k < simulations; ++k) {
+      const double rate = 0.5 + next();
+      const double size = 10.0 * next();
+      for (Eigen::Index j = 0; j < n; ++j) {
+        const double time = static_cast<double>(j) / static_cast<double>(n);
+        means(k, j) = kind == shape::smooth ? size * std::exp(-rate * time)
+                      : kind == shape::any  ? next()
+                                            : 2.0;
+      }
+    }
+    const Eigen::VectorXd variances = Eigen::VectorXd::NullaryExpr(n, [&] { return 0.1 + next(); });
+    const Eigen::MatrixXd y = Eigen::MatrixXd::NullaryExpr(11, n, [&] { return 5.0 * next(); });
+
+    const Eigen::RowVectorXd mean = means.colwise().mean();
+    const Eigen::MatrixXd centred = means.rowwise() - mean;
+    Eigen::MatrixXd covariance =
+        centred.transpose() * centred / (static_cast<double>(simulations) - 1.0);
+    covariance.diagonal() += variances;
     const Eigen::MatrixXd factor = covariance.llt().matrixL();
-    const Eigen::MatrixXd expected = factor.triangularView<Eigen::Lower>().solve(y);
-    const lane_kernel& narrow = *lane_kernel_named("sse2");
-    Eigen::MatrixXd found = y;
-    Eigen::MatrixXd found_factor;
-    ASSERT_TRUE(decorrelate(found, found_factor, narrow));
-    EXPECT_LT((found_factor - factor).cwiseAbs().maxCoeff(), 1e-12);
-    EXPECT_LT((found - expected).cwiseAbs().maxCoeff(), 1e-9);
+    const Eigen::MatrixXd from_mean = (y.rowwise() - mean).transpose();
+    const Eigen::MatrixXd expected = factor.triangularView<Eigen::Lower>().solve(from_mean);
+
+    const auto found = decorrelation::of(means, variances);
+    ASSERT_TRUE(found);
+    decorrelation::sequence one(*found);
+    for (Eigen::Index j = 0; j < n; ++j) {
+      const double in_sequence = (y(3, j) - one.expected()) / one.deviation();
+      EXPECT_NEAR(in_sequence, expected(j, 3), 1e-8) << j;
+      EXPECT_NEAR(one.deviation(), factor(j, j), 1e-8) << j;
+      one.append(in_sequence);
+    }
+    Eigen::MatrixXd all = y;
+    found->apply(all, *lane_kernel_named("sse2"));
+    EXPECT_LT((all.transpose() - expected).cwiseAbs().maxCoeff(), 1e-8);
     if (const lane_kernel* wide = lane_kernel_named("avx2")) {
       Eigen::MatrixXd again = y;
-      Eigen::MatrixXd again_factor;
-      ASSERT_TRUE(decorrelate(again, again_factor, *wide));
-      EXPECT_EQ(again, found);
-      EXPECT_EQ(again_factor, found_factor);
+      found->apply(again, *wide);
+      EXPECT_EQ(again, all);
     }
   }
-  // Fewer simulations than observations tell nothing.
-  Eigen::MatrixXd few = Eigen::MatrixXd::Random(5, 3);
-  const Eigen::MatrixXd before = few;
-  Eigen::MatrixXd factor;
-  EXPECT_FALSE(decorrelate(few, factor));
-  EXPECT_EQ(few, before);
+  EXPECT_FALSE(decorrelation::of(Eigen::MatrixXd::Random(9, 2), Eigen::Vector2d(1.0, 0.0)));
 }
 
 TEST(Npde, IsStandardNormalForDataThatTheModelMade) {
@@ -124,6 +150,40 @@ TEST(Npde, IsStandardNormalForDataThatTheModelMade) {
     }
     EXPECT_NEAR(sum / n, 0.0, 4.0 / std::sqrt(n)) << limit;
     EXPECT_NEAR(squares / n, 1.0, 4.0 * std::sqrt(2.0 / n)) << limit;
+  }
+}
+
+// With so many observations a covariance of the simulated values would leave those observed with
+// about twice the variance.
+TEST(Npde, AreAsWideAsTheyShouldBeForLongSubjects) {
+  constexpr int observations = 300;
+  for (const int simulations : {500, 250}) {
+    const population_model whole = test::theophylline();
+    dataset data = whole.data();
+    for (subject& who : data.subjects) {
+      const observation kept = who.observations.back();
+      who.observations.clear();
+      std::erase_if(who.timeline, [](const event& e) { return e.kind == event_kind::observation; });
+      for (int k = 1; k <= observations; ++k) {
+        observation next = kept;
+        next.time = 24.0 * k / observations;
+        append(who, next);
+      }
+    }
+    const population_model model =
+        test::simulated(population_model(whole.specification(), data), 1, 4);
+    double sum = 0.0;
+    double squares = 0.0;
+    double n = 0.0;
+    for (int i = 0; i < model.subjects(); ++i) {
+      const Eigen::VectorXd errors =
+          npde(model, i, model.start_theta(), model.start_omega(), simulations, 1);
+      sum += errors.sum();
+      squares += errors.squaredNorm();
+      n += static_cast<double>(errors.size());
+    }
+    EXPECT_NEAR(sum / n, 0.0, 4.0 / std::sqrt(n)) << simulations;
+    EXPECT_NEAR(squares / n, 1.0, 4.0 * std::sqrt(2.0 / n)) << simulations;
   }
 }
 

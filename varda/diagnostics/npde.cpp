@@ -31,20 +31,37 @@ std::vector<Eigen::Index> rows_with_values(const population_model& model, int su
   return rows;
 }
 
-// What of observations with steps makes continuous ones: their rank and a number between 0 and 1.
-// Observed and simulated values alike, so that their order stays and ties are broken at random.
-class smoothing {
+// Puts what is known of observations on the scale of simulated values (ranked_values). Ranks have a
+// number between 0 and 1 added, observed and simulated ones alike, so that their order stays and
+// ties are broken at random.
+class value_scale {
  public:
-  smoothing(const population_model& model, int subject, int seed)
+  value_scale(const population_model& model, int subject, int seed)
       : model_(model),
         observed_(model.data().subjects[static_cast<std::size_t>(subject)].observations),
         draw_({seed, static_cast<int>(stream::steps), subject}) {}
 
-  double operator()(Eigen::Index row, double value) {
-    const observation& at = observed_[static_cast<std::size_t>(row)];
-    if (model_.observed().is_normal(at)) return value;
-    const auto endpoint = static_cast<std::size_t>(at.endpoint);
-    return rank_of(model_.specification().endpoints[endpoint].outcome, value) + draw_.uniform();
+  const observation& at(Eigen::Index row) const { return observed_[static_cast<std::size_t>(row)]; }
+
+  double operator()(Eigen::Index row, double value) const {
+    if (model_.observed().is_normal(at(row))) return model_.observed().transformed(at(row), value);
+    const auto endpoint = static_cast<std::size_t>(at(row).endpoint);
+    return rank_of(model_.specification().endpoints[endpoint].outcome, value);
+  }
+
+  // What is added to an observed value.
+  double step(Eigen::Index row) {
+    return model_.observed().is_normal(at(row)) ? 0.0 : draw_.uniform();
+  }
+  // The same for those simulated, and for what is known of them.
+  void smooth(const std::vector<Eigen::Index>& rows, ranked_values& simulated) {
+    for (std::size_t k = 0; k < rows.size(); ++k) {
+      if (model_.observed().is_normal(at(rows[k]))) continue;
+      const auto j = static_cast<Eigen::Index>(k);
+      for (double& value : simulated.values.col(j)) value += draw_.uniform();
+      simulated.means.col(j).array() += 0.5;
+      simulated.variances(j) += 1.0 / 12.0;
+    }
   }
 
  private:
@@ -52,28 +69,6 @@ class smoothing {
   const std::vector<observation>& observed_;
   deviates draw_;
 };
-
-// Those observations x simulations; fewer columns where the model failed.
-Eigen::MatrixXd simulate(const population_model& model, int subject, const Eigen::VectorXd& theta,
-                         const Eigen::MatrixXd& omega, int simulations, deviates& draw,
-                         const std::vector<Eigen::Index>& rows) {
-  Eigen::MatrixXd f;
-  Eigen::MatrixXd result;
-  const drawn_parameters at{theta, omega};
-  subject_simulator from(model, subject, at);
-  from.simulate(
-      simulations, [&](int) -> deviates& { return draw; }, f, result);
-  if (static_cast<Eigen::Index>(rows.size()) < result.rows())
-    result = Eigen::MatrixXd(result(rows, Eigen::all));
-  Eigen::Index usable = 0;
-  for (Eigen::Index k = 0; k < result.cols(); ++k) {
-    if (!result.col(k).allFinite()) continue;
-    if (usable < k) result.col(usable) = result.col(k);
-    ++usable;
-  }
-  result.conservativeResize(Eigen::NoChange, usable);
-  return result;
-}
 
 // Share of the values below x, away from 0 and 1.
 template <class Values>
@@ -85,9 +80,10 @@ double share_below(const Values& values, double x) {
 
 // The value below which a share of the values lies.
 double quantile(Eigen::VectorXd values, double share) {
-  std::sort(values.begin(), values.end());
-  const auto rank = static_cast<Eigen::Index>(share * static_cast<double>(values.size()));
-  return values(std::min(rank, values.size() - 1));
+  const auto rank = std::min(static_cast<Eigen::Index>(share * static_cast<double>(values.size())),
+                             values.size() - 1);
+  std::nth_element(values.begin(), values.begin() + rank, values.end());
+  return values(rank);
 }
 
 // The shares of the values that what is known of an observation leaves, the one for `of` being
@@ -118,37 +114,36 @@ Eigen::VectorXd npde(const population_model& model, int subject, const Eigen::Ve
       model.observations(subject), std::numeric_limits<double>::quiet_NaN());
   if (n == 0) return unknown;
   deviates draw({seed, subject});
-  Eigen::MatrixXd y = simulate(model, subject, theta, omega, simulations, draw, rows);
-  smoothing smooth(model, subject, seed);
-  for (double& value : y.reshaped())
-    value = smooth(rows[static_cast<std::size_t>((&value - y.data()) % n)], value);
-  if (y.cols() <= n + 1) return unknown;
+  const drawn_parameters at{theta, omega};
+  ranked_values simulated = subject_simulator(model, subject, at).simulate(simulations, draw, rows);
+  if (simulated.values.rows() < 2) return unknown;
+  value_scale scale(model, subject, seed);
+  scale.smooth(rows, simulated);
+  const auto by = decorrelation::of(std::move(simulated.means), simulated.variances);
+  if (!by) return unknown;
+  Eigen::MatrixXd& y = simulated.values;
+  by->apply(y);
 
-  const Eigen::VectorXd mean = y.rowwise().mean();
-  y.colwise() -= mean;
-  Eigen::MatrixXd factor;
-  if (!decorrelate(y, factor)) return unknown;
-
-  // Forward substitution, in which a censored observation takes its place before the next.
-  Eigen::VectorXd decorrelated = Eigen::VectorXd::Zero(n);
+  // A censored observation takes its place before the next.
+  decorrelation::sequence observed(*by);
   Eigen::VectorXd result = unknown;
   for (Eigen::Index j = 0; j < n; ++j) {
-    const observation& at =
-        model.data()
-            .subjects[static_cast<std::size_t>(subject)]
-            .observations[static_cast<std::size_t>(rows[static_cast<std::size_t>(j)])];
-    const double expected = mean(j) + factor.row(j).dot(decorrelated);
-    const auto scaled = [&](double y_or_limit) { return (y_or_limit - expected) / factor(j, j); };
-    const double value = smooth(rows[static_cast<std::size_t>(j)], at.value);
-    const auto share_of = [&](double y_or_limit) {
-      return share_below(y.row(j), scaled(y_or_limit));
+    const Eigen::Index row = rows[static_cast<std::size_t>(j)];
+    const observation& of_row = scale.at(row);
+    const double expected = observed.expected();
+    const auto decorrelated = [&](double value) {
+      return (value - expected) / observed.deviation();
     };
-    const auto [from, to] = at.censored == censoring::none
-                                ? std::pair{share_of(value), share_of(value)}
-                                : possible_shares(at, share_of);
+    const auto share_of = [&](double y_or_limit) {
+      return share_below(y.col(j), decorrelated(scale(row, y_or_limit)));
+    };
+    const double value = decorrelated(scale(row, of_row.value) + scale.step(row));
+    const double here = share_below(y.col(j), value);
+    const auto [from, to] = of_row.censored == censoring::none ? std::pair{here, here}
+                                                               : possible_shares(of_row, share_of);
     const double share = from + draw.uniform() * (to - from);
-    decorrelated(j) = at.censored == censoring::none ? scaled(value) : quantile(y.row(j), share);
-    result(rows[static_cast<std::size_t>(j)]) = statsubs::dnorminv(share);
+    observed.append(of_row.censored == censoring::none ? value : quantile(y.col(j), share));
+    result(row) = statsubs::dnorminv(share);
   }
   return result;
 }

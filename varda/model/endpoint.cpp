@@ -369,6 +369,28 @@ double endpoints::scaled_residual(const observation& at, double f, const double*
   return difference(of(at), at.value, f) / s;
 }
 
+double endpoints::transformed(const observation& at, double y) const {
+  const entry& e = of(at);
+  if (!is_transformed(e.kind)) return y;
+  const bool is_logarithm = e.kind == error_kind::log_normal || e.lambda == 0.0;
+  if (y < 0.0 || (y == 0.0 && (is_logarithm || e.lambda < 0.0)))
+    return -std::numeric_limits<double>::infinity();
+  return is_logarithm ? std::log(y) : (std::pow(y, e.lambda) - 1.0) / e.lambda;
+}
+
+void endpoints::scatter(const observation& at, const double* f, std::size_t n, const double* theta,
+                        double* transformed_f, double* deviations) const {
+  const error_kind kind = of(at).kind;
+  if (is_transformed(kind))
+    for (std::size_t k = 0; k < n; ++k) transformed_f[k] = transformed(at, f[k]);
+  else
+    std::copy_n(f, n, transformed_f);
+  if (is_transformed(kind) || kind == error_kind::additive)
+    std::fill_n(deviations, n, theta[of(at).additive]);
+  else
+    for (std::size_t k = 0; k < n; ++k) deviations[k] = deviation(at, f[k], theta);
+}
+
 double endpoints::simulated(const observation& at, double f, double e, const double* theta) const {
   const double s = deviation(at, f, theta);
   const entry& law = of(at);

@@ -70,8 +70,20 @@ class endpoints {
   double deviation(const observation& at, double f, const double* theta) const;
   double scaled_residual(const observation& at, double f, const double* theta) const;
 
+  // An observation's value y on the scale on which e adds to the prediction: its logarithm for
+  // log-normal error, transformed for Box-Cox error; -infinity where that is not above 0 and has no
+  // such value.
+  double transformed(const observation& at, double y) const;
+  // Of `n` predictions f of the observation: the transformed predictions and the deviations.
+  void scatter(const observation& at, const double* f, std::size_t n, const double* theta,
+               double* transformed_f, double* deviations) const;
+
   // Of the distribution of e; 0 where it is standard normal.
   double degrees_of_freedom(const observation& at) const { return of(at).degrees_of_freedom; }
+  double variance_of_e(const observation& at) const {
+    const double nu = degrees_of_freedom(at);
+    return nu > 0.0 ? nu / (nu - 2.0) : 1.0;
+  }
 
   // The observation as it would have come out at the scaled residual e. With Box-Cox error an e so
   // far out that nothing is transformed to it gives the end of the range, 0 or infinity.

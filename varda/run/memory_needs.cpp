@@ -147,11 +147,14 @@ std::size_t bytes_of_npde(const population_model& model, int threads) {
   const sizes n(model);
   const auto simulations = static_cast<std::size_t>(model.specification().estimation.npde_samples);
   if (simulations == 0) return 0;
-  // Parameters, predictions and simulated values, of which only two are there at a time.
+  // Values and their means; of one block of individuals parameters, predictions, residuals and
+  // variances.
+  const std::size_t block = std::min(simulations, std::size_t{256});
   const std::size_t working =
-      sizeof(double) * simulations *
-      (2 * n.effects + static_cast<std::size_t>(model.structural_parameters()) +
-       2 * n.most_observations);
+      sizeof(double) *
+      (2 * simulations * n.most_observations +
+       block * (2 * n.effects + static_cast<std::size_t>(model.structural_parameters()) +
+                3 * n.most_observations));
   return static_cast<std::size_t>(threads) * working +
          n.subjects * (sizeof(Eigen::VectorXd) + 2 * sizeof(std::ptrdiff_t) + 24) +
          2 * sizeof(double) * n.observations;

@@ -94,6 +94,38 @@ double rank_of(const outcome_text& of, double value) {
                              of.levels.begin());
 }
 
+rank_moments rank_moments_of(const outcome_text& of, const double* parameters) {
+  switch (of.kind) {
+    case endpoint_kind::poisson:
+    case endpoint_kind::zero_inflated_poisson:
+    case endpoint_kind::negative_binomial:
+    case endpoint_kind::zero_inflated_negative_binomial: {
+      const double mean = parameters[0];
+      const double zeros = parameters[1];
+      const double dispersion = law_parameters(of) > 2 ? parameters[2] : 0.0;
+      return {(1.0 - zeros) * mean, (1.0 - zeros) * mean * (1.0 + (dispersion + zeros) * mean)};
+    }
+    case endpoint_kind::binary:
+      return {parameters[0], parameters[0] * (1.0 - parameters[0])};
+    case endpoint_kind::ordinal: {
+      // With P_k the probability of a rank above k: sums of P_k and of (2 k + 1) P_k.
+      double mean = 0.0;
+      double square = 0.0;
+      for (std::size_t k = 0; k + 1 < of.levels.size(); ++k) {
+        const double above = 1.0 - parameters[k];
+        mean += above;
+        square += static_cast<double>(2 * k + 1) * above;
+      }
+      return {mean, square - mean * mean};
+    }
+    case endpoint_kind::normal:
+    case endpoint_kind::event:
+    case endpoint_kind::log_likelihood:
+      break;
+  }
+  return {unknown, unknown};
+}
+
 watch_times::watch_times(const population_model& model) : model_(model) {
   last_.assign(model.specification().endpoints.size(), -std::numeric_limits<double>::infinity());
   for (const subject& who : model.data().subjects)

@@ -23,6 +23,13 @@ double outcome_at(const outcome_text& of, const double* parameters, double u);
 // The value as a whole number of its order: a level's position, any other value itself.
 double rank_of(const outcome_text& of, double value);
 
+// Of the rank of a value that is drawn by these parameters.
+struct rank_moments {
+  double mean = 0.0;
+  double variance = 0.0;
+};
+rank_moments rank_moments_of(const outcome_text& of, const double* parameters);
+
 // A simulated event, or the end of its watch without one.
 struct event_row {
   int endpoint = 0;

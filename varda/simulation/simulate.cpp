@@ -7,6 +7,7 @@
 #include <cmath>
 #include <limits>
 #include <optional>
+#include <utility>
 
 #include "statsubs/distributions/cumnor.h"
 #include "varda/model/equations/outcome_formulas.h"
@@ -73,79 +74,167 @@ void subject_simulator::lay_out() {
   }
 }
 
-void subject_simulator::simulate(int count, const std::function<deviates&(int)>& stream,
-                                 Eigen::MatrixXd& f, Eigen::MatrixXd& y) {
-  simulate(count, stream, nullptr, f, y, nullptr);
+template <class Next, class After>
+void subject_simulator::draw_block(int size, const Next& next, const After& after, block& made) {
+  // A line of memory holds so many of the individuals' deviations of one observation.
+  constexpr int together = 8;
+  const auto& observed = model_.data().subjects[static_cast<std::size_t>(subject_)].observations;
+  const auto n = static_cast<Eigen::Index>(observed.size());
+  // The observations with Student's t and their degrees of freedom.
+  std::vector<std::pair<Eigen::Index, double>> student;
+  for (Eigen::Index j = 0; j < n; ++j) {
+    const observation& at = observed[static_cast<std::size_t>(j)];
+    const double nu = model_.observed().degrees_of_freedom(at);
+    if (nu > 0.0) student.emplace_back(j, nu);
+  }
+  made.phi.resize(mu_.size(), size);
+  made.deviations.resize(size, n);
+  Eigen::VectorXd z(mu_.size());
+  Eigen::MatrixXd e(n, together);
+  for (int begin = 0; begin < size; begin += together) {
+    const int count = std::min(together, size - begin);
+    for (int k = 0; k < count; ++k) {
+      deviates& draw = next(begin + k);
+      for (double& value : z) value = draw.normal();
+      made.phi.col(begin + k) = mu_ + factor_ * z;
+      draw.normals(e.col(k).data(), n);
+      for (const auto& [j, nu] : student) e(j, k) /= std::sqrt(draw.chi_square(nu) / nu);
+      after(draw);
+    }
+    made.deviations.middleRows(begin, count) = e.leftCols(count).transpose();
+  }
+  joint_.predict(subject_, asking_, theta_.data(), made.phi, made.predictions, scratch_);
 }
+
+namespace {
+
+// Where in the distribution of a value a standard normal deviate lies.
+double share_of(double deviate) {
+  double share = 0.0;
+  double rest = 0.0;
+  statsubs::cumnor(deviate, share, rest);
+  return share;
+}
+
+}  // namespace
 
 void subject_simulator::simulate(int count, const std::function<deviates&(int)>& stream,
                                  const event_design& events, Eigen::MatrixXd& f, Eigen::MatrixXd& y,
                                  std::vector<std::vector<event_row>>& happened) {
-  simulate(count, stream, &events, f, y, &happened);
-}
-
-void subject_simulator::simulate(int count, const std::function<deviates&(int)>& stream,
-                                 const event_design* events, Eigen::MatrixXd& f, Eigen::MatrixXd& y,
-                                 std::vector<std::vector<event_row>>* happened) {
-  constexpr int block = 256;  // individuals whose predictions are made at once
   const auto& observed = model_.data().subjects[static_cast<std::size_t>(subject_)].observations;
   const auto n = static_cast<Eigen::Index>(observed.size());
   f.resize(n, count);
   y.resize(n, count);
-  Eigen::VectorXd z(mu_.size());
-  Eigen::MatrixXd predictions;
-  for (int begin = 0; begin < count; begin += block) {
-    const int size = std::min(block, count - begin);
-    Eigen::MatrixXd phi(mu_.size(), size);
+  block made;
+  for (int begin = 0; begin < count; begin += block_size) {
+    const int size = std::min(block_size, count - begin);
     std::vector<deviates> later;
-    for (int k = 0; k < size; ++k) {
-      deviates& draw = stream(begin + k);
-      for (double& value : z) value = draw.normal();
-      phi.col(k) = mu_ + factor_ * z;
-      for (double& value : y.col(begin + k)) value = draw.normal();
-      for (std::size_t j = 0; j < observed.size(); ++j) {
-        if (!model_.observed().is_normal(observed[j])) continue;
-        const double nu = model_.observed().degrees_of_freedom(observed[j]);
-        if (nu > 0.0)
-          y(static_cast<Eigen::Index>(j), begin + k) /= std::sqrt(draw.chi_square(nu) / nu);
-      }
-      if (events != nullptr) later.push_back(draw);
-    }
-    joint_.predict(subject_, asking_, theta_.data(), phi, predictions, scratch_);
+    draw_block(
+        size, [&](int k) -> deviates& { return stream(begin + k); },
+        [&](const deviates& draw) {
+          if (!events.empty()) later.push_back(draw);
+        },
+        made);
     for (Eigen::Index j = 0; j < n; ++j) {
-      const auto place = static_cast<std::size_t>(j);
-      const auto at =
-          places_.empty() ? j : static_cast<Eigen::Index>(places_[static_cast<std::size_t>(j)]);
-      f.row(j).segment(begin, size) = predictions.col(at).transpose();
-      if (model_.observed().is_normal(observed[place])) {
-        for (int k = begin; k < begin + size; ++k)
-          y(j, k) = model_.observed().simulated(observed[place], f(j, k), y(j, k), theta_.data());
+      const observation& at = observed[static_cast<std::size_t>(j)];
+      const Eigen::Index place = place_of(static_cast<std::size_t>(j));
+      f.row(j).segment(begin, size) = made.predictions.col(place).transpose();
+      if (model_.observed().is_normal(at)) {
+        for (int k = 0; k < size; ++k)
+          y(j, begin + k) = model_.observed().simulated(at, f(j, begin + k), made.deviations(k, j),
+                                                        theta_.data());
         continue;
       }
-      const outcome_text& of = model_.specification()
-                                   .endpoints[static_cast<std::size_t>(observed[place].endpoint)]
-                                   .outcome;
+      const outcome_text& of =
+          model_.specification().endpoints[static_cast<std::size_t>(at.endpoint)].outcome;
       if (!has_row_values(of)) {
         y.row(j).segment(begin, size).setConstant(std::numeric_limits<double>::quiet_NaN());
         continue;
       }
       Eigen::VectorXd law(law_parameters(of));
       for (int k = 0; k < size; ++k) {
-        law = predictions.row(k).segment(at + 1, law.size()).transpose();
-        double share = 0.0;
-        double rest = 0.0;
-        statsubs::cumnor(y(j, begin + k), share, rest);
-        y(j, begin + k) = outcome_at(of, law.data(), share);
+        law = made.predictions.row(k).segment(place + 1, law.size()).transpose();
+        y(j, begin + k) = outcome_at(of, law.data(), share_of(made.deviations(k, j)));
       }
     }
-    if (events == nullptr || events->empty()) continue;
-    joint_.predict(subject_, events->who(), theta_.data(), phi, predictions, scratch_);
+    if (events.empty()) continue;
+    joint_.predict(subject_, events.who(), theta_.data(), made.phi, made.predictions, scratch_);
     for (int k = 0; k < size; ++k) {
-      std::vector<event_row>& own = (*happened)[static_cast<std::size_t>(begin + k)];
-      if (!events->draw(predictions.row(k).transpose(), later[static_cast<std::size_t>(k)], own))
+      std::vector<event_row>& own = happened[static_cast<std::size_t>(begin + k)];
+      if (!events.draw(made.predictions.row(k).transpose(), later[static_cast<std::size_t>(k)],
+                       own))
         own.clear();
     }
   }
+}
+
+ranked_values subject_simulator::simulate(int count, deviates& draw,
+                                          const std::vector<Eigen::Index>& rows) {
+  const auto& observed = model_.data().subjects[static_cast<std::size_t>(subject_)].observations;
+  const auto n = static_cast<Eigen::Index>(rows.size());
+  ranked_values result{Eigen::MatrixXd(count, n), Eigen::MatrixXd(count, n),
+                       Eigen::VectorXd::Zero(n)};
+  block made;
+  Eigen::MatrixXd variances;
+  Eigen::Index usable = 0;
+  for (int begin = 0; begin < count; begin += block_size) {
+    const int size = std::min(block_size, count - begin);
+    draw_block(
+        size, [&](int) -> deviates& { return draw; }, [](const deviates&) {}, made);
+    variances.resize(size, n);
+    auto values = result.values.middleRows(usable, size);
+    auto means = result.means.middleRows(usable, size);
+    // Finite where everything of an individual is.
+    Eigen::ArrayXd sums = Eigen::ArrayXd::Zero(size);
+    const auto add_up = [&](Eigen::Index j) {
+      sums +=
+          0.0 * values.col(j).array() + 0.0 * means.col(j).array() + 0.0 * variances.col(j).array();
+    };
+    for (Eigen::Index j = 0; j < n; ++j) {
+      const Eigen::Index row = rows[static_cast<std::size_t>(j)];
+      const observation& at = observed[static_cast<std::size_t>(row)];
+      const Eigen::Index place = place_of(static_cast<std::size_t>(row));
+      if (model_.observed().is_normal(at)) {
+        auto deviations = variances.col(j).array();
+        model_.observed().scatter(at, made.predictions.col(place).data(),
+                                  static_cast<std::size_t>(size), theta_.data(),
+                                  means.col(j).data(), deviations.data());
+        values.col(j) = means.col(j).array() + deviations * made.deviations.col(row).array();
+        deviations *= deviations * model_.observed().variance_of_e(at);
+        add_up(j);
+        continue;
+      }
+      const outcome_text& of =
+          model_.specification().endpoints[static_cast<std::size_t>(at.endpoint)].outcome;
+      Eigen::VectorXd law(law_parameters(of));
+      for (int k = 0; k < size; ++k) {
+        law = made.predictions.row(k).segment(place + 1, law.size()).transpose();
+        const rank_moments moments = rank_moments_of(of, law.data());
+        means(k, j) = moments.mean;
+        variances(k, j) = moments.variance;
+        values(k, j) = rank_of(of, outcome_at(of, law.data(), share_of(made.deviations(k, row))));
+      }
+      add_up(j);
+    }
+    Eigen::Index kept = 0;
+    for (int k = 0; k < size; ++k) {
+      if (!std::isfinite(sums(k))) continue;
+      if (kept < k) {
+        values.row(kept) = values.row(k);
+        means.row(kept) = means.row(k);
+        variances.row(kept) = variances.row(k);
+      }
+      ++kept;
+    }
+    result.variances += variances.topRows(kept).colwise().sum().transpose();
+    usable += kept;
+  }
+  if (usable < count) {
+    result.values.conservativeResize(usable, Eigen::NoChange);
+    result.means.conservativeResize(usable, Eigen::NoChange);
+  }
+  result.variances /= static_cast<double>(usable);
+  return result;
 }
 
 namespace {

@@ -25,6 +25,17 @@ struct drawn_parameters {
 // one.
 Eigen::MatrixXd factor_of(const Eigen::MatrixXd& omega);
 
+// Values of observations whose order is that of the values in the data, on a scale of their own:
+// that on which residuals add to predictions (endpoints::transformed), or ranks (rank_of).
+struct ranked_values {
+  // individuals x observations
+  Eigen::MatrixXd values;
+  Eigen::MatrixXd means;  // given the random effects
+  // Of an observation given the random effects, the mean over the individuals. Given them,
+  // observations are independent.
+  Eigen::VectorXd variances;
+};
+
 // Individuals with the design and the covariates of one subject.
 class subject_simulator {
  public:
@@ -35,20 +46,30 @@ class subject_simulator {
   // observations x individuals; not finite where the model cannot be evaluated. Individual k draws
   // from stream(k) a deviate for each random effect and then one for each observation, in the order
   // of k. Predictions are made of many at once. Rows of endpoints without values of their rows
-  // (has_row_values) are NaN in `y`.
-  void simulate(int count, const std::function<deviates&(int)>& stream, Eigen::MatrixXd& f,
-                Eigen::MatrixXd& y);
-
-  // The same, with the events of every individual, for which further draws are taken from a copy of
-  // its stream.
+  // (has_row_values) are NaN in `y`. Further draws, for the events of every individual, are taken
+  // from a copy of its stream.
   void simulate(int count, const std::function<deviates&(int)>& stream, const event_design& events,
                 Eigen::MatrixXd& f, Eigen::MatrixXd& y,
                 std::vector<std::vector<event_row>>& happened);
 
+  // `count` individuals, all drawn from one stream, less those that the model cannot be evaluated
+  // for. `rows` are positions of observations, those with values of their rows.
+  ranked_values simulate(int count, deviates& draw, const std::vector<Eigen::Index>& rows);
+
  private:
-  void simulate(int count, const std::function<deviates&(int)>& stream, const event_design* events,
-                Eigen::MatrixXd& f, Eigen::MatrixXd& y,
-                std::vector<std::vector<event_row>>* happened);
+  // So many individuals more, with what follows from their draws.
+  struct block {
+    Eigen::MatrixXd phi;          // random effects x individuals
+    Eigen::MatrixXd deviations;   // individuals x observations: standardised residuals
+    Eigen::MatrixXd predictions;  // individuals x quantities
+  };
+  static constexpr int block_size = 256;
+  // `next` gives the stream of each, `after` is called when it has drawn.
+  template <class Next, class After>
+  void draw_block(int size, const Next& next, const After& after, block& made);
+  Eigen::Index place_of(std::size_t observation) const {
+    return static_cast<Eigen::Index>(places_.empty() ? observation : places_[observation]);
+  }
   void lay_out();
 
   const population_model& model_;
