@@ -75,6 +75,26 @@ cmp -s by1.csv by3.csv || fail "threads change a simulation"
 awk -F, 'NR == 1 || $1 == 2' by1.csv >simulated.csv
 sed 's/^file = .*/file = "simulated.csv"/' theophylline.toml >simulated.toml
 expect_status 0 "a fit of a simulation" "$varda" fit simulated.toml --quiet
+# With rules for rows, renamed columns and texts as levels, the same model file reads what it has
+# simulated: rules that were followed are not followed again, others are.
+awk -F, 'BEGIN { OFS = "," } NR == 1 { print "ID,HOURS,AMT,CONC,EVID,SEX,PART,COMMENT"; next }
+         { print $1, $2, $3, $5 == 1 ? "." : $4, $5, $1 % 2 ? "male" : "female", NR % 20 ? "A" : "B", "x" }' theophylline.csv >rules.csv
+sed -e 's/^file = .*/file = "rules.csv"\nkeep = "PART == \x27A\x27 \&\& (EVID == 1 || HOURS > 0)"\ndrop = "MINUTES > 1400"\ncolumns = { TIME = "MINUTES", DV = "LOGDV", MDV = "COMMENT2" }\n[data.define]\nMINUTES = "60 * HOURS"\nLOGDV = "log(CONC)"\nCOMMENT2 = "COMMENT == \x27y\x27"/' \
+  -e 's/^CL = { start = 3.0 }/CL = { start = 0.05, covariates = [{ column = "SEX", effect = "categorical", reference = "male" }] }/' \
+  -e 's/^ka = { start = 1.2 }/ka = { start = 0.02 }/' theophylline.toml >rules.toml
+expect_status 0 "a simulation by rules" "$varda" simulate rules.toml --output ruled.csv
+sed 's/^file = .*/file = "ruled.csv"/' rules.toml >ruled.toml
+for model in rules ruled; do
+  expect_status 0 "an evaluation by rules" "$varda" evaluate "$model.toml" --output "$model"
+done
+[ "$(cut -d, -f1,2 rules/rows.csv)" = "$(cut -d, -f1,2 ruled/rows.csv)" ] ||
+  fail "what was simulated by rules has other rows"
+sed 's/^drop = .*/drop = "MINUTES > 600"/' ruled.toml >dropped.toml
+expect_status 0 "another rule" "$varda" evaluate dropped.toml --output dropped
+[ "$(wc -l <dropped/rows.csv)" -lt "$(wc -l <ruled/rows.csv)" ] || fail "a rule that is new is passed over"
+sed 's/^MINUTES = .*/MINUTES = "HOURS"/' ruled.toml >defined.toml
+expect_status 2 "another definition" "$varda" evaluate defined.toml --output defined
+grep -q 'E-DATA-HEADER' stderr || fail "a column is computed although the file has it"
 expect_status 2 "uncertainty of a model file" "$varda" simulate theophylline.toml --uncertainty
 # Predictions at the data are those of the fit.
 expect_status 0 "predictions" "$varda" predict one
