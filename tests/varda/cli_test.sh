@@ -68,6 +68,25 @@ expect_status 2 "a comparison with nothing" "$varda" compare one nothing
 echo >>late-out/fit.json
 expect_status 2 "a comparison with a changed fit" "$varda" compare one late-out
 
+# Everything that was estimated is taken over as a start value: the exponent of a power error and the
+# coefficients of levels too, so that an evaluation from there has the likelihood of the fit.
+awk -F, 'NR == 1 { print $0 ",SEX"; next }
+         $2 > 0 || $3 > 0 { print $0 "," ($1 % 3 == 0 ? "x" : $1 % 3 == 1 ? "male" : "female") }' theophylline.csv >levels.csv
+sed -e 's/theophylline.csv/levels.csv/; /^additive/d' \
+  -e 's/^CL = {.*/CL = { start = 3.0, covariates = [{ column = "SEX", effect = "categorical", reference = "male" }] }/' \
+  -e 's/^error.*/error = "power"\nproportional = 0.3\nexponent = 0.8/' theophylline.toml >power.toml
+expect_status 0 "a fit with power error" "$varda" fit power.toml --output power --quiet
+grep -Eq '^Residual error +estimate ' stdout || fail "an exponent stands below SD"
+expect_status 0 "its estimates as start values" "$varda" evaluate power.toml --from power --output taken --quiet
+tr -s ' \n' ' ' <stdout | grep -q 'CL_SEX_female, CL_SEX_x, .*proportional, exponent' ||
+  fail "not every estimate is a start value: $(grep -A3 'Start values' stdout)"
+cat power/page_one.txt taken/page_one.txt | awk '/^-2 log-likelihood/ { value[++n] = $3 }
+  END { d = value[1] - value[2]; exit !(n == 2 && d < 0.01 && d > -0.01) }' ||
+  fail "the start values are not the estimates: $(grep -h '^-2 log-likelihood' power/page_one.txt taken/page_one.txt)"
+sed 's/^error.*/error = "additive"\ndistribution = "student-t"\ndegrees_of_freedom = 5/' theophylline.toml >student.toml
+expect_status 0 "Student's t" "$varda" evaluate student.toml --output student --quiet
+grep -Eq '^Residual error +scale' stdout || fail "the scale of Student's t is called a deviation"
+
 # Simulations: the same bytes by any number of threads, and a replicate can be fitted.
 expect_status 0 "a simulation" "$varda" simulate one -n 3 --uncertainty --seed 4 --output by1.csv
 expect_status 0 "by threads" "$varda" simulate one -n 3 --uncertainty --seed 4 --threads 3 --output by3.csv
