@@ -226,6 +226,10 @@ void write_errors(sink out, const fit_result& result) {
     fmt::format_to(out, "\n{}\n", wrapped("No standard errors: " + errors.reason, 2));
     return;
   }
+  if (errors.eigenvalues.size() == 0) {
+    fmt::format_to(out, "\nNo standard errors: the data identify none of the parameters.\n");
+    return;
+  }
   fmt::format_to(out, "\nStandard errors from {}. Correlation of the estimates:\n",
                  source_of(errors.shown));
   write_correlations(out, errors);
