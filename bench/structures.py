@@ -7,13 +7,15 @@ the truth again.
   structures.py [--threads N] VARDA FOLDER [NAME...]
 
 prints a line for each structure (a table in Markdown): verdict, seconds of varda new and of the fit,
-how many of the estimates hold the truth in their 95 % intervals, and the largest distance of an
-estimate from the truth in standard errors. FOLDER keeps everything. Responses stand behind
+how many of the estimates hold the truth in their 95 % intervals, the largest distance of an estimate
+from the truth in standard errors, and by how much -2 log-likelihood at the truth is above the minimum,
+with the number of parameters, which is its expectation. FOLDER keeps everything. Responses stand behind
 "one-compartment oral", whose concentrations have times of their own where the response is slower than
 they are. NAMEs choose structures.
 """
 import argparse
 import csv
+import json
 import os
 import re
 import subprocess
@@ -51,8 +53,15 @@ slow = ("myelosuppression", "tumour-growth exponential-linear", "tumour-growth i
 # Parameters without a random effect beside those of the draft: where one dose for each subject says
 # next to nothing of how they vary, and a modeller would leave their random effects out.
 not_random = {
-    "one-compartment parallel-absorption": ["fraction"],
+    "one-compartment parallel-absorption": ["fraction", "D"],
     "one-compartment sequential-absorption": ["fraction"],
+    "two-compartment transit": ["Q"],
+    "two-compartment michaelis-menten oral": ["Q"],
+    "two-compartment mixed-elimination oral": ["Q"],
+    "two-compartment target-mediated intravenous": ["Q", "V2"],
+    "two-compartment target-mediated-qss intravenous": ["Q", "V2"],
+    "two-compartment target-mediated oral": ["ka", "Q", "V2"],
+    "two-compartment target-mediated-qss oral": ["ka", "Q", "V2"],
 }
 
 
@@ -136,6 +145,10 @@ def truth_of(model):
     return truth
 
 
+def count_of_estimates(path):
+    return json.load(open(path))["criteria"]["estimated"]
+
+
 def try_structure(varda, folder, threads, name, whole):
     here = os.path.join(folder, re.sub(r"[^a-z0-9]+", "_", name))
     os.makedirs(here, exist_ok=True)
@@ -183,8 +196,16 @@ def try_structure(varda, folder, threads, name, whole):
         distance = abs(float(row["estimate"]) - value) / float(row["se"])
         if distance > worst:
             worst, where = distance, key
+    above = "-"
+    text = open(path("truth.toml")).read().replace("design.csv", "data.csv")
+    open(path("at_truth.toml"), "w").write(text + "\n[estimation]\nnpde_samples = 0\n")
+    done, _ = run(varda, "evaluate", path("at_truth.toml"), "--output", path("at_truth"), "--quiet")
+    if done.returncode == 0:
+        at_truth, at_estimates = (json.load(open(path(file)))["minus2ll"]
+                                  for file in ("at_truth/evaluate.json", "fit/fit.json"))
+        above = f"{at_truth - at_estimates:.1f}"
     return (f"| {name} | {verdict} | {seconds:.1f} | {fit_seconds:.1f} | {inside} of {count} | "
-            f"{worst:.1f} ({where}) |")
+            f"{worst:.1f} ({where}) | {above} ({count_of_estimates(path('fit/fit.json'))}) |")
 
 
 def main():
@@ -194,8 +215,9 @@ def main():
     parser.add_argument("folder")
     parser.add_argument("names", nargs="*")
     given = parser.parse_args()
-    print("| structure | verdict | new, s | fit, s | in the interval | furthest, standard errors |")
-    print("|---|---|---|---|---|---|")
+    print("| structure | verdict | new, s | fit, s | in the interval | furthest, standard errors | "
+          "truth above minimum (parameters) |")
+    print("|---|---|---|---|---|---|---|")
     for name, whole in structures(given.varda):
         if not given.names or name in given.names:
             print(try_structure(given.varda, given.folder, given.threads, name, whole), flush=True)
