@@ -53,9 +53,8 @@ slow = ("myelosuppression", "tumour-growth exponential-linear", "tumour-growth i
 # Parameters without a random effect beside those of the draft: where one dose for each subject says
 # next to nothing of how they vary, and a modeller would leave their random effects out.
 not_random = {
-    "one-compartment parallel-absorption": ["fraction", "D"],
+    "one-compartment parallel-absorption": ["fraction"],
     "one-compartment sequential-absorption": ["fraction"],
-    "two-compartment transit": ["Q"],
     "two-compartment michaelis-menten oral": ["Q"],
     "two-compartment mixed-elimination oral": ["Q"],
     "two-compartment target-mediated intravenous": ["Q", "V2"],
