@@ -2,20 +2,9 @@
 # SPDX-License-Identifier: Apache-2.0
 #
 # The report in a browser: browser_test.sh VARDA SOURCE_FOLDER [CHROMIUM]
-set -uo pipefail
-
-varda=$1
-example=$2/examples/theophylline
+# shellcheck source=tests/varda/outside.sh
+. "$(dirname "$0")/outside.sh"
 chromium=${3:-chromium}
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-cd "$work" || exit 1
-failures=0
-
-fail() {
-  echo "FAILED: $1"
-  failures=$((failures + 1))
-}
 
 cp "$example"/weight.toml .
 sed 's|^7,|<script>alert(7)</script>,|' "$example"/theophylline.csv >theophylline.csv

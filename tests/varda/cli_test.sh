@@ -68,6 +68,25 @@ expect_status 2 "a comparison with nothing" "$varda" compare one nothing
 echo >>late-out/fit.json
 expect_status 2 "a comparison with a changed fit" "$varda" compare one late-out
 
+# Everything that was estimated is taken over as a start value: the exponent of a power error and the
+# coefficients of levels too, so that an evaluation from there has the likelihood of the fit.
+awk -F, 'NR == 1 { print $0 ",SEX"; next }
+         $2 > 0 || $3 > 0 { print $0 "," ($1 % 3 == 0 ? "x" : $1 % 3 == 1 ? "male" : "female") }' theophylline.csv >levels.csv
+sed -e 's/theophylline.csv/levels.csv/; /^additive/d' \
+  -e 's/^CL = {.*/CL = { start = 3.0, covariates = [{ column = "SEX", effect = "categorical", reference = "male" }] }/' \
+  -e 's/^error.*/error = "power"\nproportional = 0.3\nexponent = 0.8/' theophylline.toml >power.toml
+expect_status 0 "a fit with power error" "$varda" fit power.toml --output power --quiet
+grep -Eq '^Residual error +estimate ' stdout || fail "an exponent stands below SD"
+expect_status 0 "its estimates as start values" "$varda" evaluate power.toml --from power --output taken --quiet
+tr -s ' \n' ' ' <stdout | grep -q 'CL_SEX_female, CL_SEX_x, .*proportional, exponent' ||
+  fail "not every estimate is a start value: $(grep -A3 'Start values' stdout)"
+cat power/page_one.txt taken/page_one.txt | awk '/^-2 log-likelihood/ { value[++n] = $3 }
+  END { d = value[1] - value[2]; exit !(n == 2 && d < 0.01 && d > -0.01) }' ||
+  fail "the start values are not the estimates: $(grep -h '^-2 log-likelihood' power/page_one.txt taken/page_one.txt)"
+sed 's/^error.*/error = "additive"\ndistribution = "student-t"\ndegrees_of_freedom = 5/' theophylline.toml >student.toml
+expect_status 0 "Student's t" "$varda" evaluate student.toml --output student --quiet
+grep -Eq '^Residual error +scale' stdout || fail "the scale of Student's t is called a deviation"
+
 # Simulations: the same bytes by any number of threads, and a replicate can be fitted.
 expect_status 0 "a simulation" "$varda" simulate one -n 3 --uncertainty --seed 4 --output by1.csv
 expect_status 0 "by threads" "$varda" simulate one -n 3 --uncertainty --seed 4 --threads 3 --output by3.csv
@@ -75,6 +94,26 @@ cmp -s by1.csv by3.csv || fail "threads change a simulation"
 awk -F, 'NR == 1 || $1 == 2' by1.csv >simulated.csv
 sed 's/^file = .*/file = "simulated.csv"/' theophylline.toml >simulated.toml
 expect_status 0 "a fit of a simulation" "$varda" fit simulated.toml --quiet
+# With rules for rows, renamed columns and texts as levels, the same model file reads what it has
+# simulated: rules that were followed are not followed again, others are.
+awk -F, 'BEGIN { OFS = "," } NR == 1 { print "ID,HOURS,AMT,CONC,EVID,SEX,PART,COMMENT"; next }
+         { print $1, $2, $3, $5 == 1 ? "." : $4, $5, $1 % 2 ? "male" : "female", NR % 20 ? "A" : "B", "x" }' theophylline.csv >rules.csv
+sed -e 's/^file = .*/file = "rules.csv"\nkeep = "PART == \x27A\x27 \&\& (EVID == 1 || HOURS > 0)"\ndrop = "MINUTES > 1400"\ncolumns = { TIME = "MINUTES", DV = "LOGDV", MDV = "COMMENT2" }\n[data.define]\nMINUTES = "60 * HOURS"\nLOGDV = "log(CONC)"\nCOMMENT2 = "COMMENT == \x27y\x27"/' \
+  -e 's/^CL = { start = 3.0 }/CL = { start = 0.05, covariates = [{ column = "SEX", effect = "categorical", reference = "male" }] }/' \
+  -e 's/^ka = { start = 1.2 }/ka = { start = 0.02 }/' theophylline.toml >rules.toml
+expect_status 0 "a simulation by rules" "$varda" simulate rules.toml --output ruled.csv
+sed 's/^file = .*/file = "ruled.csv"/' rules.toml >ruled.toml
+for model in rules ruled; do
+  expect_status 0 "an evaluation by rules" "$varda" evaluate "$model.toml" --output "$model"
+done
+[ "$(cut -d, -f1,2 rules/rows.csv)" = "$(cut -d, -f1,2 ruled/rows.csv)" ] ||
+  fail "what was simulated by rules has other rows"
+sed 's/^drop = .*/drop = "MINUTES > 600"/' ruled.toml >dropped.toml
+expect_status 0 "another rule" "$varda" evaluate dropped.toml --output dropped
+[ "$(wc -l <dropped/rows.csv)" -lt "$(wc -l <ruled/rows.csv)" ] || fail "a rule that is new is passed over"
+sed 's/^MINUTES = .*/MINUTES = "HOURS"/' ruled.toml >defined.toml
+expect_status 2 "another definition" "$varda" evaluate defined.toml --output defined
+grep -q 'E-DATA-HEADER' stderr || fail "a column is computed although the file has it"
 expect_status 2 "uncertainty of a model file" "$varda" simulate theophylline.toml --uncertainty
 # Predictions at the data are those of the fit.
 expect_status 0 "predictions" "$varda" predict one

@@ -28,6 +28,10 @@ if [ -n "${3:-}" ]; then
   cmp -s one/estimates.csv three/estimates.csv || fail "the number of processes shows"
 fi
 
+# EM's default number of points is enough for the coefficient of a formula.
+{ cat poisson.toml && printf '\n[estimation]\nmethod = "em"\n'; } >em.toml
+expect_status 0 "counts by EM" "$varda" fit em.toml --output em
+
 # What is simulated can be fitted: to counts of the estimates, and to events at their own times.
 expect_status 0 "simulated counts" "$varda" simulate one --output simulated.csv
 sed 's/poisson.csv/simulated.csv/' poisson.toml >again.toml

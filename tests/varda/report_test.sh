@@ -2,22 +2,10 @@
 # SPDX-License-Identifier: Apache-2.0
 #
 # The report of a fit, without a browser: report_test.sh VARDA SOURCE_FOLDER CHECKER
-set -uo pipefail
-
-varda=$1
-example=$2/examples/theophylline
+# shellcheck source=tests/varda/outside.sh
+. "$(dirname "$0")/outside.sh"
 checker=$3
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-cd "$work" || exit 1
-failures=0
 
-fail() {
-  echo "FAILED: $1"
-  failures=$((failures + 1))
-}
-
-cp "$example"/theophylline.toml .
 sed 's|^7,|<script>alert(7)</script>,|' "$example"/theophylline.csv >theophylline.csv
 "$varda" fit theophylline.toml --output run --report --quiet >stdout || fail "a fit with its report"
 grep -q '^Report in run/report.html' stdout || fail "it is not said where the report is"

@@ -348,6 +348,18 @@ TEST(Reports, OfAStoppedRunSayWhatIsNotKnown) {
     EXPECT_EQ(table.find('\n'), table.size() - 1);
 }
 
+TEST(Reports, OfAFitThatIdentifiesNothingHaveNoEigenvalues) {
+  const population_model model = made_up_model();
+  fit_result result = made_up_result(model);
+  result.errors.correlation.setConstant(NAN);
+  result.errors.eigenvalues.resize(0);
+  diagnose(model, job(nullptr, nullptr), no_progress, result);
+  EXPECT_THAT(
+      summary(model, result),
+      testing::HasSubstr("\nNo standard errors: the data identify none of the parameters.\n"));
+  EXPECT_THAT(ext_table(model, result), testing::Not(testing::HasSubstr("-1000000002")));
+}
+
 // Each quantity's standard error by the delta method, and the ends of its interval carried over
 // from the scale on which it is symmetric.
 TEST(Reports, ErrorsAndIntervalsFollowFromTheCovariances) {

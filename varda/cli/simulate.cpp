@@ -125,24 +125,34 @@ void count_failures(const population_model& model,
                stderr);
 }
 
+// A model with individuals drawn from it, for the sets of parameters that a request asks for.
+struct drawn_population {
+  template <class Request>
+  drawn_population(const Request& request, const data_wish& wish)
+      : source(request.from.path, wish), model(source.specification(), source.data()) {
+    refuse_unknown_laws(model);
+    const int seed = seed_of(request.from, source);
+    simulated =
+        simulate(model, parameters_of(source, model, request.replicates, request.uncertainty, seed),
+                 {.replicates = request.replicates, .seed = seed, .threads = request.from.threads});
+    count_failures(model, simulated);
+  }
+
+  model_source source;
+  population_model model;
+  std::vector<simulated_subject> simulated;
+};
+
 }  // namespace
 
 exit_status simulate_data(const simulate_request& request, const job& peers) {
   return at_root(peers, [&] {
-    const model_source source(
-        request.from.path, {.file = request.from.data, .values_needed = request.from.data.empty()});
-    const population_model model(source.specification(), source.data());
-    refuse_unknown_laws(model);
-    const int seed = seed_of(request.from, source);
-    const std::vector<drawn_parameters> parameters =
-        parameters_of(source, model, request.replicates, request.uncertainty, seed);
-    const auto simulated =
-        simulate(model, parameters,
-                 {.replicates = request.replicates, .seed = seed, .threads = request.from.threads});
-    count_failures(model, simulated);
+    const drawn_population drawn(
+        request, {.file = request.from.data, .values_needed = request.from.data.empty()});
     table_sink out(request.from.output);
-    out.write(simulation_header(model));
-    for (int r = 0; r < request.replicates; ++r) out.write(simulation_rows(model, simulated, r));
+    out.write(simulation_header(drawn.model));
+    for (int r = 0; r < request.replicates; ++r)
+      out.write(simulation_rows(drawn.model, drawn.simulated, r));
     out.finish();
   });
 }
@@ -190,25 +200,16 @@ exit_status check_visually(const vpc_request& request, const job& peers) {
       else
         throw bad_option("--bins", request.bins, "write a whole number, or the edges: 0,2,8,24");
     }
-    const model_source source(request.from.path, {.file = request.from.data});
-    const population_model model(source.specification(), source.data());
-    refuse_unknown_laws(model);
-    const int seed = seed_of(request.from, source);
-    const std::vector<drawn_parameters> parameters =
-        parameters_of(source, model, request.replicates, request.uncertainty, seed);
-    const auto simulated =
-        simulate(model, parameters,
-                 {.replicates = request.replicates, .seed = seed, .threads = request.from.threads});
-    count_failures(model, simulated);
-    const vpc_result result =
-        visual_predictive_check(model, source.parameters(model), simulated, plan);
+    const drawn_population drawn(request, {.file = request.from.data});
+    const vpc_result result = visual_predictive_check(
+        drawn.model, drawn.source.parameters(drawn.model), drawn.simulated, plan);
     if (request.from.output.empty()) {
       table_sink out("");
-      out.write(vpc_text(model, result));
+      out.write(vpc_text(drawn.model, result));
       return out.finish();
     }
     table_sink out(request.from.output);
-    out.write(vpc_csv(model, result));
+    out.write(vpc_csv(drawn.model, result));
     out.finish();
   });
 }

@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cmath>
 #include <optional>
 
@@ -23,13 +24,25 @@ class estimates {
     const std::optional<double> value = of(name);
     if (!value || !(*value > lower && *value < upper)) return;
     start = *value;
-    taken.push_back(name);
+    if (std::find(taken.begin(), taken.end(), name) == taken.end()) taken.push_back(name);
   }
   // A residual deviation, by its own name or that of its endpoint and its own.
   void take_deviation(const std::string& endpoint, const std::string& kind, bool fixed,
                       double& start) {
     if (!fixed && start > 0.0)
       take(endpoint.empty() ? kind : endpoint + "." + kind, 0.0, INFINITY, start);
+  }
+  // The coefficients of an effect; which levels the data have is not known here.
+  void take_effect(covariate_effect& e) {
+    if (e.fixed) return;
+    if (e.form != effect_form::categorical) return take(e.name, e.lower, e.upper, e.start);
+    const std::string begin = e.name + "_";
+    for (const stored_quantity& q : fit_.quantities) {
+      if (!q.name.starts_with(begin)) continue;
+      double start = e.start;
+      take(q.name, e.lower, e.upper, start);
+      e.level_starts[q.name.substr(begin.size())] = start;
+    }
   }
   void take_block(omega_block& block, const std::string& kind) {
     if (block.fixed) return;
@@ -78,8 +91,7 @@ std::vector<std::string> start_from(const stored_fit& fit, model_specification& 
       known.take(p.name, logit ? p.range_lower : p.lower, logit ? p.range_upper : p.upper, p.start);
   }
   for (parameter& p : file.parameters)
-    for (covariate_effect& e : p.effects)
-      if (!e.fixed) known.take(e.name, e.lower, e.upper, e.start);
+    for (covariate_effect& e : p.effects) known.take_effect(e);
   for (omega_block& block : file.omega) known.take_block(block, "omega");
   for (omega_block& block : file.occasion_omega) known.take_block(block, "omega_occasion");
   for (endpoint& of : file.endpoints) {
@@ -87,6 +99,7 @@ std::vector<std::string> start_from(const stored_fit& fit, model_specification& 
     known.take_deviation(of.name, "proportional", r.proportional_fixed, r.proportional);
     known.take_deviation(of.name, r.kind == error_kind::log_normal ? "log_normal" : "additive",
                          r.additive_fixed, r.additive);
+    known.take_deviation(of.name, "exponent", r.exponent_fixed, r.exponent);
   }
   return known.taken;
 }

@@ -15,6 +15,7 @@
 
 #include "statsubs/distributions/gamma.h"
 #include "varda/formula/expression.h"
+#include "varda/support/digest.h"
 #include "varda/support/text.h"
 
 namespace varda {
@@ -347,9 +348,61 @@ class rules {
   std::vector<std::string> computed_;
 };
 
+// The rules of a model file with their names in applied_rules().
+class rule_names {
+ public:
+  std::string of(const std::string& name, const std::string& text) {
+    constexpr std::size_t digits = 12;
+    // A NUL stands in no formula and in no name.
+    return name + ":" + sha256(before_ + name + std::string(1, '\0') + text).substr(0, digits);
+  }
+  std::string of_column(const formula_line& line) {
+    const std::string name = of("define." + line.name, line.text);
+    before_ += name;
+    return name;
+  }
+
+ private:
+  std::string before_;  // the columns computed so far
+};
+
+// What is left to do on a table.
+data_source not_applied(const data_source& source, const csv_table& table) {
+  const auto at = std::find_if(
+      table.header.begin(), table.header.end(),
+      [](const std::string& column) { return equal_ignoring_case(column, applied_column); });
+  if (at == table.header.end() || table.records() == 0) return source;
+  const auto column = static_cast<std::size_t>(at - table.header.begin());
+  const std::string done = " " + std::string(table.field(0, column)) + " ";
+  for (std::size_t i = 1; i < table.records(); ++i)
+    if (table.field(i, column) != table.field(0, column)) return source;
+  const auto is_done = [&](const std::string& rule) {
+    return done.find(" " + rule + " ") != std::string::npos;
+  };
+  data_source left = source;
+  left.define.clear();
+  rule_names names;
+  for (const formula_line& line : source.define)
+    if (!is_done(names.of_column(line))) left.define.push_back(line);
+  if (is_done(names.of("keep", source.keep))) left.keep.clear();
+  if (is_done(names.of("drop", source.drop))) left.drop.clear();
+  return left;
+}
+
 }  // namespace
 
-int apply_row_rules(const data_source& source, csv_table& table, refusals& errors) {
+std::string applied_rules(const data_source& source) {
+  std::string all;
+  rule_names names;
+  const auto add = [&](const std::string& rule) { all += (all.empty() ? "" : " ") + rule; };
+  for (const formula_line& line : source.define) add(names.of_column(line));
+  if (!source.keep.empty()) add(names.of("keep", source.keep));
+  if (!source.drop.empty()) add(names.of("drop", source.drop));
+  return all;
+}
+
+int apply_row_rules(const data_source& given, csv_table& table, refusals& errors) {
+  const data_source source = not_applied(given, table);
   if (source.define.empty() && source.keep.empty() && source.drop.empty()) return 0;
   rules all(source, table, errors);
   csv_table changed;

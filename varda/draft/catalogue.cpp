@@ -21,7 +21,7 @@ std::optional<ready_structure> zero_order_form(const std::string& name) {
   s->name = name;
   s->about.replace(s->about.rfind("intravenous doses"), std::string::npos, "zero-order absorption");
   s->parameters.push_back(
-      {"D", "duration of the absorption", "time", 2.0, distribution::log_normal, "tmax"});
+      {"D", "duration of absorption", "time", 2.0, distribution::log_normal, "tmax"});
   s->equations = {};
   return s;
 }
@@ -30,10 +30,10 @@ std::optional<ready_structure> zero_order_form(const std::string& name) {
 
 std::vector<structure_group> structure_groups() {
   std::vector<structure_group> groups = {
-      {"Linear compartments, in closed form", {}},
+      {"Linear compartments (closed form)", {}},
       {"Other pharmacokinetics", {}},
       {"Responses: PHARMACOKINETICS + RESPONSE", {}},
-      {"On their own", {}},
+      {"Without pharmacokinetics", {}},
   };
   for (const std::string& name : structural_model_names())
     if (!name.ends_with(" bolus"))

@@ -105,7 +105,7 @@ std::string model_section(const drafted_model& draft) {
 
 std::string parameter_section(const drafted_model& draft) {
   std::string text =
-      "\n# Start values. A parameter varies between subjects log-normally unless a distribution is "
+      "\n# Start values. Parameters vary log-normally between subjects unless a distribution is "
       "named.\n[parameters]\n";
   for (const ready_parameter& p : draft.structure.parameters) {
     const auto start = draft.start.find(p.name);
@@ -225,10 +225,10 @@ std::string description_of(const ready_structure& s) {
   if (is_closed_form(s)) text += "  Computed in closed form.\n";
   if (s.kind == structure_kind::response)
     text += "  " +
-            wrapped(fmt::format("A response: it stands behind pharmacokinetics, structure = "
+            wrapped(fmt::format("A response: combine it with pharmacokinetics, structure = "
                                 "\"one-compartment oral + {}\"{}.",
                                 s.name,
-                                s.needs == "C" ? ", or alone where the data have a column C "
+                                s.needs == "C" ? ", or use it alone if the data have a column C "
                                                  "with concentrations"
                                                : ""),
                     2) +

@@ -208,8 +208,12 @@ model_account in_words(const population_model& model) {
     result.words.push_back(
         !what.is_normal()
             ? fmt::format("Endpoint {}: {}.", what.name, name_of(what.outcome.kind))
-            : fmt::format("Residual error{}: {}.", what.name.empty() ? "" : " of " + what.name,
-                          name_of(what.residual.kind)));
+            : fmt::format("Residual error{}: {}{}.", what.name.empty() ? "" : " of " + what.name,
+                          name_of(what.residual.kind),
+                          what.residual.degrees_of_freedom > 0.0
+                              ? fmt::format(", Student's t with {} degrees of freedom",
+                                            what.residual.degrees_of_freedom)
+                              : ""));
   result.structure = structure_lines(choice);
   for (std::size_t k = 0; k < file.parameters.size(); ++k)
     result.individuals.push_back(individual_line(model, k));

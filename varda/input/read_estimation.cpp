@@ -51,8 +51,15 @@ struct setting_reader {
 }  // namespace
 
 void read_estimation(section from, model_specification& file) {
+  // With the default number EM comes to rest where the acceptance of Newton's method refuses the
+  // estimates of counts: typical values and coefficients that compensate each other
+  // (docs/endpoints.md has figures).
+  constexpr int for_outcomes = 1000;
+  const bool chosen = from.has("resamples");
   for (const setting& row : every_setting())
     std::visit(setting_reader{from, row.name, file.estimation}, row.kind);
+  if (!chosen && file.estimation.method == method_kind::em && !file.data.outcomes.empty())
+    file.estimation.resamples = for_outcomes;
   from.refuse_leftovers();
 }
 

@@ -112,7 +112,10 @@ std::vector<covariate_coefficient> covariate_coefficients(const model_specificat
       }
       for (const double level : levels_of(e, c.covariate, data)) {
         c.level = level;
-        c.name = e.name + "_" + data.covariate_text(level);
+        const std::string text = data.covariate_text(level);
+        c.name = e.name + "_" + text;
+        const auto own = e.level_starts.find(text);
+        c.effect.start = own == e.level_starts.end() ? e.start : own->second;
         all.push_back(c);
       }
     }

@@ -170,6 +170,7 @@ struct covariate_effect {
   double reference = 0.0;
   std::string reference_text{};
   double start = 0.0;
+  std::map<std::string, double> level_starts{};  // of levels that have one of their own, as written
   bool fixed = false;
   double lower = -std::numeric_limits<double>::infinity();
   double upper = std::numeric_limits<double>::infinity();

@@ -165,9 +165,13 @@ std::string ext_table(const population_model& model, const fit_result& result) {
           return k < 0 ? no_error : errors.chosen()[static_cast<std::size_t>(k)].se;
         },
         0.0);
-    add_figures(eigenvalues_row, errors.eigenvalues);
-    add_figures(condition_row, Eigen::Vector3d(errors.condition_number, errors.eigenvalues(0),
-                                               errors.eigenvalues(errors.eigenvalues.size() - 1)));
+    // None where the data identify no parameter.
+    if (errors.eigenvalues.size() > 0) {
+      add_figures(eigenvalues_row, errors.eigenvalues);
+      add_figures(condition_row,
+                  Eigen::Vector3d(errors.condition_number, errors.eigenvalues(0),
+                                  errors.eigenvalues(errors.eigenvalues.size() - 1)));
+    }
   }
   add(deviations_row, on_the_scale_of(result.effects.correlations), 0.0);
   add(

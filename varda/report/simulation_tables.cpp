@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "varda/data/row_rules.h"
 #include "varda/report/reports.h"
 #include "varda/support/text.h"
 
@@ -57,20 +58,53 @@ double rate_column(const dose& d) {
 class row_writer {
  public:
   explicit row_writer(const population_model& model)
-      : model_(model), doses_(model.data()), limits_(model) {}
-
-  std::string header() const {
-    std::string line = "REP,ID,TIME,EVID";
-    if (doses_.any) line += ",AMT";
-    if (doses_.compartment) line += ",CMT";
-    if (doses_.rate) line += ",RATE";
-    if (doses_.steady_state) line += ",SS,II";
-    if (several_endpoints()) line += ",DVID";
-    line += ",DV,CENS,IPRED";
-    if (model_.specification().data.occasions) line += ",OCC";
-    for (const std::string& name : model_.data().covariate_names) line += "," + csv_field(name);
-    return line + "\n";
+      : model_(model), doses_(model.data()), limits_(model) {
+    std::vector<std::string> roles = {"ID", "TIME", "EVID"};
+    if (doses_.any) roles.emplace_back("AMT");
+    if (doses_.compartment) roles.emplace_back("CMT");
+    if (doses_.rate) roles.emplace_back("RATE");
+    if (doses_.steady_state) roles.insert(roles.end(), {"SS", "II"});
+    if (several_endpoints()) roles.emplace_back("DVID");
+    roles.insert(roles.end(), {"DV", "CENS", "IPRED"});
+    const data_source& source = model.specification().data;
+    if (source.occasions) roles.emplace_back("OCC");
+    header_ = "REP";
+    std::vector<std::string> written;
+    for (const std::string& of : roles) {
+      const auto renamed = source.columns.find(of);
+      written.push_back(renamed == source.columns.end() ? of : renamed->second);
+      header_ += "," + csv_field(written.back());
+    }
+    const auto is_written = [&](const std::string& name) {
+      return std::any_of(written.begin(), written.end(), [&](const std::string& column) {
+        return equal_ignoring_case(column, name);
+      });
+    };
+    // A column may have a role and be a covariate too. A covariate REP or IPRED is neither of ours:
+    // the reader refuses the column that is there twice.
+    const std::vector<std::string>& names = model.data().covariate_names;
+    for (std::size_t k = 0; k < names.size(); ++k)
+      if (names[k] == "IPRED" || !is_written(names[k])) {
+        covariates_.push_back(k);
+        written.push_back(names[k]);
+        header_ += "," + csv_field(names[k]);
+      }
+    // A column that the model file names must be there.
+    for (const auto& [role, name] : source.columns)
+      if (!is_written(name)) {
+        written.push_back(name);
+        header_ += "," + csv_field(name);
+        end_ += ",";
+      }
+    if (const std::string applied = applied_rules(source); !applied.empty()) {
+      header_ += fmt::format(",{}", applied_column);
+      end_ += "," + applied;
+    }
+    header_ += "\n";
+    end_ += "\n";
   }
+
+  const std::string& header() const { return header_; }
 
   std::string rows(int subject, const simulated_subject& simulated, int replicate) const {
     const varda::subject& who = model_.data().subjects[static_cast<std::size_t>(subject)];
@@ -83,7 +117,7 @@ class row_writer {
       for (; next != happened.cend() && next->time < time; ++next)
         text += fmt::format("{}{},0{}{}", begin, next->time, dose_fields(nullptr),
                             event_fields(*next)) +
-                covariate_fields(*in_force) + "\n";
+                covariate_fields(*in_force) + end_;
     };
     for (const event& e : who.timeline) {
       const auto at = static_cast<std::size_t>(e.index);
@@ -113,7 +147,7 @@ class row_writer {
           break;
         }
       }
-      text += covariate_fields(*in_force) + "\n";
+      text += covariate_fields(*in_force) + end_;
     }
     write_events_before(std::numeric_limits<double>::infinity());
     return text;
@@ -173,14 +207,19 @@ class row_writer {
   std::string covariate_fields(const segment& in_force) const {
     std::string fields;
     if (model_.specification().data.occasions) fields += fmt::format(",{}", in_force.occasion + 1);
-    for (const double value : in_force.covariates)
+    for (const std::size_t k : covariates_) {
+      const double value = in_force.covariates[k];
       fields += std::isfinite(value) ? "," + csv_field(model_.data().covariate_text(value)) : ",";
+    }
     return fields;
   }
 
   const population_model& model_;
   dose_columns doses_;
   quantification limits_;
+  std::vector<std::size_t> covariates_;  // with a column of their own
+  std::string header_;
+  std::string end_;  // of every row, behind the covariates
 };
 
 const std::string& endpoint_name(const population_model& model, int endpoint) {

@@ -15,8 +15,10 @@
 namespace varda {
 
 // The header, and one replicate (from 0) of a data set with its doses and covariates in the columns
-// that varda reads, so that the rows of a replicate are a data set themselves. Values beyond the
-// limits of quantification stand as censored. IPRED is the prediction without residual error.
+// that varda reads, by the names that the model file gives them, so that the rows of a replicate
+// are a data set of this model file; APPLIED says which of its rules for rows they follow
+// (varda/data/row_rules.h). Values beyond the limits of quantification stand as censored. IPRED is
+// the prediction without residual error.
 std::string simulation_header(const population_model& model);
 std::string simulation_rows(const population_model& model,
                             const std::vector<simulated_subject>& simulated, int replicate);

@@ -160,10 +160,24 @@ void write_omega(sink out, const population_model& model, const fit_result& resu
   }
 }
 
+// What the parameters of the residual errors are: deviations, and with Student's t scales. The
+// exponent of a power error is neither.
+const char* residual_heading(const population_model& model) {
+  int scales = 0;
+  int normal = 0;
+  for (const endpoint& of : model.specification().endpoints) {
+    if (!of.is_normal()) continue;
+    if (of.residual.kind == error_kind::power) return "estimate";
+    ++normal;
+    if (of.residual.degrees_of_freedom > 0.0) ++scales;
+  }
+  return scales == 0 ? "SD" : scales == normal ? "scale" : "SD / scale";
+}
+
 void write_residual(sink out, const population_model& model, const fit_result& result) {
   if (model.observed().parameters().empty()) return;
   fmt::format_to(out, "\n");
-  write_header(out, "Residual error", "SD", result, "");
+  write_header(out, "Residual error", residual_heading(model), result, "");
   for (int k = model.first_of_endpoints(); k < static_cast<int>(model.thetas().size()); ++k)
     write_theta(out, model, result, k);
 }
@@ -210,6 +224,10 @@ void write_errors(sink out, const fit_result& result) {
   if (errors.names.empty() && errors.reason.empty()) return;
   if (errors.chosen().empty()) {
     fmt::format_to(out, "\n{}\n", wrapped("No standard errors: " + errors.reason, 2));
+    return;
+  }
+  if (errors.eigenvalues.size() == 0) {
+    fmt::format_to(out, "\nNo standard errors: the data identify none of the parameters.\n");
     return;
   }
   fmt::format_to(out, "\nStandard errors from {}. Correlation of the estimates:\n",

@@ -245,7 +245,7 @@
       }));
     if (results.residual.length > 0) {
       to.append("h3").text("Residual error");
-      table(to, head("deviation"), results.residual.map(entry));
+      table(to, head("parameter"), results.residual.map(entry));
     }
     const errors = results.standard_errors;
     if (errors && errors.reason) to.append("p").text(`No standard errors: ${errors.reason}`);
