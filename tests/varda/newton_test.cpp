@@ -9,8 +9,10 @@
 #include "tests/support/fake_host.h"
 #include "tests/varda/theophylline.h"
 #include "varda/host/engine_host.h"
+#include "varda/inference/minimise.h"
 #include "varda/inference/pareto_shape.h"
 #include "varda/method/newton/newton.h"
+#include "varda/method/newton/startup.h"
 #include "varda/support/archive.h"
 
 namespace varda {
@@ -281,6 +283,67 @@ population_model with_prediction(const std::string& prediction, double variance_
 }
 
 const std::string oral = "dose * ka / (V * (ka - CL / V)) * (exp(-CL / V * tad) - exp(-ka * tad))";
+
+// Searches side by side end where each would end alone, after the same points.
+TEST(MinimiseTogether, IsOneSearchAfterTheOther) {
+  const auto valley = [](const Eigen::VectorXd& x) {
+    return std::pow(1.0 - x(0), 2) + 10.0 * std::pow(x(1) - x(0) * x(0), 2);
+  };
+  const std::vector<Eigen::VectorXd> starts = {
+      Eigen::Vector2d(-1.2, 1.0), Eigen::Vector2d(1.0, 1.0), Eigen::Vector2d(3.0, -2.0)};
+  const Eigen::VectorXd step = Eigen::Vector2d(0.3, 0.3);
+  std::size_t asked = 0;
+  std::size_t rounds = 0;
+  const auto all = [&](const std::vector<asked_point>& points) {
+    ++rounds;
+    asked += points.size();
+    std::vector<double> values;
+    for (const asked_point& p : points) values.push_back(valley(p.x));
+    return values;
+  };
+  const std::vector<minimum> found = minimise_together(all, starts, step, 1e-4);
+  std::size_t alone = 0;
+  std::size_t longest = 0;
+  for (std::size_t s = 0; s < starts.size(); ++s) {
+    std::size_t own = 0;
+    const minimum expected = minimise(
+        [&](const Eigen::VectorXd& x) {
+          ++own;
+          return valley(x);
+        },
+        starts[s], step, 1e-4);
+    EXPECT_EQ(found[s].x, expected.x);
+    EXPECT_EQ(found[s].value, expected.value);
+    alone += own;
+    longest = std::max(longest, own);
+  }
+  EXPECT_EQ(asked, alone);
+  EXPECT_EQ(rounds, longest);
+  const auto failing = [&](const std::vector<asked_point>& points) {
+    if (points.size() < starts.size()) throw std::runtime_error("no more");
+    return all(points);
+  };
+  EXPECT_THROW(minimise_together(failing, starts, step, 1e-4), std::runtime_error);
+}
+
+// A proportional error of many times the prediction explains any data by predictions that vanish
+// (without the price of that: CL 38, V 24, deviation 14), and nothing leads back from there.
+TEST(NewtonMethod, ScreeningDoesNotEndWherePredictionsVanish) {
+  const population_model far = test::theophylline([](model_specification& file) {
+    file.parameters[0].start = 1.2;
+    file.parameters[1].start = 3000.0;
+    file.parameters[2].start = 35.0;
+    file.data.drop = "TIME == 0 && EVID == 0";
+    file.endpoints.front().residual = {error_kind::proportional, 0.0, 0.2};
+  });
+  const job alone(nullptr, nullptr);
+  const captured_unit swallowed;
+  engine_host host(far, alone);
+  const Eigen::VectorXd theta = pooled_start(host);
+  EXPECT_LT(theta(3), 1.0);
+  EXPECT_GT(theta(1), 1.0);
+  EXPECT_LT(theta(1), 10.0);
+}
 
 // Two factors of the dose: the fit ends, says which they are, and knows the errors of the others.
 TEST(NewtonMethod, NamesParametersThatTheDataDoNotTellApart) {

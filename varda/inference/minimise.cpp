@@ -2,14 +2,15 @@
 #include "varda/inference/minimise.h"
 
 #include <nlopt.h>
+#include <ucontext.h>
 
 #include <cmath>
-#include <condition_variable>
+#include <cstdint>
 #include <exception>
 #include <limits>
 #include <memory>
-#include <mutex>
-#include <thread>
+#include <optional>
+#include <utility>
 
 namespace varda {
 
@@ -65,83 +66,94 @@ minimum minimise(const objective_function& f, const Eigen::VectorXd& start,
 
 namespace {
 
-// Where searches, a thread each, wait until all that go on have asked for a point.
-class rounds {
+// Runs a function on a stack of its own, which it may leave and come back to.
+class fiber {
  public:
-  explicit rounds(std::size_t searches) : points_(searches), values_(searches), going_(searches) {}
+  explicit fiber(std::function<void()> body) : body_(std::move(body)), stack_(stack_size) {
+    ::getcontext(&own_);
+    own_.uc_stack.ss_sp = stack_.data();
+    own_.uc_stack.ss_size = stack_.size();
+    own_.uc_link = &caller_;
+    // Pointers are handed on in halves.
+    const auto address = reinterpret_cast<std::uintptr_t>(this);
+    ::makecontext(&own_, reinterpret_cast<void (*)()>(&fiber::enter), 2,
+                  static_cast<unsigned>(address >> 32U), static_cast<unsigned>(address));
+  }
+  fiber(const fiber&) = delete;
+  fiber& operator=(const fiber&) = delete;
 
-  // By a search: the value at its next point; at the end that there is none.
-  double ask(std::size_t search, const Eigen::VectorXd& x) {
-    std::unique_lock lock(mutex_);
-    points_[search] = x;
-    ++asked_;
-    changed_.notify_all();
-    changed_.wait(lock, [&] { return points_[search].size() == 0; });
-    return values_[search];
-  }
-  void leave() {
-    const std::lock_guard lock(mutex_);
-    --going_;
-    changed_.notify_all();
-  }
-
-  // By the thread that began them, until all have left. What `f` throws is thrown in the end, and
-  // then nothing is asked of it any more.
-  void answer(const objective_of_searches& f) {
-    std::exception_ptr failure;
-    std::unique_lock lock(mutex_);
-    for (;;) {
-      changed_.wait(lock, [&] { return asked_ == going_; });
-      if (going_ == 0) break;
-      std::vector<asked_point> round;
-      for (std::size_t s = 0; s < points_.size(); ++s)
-        if (points_[s].size() > 0) round.push_back({s, points_[s]});
-      std::vector<double> found(round.size(), very_large);
-      try {
-        if (!failure) found = f(round);
-      } catch (...) {
-        failure = std::current_exception();
-      }
-      for (std::size_t k = 0; k < round.size(); ++k) {
-        values_[round[k].search] = found[k];
-        points_[round[k].search].resize(0);
-      }
-      asked_ = 0;
-      changed_.notify_all();
-    }
-    if (failure) std::rethrow_exception(failure);
-  }
+  // Until the body leaves or ends.
+  void resume() { ::swapcontext(&caller_, &own_); }
+  // By the body.
+  void leave() { ::swapcontext(&own_, &caller_); }
 
  private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<Eigen::VectorXd> points_;  // asked for; without entries where none is
-  std::vector<double> values_;
-  std::size_t going_;
-  std::size_t asked_ = 0;
+  static constexpr std::size_t stack_size = 256UL << 10;
+
+  static void enter(unsigned high, unsigned low) {
+    reinterpret_cast<fiber*>(std::uintptr_t{high} << 32U | low)->body_();
+  }
+
+  std::function<void()> body_;  // throws nothing
+  std::vector<char> stack_;
+  ucontext_t own_{};
+  ucontext_t caller_{};
+};
+
+// A search that stands where it wants to know a value.
+struct search_in_work {
+  std::optional<fiber> runs;
+  Eigen::VectorXd asks;
+  double told = 0.0;
+  bool ended = false;
 };
 
 }  // namespace
 
+// The optimiser calls for values from its depths: so each search has a stack, and they go on in
+// turn. With threads instead, each would reserve memory of its own.
 std::vector<minimum> minimise_together(const objective_of_searches& f,
                                        const std::vector<Eigen::VectorXd>& starts,
                                        const Eigen::VectorXd& step, double precision) {
   std::vector<minimum> result(starts.size());
-  rounds shared(starts.size());
-  std::vector<std::thread> searches;
-  for (std::size_t s = 0; s < starts.size(); ++s)
-    searches.emplace_back([&, s] {
-      result[s] = minimise([&](const Eigen::VectorXd& x) { return shared.ask(s, x); }, starts[s],
-                           step, precision);
-      shared.leave();
-    });
+  std::vector<search_in_work> searches(starts.size());
   std::exception_ptr failure;
-  try {
-    shared.answer(f);
-  } catch (...) {
-    failure = std::current_exception();
+  for (std::size_t s = 0; s < starts.size(); ++s) {
+    search_in_work& own = searches[s];
+    own.runs.emplace([&result, &starts, &step, &own, &failure, s, precision] {
+      try {
+        result[s] = minimise(
+            [&own](const Eigen::VectorXd& x) {
+              own.asks = x;
+              own.runs->leave();
+              return own.told;
+            },
+            starts[s], step, precision);
+      } catch (...) {
+        failure = std::current_exception();
+      }
+      own.ended = true;
+    });
+    own.runs->resume();
   }
-  for (std::thread& search : searches) search.join();
+  for (;;) {
+    std::vector<asked_point> round;
+    for (std::size_t s = 0; s < searches.size(); ++s)
+      if (!searches[s].ended) round.push_back({s, searches[s].asks});
+    if (round.empty()) break;
+    // After a failure the searches come to their ends without it.
+    std::vector<double> values(round.size(), very_large);
+    try {
+      if (!failure) values = f(round);
+    } catch (...) {
+      failure = std::current_exception();
+    }
+    for (std::size_t k = 0; k < round.size(); ++k) {
+      search_in_work& own = searches[round[k].search];
+      own.told = values[k];
+      own.runs->resume();
+    }
+  }
   if (failure) std::rethrow_exception(failure);
   return result;
 }

@@ -90,6 +90,28 @@ struct participants {
   }
 };
 
+// What an observation pays for residual deviations that are large shares of their predictions. As
+// such a share b grows and the prediction f falls, the density of y with deviation b f becomes that
+// about 0, whatever f is: without a price the pooled fit may end far from any data, where nothing
+// leads back.
+double price_of_vanishing(const population_model& model, const Eigen::VectorXd& theta) {
+  constexpr double free_share = 1.5;
+  double price = 0.0;
+  Eigen::Index at = model.first_of_endpoints();
+  for (const endpoint& of : model.specification().endpoints) {
+    if (!of.is_normal()) continue;
+    const residual_error& error = of.residual;
+    const bool is_pair =
+        error.kind == error_kind::combined || error.kind == error_kind::combined_sd;
+    if ((is_pair || error.kind == error_kind::proportional) && !error.proportional_fixed) {
+      const double share = std::max(free_share, error.proportional);
+      price += std::pow(std::max(std::log(theta(at) / share), 0.0), 2);
+    }
+    at += is_pair || error.kind == error_kind::power ? 2 : 1;
+  }
+  return price;
+}
+
 struct pooled_fit {
   double value = 0.0;
   double scale = 1.0;
@@ -124,8 +146,9 @@ bool agree_in(const population_model& model, const std::vector<Eigen::VectorXd>&
   return true;
 }
 
-// The fits of all subjects at the typical values, residual deviations scaled by the best of the
-// factors: a measure of start values that needs no random effects. One for each theta.
+// The fits of all subjects at the typical values, with the price of vanishing predictions, residual
+// deviations scaled by the best of the factors: a measure of start values that needs no random
+// effects. One for each theta.
 std::vector<pooled_fit> pooled_fits(const engine_host& host, const participants& among,
                                     const std::vector<Eigen::VectorXd>& thetas,
                                     const std::vector<double>& factors,
@@ -137,8 +160,10 @@ std::vector<pooled_fit> pooled_fits(const engine_host& host, const participants&
   std::vector<std::ptrdiff_t> sizes(among.included.size(), 0);
   std::vector<Eigen::Index> columns(among.included.size(), -1);
   Eigen::Index participating = 0;
+  double observations = 0.0;
   for (std::size_t i = 0; i < sizes.size(); ++i)
     if (among.included[i] != 0) {
+      observations += model.observations(static_cast<int>(i));
       sizes[i] = rungs * count;
       columns[i] = participating++;
     }
@@ -188,7 +213,12 @@ std::vector<pooled_fit> pooled_fits(const engine_host& host, const participants&
       if (columns[i] >= 0)
         own.col(static_cast<Eigen::Index>(i)) =
             by_subject.col(columns[i]).segment(rungs * c, rungs);
-    const Eigen::VectorXd total = own.rowwise().sum();
+    Eigen::VectorXd total = own.rowwise().sum();
+    for (Eigen::Index r = 0; r < rungs; ++r)
+      total(r) +=
+          observations *
+          price_of_vanishing(model, scaled_deviations(model, thetas[static_cast<std::size_t>(c)],
+                                                      factors[static_cast<std::size_t>(r)]));
     Eigen::Index best = 0;
     const double value = total.minCoeff(&best);
     result.push_back({value, factors[static_cast<std::size_t>(best)]});
