@@ -278,6 +278,9 @@ bool newton_method::mend(run_state& state, const Eigen::VectorXd& psi, whole_dra
   if (!add(drawn, at, detail::derivatives, repaired, 1.0, found)) return false;
   drawn.left_alone.clear();
   if (found.finite) judge_information(found, psi, drawn.left_alone);
+  // What is not a number cannot be taken out of a sum.
+  if (!found.finite || !std::isfinite(found.noise) || !std::isfinite(found.variance))
+    found = measure(drawn, psi, detail::derivatives);
   return !engine_host::agree_on_stop();
 }
 
