@@ -222,7 +222,8 @@ decorrelation::sequence::sequence(const decorrelation& of)
 double decorrelation::sequence::expected() const {
   const Eigen::Index j = next_ % of_.block_;
   const auto row = of_.diagonal_[static_cast<std::size_t>(next_ / of_.block_)].row(j).head(j);
-  const double scaled = of_.loadings_.row(next_).dot(state_) + row.dot(known_.head(j));
+  double scaled = row.dot(known_.head(j));
+  if (state_.size() > 0) scaled += of_.loadings_.row(next_).dot(state_);
   return of_.means_(next_) + of_.scales_(next_) * scaled;
 }
 
@@ -234,7 +235,7 @@ double decorrelation::sequence::deviation() const {
 void decorrelation::sequence::append(double decorrelated) {
   const Eigen::Index j = next_ % of_.block_;
   known_(j) = decorrelated;
-  if (++next_ % of_.block_ == 0)
+  if (++next_ % of_.block_ == 0 && state_.size() > 0)
     state_.noalias() += of_.gains_.middleRows(next_ - of_.block_, of_.block_).transpose() * known_;
 }
 
