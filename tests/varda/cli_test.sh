@@ -26,7 +26,9 @@ sha256sum -c --quiet <(sed -nE 's/^      "(name|sha256)": "([^"]*)".*/\2/p' one/
   paste - - | awk '{ print $2 "  one/" $1 }') || fail "the manifest does not hold"
 cmp -s one/model-used.toml theophylline.toml || fail "the model file is not kept"
 expect_status 0 "the same fit" "$varda" fit theophylline.toml --output two --quiet
-[ -s stderr ] && fail "a quiet run writes on the error stream"
+# AddressSanitizer remarks that the searches of the start-up have stacks of their own.
+grep -qv "^==[0-9]*==WARNING: ASan doesn't fully support" stderr &&
+  fail "a quiet run writes on the error stream"
 same_results one two
 expect_status 0 "another seed" "$varda" fit theophylline.toml --output three --seed 2
 cmp -s one/estimates.csv three/estimates.csv && fail "the seed changes nothing"

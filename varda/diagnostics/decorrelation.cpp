@@ -142,6 +142,8 @@ std::optional<decorrelation> decorrelation::of(Eigen::MatrixXd means,
   Eigen::MatrixXd dense;
   if (n > observations_of_block && compress(means, most, result.loadings_, own)) {
     result.block_ = observations_of_block;
+    // No matrix is without entries.
+    if (result.loadings_.cols() == 0) result.loadings_.setZero(n, 1);
   } else {
     result.block_ = n;
     result.loadings_.resize(n, 0);
