@@ -9,9 +9,7 @@
 #include <exception>
 #include <filesystem>
 #include <memory>
-#include <new>
 #include <optional>
-#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -32,10 +30,8 @@
 #include "varda/report/progress.h"
 #include "varda/report/reports.h"
 #include "varda/run/fit.h"
-#include "varda/run/memory_needs.h"
 #include "varda/support/digest.h"
 #include "varda/support/files.h"
-#include "varda/support/memory.h"
 #include "varda/support/text.h"
 #include "varda/version.h"
 

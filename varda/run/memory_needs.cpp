@@ -60,12 +60,11 @@ std::size_t proposals_of(const sizes& n) {
           heap_bytes(sizeof(draw_component)) + n.moments());
 }
 
-// What a measurement keeps of the subjects of a process, and the figures that are exchanged.
-std::size_t measurement(const sizes& n, int processes) {
-  const std::size_t own = n.subjects / static_cast<std::size_t>(processes) + 1;
-  return n.subjects * (sizeof(subject_measure) +
-                       sizeof(double) * static_cast<std::size_t>(newton_limits::groups_of_a_draw)) +
-         own * n.moments();
+// What a measurement keeps of the subjects.
+std::size_t measurement(const sizes& n) {
+  const std::size_t figures =
+      static_cast<std::size_t>(newton_limits::groups_of_a_draw) + n.effects + n.effects * n.effects;
+  return n.subjects * (sizeof(subject_measure) + sizeof(double) * figures);
 }
 
 // A subject's samples and what is computed of them, by every thread.
@@ -108,9 +107,8 @@ std::size_t bytes_of_fit(const population_model& model, int processes, int threa
                            n.subjects * (sizeof(double) * model.columns().size() + sizeof(int));
   // Proposals before the step, after it, and with what defends them; of the measurements the one at
   // the draw, the last step's and the one in work.
-  return bytes_of_program + data + 3 * proposals_of(n) + 3 * measurement(n, processes) +
-         exchanged(n) + kept_draws(model, n, processes, points) +
-         working_samples(n, points, threads);
+  return bytes_of_program + data + 3 * proposals_of(n) + 3 * measurement(n) + exchanged(n) +
+         kept_draws(model, n, processes, points) + working_samples(n, points, threads);
 }
 
 std::size_t bytes_of_likelihood(const population_model& model, int processes, int threads,
@@ -119,11 +117,10 @@ std::size_t bytes_of_likelihood(const population_model& model, int processes, in
   const auto replicates = static_cast<std::size_t>(model.specification().estimation.replicates);
   const std::size_t all = replicates * static_cast<std::size_t>(samples);
   const std::size_t kept = evaluations_are_dear(model) ? kept_draws(model, n, processes, all) : 0;
-  const std::size_t packed = sizeof(double) * n.subjects * (n.effects + n.effects * n.effects);
   const std::size_t found = n.subjects * (sizeof(subject_integral) + sizeof(subject_health) +
                                           n.moments() + sizeof(double) * replicates);
-  return 2 * proposals_of(n) + measurement(n, processes) + exchanged(n) + kept +
-         working_samples(n, all, threads) + packed + found;
+  return 2 * proposals_of(n) + measurement(n) + exchanged(n) + kept +
+         working_samples(n, all, threads) + found;
 }
 
 std::size_t bytes_of_quadrature(const population_model& model) {
