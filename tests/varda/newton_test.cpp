@@ -68,33 +68,43 @@ TEST_P(SubjectSampler, DerivativesAreThoseOfTheSampledLikelihood) {
   const coordinates scale(model);
   ASSERT_EQ(scale.size(), 7 + static_cast<int>(model.observed().parameters().size()));
   subject_draw drawn;
+  subject_draw undivided;
   const draw_component about{1.0, Eigen::Vector2d(1.1, 3.4),
                              Eigen::Vector2d(0.25, 0.2).asDiagonal()};
   const Eigen::VectorXd psi = scale.of(host.theta(), host.omega());
   const Eigen::VectorXd drawn_at = host.theta();
   subject_drawer(host.joint(), host.points()).draw(2, drawn_at, {about}, {{}, 16, 4, 0, 4}, drawn);
+  undivided = drawn;
+  undivided.groups = 1;
   subject_sampler sampler(host.joint(), scale);
   std::int64_t evaluations = 0;
   struct measured {
     double log_likelihood;
     subject_details details;
   };
-  const auto at = [&](const Eigen::VectorXd& where) {
+  const auto at = [&](const Eigen::VectorXd& where, const subject_draw& samples) {
     measured result;
     result.log_likelihood =
         sampler
-            .measure(2, drawn, drawn_at, measure_point(scale, where, host.theta(), host.omega()),
+            .measure(2, samples, drawn_at, measure_point(scale, where, host.theta(), host.omega()),
                      detail::derivatives, result.details, evaluations)
             .log_likelihood;
     return result;
   };
-  const subject_details found = at(psi).details;
+  const subject_details corrected = at(psi, drawn).details;
+  const subject_details found = at(psi, undivided).details;
+  EXPECT_GT((corrected.gradient - found.gradient).norm(), 1e-3);
   const double step = 1e-4;
   for (Eigen::Index k = 0; k < psi.size(); ++k) {
     const Eigen::VectorXd by = step * Eigen::VectorXd::Unit(psi.size(), k);
-    const measured up = at(psi + by);
-    const measured down = at(psi - by);
     const std::string& name = scale.entries()[static_cast<std::size_t>(k)].name;
+    EXPECT_NEAR(
+        corrected.gradient(k),
+        (at(psi + by, drawn).log_likelihood - at(psi - by, drawn).log_likelihood) / (2.0 * step),
+        1e-4 * (1.0 + std::fabs(corrected.gradient(k))))
+        << name;
+    const measured up = at(psi + by, undivided);
+    const measured down = at(psi - by, undivided);
     EXPECT_NEAR(found.gradient(k), (up.log_likelihood - down.log_likelihood) / (2.0 * step),
                 1e-4 * (1.0 + std::fabs(found.gradient(k))))
         << name;
@@ -113,6 +123,45 @@ INSTANTIATE_TEST_SUITE_P(
                     error_of(error_kind::combined, 3.0), error_of(error_kind::combined_sd, 5.0),
                     error_of(error_kind::power, 4.0), error_of(error_kind::box_cox),
                     error_of(error_kind::box_cox, 4.0)));
+
+// Of many draws of few points from far too wide a proposal the logarithm of the mean would be too
+// small by more than its scatter explains.
+TEST(SubjectSampler, TheLogarithmOfAMeanIsCorrected) {
+  const population_model model = test::theophylline();
+  const job alone(nullptr, nullptr);
+  const captured_unit swallowed;
+  engine_host host(model, alone);
+  const coordinates scale(model);
+  const Eigen::VectorXd psi = scale.of(host.theta(), host.omega());
+  const measure_point at(scale, psi, host.theta(), host.omega());
+  Eigen::VectorXd mu(3);
+  model.means(0, host.theta().data(), mu.data());
+  const draw_component population{1.0, mu, host.omega().llt().matrixL()};
+  subject_drawer drawer(host.joint(), host.points());
+  subject_sampler sampler(host.joint(), scale);
+  std::int64_t evaluations = 0;
+  subject_details details;
+  const auto value = [&](int pass, int size, bool divided) {
+    subject_draw drawn;
+    drawer.draw(0, host.theta(), {population}, {{point_pass::purpose::draw, pass}, size, 4, 0, 4},
+                drawn);
+    if (!divided) drawn.groups = 1;
+    return sampler.measure(0, drawn, host.theta(), at, detail::value, details, evaluations)
+        .log_likelihood;
+  };
+  const double exact = value(0, 1 << 16, false);
+  constexpr int draws = 400;
+  Eigen::VectorXd plain(draws);
+  Eigen::VectorXd corrected(draws);
+  for (int pass = 1; pass <= draws; ++pass) {
+    plain(pass - 1) = value(pass, 64, false) - exact;
+    corrected(pass - 1) = value(pass, 64, true) - exact;
+  }
+  const double error = std::sqrt((plain.array() - plain.mean()).square().mean() / draws);
+  EXPECT_LT(plain.mean(), -4.0 * error);
+  EXPECT_NEAR(corrected.mean(), 0.0, 2.0 * error);
+  EXPECT_LT(std::fabs(corrected.mean()), -0.3 * plain.mean());
+}
 
 // The integral of a likelihood that is normal in phi is known, whatever mixture samples it.
 TEST(DrawSubject, AMixtureIsWeighedByItsWholeDensity) {

@@ -159,7 +159,8 @@ std::size_t bytes_of_npde(const population_model& model, int threads) {
 
 memory_forecast forecast_memory(const population_model& model, int processes, int threads) {
   const int factor = points_factor(model.random_effects());
-  return {bytes_of_fit(model, processes, threads, factor * newton_limits::verdict_samples),
+  return {bytes_of_fit(model, processes, threads,
+                       verdict_points(model.random_effects(), model.subjects())),
           bytes_of_fit(model, processes, threads, factor * newton_limits::most_samples_of_a_draw),
           bytes_of_predictions(model) + bytes_of_npde(model, threads)};
 }

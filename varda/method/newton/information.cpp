@@ -68,15 +68,22 @@ void newton_method::judge_information(draw_measure& of, const Eigen::VectorXd& p
         (psi(k) <= e.lower && of.gradient(k) < 0.0) || (psi(k) >= e.upper && of.gradient(k) > 0.0);
     if (!held) free.push_back(k);
   }
-  // Near a singular omega gradient and curvature by a deviation's logarithm vanish, and what the
+  // Near a singular omega gradient g and curvature by a deviation's logarithm vanish, and what the
   // samples show of both is error: a curvature that is not above that of the gradient is no
-  // divisor.
+  // divisor. Where the likelihood rises with a deviation and more steeply the larger its logarithm,
+  // what is ahead follows from the curvature by the variance, I + 2 g.
   Eigen::MatrixXd information = of.information(free, free);
-  for (Eigen::Index k = 0; k < information.rows(); ++k) {
-    const double error = std::sqrt(std::max(
-        of.scatter(free[static_cast<std::size_t>(k)], free[static_cast<std::size_t>(k)]), 0.0));
-    if (std::fabs(information(k, k)) < errors_of_nothing * error)
-      information(k, k) = errors_of_nothing * error;
+  bool concave = true;
+  for (std::size_t i = 0; i < free.size(); ++i) {
+    const Eigen::Index k = free[i];
+    double& own = information(static_cast<Eigen::Index>(i), static_cast<Eigen::Index>(i));
+    const double least = errors_of_nothing * std::sqrt(std::max(of.scatter(k, k), 0.0));
+    if (scale_.entries()[static_cast<std::size_t>(k)].diagonal && own < 0.0 &&
+        of.gradient(k) > 0.0) {
+      own = std::max(own + 2.0 * of.gradient(k), least);
+      concave = false;
+    }
+    if (std::fabs(own) < least) own = least;
   }
   const Eigen::VectorXd unit = units_of(information);
   Eigen::MatrixXd scaled = scaled_by(unit, information);
@@ -85,7 +92,7 @@ void newton_method::judge_information(draw_measure& of, const Eigen::VectorXd& p
     scaled += stiff * along * along.transpose();
   }
   const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(scaled);
-  of.definite = solver.eigenvalues().size() == 0 || solver.eigenvalues()(0) > 0.0;
+  of.definite = concave && (free.empty() || solver.eigenvalues()(0) > 0.0);
   const Eigen::VectorXd curvature = solver.eigenvalues().cwiseAbs().cwiseMax(least_eigenvalue);
   const Eigen::MatrixXd basis = unit.cwiseInverse().asDiagonal() * solver.eigenvectors();
   const Eigen::VectorXd along = basis.transpose() * of.gradient(free);

@@ -11,10 +11,11 @@
 
 namespace varda::newton_limits {
 
-// Points a subject, for up to four random effects: of the first draw, the least for a verdict, of a
-// trial, the most.
+// Points a subject, for up to four random effects: of the first draw, the least for a verdict (on
+// up to so many subjects), of a trial, the most.
 inline constexpr int first_samples = 64;
 inline constexpr int verdict_samples = 256;
+inline constexpr double subjects_of_verdict_samples = 25000.0;
 inline constexpr int trial_samples = 1024;
 inline constexpr int most_samples_of_a_draw = 4096;
 inline constexpr int groups_of_a_draw = 4;

@@ -130,6 +130,13 @@ subject_measure subject_sampler::measure(int subject, const subject_draw& drawn,
   // Of each group, before the weights are made to sum to 1.
   const Eigen::Index size = n / drawn.groups;
   const Eigen::VectorXd group_totals = weights.reshaped(size, drawn.groups).colwise().sum();
+  const double groups = drawn.groups;
+  const Eigen::ArrayXd off_mean = group_totals.array() * (groups / total) - 1.0;
+  if (drawn.groups > 1) {
+    const double variance = off_mean.square().sum() / (groups * (groups - 1.0));
+    result.error = 2.0 * std::sqrt(variance);
+    result.log_likelihood += 0.5 * variance;
+  }
   weights /= total;
   result.effective_share = 1.0 / weights.squaredNorm() / static_cast<double>(n);
   if (wanted == detail::value) return result;
@@ -166,6 +173,10 @@ subject_measure subject_sampler::measure(int subject, const subject_draw& drawn,
       (group_totals / total).transpose().array().max(least_total);
   details.information =
       -(hessian + scores.transpose() * weighted - details.gradient * details.gradient.transpose());
+  if (drawn.groups > 1) {
+    const Eigen::VectorXd of_groups = off_mean * (1.0 + off_mean) / (groups * (groups - 1.0));
+    details.gradient += (details.group_gradient.colwise() - details.gradient).eval() * of_groups;
+  }
   return result;
 }
 

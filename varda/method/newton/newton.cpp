@@ -50,6 +50,10 @@ constexpr double wide_by = 2.0;
 constexpr int most_repairs_of_a_draw = 2;
 constexpr int most_newton_steps = 15;
 constexpr int steps_without_definiteness = 2;
+// Where a measurement takes long, in samples of all subjects, a step that promises no more is taken
+// without one: the next draw sees what it was worth.
+constexpr double many_samples = 1 << 20;
+constexpr double trusted_gain = 0.1;
 constexpr double longest_log_step = 1.0;
 constexpr double longest_row_share = 0.7;
 // A subject is starved where its effective samples have fallen below this share of what they were
@@ -77,6 +81,12 @@ int points_factor(int random_effects) {
   return static_cast<int>(std::bit_ceil(static_cast<unsigned>((random_effects + 3) / 4)));
 }
 
+int verdict_points(int random_effects, int subjects) {
+  const double ratio = std::sqrt(static_cast<double>(subjects) / subjects_of_verdict_samples);
+  const auto more = static_cast<int>(std::bit_ceil(static_cast<unsigned>(std::ceil(ratio))));
+  return points_factor(random_effects) * std::min(more * verdict_samples, most_samples_of_a_draw);
+}
+
 newton_method::newton_method(engine_host& host)
     : newton_method(host, host.model_is_costly() ? memory_of_dear_draws : memory_of_cheap_draws) {}
 
@@ -85,6 +95,7 @@ newton_method::newton_method(engine_host& host, std::size_t draw_memory)
       settings_(host.model().specification().estimation),
       scale_(host.model()),
       points_factor_(points_factor(host.model().random_effects())),
+      verdict_points_(verdict_points(host.model().random_effects(), host.model().subjects())),
       draw_memory_(draw_memory) {}
 
 Eigen::VectorXd newton_method::psi_in_force() const {
@@ -316,7 +327,7 @@ bool newton_method::add(const whole_draw& drawn, const measure_point& at, detail
                         const std::vector<int>& subjects, double sign, draw_measure& sum) const {
   const Eigen::Index p = scale_.size();
   const Eigen::Index groups = drawn.plan.groups;
-  const Eigen::Index figures = wanted == detail::value ? 2 : 8 + p + 2 * p * p + groups;
+  const Eigen::Index figures = wanted == detail::value ? 2 : 7 + p + 2 * p * p + groups;
   struct worker_of_measure {
     subject_sampler sampler;
     subject_drawer drawer;
@@ -352,20 +363,18 @@ bool newton_method::add(const whole_draw& drawn, const measure_point& at, detail
     if (wanted == detail::value || !finite) return;
     if (sign > 0.0) sum.moments.col(i) << details.mean, details.covariance.reshaped();
     const auto r = static_cast<double>(groups);
-    double variance = 0.0;
     Eigen::MatrixXd scatter = Eigen::MatrixXd::Zero(p, p);
     for (Eigen::Index g = 0; g < groups; ++g) {
-      variance += std::pow(std::exp(details.group_log_likelihood(g) - m.log_likelihood) - 1.0, 2);
       const Eigen::VectorXd off = details.group_gradient.col(g) - details.gradient;
       scatter += off * off.transpose();
     }
-    variance /= r * (r - 1.0);
     scatter /= r * (r - 1.0);
-    figure.segment(2, 6) << m.largest_weight, m.shape, m.failed, variance, m.scaled_squares, 0.0;
+    figure.segment(2, 5) << m.largest_weight, m.shape, m.failed, 0.25 * m.error * m.error,
+        m.scaled_squares;
     if (!std::isfinite(m.shape)) figure(3) = 0.0;
-    figure.segment(8, p) = details.gradient;
-    figure.segment(8 + p, p * p) = details.information.reshaped();
-    figure.segment(8 + p + p * p, p * p) = scatter.reshaped();
+    figure.segment(7, p) = details.gradient;
+    figure.segment(7 + p, p * p) = details.information.reshaped();
+    figure.segment(7 + p + p * p, p * p) = scatter.reshaped();
     figure.tail(groups) = details.group_log_likelihood;
   };
   // Of so many subjects at a time, whole turns of the processes.
@@ -402,12 +411,12 @@ bool newton_method::add(const whole_draw& drawn, const measure_point& at, detail
         }
       }
       if (wanted == detail::value) continue;
-      const auto gradient = figure.segment(8, p);
+      const auto gradient = figure.segment(7, p);
       sum.variance += sign * figure(5);
       sum.gradient += sign * gradient;
       sum.outer_products += sign * gradient * gradient.transpose();
-      sum.information += sign * figure.segment(8 + p, p * p).reshaped(p, p);
-      sum.scatter += sign * figure.segment(8 + p + p * p, p * p).reshaped(p, p);
+      sum.information += sign * figure.segment(7 + p, p * p).reshaped(p, p);
+      sum.scatter += sign * figure.segment(7 + p + p * p, p * p).reshaped(p, p);
       sum.group_log_likelihood.col(i) = figure.tail(groups);
     }
   }
@@ -458,6 +467,13 @@ newton_method::ascent newton_method::climb(const whole_draw& drawn, const Eigen:
     if (s > 0 && at.gain < 10.0 * at.noise && at.gain > 0.7 * last_gain) break;
     if (!at.definite && at.gain < 10.0 && s >= steps_without_definiteness) break;
     last_gain = at.gain;
+    if (at.definite &&
+        at.gain<trusted_gain&& static_cast<double>(at.samples) * host_.model().subjects()>
+            many_samples) {
+      result.gained += at.gain;
+      result.psi = limited(at.step, result.psi);
+      break;
+    }
     bool moved = false;
     for (int attempt = 0; attempt < 8 && !moved; ++attempt) {
       const Eigen::VectorXd to = limited(at.step / (1.0 + damping), result.psi);
@@ -602,9 +618,11 @@ bool newton_method::advance(run_state& state) const {
   }
 
   // What is left alone on a few points may show on more.
-  const int least = drawn.left_alone.empty() ? verdict_samples : trial_samples;
+  const int least = drawn.left_alone.empty()
+                        ? verdict_points_
+                        : std::max(verdict_points_, points_factor_ * trial_samples);
   const int most = points_factor_ * most_samples_of_a_draw;
-  const bool enough = samples >= points_factor_ * least;
+  const bool enough = samples >= least;
   const auto arrived = [&] {
     return here.gain - here.noise <= gain_limit && here.noise <= noise_limit;
   };
@@ -643,8 +661,11 @@ bool newton_method::advance(run_state& state) const {
     if ((noise_is_left || up.gained < 0.5) && (here.noise > noise_limit || !enough)) {
       const int middle = points_factor_ * trial_samples;
       vain = n.samples >= most;
-      n.samples =
-          n.samples < middle ? std::min(4 * n.samples, middle) : std::min(2 * n.samples, most);
+      if (n.samples < verdict_points_)
+        n.samples = verdict_points_;
+      else
+        n.samples =
+            n.samples < middle ? std::min(4 * n.samples, middle) : std::min(2 * n.samples, most);
     }
   }
   n.vain = vain ? n.vain + 1 : n.vain;

@@ -48,6 +48,11 @@ inline constexpr double most_failures = 0.2;
 // eight, four times up to sixteen, and so on.
 int points_factor(int random_effects);
 
+// Points a subject, the least for a verdict. What their correction leaves of the bias of the
+// subjects' log-likelihoods adds up, to a gain that grows with the subjects and falls with the
+// square of the points.
+int verdict_points(int random_effects, int subjects);
+
 // One draw of all subjects. The samples of as many as there is memory for are kept, in the order of
 // the subjects of this process; every measurement draws those of the others again.
 struct whole_draw {
@@ -129,7 +134,7 @@ class newton_method final : public estimation_method {
   struct ascent {
     Eigen::VectorXd psi;
     double gained = 0.0;               // in -2 log-likelihood
-    std::optional<draw_measure> last;  // at psi; nothing where no step was taken
+    std::optional<draw_measure> last;  // behind the last step that was measured, if any was
     const draw_measure& end(const draw_measure& here) const { return last ? *last : here; }
   };
   bool advance(run_state& state) const;
@@ -163,6 +168,7 @@ class newton_method final : public estimation_method {
   const estimation_settings& settings_;
   coordinates scale_;
   int points_factor_;
+  int verdict_points_;
   std::size_t draw_memory_;
 };
 
