@@ -585,19 +585,19 @@ class two_stage {
       Eigen::VectorXd gradient = Eigen::VectorXd::Zero(m);
       Eigen::MatrixXd scatter = Eigen::MatrixXd::Zero(m, m);
       Eigen::MatrixXd packed = Eigen::MatrixXd::Zero(m + m * m, model_.subjects());
-      for (int i = 0; i < model_.subjects(); ++i) {
-        if (!usable(modes, i)) continue;
+      for_each_own_subject(host_, 2 * model_.random_effects(), [&](int i, int) {
+        if (!usable(modes, i)) return;
         const Eigen::MatrixXd& f = predictions_[static_cast<std::size_t>(i)];
-        if (f.size() == 0) continue;  // a stop came first
+        if (f.size() == 0) return;  // a stop came first
         const Eigen::VectorXd weights =
             Eigen::VectorXd::Constant(f.rows(), 1.0 / static_cast<double>(f.rows()));
         Eigen::MatrixXd g;
         Eigen::MatrixXd h;
         model_.observed().derivatives(model_.data().subjects[static_cast<std::size_t>(i)], f,
                                       theta.data(), weights, g, h);
-        if (!g.allFinite() || !h.allFinite()) continue;
+        if (!g.allFinite() || !h.allFinite()) return;
         packed.col(i) << g.transpose() * weights, h.reshaped();
-      }
+      });
       host_.peers().gather(packed.data(), packed.rows(), packed.cols());
       const Eigen::VectorXd total = packed.rowwise().sum();
       gradient = total.head(m);
@@ -633,15 +633,15 @@ class two_stage {
   void make_sigma_points(const std::vector<normal_posterior>& modes) {
     const Eigen::Index d = model_.random_effects();
     points_.assign(modes.size(), {});
-    for (int i = 0; i < model_.subjects(); ++i) {
-      if (!usable(modes, i)) continue;
+    for_each_own_subject(host_, 2 * model_.random_effects(), [&](int i, int) {
+      if (!usable(modes, i)) return;
       const normal_posterior& m = modes[static_cast<std::size_t>(i)];
       const Eigen::MatrixXd factor =
           std::sqrt(static_cast<double>(d)) * Eigen::MatrixXd(m.covariance.llt().matrixL());
       Eigen::MatrixXd& points = points_[static_cast<std::size_t>(i)];
       points.resize(d, 2 * d);
       points << factor.colwise() + m.phi, (-factor).colwise() + m.phi;
-    }
+    });
     predictions_.assign(modes.size(), {});
   }
 
@@ -678,15 +678,15 @@ class two_stage {
       const Eigen::VectorXd at = moved(by);
       predict(at);
       Eigen::VectorXd by_subject = Eigen::VectorXd::Zero(model_.subjects());
-      Eigen::VectorXd value;
-      Eigen::VectorXd squares;
-      for (int i = 0; i < model_.subjects(); ++i) {
-        if (!usable(modes, i)) continue;
+      for_each_own_subject(host_, 2 * model_.random_effects(), [&](int i, int) {
+        if (!usable(modes, i)) return;
         const Eigen::MatrixXd& f = predictions_[static_cast<std::size_t>(i)];
-        if (f.size() == 0) continue;  // a stop came first
+        if (f.size() == 0) return;  // a stop came first
+        Eigen::VectorXd value;
+        Eigen::VectorXd squares;
         host_.joint().of_data(i, at.data(), f, value, squares);
         by_subject(i) = value.mean();
-      }
+      });
       return sum_of(host_, by_subject);
     };
     const Eigen::VectorXd zero = Eigen::VectorXd::Zero(n);
