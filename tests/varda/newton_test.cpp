@@ -448,6 +448,59 @@ TEST(NewtonMethod, GoesOnWhereTheReportSeesMoreAhead) {
   EXPECT_NEAR(result.likelihood.minus2ll, 336.7670, 0.02);
 }
 
+TEST(NewtonMethod, GoesOnByAStepOfManySamplesOrOnMorePoints) {
+  const population_model model = test::theophylline();
+  const job alone(nullptr, nullptr);
+  const captured_unit swallowed;
+  engine_host host(model, alone);
+  const newton_method method(host);
+  draw_measure found;
+  found.definite = true;
+  found.gain = 0.05;
+  found.samples = 1 << 17;
+  EXPECT_TRUE(method.trusts_step(found));
+  found.samples = 1 << 16;
+  EXPECT_FALSE(method.trusts_step(found));
+  found.samples = 1 << 17;
+  found.gain = 0.2;
+  EXPECT_FALSE(method.trusts_step(found));
+  found.gain = 0.05;
+  found.definite = false;
+  EXPECT_FALSE(method.trusts_step(found));
+
+  run_state state;
+  method.begin(state);
+  state.records.push_back({1, 0.0, state.theta, state.omega});
+  state.newton.samples = 256;
+  state.newton.arrived = state.ended = true;
+  const Eigen::VectorXd psi = method.scale().of(state.theta, state.omega);
+  const Eigen::VectorXd step = Eigen::VectorXd::LinSpaced(psi.size(), -0.03, 0.04);
+  EXPECT_FALSE(method.go_on(state, 0.009, step));
+  ASSERT_TRUE(method.go_on(state, 0.02, step));
+  EXPECT_TRUE(state.ended && state.newton.arrived);
+  EXPECT_LT((method.scale().of(host.theta(), host.omega()) - psi - step).norm(), 1e-12);
+  EXPECT_EQ(state.records.back().theta, host.theta());
+  ASSERT_TRUE(method.go_on(state, 0.02, {}));
+  EXPECT_FALSE(state.ended || state.newton.arrived);
+  EXPECT_EQ(state.newton.samples, 512);
+  state.newton.arrived = true;
+  EXPECT_FALSE(method.go_on(state, 0.02, step));
+}
+
+// So many samples that small steps are not measured.
+TEST(NewtonMethod, ConvergesOnManySubjects) {
+  const population_model few =
+      test::theophylline([](model_specification& file) { file.estimation.npde_samples = 0; });
+  const population_model many = test::simulated(few, 400, 7);
+  const fit_result result = test::fit(many);
+  EXPECT_TRUE(result.converged) << result.reason;
+  const std::vector<fixed_effect>& thetas = few.thetas();
+  for (std::size_t k = 0; k < thetas.size(); ++k)
+    EXPECT_NEAR(result.theta(static_cast<Eigen::Index>(k)), thetas[k].start,
+                0.05 * std::fabs(thetas[k].start))
+        << thetas[k].name;
+}
+
 TEST(NewtonMethod, KeepsTheBestOfSeveralStarts) {
   const population_model model = test::theophylline([](model_specification& file) {
     file.estimation.npde_samples = 0;

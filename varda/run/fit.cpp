@@ -601,12 +601,12 @@ class fit_run {
     if (!by_newton_ || !s_.report.likelihood.complete) return false;
     run_state again = s_.method;
     again.newton = s_.verdict.newton;
-    if (!judge_.go_on(again, s_.report.gain - s_.report.noise)) return false;
+    if (!judge_.go_on(again, s_.report.gain - s_.report.noise, s_.report.step)) return false;
     s_.method = std::move(again);
     s_.verdict = {};
     s_.report = {};
     s_.report_samples = 0;
-    s_.next = fit_stage::iterations;
+    take_next(fit_stage::iterations);
     return true;
   }
 

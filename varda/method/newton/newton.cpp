@@ -507,6 +507,12 @@ newton_method::ascent newton_method::climb(const whole_draw& drawn, const Eigen:
   return result;
 }
 
+bool newton_method::trusts_step(const draw_measure& at) const {
+  return at.definite &&
+         at.gain<trusted_gain&& static_cast<double>(at.samples) * host_.model().subjects()>
+             many_samples;
+}
+
 // Proposals at the moments that a draw found, for the subjects of every process.
 void newton_method::follow(const draw_measure& found, newton_state& state) const {
   const population_model& model = host_.model();
@@ -689,13 +695,19 @@ bool newton_method::advance(run_state& state) const {
   return true;
 }
 
-bool newton_method::go_on(run_state& state, double gain) const {
+bool newton_method::go_on(run_state& state, double gain, const Eigen::VectorXd& step) const {
   newton_state& n = state.newton;
   if (!(gain > gain_limit) || !n.arrived || !n.singular.empty() ||
       n.resumptions >= most_resumptions ||
       n.draws >= std::min(most_draws, settings_.max_iterations))
     return false;
   ++n.resumptions;
+  if (const Eigen::VectorXd psi = psi_in_force();
+      step.size() > 0 && take_force(state, limited(step, psi))) {
+    state.records.back().theta = state.theta;
+    state.records.back().omega = state.omega;
+    return true;
+  }
   n.samples = std::min(2 * n.samples, points_factor_ * most_samples_of_a_draw);
   n.arrived = false;
   state.ended = false;

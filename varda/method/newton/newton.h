@@ -91,10 +91,14 @@ class newton_method final : public estimation_method {
   // and a look for likelihood where they have no points. Collective. False when a stop was asked
   // for.
   bool settle(run_state& state) const;
-  // Lets a fit that had arrived go on, on more points, where fresh ones see a gain ahead (in -2
-  // log-likelihood, less its noise) that a fit may not leave. False: it is not large enough, or the
-  // fit has had its chances.
-  bool go_on(run_state& state, double gain) const;
+  // Lets a fit that had arrived go on where fresh points see a gain ahead (in -2 log-likelihood,
+  // less its noise) that a fit may not leave: by `step`, after which it has arrived again, or,
+  // where that is empty, on more points. False: the gain is not large enough, or the fit has had
+  // its chances.
+  bool go_on(run_state& state, double gain, const Eigen::VectorXd& step) const;
+  // Whether a step is taken without measuring what is behind it: one of a small gain, where a
+  // measurement takes long.
+  bool trusts_step(const draw_measure& at) const;
 
   // For what comes after the steps: a draw at the state's parameters and proposals, and what it
   // says. Collective. False when a stop was asked for.

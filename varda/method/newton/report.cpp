@@ -86,6 +86,7 @@ newton_report report_at(engine_host& host, const newton_method& method, run_stat
   if (engine_host::stopped()) return result;
   result.gain = found.gain;
   result.noise = found.noise;
+  if (method.trusts_step(found)) result.step = found.step;
 
   // Moments stand on the process that owns the subject.
   host.peers().gather(found.moments.data(), found.moments.rows(), found.moments.cols());

@@ -16,10 +16,12 @@ struct newton_report {
   std::vector<std::string> unidentified;
   double gain = 0.0;  // still ahead by these points, in -2 log-likelihood
   double noise = 0.0;
+  // Newton's, of psi; empty where what is ahead does not follow from these points alone.
+  Eigen::VectorXd step;
 
   template <class A>
   void visit(A& archive) {
-    archive(likelihood, health, errors, unidentified, gain, noise);
+    archive(likelihood, health, errors, unidentified, gain, noise, step);
   }
 };
 
