@@ -3,6 +3,7 @@
 
 #include <Eigen/Cholesky>
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <numbers>
 
@@ -80,31 +81,27 @@ double random_effect_density::negative_log(const double* eta) const {
   return 0.5 * squares + constant_;
 }
 
-// By blocks of a length that compilers make vector instructions of.
+// A few at once, of which vector instructions are made.
 void random_effect_density::negative_logs(const Eigen::Ref<const Eigen::MatrixXd>& eta,
                                           Eigen::VectorXd& result) const {
-  constexpr Eigen::Index block = 32;
+  constexpr Eigen::Index together = 4;
   const Eigen::Index n = whitener_.rows();
   result.resize(eta.cols());
-  double effects[most_random_effects][block];
-  double z[block];
-  double squares[block];
-  for (Eigen::Index first = 0; first < eta.cols(); first += block) {
-    const Eigen::Index count = std::min(block, eta.cols() - first);
-    for (Eigen::Index j = 0; j < n; ++j) {
-      for (Eigen::Index k = 0; k < count; ++k) effects[j][k] = eta(j, first + k);
-      std::fill(effects[j] + count, effects[j] + block, 0.0);
+  std::array<Eigen::Array4d, most_random_effects> effects;
+  for (Eigen::Index first = 0; first < eta.cols(); first += together) {
+    const Eigen::Index count = std::min(together, eta.cols() - first);
+    for (Eigen::Index k = 0; k < together; ++k) {
+      const double* const from = eta.col(first + std::min(k, count - 1)).data();
+      for (Eigen::Index j = 0; j < n; ++j) effects[static_cast<std::size_t>(j)](k) = from[j];
     }
-    std::fill(squares, squares + block, 0.0);
+    Eigen::Array4d squares = Eigen::Array4d::Zero();
     for (Eigen::Index i = 0; i < n; ++i) {
-      std::fill(z, z + block, 0.0);
-      for (Eigen::Index j = 0; j <= i; ++j) {
-        const double factor = whitener_(i, j);
-        for (Eigen::Index k = 0; k < block; ++k) z[k] += factor * effects[j][k];
-      }
-      for (Eigen::Index k = 0; k < block; ++k) squares[k] += z[k] * z[k];
+      Eigen::Array4d z = Eigen::Array4d::Zero();
+      for (Eigen::Index j = 0; j <= i; ++j)
+        z += whitener_(i, j) * effects[static_cast<std::size_t>(j)];
+      squares += z * z;
     }
-    for (Eigen::Index k = 0; k < count; ++k) result(first + k) = 0.5 * squares[k] + constant_;
+    result.segment(first, count) = (0.5 * squares + constant_).head(count);
   }
 }
 
