@@ -11,6 +11,8 @@
 #include <boost/math/distributions/students_t.hpp>
 #include <cmath>
 #include <fstream>
+#include <random>
+#include <vector>
 
 #include "tests/varda/theophylline.h"
 #include "varda/data/fingerprint.h"
@@ -19,6 +21,7 @@
 #include "varda/simulation/design.h"
 #include "varda/simulation/predict.h"
 #include "varda/simulation/uncertainty.h"
+#include "varda/simulation/uniforms.h"
 #include "varda/simulation/vpc.h"
 
 namespace varda {
@@ -46,6 +49,20 @@ struct normal_grid {
   std::vector<Eigen::Vector3d> z;
   std::vector<double> weights;
 };
+
+TEST(UniformNumbers, AreThoseOfTheStandardEngine) {
+  std::seed_seq address{7, 2, 13};
+  std::mt19937_64 engine(address);
+  uniform_numbers numbers({7, 2, 13});
+  const auto expected = [&] { return std::ldexp(static_cast<double>(engine() >> 12) + 0.5, -52); };
+  // Across the ends of states, one by one and in pieces, of which one is longer than a state.
+  for (const std::size_t count : {1, 310, 4, 700, 312}) {
+    EXPECT_EQ(numbers.next(), expected());
+    std::vector<double> some(count);
+    numbers.take(some.data(), count);
+    for (const double u : some) ASSERT_EQ(u, expected());
+  }
+}
 
 TEST(Simulate, HasTheMomentsOfTheModel) {
   const population_model model = test::theophylline();

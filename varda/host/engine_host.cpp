@@ -393,8 +393,9 @@ void engine_host::evaluate_block(int n, const double* etas, double* f, double* s
     density_.predict(subject_, theta_.data(), block_phi_, block_predictions_, scratch_);
     density_.of_data(subject_, theta_.data(), block_predictions_, block_objective_, block_score_);
   }
+  prior_.negative_logs(eta, block_prior_);
   for (Eigen::Index j = 0; j < n; ++j) {
-    f[j] = block_objective_(j) + prior_.negative_log(eta.col(j).data());
+    f[j] = block_objective_(j) + block_prior_(j);
     scores[j] = block_score_(j);
   }
 }

@@ -121,7 +121,7 @@ class engine_host {
   };
   bool costly_;
   Eigen::MatrixXd block_phi_, block_predictions_;
-  Eigen::VectorXd block_objective_, block_score_;
+  Eigen::VectorXd block_objective_, block_score_, block_prior_;
   std::vector<block_part> block_parts_;  // one for each thread, of a costly model
 
   std::uint64_t stream_ = 0;

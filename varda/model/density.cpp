@@ -2,6 +2,8 @@
 #include "varda/model/density.h"
 
 #include <Eigen/Cholesky>
+#include <algorithm>
+#include <array>
 #include <cmath>
 #include <numbers>
 
@@ -77,6 +79,30 @@ double random_effect_density::negative_log(const double* eta) const {
     squares += z * z;
   }
   return 0.5 * squares + constant_;
+}
+
+// A few at once, of which vector instructions are made.
+void random_effect_density::negative_logs(const Eigen::Ref<const Eigen::MatrixXd>& eta,
+                                          Eigen::VectorXd& result) const {
+  constexpr Eigen::Index together = 4;
+  const Eigen::Index n = whitener_.rows();
+  result.resize(eta.cols());
+  std::array<Eigen::Array4d, most_random_effects> effects;
+  for (Eigen::Index first = 0; first < eta.cols(); first += together) {
+    const Eigen::Index count = std::min(together, eta.cols() - first);
+    for (Eigen::Index k = 0; k < together; ++k) {
+      const double* const from = eta.col(first + std::min(k, count - 1)).data();
+      for (Eigen::Index j = 0; j < n; ++j) effects[static_cast<std::size_t>(j)](k) = from[j];
+    }
+    Eigen::Array4d squares = Eigen::Array4d::Zero();
+    for (Eigen::Index i = 0; i < n; ++i) {
+      Eigen::Array4d z = Eigen::Array4d::Zero();
+      for (Eigen::Index j = 0; j <= i; ++j)
+        z += whitener_(i, j) * effects[static_cast<std::size_t>(j)];
+      squares += z * z;
+    }
+    result.segment(first, count) = (0.5 * squares + constant_).head(count);
+  }
 }
 
 }  // namespace varda

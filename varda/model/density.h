@@ -96,6 +96,8 @@ class random_effect_density {
 
   // -log N(eta; 0, omega), every constant included.
   double negative_log(const double* eta) const;
+  // The same numbers for the columns of `eta`.
+  void negative_logs(const Eigen::Ref<const Eigen::MatrixXd>& eta, Eigen::VectorXd& result) const;
 
  private:
   bool definite_ = false;

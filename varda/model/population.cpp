@@ -268,10 +268,16 @@ void population_model::individual_parameters(int subject, const double* theta,
       const double change = direct_effects_.empty() ? 0.0 : direct_change(subject, set, k, theta);
       double* const to = p.col(set * count + k).data();
       const Eigen::Index n = phi.cols();
-      for (Eigen::Index j = 0; j < n; ++j) {
-        double x = effect < 0 ? 0.0 : phi(effect, j);
-        if (kappa >= 0) x += phi(kappa, j);
-        to[j] = x + change;
+      if (effect >= 0 && kappa < 0) {
+        const double* const from = phi.data() + effect;
+        const Eigen::Index stride = phi.outerStride();
+        for (Eigen::Index j = 0; j < n; ++j) to[j] = from[j * stride] + change;
+      } else {
+        for (Eigen::Index j = 0; j < n; ++j) {
+          double x = effect < 0 ? 0.0 : phi(effect, j);
+          if (kappa >= 0) x += phi(kappa, j);
+          to[j] = x + change;
+        }
       }
       const auto exponentials = [&] {
         best_lane_kernel().exponentials(to, to, static_cast<std::size_t>(n));

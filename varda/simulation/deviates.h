@@ -3,12 +3,11 @@
 
 #include <cmath>
 #include <cstddef>
-#include <cstdint>
 #include <initializer_list>
-#include <random>
 
 #include "statsubs/estep/normal_quantiles.h"
 #include "statsubs/estep/proposals.h"
+#include "varda/simulation/uniforms.h"
 
 namespace varda {
 
@@ -16,18 +15,12 @@ namespace varda {
 // follow from their address alone, say the seed, a subject and a replicate.
 class deviates {
  public:
-  explicit deviates(std::initializer_list<int> address) {
-    std::seed_seq sequence(address);
-    bits_.seed(sequence);
-  }
-  // A number without a sign takes longer to convert.
-  double uniform() {
-    return (static_cast<double>(static_cast<std::int64_t>(bits_() >> 12)) + 0.5) * 0x1p-52;
-  }
+  explicit deviates(std::initializer_list<int> address) : numbers_(address) {}
+  double uniform() { return numbers_.next(); }
   double normal() { return statsubs::dnorminv(uniform()); }
   // `count` of them, the same numbers: the processor then works on many at once.
   void normals(double* to, std::ptrdiff_t count) {
-    for (std::ptrdiff_t k = 0; k < count; ++k) to[k] = uniform();
+    numbers_.take(to, static_cast<std::size_t>(count));
     statsubs::normal_quantiles({to, 1, static_cast<int>(count)});
   }
   // With degrees of freedom from 2 on; G. Marsaglia and W. W. Tsang, ACM Transactions on
@@ -43,7 +36,7 @@ class deviates {
   }
 
  private:
-  std::mt19937_64 bits_;
+  uniform_numbers numbers_;
 };
 
 // What a stream of draws is for: the second figure of its address. The seed is the first.

@@ -4,6 +4,8 @@
 // (compartment_parameters.h shows what it must have), with any way of administration.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -18,7 +20,8 @@ class compartment_model final : public linear_compartments {
  public:
   explicit compartment_model(const administration_choice& choice)
       : linear_compartments(Disposition::compartments, names(), choice) {
-    for (const auto& [name, value] : Disposition::named()) members_.push_back(value);
+    std::size_t k = 0;
+    for (const auto& [name, value] : Disposition::named()) members_.at(k++) = value;
   }
 
  private:
@@ -32,7 +35,7 @@ class compartment_model final : public linear_compartments {
                    const rate_rows& rows) const override {
     for (std::size_t j = 0; j < individuals; ++j) {
       Disposition one{};
-      for (std::size_t k = 0; k < members_.size(); ++k) one.*members_[k] = p[k * stride + j];
+      for (std::size_t k = 0; k < count; ++k) one.*members_[k] = p[k * stride + j];
       const mammillary<Disposition::compartments> rates = one.rates();
       rows.volume[j] = rates.volume;
       rows.elimination[j] = rates.elimination;
@@ -43,7 +46,9 @@ class compartment_model final : public linear_compartments {
     }
   }
 
-  std::vector<double Disposition::*> members_;
+  // Known to the compiler, which then has no loop over them for each individual.
+  static constexpr std::size_t count = sizeof(Disposition) / sizeof(double);
+  std::array<double Disposition::*, count> members_{};
 };
 
 }  // namespace varda

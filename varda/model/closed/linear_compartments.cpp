@@ -39,6 +39,7 @@ struct linear_compartments::own_workspace final : workspace {
   std::vector<closed_parameters> sets;
   std::vector<double> kept;  // times between changes that have a place where decays are kept
   lane_array rates;
+  lane_array lines;
   entry_memory waiting;
 };
 
@@ -183,6 +184,7 @@ void linear_compartments::predict(const subject& who, const parameter_block& p,
                                   const prediction_block& f, workspace& scratch) const {
   auto& own = static_cast<own_workspace&>(scratch);
   lay_out(who, p.sets == 1, own);
+  own.lines.reserve(f.observations * closed_problem::line);
   for (std::size_t first = 0; first < p.individuals; first += block) {
     const std::size_t count = std::min(block, p.individuals - first);
     set_parameters(p, first, count, own);
@@ -193,6 +195,7 @@ void linear_compartments::predict(const subject& who, const parameter_block& p,
          .doses = own.doses.data(),
          .sets = own.sets.data(),
          .waiting = &own.waiting,
+         .lines = own.lines.data(),
          .individuals = count,
          .f = f.values + first,
          .stride = f.stride,

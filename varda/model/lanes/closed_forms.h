@@ -72,12 +72,15 @@ struct closed_entries {
 
 struct closed_problem {
   static constexpr std::size_t most_kept = 8;
+  // Individuals whose predictions of an observation are written together: a line of memory.
+  static constexpr std::size_t line = 8;
   const closed_step* steps = nullptr;
   std::size_t count = 0;
   double begin = 0.0;
   const closed_dose* doses = nullptr;
   const closed_parameters* sets = nullptr;
   closed_entries* waiting = nullptr;
+  double* lines = nullptr;  // scratch: a line for each observation
   std::size_t individuals = 0;
   double* f = nullptr;  // of observation k: individuals from f + k stride on
   std::size_t stride = 0;

@@ -13,31 +13,61 @@ constexpr double plain_difference = 0.125;
 constexpr double log_2_high = 0x1.62e42fee00000p-1;
 constexpr double log_2_low = 0x1.a39ef35793c76p-33;
 
-// exp(x) for x <= 0, 0 below 3.3e-308, by reduction to half an octave (Cody and Waite, Software
+// The exponential of less counts as 0.
+constexpr double smallest_exponent = -708.0;
+
+// What decay() is made of.
+struct decay_numbers {
+  // Adding the shift rounds to a whole number and leaves it in the lowest bits.
+  vec shift = every(0x1.8p52);
+  vec log2_e = every(0x1.71547652b82fep+0);
+  vec log_high = every(log_2_high);
+  vec log_low = every(log_2_low);
+  vec one = every(1.0);
+  vec smallest = every(smallest_exponent);
+  vec c[10] = {every(0x1.0000000000001p-1),  every(0x1.5555555555556p-3),
+               every(0x1.5555555553d68p-5),  every(0x1.11111111109b5p-7),
+               every(0x1.6c16c17889f3cp-10), every(0x1.a01a01a7c2f2cp-13),
+               every(0x1.a019b914881bap-16), every(0x1.71de0db2eb873p-19),
+               every(0x1.28917c9f3a495p-22), every(0x1.af389eea54156p-26)};
+};
+constexpr decay_numbers numbers_of_decay;
+
+// The same where the compiler does not see their values, of which it would copy one into a register
+// before each use: instructions can take them from memory.
+inline const decay_numbers& unseen_numbers_of_decay() {
+  const decay_numbers* here = &numbers_of_decay;
+  __asm__("" : "+r"(here));
+  return *here;
+}
+
+// exp(x) for smallest_exponent <= x <= 0, by reduction to half an octave (Cody and Waite, Software
 // Manual for the Elementary Functions, 1980) and a polynomial, without a branch and so short that
 // the exponentials of several observations overlap. The polynomial is that of degree 9 that meets
 // (exp(r) - 1 - r) / r^2 at the Chebyshev nodes of |r| <= log(2) / 2, computed by mpmath; with it
 // the truncation error is 1.6e-17, and that of the result below one unit in the last place.
-inline vec decay(vec x) {
-  // Adding the shift rounds to a whole number and leaves it in the lowest bits.
-  constexpr double shift = 0x1.8p52;
-  constexpr double log2_e = 0x1.71547652b82fep+0;
-  constexpr double smallest = -708.0;
-
-  const vec shifted = x * log2_e + shift;
-  const vec whole = shifted - shift;
-  const vec r = (x - whole * log_2_high) - whole * log_2_low;
+[[gnu::always_inline]] inline vec decay_above_smallest(vec x, const decay_numbers& with) {
+  const vec shifted = x * with.log2_e + with.shift;
+  const vec whole = shifted - with.shift;
+  const vec r = (x - whole * with.log_high) - whole * with.log_low;
   const vec r2 = r * r;
   const vec r4 = r2 * r2;
-  const vec c0 = 0x1.0000000000001p-1 + r * 0x1.5555555555556p-3;
-  const vec c2 = 0x1.5555555553d68p-5 + r * 0x1.11111111109b5p-7;
-  const vec c4 = 0x1.6c16c17889f3cp-10 + r * 0x1.a01a01a7c2f2cp-13;
-  const vec c6 = 0x1.a019b914881bap-16 + r * 0x1.71de0db2eb873p-19;
-  const vec c8 = 0x1.28917c9f3a495p-22 + r * 0x1.af389eea54156p-26;
+  const vec c0 = with.c[0] + r * with.c[1];
+  const vec c2 = with.c[2] + r * with.c[3];
+  const vec c4 = with.c[4] + r * with.c[5];
+  const vec c6 = with.c[6] + r * with.c[7];
+  const vec c8 = with.c[8] + r * with.c[9];
   const vec q = (c0 + r2 * c2) + r4 * ((c4 + r2 * c6) + r4 * c8);
-  const vec fraction = 1.0 + (r + r2 * q);
-  const bits scaled = bits_of(fraction) + (bits_of(shifted) << 52);
-  return number_of(scaled & ~bits_of(x < all(smallest)));
+  const vec fraction = with.one + (r + r2 * q);
+  return number_of(bits_of(fraction) + (bits_of(shifted) << 52));
+}
+
+// exp(x) for x <= 0, 0 below 3.3e-308.
+inline vec decay(vec x, const decay_numbers& with) {
+  return number_of(bits_of(decay_above_smallest(x, with)) & ~bits_of(x < with.smallest));
+}
+inline vec decay(vec x) {
+  return decay(x, numbers_of_decay);
 }
 
 // (1 - exp(-x)) / x for 0 <= x <= plain_difference: the sum of (-x)^k / (k + 1)!, whose first term
@@ -279,6 +309,17 @@ inline void put(double* to, vec v, std::size_t left) {
   VARDA_UNROLL for (std::size_t k = 0; k < width; ++k) if (k < left) to[k] = some[k];
 }
 
+// Over the lanes; those with NaN do not count.
+inline double largest_of(vec x, double least) {
+  double some[width];
+  store(some, x);
+  VARDA_UNROLL for (std::size_t k = 0; k < width; ++k) if (some[k] > least) least = some[k];
+  return least;
+}
+inline double smallest_of(vec x) {
+  return -largest_of(-x, -largest);
+}
+
 // One vector of individuals on its way through a history.
 template <std::size_t N>
 class closed_walk {
@@ -315,8 +356,8 @@ class closed_walk {
     if (which(bad_) == 0) return;
     const vec nothing = all(__builtin_nan(""));
     for (std::size_t k = 0; k < problem_.observations; ++k) {
-      double* const f = problem_.f + k * problem_.stride + lane_;
-      put(f, choose(bad_, nothing, take(f, left_)), left_);
+      double* const f = line_of(k);
+      store(f, choose(bad_, nothing, load(f)));
     }
   }
 
@@ -364,12 +405,11 @@ class closed_walk {
       const vec difference = ka_ - spectrum_.rate[i];
       per_difference_[i] = 1.0 / difference;
       // A little longer than in any lane: the lanes look for themselves before then.
-      double until[width];
-      store(until, (1.001 * plain_difference) / magnitude(difference));
-      close_until_[i] = 0.0;
-      VARDA_UNROLL for (std::size_t k = 0; k < width; ++k) if (until[k] > close_until_[i])
-          close_until_[i] = until[k];
+      close_until_[i] = largest_of((1.001 * plain_difference) / magnitude(difference), 0.0);
     }
+    vec fastest = p.absorption == nullptr ? vec{} : ka_;
+    VARDA_UNROLL for (std::size_t i = 0; i < N; ++i) fastest = larger(fastest, spectrum_.rate[i]);
+    whole_until_ = smallest_of(-0.999 * smallest_exponent / fastest);
     for (bool& known : known_) known = false;
   }
 
@@ -420,9 +460,10 @@ class closed_walk {
     for (std::size_t k = 0; k < entries_; ++k) add_entry(x, waiting_.first[k], all(step.time));
   }
 
-  void predict(const closed_step& step, vec f) const {
-    put(problem_.f + step.index * problem_.stride + lane_, f, left_);
+  double* line_of(std::size_t observation) const {
+    return problem_.lines + observation * closed_problem::line + lane_ % closed_problem::line;
   }
+  void predict(const closed_step& step, vec f) const { store(line_of(step.index), f); }
 
   // What entries have brought until a time is added to what is there. Where they have brought
   // nothing to a lane it keeps its bits: only other lanes of its vector may need them still.
@@ -440,6 +481,7 @@ class closed_walk {
   }
   template <bool Fed>
   const closed_step* observe_all(const closed_step* step, const closed_step* end) const {
+    const decay_numbers& numbers = unseen_numbers_of_decay();
     const vec minus_ka = -ka_;
     vec minus_rate[N], own[N], flow[N], plain_flow[N];
     VARDA_UNROLL for (std::size_t i = 0; i < N; ++i) {
@@ -448,30 +490,49 @@ class closed_walk {
       flow[i] = per_volume_[i] * (x_.depot * from_depot_[i]);
       plain_flow[i] = flow[i] * per_difference_[i];
     }
-    for (; step != end && step->what == closed_step::kind::observe; ++step) {
-      const double time = step->time - now_;
-      const vec t = all(time);
-      const vec absorbed = Fed ? decay(minus_ka * t) : vec{};
-      vec sum{};
-      VARDA_UNROLL for (std::size_t i = 0; i < N; ++i) {
-        const vec left = decay(minus_rate[i] * t);
-        vec part = own[i] * left;
-        if constexpr (Fed) {
-          vec moved = plain_flow[i] * (left - absorbed);
-          if (time <= close_until_[i]) {
-            const vec rate = spectrum_.rate[i];
-            const vec x = magnitude(ka_ - rate) * t;
-            moved =
-                choose(x <= all(plain_difference),
-                       flow[i] * (choose(ka_ < rate, absorbed, left) * (t * mean_decay(x))), moved);
-          }
-          part = part + moved;
-        }
-        sum = sum + part;
-      }
+    const auto is_observed = [&] {
+      return step != end && step->what == closed_step::kind::observe;
+    };
+    const auto give_out = [&](vec sum) {
       if (entries_ > 0) sum = sum + on_its_way(step->time);
       predict(*step, sum);
+      ++step;
+    };
+    const auto observe_while = [&](auto goes_on, auto decay_of) {
+      while (is_observed()) {
+        const double time = step->time - now_;
+        if (!goes_on(time)) return;
+        const vec t = every(time);
+        const vec absorbed = Fed ? decay_of(minus_ka * t) : vec{};
+        vec sum{};
+        VARDA_UNROLL for (std::size_t i = 0; i < N; ++i) {
+          const vec left = decay_of(minus_rate[i] * t);
+          vec part = own[i] * left;
+          if constexpr (Fed) {
+            vec moved = plain_flow[i] * (left - absorbed);
+            if (time <= close_until_[i]) {
+              const vec rate = spectrum_.rate[i];
+              const vec x = magnitude(ka_ - rate) * t;
+              moved = choose(x <= all(plain_difference),
+                             flow[i] * (choose(ka_ < rate, absorbed, left) * (t * mean_decay(x))),
+                             moved);
+            }
+            part = part + moved;
+          }
+          sum = sum + part;
+        }
+        give_out(sum);
+      }
+    };
+    // At the time of the change itself nothing has moved.
+    while (is_observed() && step->time == now_) {
+      vec sum{};
+      VARDA_UNROLL for (std::size_t i = 0; i < N; ++i) sum = sum + (own[i] + 0.0 * flow[i]);
+      give_out(sum);
     }
+    observe_while([&](double time) { return time <= whole_until_; },
+                  [&](vec x) { return decay_above_smallest(x, numbers); });
+    observe_while([](double) { return true; }, [&](vec x) { return decay(x, numbers); });
     return step;
   }
 
@@ -672,6 +733,7 @@ class closed_walk {
   vec from_depot_[N];  // flow into each coordinate per amount in the depot
   vec per_difference_[N];
   double close_until_[N];  // so long there may be a lane whose exponentials are close
+  double whole_until_;     // so long no exponential underflows in any lane
   state x_{};
 
   // Many histories repeat their intervals.
@@ -680,8 +742,22 @@ class closed_walk {
   bool kept_fed_[closed_problem::most_kept] = {};
 };
 
+// Predictions of different observations may lie a power of two apart, where the cache has place for
+// few of them; so each line of memory is written at once.
 template <std::size_t N>
 void closed_forms(const closed_problem& problem) {
-  for (std::size_t lane = 0; lane < problem.individuals; lane += width)
-    closed_walk<N>(problem, lane).run();
+  constexpr std::size_t line = closed_problem::line;
+  for (std::size_t lane = 0; lane < problem.individuals; lane += line) {
+    const std::size_t count = problem.individuals - lane < line ? problem.individuals - lane : line;
+    for (std::size_t k = 0; k < count; k += width) closed_walk<N>(problem, lane + k).run();
+    double* to = problem.f + lane;
+    for (std::size_t k = 0; k < problem.observations; ++k, to += problem.stride) {
+      const double* const from = problem.lines + k * line;
+      if (count == line) {
+        VARDA_UNROLL for (std::size_t i = 0; i < line; i += width) store(to + i, load(from + i));
+      } else {
+        for (std::size_t i = 0; i < count; ++i) to[i] = from[i];
+      }
+    }
+  }
 }

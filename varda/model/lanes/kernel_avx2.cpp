@@ -10,6 +10,9 @@ namespace {
 using vec = __m256d;
 constexpr const char* kernel_name = "avx2";
 
+constexpr vec every(double x) {
+  return vec{x, x, x, x};
+}
 inline vec root(vec x) {
   return _mm256_sqrt_pd(x);
 }

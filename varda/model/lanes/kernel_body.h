@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The loops of a kernel, included by the source file of each instruction set, which defines vec,
-// root, sign_bits, kernel_name, VARDA_SLEEF, VARDA_SLEEF_U15 and VARDA_KERNEL. Everything is local
-// to that file.
+// every, root, sign_bits, kernel_name, VARDA_SLEEF, VARDA_SLEEF_U15 and VARDA_KERNEL. Everything is
+// local to that file.
 #include <cstddef>
 #include <cstdint>
+#include <utility>
 
 #include "varda/model/lanes/kernel.h"
 

@@ -7,6 +7,9 @@ namespace {
 using vec = __m128d;
 constexpr const char* kernel_name = "sse2";
 
+constexpr vec every(double x) {
+  return vec{x, x};
+}
 inline vec root(vec x) {
   return _mm_sqrt_pd(x);
 }

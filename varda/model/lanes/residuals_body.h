@@ -31,7 +31,7 @@ class log_product {
     const parted p = part(x);
     join(p.mantissa * p.mantissa, p.exponent + p.exponent);
   }
-  vec value() const {
+  [[gnu::always_inline]] vec value() const {
     if (!any_) return vec{};
     return VARDA_SLEEF(log)(mantissa_) + exponent_ * log_2_low + exponent_ * log_2_high;
   }
@@ -275,7 +275,9 @@ class residual_sums {
   }
   vec squares() const { return squares_ + student_squares_; }
   // -log of the density but for what no prediction enters.
-  vec objective() const { return 0.5 * (squares_ + scales_.value()) - probability_; }
+  [[gnu::always_inline]] vec objective() const {
+    return 0.5 * (squares_ + scales_.value()) - probability_;
+  }
 
  private:
   // 0 can be transformed as a bound, but has no density.
@@ -357,47 +359,77 @@ inline bool is_uniform(const residual_problem& problem) {
   return true;
 }
 
-template <class Term>
-inline void add_all(const residual_problem& problem, const double* f, std::size_t left, Term term) {
-  for (std::size_t k = 0; k < problem.observations; ++k) {
-    term(problem.observed[k], take(f, left));
-    f += problem.stride;
-  }
+// term(observation, predictions) for all observations and the vectors of individuals from `lane`
+// on.
+template <std::size_t... Vector, class Term>
+inline void add_all(const residual_problem& problem, std::size_t lane,
+                    std::index_sequence<Vector...>, Term term) {
+  const std::size_t left = problem.individuals - lane;
+  const std::size_t stride = problem.stride;
+  const double* f = problem.f + lane;
+  const observation* const end = problem.observed + problem.observations;
+  if (left >= sizeof...(Vector) * width)
+    for (const observation* at = problem.observed; at != end; ++at, f += stride)
+      term(*at, load(f + Vector * width)...);
+  else
+    for (const observation* at = problem.observed; at != end; ++at, f += stride)
+      term(*at, take(f + Vector * width, left)...);
 }
 
+// Of several vectors, all of them full, or of one that may not be.
+template <std::size_t... Vector>
+inline void write_residuals(const residual_problem& problem, bool uniform, vec constant,
+                            std::size_t lane, std::index_sequence<Vector...> vectors) {
+  const residual_law& first = problem.laws[0];
+  const auto write = [&](vec objective, vec squares, std::size_t from) {
+    put(problem.objective + from, objective + constant, problem.individuals - from);
+    put(problem.squares + from, squares, problem.individuals - from);
+  };
+  // The sums are each kind's own, for registers to hold what it needs.
+  const auto add_with = [&](auto add) {
+    residual_sums sums[sizeof...(Vector)];
+    add_all(problem, lane, vectors,
+            [&](const observation& at, auto... values) { (add(sums[Vector], at, values), ...); });
+    (write(sums[Vector].objective(), sums[Vector].squares(), lane + Vector * width), ...);
+  };
+  const auto add_of_kind = [&]<error_kind Kind>() {
+    add_with([&](residual_sums& sum, const observation& at, vec f) {
+      sum.template add<Kind>(at, first, f);
+    });
+  };
+  if (!uniform)
+    add_with([&](residual_sums& sum, const observation& at, vec f) {
+      sum.add(at, problem.laws[at.endpoint], f);
+    });
+  else if (first.kind == error_kind::additive)
+    add_of_kind.template operator()<error_kind::additive>();
+  else if (first.kind == error_kind::proportional)
+    add_of_kind.template operator()<error_kind::proportional>();
+  else if (first.kind == error_kind::combined)
+    add_of_kind.template operator()<error_kind::combined>();
+  else if (first.kind == error_kind::combined_sd)
+    add_of_kind.template operator()<error_kind::combined_sd>();
+  else if (first.kind == error_kind::power)
+    add_of_kind.template operator()<error_kind::power>();
+  else if (first.kind == error_kind::box_cox)
+    add_of_kind.template operator()<error_kind::box_cox>();
+  else
+    add_of_kind.template operator()<error_kind::log_normal>();
+}
+
+// The predictions of different observations may lie a power of two apart, where the cache has place
+// for few of them; where there are many, each line of memory is read at once.
 void residuals(const residual_problem& problem) {
+  constexpr std::size_t line = 8;
+  constexpr std::size_t many = 64;
   const vec constant = constant_part(problem);
   const bool uniform = is_uniform(problem);
-  const residual_law& first = problem.laws[0];
-  for (std::size_t lane = 0; lane < problem.individuals; lane += width) {
-    const std::size_t left = problem.individuals - lane;
-    const double* const f = problem.f + lane;
-    residual_sums sums;
-    const auto add_of_kind = [&]<error_kind Kind>() {
-      add_all(problem, f, left,
-              [&](const observation& at, vec value) { sums.add<Kind>(at, first, value); });
-    };
-    if (!uniform)
-      add_all(problem, f, left, [&](const observation& at, vec value) {
-        sums.add(at, problem.laws[at.endpoint], value);
-      });
-    else if (first.kind == error_kind::additive)
-      add_of_kind.operator()<error_kind::additive>();
-    else if (first.kind == error_kind::proportional)
-      add_of_kind.operator()<error_kind::proportional>();
-    else if (first.kind == error_kind::combined)
-      add_of_kind.operator()<error_kind::combined>();
-    else if (first.kind == error_kind::combined_sd)
-      add_of_kind.operator()<error_kind::combined_sd>();
-    else if (first.kind == error_kind::power)
-      add_of_kind.operator()<error_kind::power>();
-    else if (first.kind == error_kind::box_cox)
-      add_of_kind.operator()<error_kind::box_cox>();
-    else
-      add_of_kind.operator()<error_kind::log_normal>();
-    put(problem.objective + lane, sums.objective() + constant, left);
-    put(problem.squares + lane, sums.squares(), left);
-  }
+  std::size_t lane = 0;
+  if (problem.observations >= many)
+    for (; lane + line <= problem.individuals; lane += line)
+      write_residuals(problem, uniform, constant, lane, std::make_index_sequence<line / width>());
+  for (; lane < problem.individuals; lane += width)
+    write_residuals(problem, uniform, constant, lane, std::make_index_sequence<1>());
 }
 
 void exponentials(const double* from, double* to, std::size_t count) {
