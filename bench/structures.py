@@ -27,7 +27,14 @@ subjects = 40
 # Doses of three groups of subjects, and times of the observations, by the beginning of a name.
 usual = ([100, 200, 400], [0.25, 0.5, 1, 2, 3, 4, 6, 8, 12, 16, 24])
 absorbing = [0.25, 0.5, 0.75, 1, 1.25, 1.5, 2, 2.5, 3, 3.5, 4, 5, 6, 8, 12, 16, 24]
+late = [0.1, 0.25, 0.5, 1, 2, 3, 4, 6, 8, 12, 16, 24, 36, 48, 72, 96, 144, 192]
 designs = {
+    "one-compartment zero-order": ([100, 200, 400], absorbing),
+    "two-compartment zero-order": ([100, 200, 400], absorbing + [36, 48]),
+    "two-compartment oral": ([100, 200, 400], absorbing + [36, 48]),
+    "three-compartment": ([100, 200, 400], late),
+    "three-compartment oral": ([100, 200, 400], absorbing + late[12:]),
+    "three-compartment zero-order": ([100, 200, 400], absorbing + late[12:]),
     "one-compartment michaelis": ([100, 200, 600], [0.5, 1, 2, 4, 6, 8, 10, 12, 16, 20, 24]),
     "two-compartment michaelis": ([100, 200, 600], [0.5, 1, 2, 4, 6, 8, 10, 12, 16, 20, 24]),
     "one-compartment mixed": ([100, 400, 1600], [0.5, 1, 2, 4, 6, 8, 10, 12, 16, 20, 24]),
@@ -76,7 +83,7 @@ def structures(varda):
     for line in run(varda, "new", "--list")[0].stdout.splitlines():
         if line and not line.startswith(" "):
             heading = line
-        elif re.match(r"  \S", line) and "closed form" not in heading:
+        elif re.match(r"  \S", line):
             name = line.strip()
             names.append((name, "one-compartment oral + " + name if "RESPONSE" in heading else name))
     return names
@@ -91,16 +98,19 @@ def design_of(name):
 
 def write_design(path, name, outputs):
     doses, times = design_of(name)
+    # A dose whose duration the model has to say.
+    modelled = "zero-order" in name
+    rate = (",-2", ",.") if modelled else ("", "")
     with open(path, "w") as file:
-        file.write("ID,TIME,AMT,DV,EVID,DVID\n")
+        file.write("ID,TIME,AMT" + (",RATE" if modelled else "") + ",DV,EVID,DVID\n")
         for i in range(subjects):
             dose = doses[i % len(doses)]
             if dose > 0:
-                file.write(f"{i + 1},0,{dose},.,1,.\n")
+                file.write(f"{i + 1},0,{dose}{rate[0]},.,1,.\n")
             records = [(t, 1) for t in (usual[1] if name in slow else times)]
             records += [(t, k) for t in times for k in range(2, outputs + 1)]
             for t, k in sorted(records):
-                file.write(f"{i + 1},{t},.,.,0,{k}\n")
+                file.write(f"{i + 1},{t},.{rate[1]},.,0,{k}\n")
 
 
 def take_simulated(design, simulated, path):
@@ -115,7 +125,7 @@ def take_simulated(design, simulated, path):
     for row, value in zip(observed, values):
         row["DV"] = value
     with open(path, "w") as file:
-        file.write("ID,TIME,AMT,DV,EVID,DVID\n")
+        file.write(",".join(rows[0]) + "\n")
         for row in rows:
             if row["EVID"] == "1" or float(row["DV"]) > 0:
                 file.write(",".join(row.values()) + "\n")
