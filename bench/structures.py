@@ -202,7 +202,7 @@ def try_structure(varda, folder, threads, name, whole):
     inside, count, worst, where = 0, 0, 0.0, ""
     for row in csv.DictReader(open(path("fit/estimates.csv"))):
         key = row["parameter"]
-        value = truth.get(key, 0.1 if key.startswith("proportional") else None)
+        value = truth.get(key, 0.1 if key.split(".")[-1] == "proportional" else None)
         if value is None or not row["se"] or float(row["se"]) <= 0:
             continue
         count += 1
@@ -213,7 +213,8 @@ def try_structure(varda, folder, threads, name, whole):
     above = "-"
     text = open(path("truth.toml")).read().replace("design.csv", "data.csv")
     open(path("at_truth.toml"), "w").write(text + "\n[estimation]\nnpde_samples = 0\n")
-    done, _ = run(varda, "evaluate", path("at_truth.toml"), "--output", path("at_truth"), "--quiet")
+    done, _ = run(varda, "evaluate", path("at_truth.toml"), "--output", path("at_truth"), "--quiet",
+                  "--threads", str(threads))
     if done.returncode == 0:
         at_truth, at_estimates = (json.load(open(path(file)))["minus2ll"]
                                   for file in ("at_truth/evaluate.json", "fit/fit.json"))
