@@ -6,8 +6,8 @@ the truth again.
 
   structures.py [--threads N] VARDA FOLDER [NAME...]
 
-prints a line for each structure (a table in Markdown): verdict, seconds of varda new and of the fit,
-how many of the estimates hold the truth in their 95 % intervals, the largest distance of an estimate
+prints a line for each structure (a table in Markdown): verdict, processor seconds of varda new and of the
+fit, how many of the estimates hold the truth in their 95 % intervals, the largest distance of an estimate
 from the truth in standard errors, and by how much -2 log-likelihood at the truth is above the minimum,
 with the number of parameters, which is its expectation. FOLDER keeps everything. Responses stand behind
 "one-compartment oral", whose concentrations have times of their own where the response is slower than
@@ -18,8 +18,8 @@ import csv
 import json
 import os
 import re
+import resource
 import subprocess
-import time
 import zlib
 
 subjects = 40
@@ -27,7 +27,14 @@ subjects = 40
 # Doses of three groups of subjects, and times of the observations, by the beginning of a name.
 usual = ([100, 200, 400], [0.25, 0.5, 1, 2, 3, 4, 6, 8, 12, 16, 24])
 absorbing = [0.25, 0.5, 0.75, 1, 1.25, 1.5, 2, 2.5, 3, 3.5, 4, 5, 6, 8, 12, 16, 24]
+late = [0.1, 0.25, 0.5, 1, 2, 3, 4, 6, 8, 12, 16, 24, 36, 48, 72, 96, 144, 192]
 designs = {
+    "one-compartment zero-order": ([100, 200, 400], absorbing),
+    "two-compartment zero-order": ([100, 200, 400], absorbing + [36, 48]),
+    "two-compartment oral": ([100, 200, 400], absorbing + [36, 48]),
+    "three-compartment": ([100, 200, 400], late),
+    "three-compartment oral": ([100, 200, 400], absorbing + late[12:]),
+    "three-compartment zero-order": ([100, 200, 400], absorbing + late[12:]),
     "one-compartment michaelis": ([100, 200, 600], [0.5, 1, 2, 4, 6, 8, 10, 12, 16, 20, 24]),
     "two-compartment michaelis": ([100, 200, 600], [0.5, 1, 2, 4, 6, 8, 10, 12, 16, 20, 24]),
     "one-compartment mixed": ([100, 400, 1600], [0.5, 1, 2, 4, 6, 8, 10, 12, 16, 20, 24]),
@@ -64,10 +71,15 @@ not_random = {
 }
 
 
+def processor_seconds():
+    usage = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return usage.ru_utime + usage.ru_stime
+
+
 def run(*arguments):
-    began = time.monotonic()
+    began = processor_seconds()
     done = subprocess.run(arguments, capture_output=True, text=True)
-    return done, time.monotonic() - began
+    return done, processor_seconds() - began
 
 
 def structures(varda):
@@ -76,7 +88,7 @@ def structures(varda):
     for line in run(varda, "new", "--list")[0].stdout.splitlines():
         if line and not line.startswith(" "):
             heading = line
-        elif re.match(r"  \S", line) and "closed form" not in heading:
+        elif re.match(r"  \S", line):
             name = line.strip()
             names.append((name, "one-compartment oral + " + name if "RESPONSE" in heading else name))
     return names
@@ -91,16 +103,19 @@ def design_of(name):
 
 def write_design(path, name, outputs):
     doses, times = design_of(name)
+    # A dose whose duration the model has to say.
+    modelled = "zero-order" in name
+    rate = (",-2", ",.") if modelled else ("", "")
     with open(path, "w") as file:
-        file.write("ID,TIME,AMT,DV,EVID,DVID\n")
+        file.write("ID,TIME,AMT" + (",RATE" if modelled else "") + ",DV,EVID,DVID\n")
         for i in range(subjects):
             dose = doses[i % len(doses)]
             if dose > 0:
-                file.write(f"{i + 1},0,{dose},.,1,.\n")
+                file.write(f"{i + 1},0,{dose}{rate[0]},.,1,.\n")
             records = [(t, 1) for t in (usual[1] if name in slow else times)]
             records += [(t, k) for t in times for k in range(2, outputs + 1)]
             for t, k in sorted(records):
-                file.write(f"{i + 1},{t},.,.,0,{k}\n")
+                file.write(f"{i + 1},{t},.{rate[1]},.,0,{k}\n")
 
 
 def take_simulated(design, simulated, path):
@@ -115,7 +130,7 @@ def take_simulated(design, simulated, path):
     for row, value in zip(observed, values):
         row["DV"] = value
     with open(path, "w") as file:
-        file.write("ID,TIME,AMT,DV,EVID,DVID\n")
+        file.write(",".join(rows[0]) + "\n")
         for row in rows:
             if row["EVID"] == "1" or float(row["DV"]) > 0:
                 file.write(",".join(row.values()) + "\n")
@@ -187,7 +202,7 @@ def try_structure(varda, folder, threads, name, whole):
     inside, count, worst, where = 0, 0, 0.0, ""
     for row in csv.DictReader(open(path("fit/estimates.csv"))):
         key = row["parameter"]
-        value = truth.get(key, 0.1 if key.startswith("proportional") else None)
+        value = truth.get(key, 0.1 if key.split(".")[-1] == "proportional" else None)
         if value is None or not row["se"] or float(row["se"]) <= 0:
             continue
         count += 1
@@ -198,7 +213,8 @@ def try_structure(varda, folder, threads, name, whole):
     above = "-"
     text = open(path("truth.toml")).read().replace("design.csv", "data.csv")
     open(path("at_truth.toml"), "w").write(text + "\n[estimation]\nnpde_samples = 0\n")
-    done, _ = run(varda, "evaluate", path("at_truth.toml"), "--output", path("at_truth"), "--quiet")
+    done, _ = run(varda, "evaluate", path("at_truth.toml"), "--output", path("at_truth"), "--quiet",
+                  "--threads", str(threads))
     if done.returncode == 0:
         at_truth, at_estimates = (json.load(open(path(file)))["minus2ll"]
                                   for file in ("at_truth/evaluate.json", "fit/fit.json"))

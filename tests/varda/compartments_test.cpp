@@ -10,6 +10,7 @@
 
 #include "tests/varda/compartment_reference.h"
 #include "tests/varda/theophylline.h"
+#include "varda/model/closed/absorption_twin.h"
 #include "varda/model/closed/compartment_model.h"
 #include "varda/model/structural_model.h"
 
@@ -197,6 +198,39 @@ struct half_life {
     return {{"thalf", &half_life::thalf}, {"V", &half_life::V}};
   }
 };
+
+// With absorption faster than every phase, between them, and slower than all.
+TEST(AbsorptionTwin, HasTheSameCurves) {
+  const population_model theophylline = test::theophylline();
+  const subject& who = theophylline.data().subjects.front();
+  for (const std::size_t peripheral : {0U, 1U, 2U})
+    for (const double ka : {1.4, 0.12, 0.004}) {
+      const std::vector<std::string> counts = {"one", "two", "three"};
+      structure_choice choice;
+      choice.name = counts[peripheral] + "-compartment oral";
+      const auto model = make_structural_model(choice);
+      const std::vector<double> p = {ka, 3.0, 20.0, 6.0, 35.0, 2.0, 60.0};
+      const std::vector<double> own(p.begin(), p.begin() + 3 + 2 * peripheral);
+      const auto values = [&](const std::string& name) {
+        const std::vector<std::string>& names = model->parameter_names();
+        const auto at = std::find(names.begin(), names.end(), name);
+        return at == names.end() ? std::nan("") : own[static_cast<std::size_t>(at - names.begin())];
+      };
+      const auto one = oral_compartments_from(values);
+      ASSERT_TRUE(one);
+      const oral_compartments other = absorption_twin(*one);
+      EXPECT_GT(std::fabs(std::log(other.absorption / ka)), 0.1);
+      std::vector<double> twin = {other.absorption, other.clearance, other.volume};
+      for (std::size_t j = 0; j < peripheral; ++j) {
+        EXPECT_GT(other.exchange[j], 0.0);
+        twin.push_back(other.exchange[j]);
+        twin.push_back(other.peripheral[j]);
+      }
+      const std::vector<double> f = test::predict(*model, who, own);
+      const std::vector<double> g = test::predict(*model, who, twin);
+      for (std::size_t k = 0; k < f.size(); ++k) EXPECT_NEAR(g[k], f[k], 1e-10 * (1.0 + f[k]));
+    }
+}
 
 TEST(CompartmentModel, TakesAStructOfParameters) {
   subject who;

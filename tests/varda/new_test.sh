@@ -87,6 +87,23 @@ for name in "one-compartment weibull" "two-compartment target-mediated-qss oral"
   expect_status 0 "a check of $name" "$varda" check plain.toml
 done
 
+# Of two sets of parameters with the same curves, the one with the faster absorption.
+rm -f plain.toml
+expect_status 0 "three compartments" "$varda" new "three-compartment oral" --output plain.toml
+{
+  echo "ID,TIME,DV,AMT"
+  for subject in $(seq 12); do
+    echo "$subject,0,.,100"
+    for time in 0.25 0.5 1 1.5 2 3 4 6 8 12 16 24 36 48 72 96 144 192; do echo "$subject,$time,1,."; done
+  done
+} >data.csv
+for seed in 6 8 23; do
+  expect_status 0 "their data" "$varda" simulate plain.toml -n 1 --seed "$seed" --output simulated.csv
+  expect_status 0 "their draft" "$varda" new "three-compartment oral" --data simulated.csv
+  awk '$1 == "ka" && $2 == "=" && $3 == "{" { found = $6 > 0.8 } END { exit !found }' stdout ||
+    fail "of two sets the draft has the one with slow absorption"
+done
+
 # Two endpoints, one of them alone, and what cannot be drafted.
 cp "$2/examples/turnover/turnover.csv" .
 response="one-compartment oral + indirect-response inhibition-of-production"

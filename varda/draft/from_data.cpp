@@ -14,6 +14,7 @@
 #include "varda/host/engine_host.h"
 #include "varda/input/model_file.h"
 #include "varda/method/newton/startup.h"
+#include "varda/model/closed/absorption_twin.h"
 #include "varda/model/start_evaluation.h"
 #include "varda/model/structural_model.h"
 #include "varda/support/text.h"
@@ -311,6 +312,29 @@ void draft_plain_errors(const dataset& data, drafted_model& draft) {
   }
 }
 
+// Of two sets with the same curves the one with the faster absorption, where the structure has no
+// parameters but these.
+void prefer_fast_absorption(drafted_model& draft) {
+  const std::vector<ready_parameter>& list = draft.structure.parameters;
+  const auto has = [&](const std::string& name) {
+    return std::any_of(list.begin(), list.end(),
+                       [&](const ready_parameter& p) { return p.name == name; });
+  };
+  const auto own = oral_compartments_from([&](const std::string& name) {
+    return has(name) ? draft.start.at(name) : std::numeric_limits<double>::quiet_NaN();
+  });
+  if (!own || list.size() != 3 + 2 * own->exchange.size() || !has("CL")) return;
+  const oral_compartments twin = absorption_twin(*own);
+  if (!(twin.absorption > own->absorption)) return;
+  draft.start["ka"] = twin.absorption;
+  draft.start[has("V") ? "V" : "V1"] = twin.volume;
+  for (std::size_t j = 0; j < twin.exchange.size(); ++j) {
+    const std::string exchange = has("Q") ? "Q" : fmt::format("Q{}", j + 2);
+    draft.start[exchange] = twin.exchange[j];
+    draft.start[fmt::format("V{}", j + 2)] = twin.peripheral[j];
+  }
+}
+
 std::vector<std::string> what_was_read(const draft_request& request, const data_columns& columns,
                                        const population_model& model, const drafted_model& draft) {
   const dataset& data = model.data();
@@ -376,6 +400,7 @@ draft_result draft_from_data(const draft_request& request, const file_access& fi
       if (t.role == theta_role::residual_deviation) continue;
       draft.start[t.name] = t.natural(theta(static_cast<Eigen::Index>(k)));
     }
+    prefer_fast_absorption(draft);
     double between = 0.0;
     for (std::size_t k = 0; k < draft.endpoints.size(); ++k) {
       const scatter s = scatter_of(model, predicted, static_cast<int>(k));

@@ -19,6 +19,7 @@
 #include "varda/method/em/em.h"
 #include "varda/method/em/map_np_steps.h"
 #include "varda/method/newton/report.h"
+#include "varda/model/closed/absorption_twin.h"
 #include "varda/run/diagnose.h"
 #include "varda/run/memory_needs.h"
 
@@ -293,9 +294,10 @@ void take_errors(engine_host& host, const newton_report& report, fit_result& res
                          result.errors.warnings.end());
 }
 
-// Absorption slower than elimination: the maximum may be one of two that exchange their names.
+// Absorption slower than elimination, or than the phase of distribution that can take its place:
+// the maximum may be one of two that exchange their names.
 void warn_of_flip_flop(const population_model& model, fit_result& result) {
-  const auto estimate = [&](const char* name) {
+  const auto estimate = [&](const std::string& name) {
     const std::vector<parameter>& list = model.specification().parameters;
     const auto at =
         std::find_if(list.begin(), list.end(), [&](const parameter& p) { return p.name == name; });
@@ -308,13 +310,22 @@ void warn_of_flip_flop(const population_model& model, fit_result& result) {
   const double elimination = first(estimate("CL") / volume, estimate("k"));
   const double absorption = estimate("ka");
   // False as well where the model has no such parameters.
-  if (!(absorption < elimination)) return;
+  const bool slow = absorption < elimination;
+  double twin = 0.0;
+  const std::string& structure = model.specification().structure.name;
+  if (structure == "two-compartment oral" || structure == "three-compartment oral")
+    if (const auto own = oral_compartments_from(estimate)) twin = absorption_twin(*own).absorption;
+  if (!slow && !(absorption < twin)) return;
   result.warnings.push_back(
       {.level = severity::warning,
        .code = "W-RUN-FLIP-FLOP",
-       .message = fmt::format("ka, {:.3g}, is below the elimination rate, {:.3g}: absorption is "
-                              "slower than elimination",
-                              absorption, elimination),
+       .message = slow ? fmt::format("ka, {:.3g}, is below the elimination rate, {:.3g}: "
+                                     "absorption is slower than elimination",
+                                     absorption, elimination)
+                       : fmt::format("ka, {:.3g}, is below the rate constant of a phase of the "
+                                     "disposition, {:.3g}, with which it can be exchanged: "
+                                     "absorption is slower than distribution",
+                                     absorption, twin),
        .remedy = "if that is not what you expect, start from a larger ka, or set "
                  "estimation.starts to 10 and compare the maxima"});
 }
