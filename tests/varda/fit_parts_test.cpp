@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <Eigen/Cholesky>
+#include <Eigen/Eigenvalues>
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -20,6 +22,7 @@
 #include "varda/method/em/em.h"
 #include "varda/method/em/iteration_scale.h"
 #include "varda/method/em/resampler.h"
+#include "varda/method/newton/normal_posterior.h"
 #include "varda/support/archive.h"
 
 namespace varda {
@@ -327,6 +330,62 @@ TEST(FindMode, IsTheMinimumOfTheObjective) {
     EXPECT_LT((found.factor * found.factor.transpose() - h).cwiseAbs().maxCoeff(),
               2e-3 * h.cwiseAbs().maxCoeff());
   }
+}
+
+// Where a duration D passes the time of a value that is too large, the log density has a corner,
+// and its mode lies there. The normal distribution about the mode has to be about as wide as the
+// density, by quadrature.
+TEST(ModeFinder, ACornerIsNoNarrowPeak) {
+  const population_model plain = test::theophylline([](model_specification& file) {
+    file.structure.name = "one-compartment zero-order";
+    parameter duration = file.parameters[1];
+    duration.name = "D";
+    duration.start = 2.2;
+    file.parameters = {file.parameters[1], file.parameters[2], duration};
+    file.omega = {{{"CL"}, {0.06}, false}, {{"V"}, {0.06}, false}, {{"D"}, {0.06}, false}};
+    file.endpoints.front().residual = {error_kind::additive, 0.6};
+  });
+  dataset data = plain.data();
+  subject& who = data.subjects.front();
+  const population_model model(plain.specification(), data);
+  const Eigen::VectorXd mu = model.start_theta().head(3).array().log();
+  const Eigen::VectorXd f = test::predict(model, 0, model.start_theta(), mu);
+  double corner = 0.0;
+  for (std::size_t k = 0; k < who.observations.size(); ++k) {
+    observation& o = who.observations[k];
+    o.value = f(static_cast<Eigen::Index>(k));
+    if (o.time < 1.5 || o.time > 2.5) continue;
+    o.value += 2.0;
+    corner = o.time;
+  }
+  ASSERT_GT(corner, 0.0);
+  const population_model cornered(plain.specification(), data);
+  const density joint(cornered);
+  mode_finder finder(joint);
+  const parameter_values at(cornered.start_theta(), cornered.start_omega());
+  const normal_posterior mode = finder.search(0, mu, at);
+  ASSERT_TRUE(mode.usable);
+  EXPECT_NEAR(std::exp(mode.phi(2)), corner, 1e-3);
+
+  constexpr int side = 41;
+  const Eigen::Vector3d reach(0.6, 0.4, 0.6);
+  Eigen::MatrixXd grid(3, side * side * side);
+  for (int j = 0; j < grid.cols(); ++j) {
+    const Eigen::Vector3d place(j % side, j / side % side, j / side / side);
+    grid.col(j) = mode.phi.array() + reach.array() * (2.0 * place.array() / (side - 1) - 1.0);
+  }
+  Eigen::VectorXd mass = (finder.log_density(0, grid, at).array() - mode.log_density).exp();
+  mass /= mass.sum();
+  const Eigen::Vector3d mean = grid * mass;
+  const Eigen::MatrixXd off = grid.colwise() - mean;
+  const Eigen::Matrix3d covariance = off * mass.asDiagonal() * off.transpose();
+  const Eigen::Matrix3d factor = mode.covariance.llt().matrixL();
+  const Eigen::Matrix3d half = factor.triangularView<Eigen::Lower>().solve(covariance);
+  const Eigen::Matrix3d ratio = factor.triangularView<Eigen::Lower>().solve(half.transpose());
+  const Eigen::Vector3d widths =
+      Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d>(ratio).eigenvalues();
+  EXPECT_GT(widths.minCoeff(), 0.4) << widths.transpose();
+  EXPECT_LT(widths.maxCoeff(), 2.5) << widths.transpose();
 }
 
 }  // namespace

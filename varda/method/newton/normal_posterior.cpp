@@ -22,6 +22,14 @@ constexpr double finer_difference = 0.02;  // later, in conditional deviations
 constexpr double least_gain = 1e-6;
 constexpr double longest_step = 3.0;
 constexpr double least_curvature = 0.05;
+// The log density of a normal distribution falls by 1/2 at one deviation, by 2 at two. Where it
+// falls by less than `least_fall` at what its curvature makes a deviation, the curvature holds for
+// a smaller neighbourhood than the mass does; it is then taken from where it has fallen by some 2.
+constexpr double least_fall = 0.25;
+constexpr double far_fall = 2.0;
+constexpr double nearly = 0.75;
+constexpr double most_widening = 4.0;
+constexpr int most_widenings = 10;
 constexpr double minus_infinity = -std::numeric_limits<double>::infinity();
 
 // Centre, one step either way in each coordinate, and both corners of each pair.
@@ -91,6 +99,36 @@ Eigen::VectorXd mode_finder::log_density(int subject, const Eigen::MatrixXd& phi
   return result;
 }
 
+// A prediction with a corner, such as the end of an infusion of random duration, puts corners into
+// the log density wherever a sampling time is passed, and the mode often lies on one. Second
+// differences with a small step h give such a corner the curvature of the jump of its slope divided
+// by h, and the deviation from that a still smaller step. Differences over two deviations of the
+// mass give what a normal density has to be like.
+void mode_finder::look_coarsely(int subject, const Eigen::VectorXd& phi, const parameter_values& at,
+                                Eigen::MatrixXd& hessian) {
+  const Eigen::Index n = phi.size();
+  if (!(hessian.diagonal().array() < 0.0).all()) return;
+  const Eigen::ArrayXd most = 2.0 * at.omega.diagonal().cwiseSqrt().array();
+  Eigen::ArrayXd step = (-hessian.diagonal()).cwiseSqrt().cwiseInverse().array().min(most);
+  Eigen::ArrayXd goal = Eigen::ArrayXd::Constant(n, least_fall);
+  for (int k = 0; k < most_widenings; ++k) {
+    Eigen::MatrixXd points = phi.replicate(1, 1 + 2 * n);
+    points.middleCols(1, n).diagonal() += step.matrix();
+    points.rightCols(n).diagonal() -= step.matrix();
+    const Eigen::VectorXd f = log_density(subject, points, at);
+    if (!f.allFinite()) return;
+    const Eigen::ArrayXd fall = f(0) - 0.5 * (f.segment(1, n) + f.tail(n)).array();
+    const auto short_of = (fall < goal && step < most).eval();
+    if (!short_of.any()) break;
+    goal = short_of.select(nearly * far_fall, goal);
+    const Eigen::ArrayXd wider = (far_fall / fall.max(1e-6)).sqrt().min(most_widening) * step;
+    step = short_of.select(wider.min(most), step);
+  }
+  if ((goal == least_fall).all()) return;
+  const Eigen::VectorXd f = log_density(subject, stencil(phi, step), at);
+  if (f.allFinite()) hessian = derivatives(f, step).hessian;
+}
+
 normal_posterior mode_finder::search_beside(int subject, const Eigen::VectorXd& from,
                                             const parameter_values& at,
                                             const Eigen::VectorXd& centre,
@@ -155,6 +193,7 @@ normal_posterior mode_finder::search(int subject, const Eigen::VectorXd& from,
   }
   result.phi = phi;
   result.usable = std::isfinite(result.log_density);
+  if (result.usable) look_coarsely(subject, phi, at, hessian);
   // No direction is wider than the prior: eigenvalues of L^-1 V L^-T at most 1.
   const Eigen::MatrixXd& l = at.prior.factor();
   const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(l.transpose() * -hessian * l);

@@ -51,6 +51,9 @@ class mode_finder {
   std::int64_t evaluations() const { return evaluations_; }
 
  private:
+  // Puts a Hessian over longer differences in place of one that holds near the mode alone.
+  void look_coarsely(int subject, const Eigen::VectorXd& phi, const parameter_values& at,
+                     Eigen::MatrixXd& hessian);
   // `is_known` tells of a place whether it leads to a mode that is of no interest; may be null.
   normal_posterior search(int subject, const Eigen::VectorXd& from, const parameter_values& at,
                           const std::function<bool(const Eigen::VectorXd&)>& is_known);
