@@ -487,6 +487,34 @@ TEST(NewtonMethod, GoesOnByAStepOfManySamplesOrOnMorePoints) {
   EXPECT_FALSE(method.go_on(state, 0.02, step));
 }
 
+// A parameter without random effect, and data that say so much of every subject that a step along
+// it leaves samples behind which stand still.
+TEST(NewtonMethod, CarriesSamplesAlongWithAParameterWithoutRandomEffect) {
+  const population_model precise = test::theophylline([](model_specification& file) {
+    file.parameters[0].law = distribution::none;
+    file.parameters[0].start = 1.5;
+    file.omega = {{{"CL"}, {0.08}, false}, {{"V"}, {0.03}, false}};
+    file.endpoints.front().residual = {error_kind::additive, 0.02};
+  });
+  const population_model model = test::simulated(precise, 1, 5);
+  const job alone(nullptr, nullptr);
+  const captured_unit swallowed;
+  engine_host host(model, alone);
+  const newton_method method(host);
+  Eigen::VectorXd away = host.theta();
+  away(0) *= 1.4;
+  host.set_theta(away);
+  run_state state;
+  method.begin(state);
+  ASSERT_TRUE(method.settle(state));
+  state.records.clear();
+  state.newton.started = true;
+  while (!state.ended) ASSERT_TRUE(method.step(state));
+  EXPECT_TRUE(state.newton.arrived) << state.newton.trouble;
+  EXPECT_NEAR(host.theta()(0), 1.5, 0.02);
+  EXPECT_LE(state.newton.draws, 12);
+}
+
 // So many samples that small steps are not measured.
 TEST(NewtonMethod, ConvergesOnManySubjects) {
   const population_model few =

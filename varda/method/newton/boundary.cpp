@@ -99,6 +99,7 @@ bool newton_method::maximise(run_state& state, int held, double hopeless, draw_m
     const ascent up = climb(drawn, psi, end, most_steps);
     if (engine_host::stopped()) return false;
     if (!take_force(state, up.psi)) return true;
+    state.newton.proposals = drawn.proposals;
     follow(up.end(end), state.newton);
     at_rest = healthy && d + 1 >= least_draws_of_a_trial && up.gained < rest;
   }

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <Eigen/Cholesky>
 #include <cmath>
 #include <vector>
 
@@ -20,6 +21,9 @@ constexpr double defensive_share = 0.25;
 // Of a subject's proposal: what does not help will not. Each takes more points than the one before.
 constexpr int most_repairs = 4;
 constexpr double more_points = 2.0;
+// Of a sick subject, for each entry of its covariance: enough for its moments to be better than
+// what it was sampled from.
+constexpr double effective_samples_of_moments = 10.0;
 
 }  // namespace
 
@@ -30,7 +34,10 @@ bool newton_method::look_widely(run_state& state, const draw_measure& found,
   const population_model& model = host_.model();
   const parameter_values at(state.theta, state.omega);
   const Eigen::Index d = model.random_effects();
-  Eigen::MatrixXd packed = Eigen::MatrixXd::Zero(1 + d + d * d, model.subjects());
+  // What is found beside the main component, and what is to take its place: whether, where, how
+  // wide.
+  const Eigen::Index part = 1 + d + d * d;
+  Eigen::MatrixXd packed = Eigen::MatrixXd::Zero(2 * part, model.subjects());
   std::vector<mode_finder> finders;
   for (int w = 0; w < host_.peers().threads().size(); ++w) finders.emplace_back(host_.joint());
   for_each_own_subject(host_, population_points, [&](int i, int worker) {
@@ -64,21 +71,27 @@ bool newton_method::look_widely(run_state& state, const draw_measure& found,
           std::exp(other.log_mass - found.subjects[own].log_likelihood) > most_outside;
     }
     if (second) {
-      packed.col(i) << 1.0, other.phi, other.covariance.reshaped();
+      packed.col(i).head(part) << 1.0, other.phi, other.covariance.reshaped();
     } else if ((outside > most_outside || sick) && !has_mixture) {
       const normal_posterior mode = finder.search(i, main.centre, at);
       Eigen::VectorXd mu(d);
       model.means(i, state.theta.data(), mu.data());
-      packed.col(i) << 2.0, mode.usable && sick ? mode.phi : mu,
+      packed.col(i).head(part) << 2.0, mode.usable && sick ? mode.phi : mu,
           (mode.usable && sick ? Eigen::MatrixXd(4.0 * mode.covariance) : state.omega).reshaped();
     }
-    // The mixture has found samples that its main component misses: a mode near them.
     const auto mean = found.moments.col(i).head(d);
+    if (const auto covariance = found.moments.col(i).tail(d * d).reshaped(d, d);
+        sick && found.moments.col(i).allFinite() &&
+        found.subjects[own].effective_share * found.samples >=
+            effective_samples_of_moments * static_cast<double>(d * d) &&
+        Eigen::LLT<Eigen::MatrixXd>(covariance).info() == Eigen::Success)
+      packed.col(i).tail(part) << 1.0, found.moments.col(i);
+    // The mixture has found samples that its main component misses: a mode near them.
     if (!sick || packed(0, i) > 0.0 || found.subjects[own].effective_share == 0.0 ||
         !mean.allFinite())
       return;
     const normal_posterior mode = finder.search(i, mean, at);
-    if (mode.usable) packed.col(i) << 1.0, mode.phi, mode.covariance.reshaped();
+    if (mode.usable) packed.col(i).head(part) << 1.0, mode.phi, mode.covariance.reshaped();
   });
   for (const mode_finder& finder : finders) host_.count_evaluations(finder.evaluations());
   if (host_.agree_on_stop()) return false;
@@ -92,6 +105,8 @@ bool newton_method::look_widely(run_state& state, const draw_measure& found,
     repaired.push_back(i);
     draw_mixture& shared = state.newton.proposals[static_cast<std::size_t>(i)];
     std::vector<draw_component> own = {shared->front()};
+    if (const auto moments = packed.col(i).tail(part); moments(0) > 0.5)
+      own = single(moments.segment(1, d), moments.tail(d * d).reshaped(d, d), target_ratio);
     const Eigen::VectorXd centre = packed.col(i).segment(1, d);
     const Eigen::MatrixXd covariance = packed.col(i).segment(1 + d, d * d).reshaped(d, d);
     Eigen::VectorXd mu(d);

@@ -159,6 +159,7 @@ subject_measure subject_sampler::measure(int subject, const subject_draw& drawn,
   score_data(subject, drawn, f, {log_data, squares, weights}, at, scores, hessian, evaluations);
 
   const Eigen::MatrixXd weighted = scores.array().colwise() * weights.array();
+  if (moves_predictions()) details.shift = centred.transpose() * weighted;
   details.group_log_likelihood.resize(drawn.groups);
   details.group_gradient.resize(scale_.size(), drawn.groups);
   for (int g = 0; g < drawn.groups; ++g) {

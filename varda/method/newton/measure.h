@@ -44,6 +44,9 @@ struct subject_details {
   Eigen::MatrixXd covariance;
   Eigen::VectorXd gradient;
   Eigen::MatrixXd information;  // minus the Hessian
+  // Derivative of the mean by psi, effects x coordinates: Cov_w[phi, s]. Only where predictions
+  // depend on a coordinate directly.
+  Eigen::MatrixXd shift;
   // Of each group of samples alone.
   Eigen::VectorXd group_log_likelihood;
   Eigen::MatrixXd group_gradient;  // coordinates x groups

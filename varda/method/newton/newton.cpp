@@ -96,6 +96,7 @@ newton_method::newton_method(engine_host& host, std::size_t draw_memory)
       scale_(host.model()),
       points_factor_(points_factor(host.model().random_effects())),
       verdict_points_(verdict_points(host.model().random_effects(), host.model().subjects())),
+      moves_predictions_(subject_sampler(host.joint(), scale_).moves_predictions()),
       draw_memory_(draw_memory) {}
 
 Eigen::VectorXd newton_method::psi_in_force() const {
@@ -309,6 +310,7 @@ draw_measure newton_method::measure(const whole_draw& drawn, const Eigen::Vector
     const Eigen::Index effects = model.random_effects();
     result.group_log_likelihood.setZero(drawn.plan.groups, model.subjects());
     result.moments.setZero(effects + effects * effects, model.subjects());
+    if (moves_predictions_) result.shifts.setZero(effects * p, model.subjects());
   }
   if (!at.theta.allFinite() || !at.prior.is_definite()) return result;
   std::vector<int> subjects;
@@ -361,7 +363,10 @@ bool newton_method::add(const whole_draw& drawn, const measure_point& at, detail
     figure(1) = m.effective_share;
     if (sign > 0.0) sum.subjects[own] = m;
     if (wanted == detail::value || !finite) return;
-    if (sign > 0.0) sum.moments.col(i) << details.mean, details.covariance.reshaped();
+    if (sign > 0.0) {
+      sum.moments.col(i) << details.mean, details.covariance.reshaped();
+      if (moves_predictions_) sum.shifts.col(i) = details.shift.reshaped();
+    }
     const auto r = static_cast<double>(groups);
     Eigen::MatrixXd scatter = Eigen::MatrixXd::Zero(p, p);
     for (Eigen::Index g = 0; g < groups; ++g) {
@@ -454,10 +459,51 @@ Eigen::VectorXd newton_method::limited(const Eigen::VectorXd& step,
   return to;
 }
 
-newton_method::ascent newton_method::climb(const whole_draw& drawn, const Eigen::VectorXd& psi,
+// Draws again at the same points, a step `by` further: every proposal goes where its subject's
+// conditional mean goes to first order.
+void newton_method::carry(const draw_measure& from, const Eigen::VectorXd& by,
+                          const measure_point& to, whole_draw& drawn) const {
+  const Eigen::Index d = host_.model().random_effects();
+  Eigen::MatrixXd change = Eigen::MatrixXd::Zero(d, host_.model().subjects());
+  for (const int i : own_subjects(host_))
+    if (const Eigen::VectorXd own = from.shifts.col(i).reshaped(d, by.size()) * by; own.allFinite())
+      change.col(i) = own;
+  host_.peers().gather(change.data(), change.rows(), change.cols());
+  for (std::size_t i = 0; i < drawn.proposals.size(); ++i) {
+    std::vector<draw_component> components = *drawn.proposals[i];
+    for (draw_component& c : components) c.centre += change.col(static_cast<Eigen::Index>(i));
+    drawn.proposals[i] = mixture_of(std::move(components));
+  }
+  drawn.theta = to.theta;
+  drawn.population = to.prior.factor();
+  draw_again(drawn);
+}
+
+// The samples that are kept, from proposals that have moved.
+void newton_method::draw_again(whole_draw& drawn) const {
+  std::vector<int> kept;
+  for (std::size_t i = 0; i < drawn.kept.size(); ++i)
+    if (drawn.kept[i].phi.size() > 0) kept.push_back(static_cast<int>(i));
+  draw_kept(kept, drawn);
+}
+
+// Whether a step leaves too many subjects without effective samples.
+bool newton_method::starves(const draw_measure& before, const draw_measure& behind) const {
+  int starved = 0;
+  for (std::size_t i = 0; i < behind.subjects.size(); ++i)
+    if (host_.model().observations(static_cast<int>(i)) > 0 &&
+        behind.subjects[i].effective_share <
+            std::min(least_effective_share * before.subjects[i].effective_share,
+                     ample_samples / static_cast<double>(behind.samples)))
+      ++starved;
+  return starved > most_starved * host_.model().subjects();
+}
+
+newton_method::ascent newton_method::climb(whole_draw& drawn, const Eigen::VectorXd& psi,
                                            const draw_measure& here, int most_steps) const {
   ascent result{psi, 0.0, std::nullopt};
   double damping = 0.0;
+  bool carried = false;  // steps are too long for samples that stand still
   double last_gain = here.gain;
   for (int s = 0; s < most_steps; ++s) {
     // With many subjects a climb takes long.
@@ -475,24 +521,39 @@ newton_method::ascent newton_method::climb(const whole_draw& drawn, const Eigen:
       break;
     }
     bool moved = false;
+    // What a draw is carried away from.
+    const std::vector<draw_mixture> proposals = drawn.proposals;
+    const Eigen::VectorXd theta = drawn.theta;
+    const Eigen::MatrixXd population = drawn.population;
     for (int attempt = 0; attempt < 8 && !moved; ++attempt) {
       const Eigen::VectorXd to = limited(at.step / (1.0 + damping), result.psi);
+      const auto carry_there = [&] {
+        const measure_point there(scale_, to, host_.theta(), host_.omega());
+        if (there.theta.allFinite() && there.prior.is_definite())
+          carry(at, to - result.psi, there, drawn);
+      };
+      if (carried) carry_there();
       // What a first attempt finds is mostly what the next step needs.
       draw_measure next = measure(drawn, to, attempt == 0 ? detail::derivatives : detail::value);
-      int starved = 0;
-      for (std::size_t i = 0; i < next.subjects.size(); ++i)
-        if (host_.model().observations(static_cast<int>(i)) > 0 &&
-            next.subjects[i].effective_share <
-                std::min(least_effective_share * here.subjects[i].effective_share,
-                         ample_samples / static_cast<double>(drawn.plan.samples())))
-          ++starved;
-      const bool sound = next.finite && next.log_likelihood > at.log_likelihood &&
-                         starved <= most_starved * host_.model().subjects();
+      if (moves_predictions_ && !carried && next.finite && starves(here, next)) {
+        carried = true;
+        carry_there();
+        next = {};
+        next = measure(drawn, to, attempt == 0 ? detail::derivatives : detail::value);
+      }
+      const bool sound =
+          next.finite && next.log_likelihood > at.log_likelihood && !starves(here, next);
       if (sound && attempt > 0) {
         next = {};  // one of many subjects takes much memory
         next = measure(drawn, to, detail::derivatives);
       }
       if (!sound || !next.finite) {
+        if (drawn.proposals != proposals) {
+          drawn.proposals = proposals;
+          drawn.theta = theta;
+          drawn.population = population;
+          draw_again(drawn);
+        }
         damping = damping == 0.0 ? 0.5 : 4.0 * damping + 1.0;
         continue;
       }
@@ -650,8 +711,11 @@ bool newton_method::advance(run_state& state) const {
     if (moved) return true;
     const ascent last = climb(drawn, psi, here, 1);
     if (engine_host::stopped()) return stopped();
-    if (last.gained <= last_step_ratio * here.gain + last_step_slack && take_force(state, last.psi))
+    if (last.gained <= last_step_ratio * here.gain + last_step_slack &&
+        take_force(state, last.psi)) {
+      n.proposals = drawn.proposals;
       follow(last.end(here), n);
+    }
     n.arrived = true;
     state.ended = true;
   } else {
@@ -662,6 +726,7 @@ bool newton_method::advance(run_state& state) const {
       state.ended = true;
       return true;
     }
+    n.proposals = drawn.proposals;
     follow(up.end(here), n);
     const bool noise_is_left = here.gain <= std::max(noise_limit, 3.0 * here.noise);
     if ((noise_is_left || up.gained < 0.5) && (here.noise > noise_limit || !enough)) {

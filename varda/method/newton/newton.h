@@ -24,6 +24,8 @@ struct draw_measure {
   std::vector<subject_measure> subjects;
   // Of the subjects of this process: mean and covariance of phi given the data, by columns.
   Eigen::MatrixXd moments;
+  // Of the same, where parameters move predictions: the derivative of that mean by psi, by columns.
+  Eigen::MatrixXd shifts;
   // Of every group of samples alone, groups x subjects.
   Eigen::MatrixXd group_log_likelihood;
   // What is still ahead in -2 log-likelihood and its noise, by this information.
@@ -144,8 +146,12 @@ class newton_method final : public estimation_method {
   bool advance(run_state& state) const;
   bool start(run_state& state) const;
   void propose_from(const std::vector<normal_posterior>& modes, run_state& state) const;
-  ascent climb(const whole_draw& drawn, const Eigen::VectorXd& psi, const draw_measure& here,
+  ascent climb(whole_draw& drawn, const Eigen::VectorXd& psi, const draw_measure& here,
                int most_steps) const;
+  bool starves(const draw_measure& before, const draw_measure& behind) const;
+  void carry(const draw_measure& from, const Eigen::VectorXd& by, const measure_point& to,
+             whole_draw& drawn) const;
+  void draw_again(whole_draw& drawn) const;
   void judge_information(draw_measure& of, const Eigen::VectorXd& psi,
                          const std::vector<Eigen::VectorXd>& left_alone) const;
   void leave_flat_alone(whole_draw& drawn, const Eigen::VectorXd& psi, draw_measure& here) const;
@@ -173,6 +179,7 @@ class newton_method final : public estimation_method {
   coordinates scale_;
   int points_factor_;
   int verdict_points_;
+  bool moves_predictions_;  // some parameter without a random effect does
   std::size_t draw_memory_;
 };
 
