@@ -9,8 +9,8 @@
 # start value is NA. Compiling TMB's template and loading packages are not counted.
 suppressMessages({
   library(nlme)
-  library(lme4)
-  library(TMB)
+  has_lme4 <- require(lme4, quietly = TRUE)
+  has_tmb <- require(TMB, quietly = TRUE)
 })
 arguments <- commandArgs(trailingOnly = TRUE)
 data_file <- normalizePath(arguments[1])
@@ -122,5 +122,5 @@ try_tmb <- function() {
 }
 
 try_nlme()
-try_lme4()
-try_tmb()
+if (has_lme4) try_lme4()
+if (has_tmb) try_tmb()
