@@ -38,6 +38,18 @@ TEST(Job, GathersColumnsBitByBit) {
   EXPECT_EQ(wrong, 0);
 }
 
+TEST(Job, GathersColumnsOfSomeSubjects) {
+  const std::vector<int> some = {1, 2, 6, 7, 8, 12, 24, 25};
+  std::vector<double> values;
+  for (const int i : some)
+    for (int k = 0; k < 3; ++k) values.push_back(peers->owns(i) ? 10.0 * i + k : -1.0);
+  EXPECT_FALSE(peers->gather(values.data(), 3, some));
+  std::vector<double> expected;
+  for (const int i : some)
+    for (int k = 0; k < 3; ++k) expected.push_back(10.0 * i + k);
+  EXPECT_EQ(values, expected);
+}
+
 TEST(Job, TellsAFlagOfAnyProcess) {
   for (int r = 0; r < peers->size(); ++r) {
     EXPECT_TRUE(peers->any(peers->rank() == r));

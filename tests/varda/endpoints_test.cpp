@@ -42,7 +42,7 @@ population_model model_of(
 
 // A model file and its data, written for a test.
 std::string written(const std::string& name, const std::string& text) {
-  const std::string path = testing::TempDir() + "endpoints_test_" + name;
+  const std::string path = "endpoints_test_" + name;
   std::ofstream(path) << text;
   return path;
 }

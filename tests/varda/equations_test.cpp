@@ -158,9 +158,8 @@ std::string file_text(const std::string& section, const std::string& key, const 
 }
 
 TEST(Equations, RefusesWhatIsNoFormula) {
-  const std::string folder = testing::TempDir() + "equations_test_";
-  std::ofstream(testing::TempDir() + "formulas.csv") << "ID,TIME,DV,AMT,wt\n1,0,.,1,70\n";
-  const std::string path = folder + "model.toml";
+  std::ofstream("formulas.csv") << "ID,TIME,DV,AMT,wt\n1,0,.,1,70\n";
+  const std::string path = "model.toml";
   const auto read = [&](const std::string& section, const std::string& key,
                         const std::string& value, int& row) {
     std::ofstream(path) << file_text(section, key, value, row);

@@ -32,11 +32,26 @@ likelihood = "agq"
 agq_nodes = 5
 END
 sed 's/"combined"/"additive"/; /^proportional/d; /^start/d; /^map_/d' em.toml >closed.toml
+# Few observations: a fit that mends subjects, of which some are without observations.
+awk -F, '$1 ~ /^[38]$/ && $5 == 1 { print 100 + $1 ",0,300,0,1,70" }
+  NR == 1 || $5 == 1 || (++seen[$1] + $1) % 4 == 0' theophylline.csv >few.csv
+sed 's/^file = .*/file = "few.csv"/' theophylline.toml >mended.toml
+# A parameter without a random effect from afar: samples are carried along with it.
+awk 'BEGIN { OFS = ","; print "ID,TIME,AMT,DV,EVID,DVID"
+  for (i = 1; i <= 6; ++i) { print i, 0, 100 * 4 ^ (i % 3), ".", 1, "."
+    for (t = 1; t <= 24; t *= 2) print i, t, ".", 1, 0, 1
+    for (t = 30; t <= 72; t += 6) print i, t, ".", 1, 0, 2 } }' >data.csv
+"$varda" new "one-compartment oral + tumour-growth inhibition" --output carried.toml
+sed -i 's/= 0.2$/= 0.06/; s/^proportional = .*/proportional = 0.1/' carried.toml
+"$varda" simulate carried.toml -n 1 --output simulated.csv
+sed -Ei 's/data.csv/simulated.csv/; s/^((KD|resistance) = \{ start = )[0-9.]*/\10.1/' carried.toml
+printf '[estimation]\nmax_iterations = 2\n' >>carried.toml
 # Threads share the points of a subject where the model is costly.
 { cat "$example"/equations.toml; printf '\n[estimation]\nsamples = 100\nnpde_samples = 100\n'; } >ode.toml
 
 # cases: name, command, model file, numbers of processes
 cases=("newton fit theophylline.toml 1 2 3 4" "em fit em.toml 1 2 3 4" "closed fit closed.toml 2 3"
+  "mended fit mended.toml 2 3" "carried fit carried.toml 2"
   "evaluated evaluate theophylline.toml 1 2 3 4" "ode evaluate ode.toml 3")
 for entry in "${cases[@]}"; do
   read -r name command model counts <<<"$entry"

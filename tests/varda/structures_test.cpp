@@ -491,7 +491,7 @@ TEST(ReadyStructures, LinearTextsAreTheClosedForms) {
 class structure_files : public testing::Test {
  protected:
   structure_files() { write_data("ID,TIME,DV,AMT,WT\n1,0,.,100,70\n1,1,5,.,70\n1,3,4,.,70\n"); }
-  void write_data(const std::string& text) { std::ofstream(folder_ + name_ + ".csv") << text; }
+  void write_data(const std::string& text) { std::ofstream(name_ + ".csv") << text; }
   model_specification read(const std::string& model, const std::string& parameters,
                            const std::string& omega = "") {
     std::ofstream(path_) << "data = { file = \"" << name_ << ".csv\" }\n[model]\n"
@@ -512,10 +512,8 @@ class structure_files : public testing::Test {
     return {};
   }
 
-  // Tests may run at the same time.
   std::string name_ = testing::UnitTest::GetInstance()->current_test_info()->name();
-  std::string folder_ = testing::TempDir();
-  std::string path_ = folder_ + name_ + ".toml";
+  std::string path_ = name_ + ".toml";
   findings warnings_;
 };
 

@@ -81,7 +81,13 @@ bool engine_host::agree_on_stop() {
 }
 
 bool engine_host::share(Eigen::MatrixXd& by_subject) {
+  assert(by_subject.cols() == current().model().subjects());
   return !note_stop(current().peers_.gather(by_subject.data(), by_subject.rows(), by_subject.cols(),
+                                            stop_requested() || stopped()));
+}
+
+bool engine_host::share(Eigen::MatrixXd& by_subject, const std::vector<int>& subjects) {
+  return !note_stop(current().peers_.gather(by_subject.data(), by_subject.rows(), subjects,
                                             stop_requested() || stopped()));
 }
 

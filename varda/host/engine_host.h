@@ -69,9 +69,11 @@ class engine_host {
   static bool stopped();
   // Has the processes agree whether one was; collective. The same as stopped() afterwards.
   static bool agree_on_stop();
-  // Makes what each process has of its own subjects, a column each, known to all. Collective. False
-  // when a stop was asked for, which the processes agree on here too.
+  // Makes what each process has of its own subjects, a column each, known to all. The columns are
+  // those of all subjects, or of the ones listed. Collective. False when a stop was asked for,
+  // which the processes agree on here too.
   static bool share(Eigen::MatrixXd& by_subject);
+  static bool share(Eigen::MatrixXd& by_subject, const std::vector<int>& subjects);
   // Whether this process alone has been asked.
   static bool stop_requested() noexcept;
   // To be called from a signal handler.

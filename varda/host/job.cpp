@@ -3,6 +3,8 @@
 
 #include <sched.h>
 
+#include <numeric>
+
 #include "varda/host/launcher.h"
 
 namespace varda {
@@ -26,8 +28,19 @@ bool job::gather(double* values, std::ptrdiff_t rows, std::ptrdiff_t subjects, b
                 flag);
 }
 
+bool job::gather(double* values, std::ptrdiff_t rows, const std::vector<int>& subjects,
+                 bool flag) const {
+  return exchange(values, subjects, std::vector<std::ptrdiff_t>(subjects.size(), rows), flag);
+}
+
+bool job::gather(double* values, const std::vector<std::ptrdiff_t>& sizes, bool flag) const {
+  std::vector<int> subjects(sizes.size());
+  std::iota(subjects.begin(), subjects.end(), 0);
+  return exchange(values, subjects, sizes, flag);
+}
+
 bool job::any(bool flag) const {
-  return gather(nullptr, std::vector<std::ptrdiff_t>(), flag);
+  return exchange(nullptr, {}, {}, flag);
 }
 
 std::vector<int> allowed_cores() {

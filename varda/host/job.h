@@ -31,13 +31,16 @@ class job {
   bool is_root() const { return rank_ == 0; }
 
   // Processes share subjects (from 0), which are dealt out in turn.
-  bool owns(int subject) const { return (subject + 1) % size_ == rank_; }
+  bool owns(int subject) const { return owner_of(subject) == rank_; }
 
   // `values` holds a column of reals for each subject, one after the other, each good on the
-  // process that owns the subject; afterwards all of them are good everywhere. The columns have
-  // `rows` reals, or as many as `sizes` says. Returns whether any process has set `flag`.
+  // process that owns the subject; afterwards all of them are good everywhere. The columns are
+  // those of the first `subjects` subjects, or of the ones that `subjects` lists; they have `rows`
+  // reals, or as many as `sizes` says of every subject. Returns whether any process has set `flag`.
   // Collective.
   bool gather(double* values, std::ptrdiff_t rows, std::ptrdiff_t subjects,
+              bool flag = false) const;
+  bool gather(double* values, std::ptrdiff_t rows, const std::vector<int>& subjects,
               bool flag = false) const;
   bool gather(double* values, const std::vector<std::ptrdiff_t>& sizes, bool flag = false) const;
 
@@ -62,6 +65,12 @@ class job {
   const std::string& why_one_thread() const { return why_one_thread_; }
 
  private:
+  int owner_of(int subject) const { return (subject + 1) % size_; }
+
+  // What `gather` does, for these subjects with columns of these sizes.
+  bool exchange(double* values, const std::vector<int>& subjects,
+                const std::vector<std::ptrdiff_t>& sizes, bool flag) const;
+
   // The cores that the process may use, divided by how many processes of the job may use each.
   int own_cores() const;
 

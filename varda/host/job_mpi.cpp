@@ -88,10 +88,13 @@ job::~job() {
 }
 
 // Each process sends the columns of its subjects with its flag behind them.
-bool job::gather(double* values, const std::vector<std::ptrdiff_t>& sizes, bool flag) const {
+bool job::exchange(double* values, const std::vector<int>& subjects,
+                   const std::vector<std::ptrdiff_t>& sizes, bool flag) const {
   if (size_ == 1) return flag;
   const auto processes = static_cast<std::size_t>(size_);
-  const auto owner = [&](std::size_t subject) { return (subject + 1) % processes; };
+  const auto owner = [&](std::size_t column) {
+    return static_cast<std::size_t>(owner_of(subjects[column]));
+  };
   bool any = false;
   std::size_t first = 0;
   do {

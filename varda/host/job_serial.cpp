@@ -13,8 +13,8 @@ job::job(int* /*argc*/, char*** /*argv*/) {
 
 job::~job() = default;
 
-bool job::gather(double* /*values*/, const std::vector<std::ptrdiff_t>& /*sizes*/,
-                 bool flag) const {
+bool job::exchange(double* /*values*/, const std::vector<int>& /*subjects*/,
+                   const std::vector<std::ptrdiff_t>& /*sizes*/, bool flag) const {
   return flag;
 }
 

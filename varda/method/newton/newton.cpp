@@ -382,24 +382,22 @@ bool newton_method::add(const whole_draw& drawn, const measure_point& at, detail
     figure.segment(7 + p + p * p, p * p) = scatter.reshaped();
     figure.tail(groups) = details.group_log_likelihood;
   };
-  // Of so many subjects at a time, whole turns of the processes.
-  const auto processes = static_cast<std::size_t>(host_.peers().size());
   const std::size_t at_once =
-      std::max(static_cast<std::size_t>(most_figures / figures) / processes, std::size_t{1}) *
-      processes;
+      std::max(static_cast<std::size_t>(most_figures / figures), std::size_t{1});
   for (std::size_t first = 0; first < subjects.size(); first += at_once) {
     const std::size_t last = std::min(first + at_once, subjects.size());
     packed = Eigen::MatrixXd::Zero(figures, static_cast<Eigen::Index>(last - first));
+    const std::vector<int> some(subjects.begin() + static_cast<std::ptrdiff_t>(first),
+                                subjects.begin() + static_cast<std::ptrdiff_t>(last));
     std::vector<int> own;
-    for (std::size_t k = first; k < last; ++k)
-      if (owns(host_, subjects[k])) own.push_back(subjects[k]);
-    const auto begin = subjects.begin() + static_cast<std::ptrdiff_t>(first);
+    for (const int i : some)
+      if (owns(host_, i)) own.push_back(i);
     for_each_subject(host_, own, verdict_samples, [&](int i, int worker) {
-      one(i, worker, std::lower_bound(begin, subjects.end(), i) - begin);
+      one(i, worker, std::lower_bound(some.begin(), some.end(), i) - some.begin());
     });
-    if (!engine_host::share(packed)) return sum.finite = false;
+    if (!engine_host::share(packed, some)) return sum.finite = false;
     for (Eigen::Index k = 0; k < packed.cols(); ++k) {
-      const int i = begin[k];
+      const int i = some[static_cast<std::size_t>(k)];
       const auto figure = packed.col(k);
       sum.finite = sum.finite && figure(0) > -1e10;
       sum.log_likelihood += sign * figure(0);
