@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <initializer_list>
 
-#include "statsubs/estep/normal_quantiles.h"
 #include "statsubs/estep/proposals.h"
 #include "varda/simulation/uniforms.h"
 
@@ -18,10 +17,10 @@ class deviates {
   explicit deviates(std::initializer_list<int> address) : numbers_(address) {}
   double uniform() { return numbers_.next(); }
   double normal() { return statsubs::dnorminv(uniform()); }
-  // `count` of them, the same numbers: the processor then works on many at once.
-  void normals(double* to, std::ptrdiff_t count) {
+  // `count` of them. Their statsubs::normal_quantiles are as many of normal(): the processor then
+  // works on many at once.
+  void uniforms(double* to, std::ptrdiff_t count) {
     numbers_.take(to, static_cast<std::size_t>(count));
-    statsubs::normal_quantiles({to, 1, static_cast<int>(count)});
   }
   // With degrees of freedom from 2 on; G. Marsaglia and W. W. Tsang, ACM Transactions on
   // Mathematical Software 26 (2000) 363.

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "statsubs/distributions/cumnor.h"
+#include "statsubs/estep/normal_quantiles.h"
 #include "varda/model/equations/outcome_formulas.h"
 #include "varda/simulation/threads.h"
 
@@ -76,8 +77,6 @@ void subject_simulator::lay_out() {
 
 template <class Next, class After>
 void subject_simulator::draw_block(int size, const Next& next, const After& after, block& made) {
-  // A line of memory holds so many of the individuals' deviations of one observation.
-  constexpr int together = 8;
   const auto& observed = model_.data().subjects[static_cast<std::size_t>(subject_)].observations;
   const auto n = static_cast<Eigen::Index>(observed.size());
   // The observations with Student's t and their degrees of freedom.
@@ -89,18 +88,30 @@ void subject_simulator::draw_block(int size, const Next& next, const After& afte
   }
   made.phi.resize(mu_.size(), size);
   made.deviations.resize(size, n);
-  Eigen::VectorXd z(mu_.size());
-  Eigen::MatrixXd e(n, together);
+  // The random effects of an individual, then its deviations. Those of some individuals become
+  // normal together: lines of memory hold so many of one observation's.
+  const Eigen::Index effects = mu_.size();
+  const int together = std::clamp(static_cast<int>(4096 / (effects + n)) / 8 * 8, 8, 64);
+  Eigen::MatrixXd drawn(effects + n, together);
+  Eigen::MatrixXd divisors(static_cast<Eigen::Index>(student.size()), together);
   for (int begin = 0; begin < size; begin += together) {
     const int count = std::min(together, size - begin);
     for (int k = 0; k < count; ++k) {
       deviates& draw = next(begin + k);
-      for (double& value : z) value = draw.normal();
-      made.phi.col(begin + k) = mu_ + factor_ * z;
-      draw.normals(e.col(k).data(), n);
-      for (const auto& [j, nu] : student) e(j, k) /= std::sqrt(draw.chi_square(nu) / nu);
+      draw.uniforms(drawn.col(k).data(), drawn.rows());
+      for (std::size_t s = 0; s < student.size(); ++s) {
+        const double nu = student[s].second;
+        divisors(static_cast<Eigen::Index>(s), k) = std::sqrt(draw.chi_square(nu) / nu);
+      }
       after(draw);
     }
+    statsubs::normal_quantiles({drawn.data(), static_cast<int>(drawn.rows()), count});
+    for (int k = 0; k < count; ++k)
+      made.phi.col(begin + k) = mu_ + factor_ * drawn.col(k).head(effects);
+    auto e = drawn.bottomRows(n);
+    for (std::size_t s = 0; s < student.size(); ++s)
+      e.row(student[s].first).head(count).array() /=
+          divisors.row(static_cast<Eigen::Index>(s)).head(count).array();
     made.deviations.middleRows(begin, count) = e.leftCols(count).transpose();
   }
   joint_.predict(subject_, asking_, theta_.data(), made.phi, made.predictions, scratch_);
