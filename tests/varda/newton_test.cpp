@@ -529,6 +529,32 @@ TEST(NewtonMethod, ConvergesOnManySubjects) {
         << thetas[k].name;
 }
 
+// Of theophylline's subjects none shows a tail.
+TEST(NewtonMethod, DrawsManySubjectsFromThePopulationToo) {
+  const population_model few = test::theophylline();
+  for (const int times : {1, 400}) {
+    const population_model model = test::simulated(few, times, 7);
+    const job alone(nullptr, nullptr);
+    engine_host host(model, alone);
+    const auto subjects = static_cast<std::size_t>(model.subjects());
+    whole_draw drawn;
+    drawn.theta = host.theta();
+    drawn.population = 0.5 * Eigen::MatrixXd::Identity(3, 3);
+    const draw_component own = {1.0, Eigen::Vector3d::Constant(9.0), drawn.population};
+    drawn.proposals.assign(subjects, mixture_of({own}));
+    const draw_mixture from = components_of(model, drawn, 3);
+    EXPECT_EQ(from->front().share, 1.0);
+    EXPECT_EQ(from->front().centre, own.centre);
+    ASSERT_EQ(from->size(), times == 1 ? 1U : 2U);
+    if (times == 1) continue;
+    Eigen::VectorXd mu(3);
+    model.means(3, drawn.theta.data(), mu.data());
+    EXPECT_EQ(from->back().share, 0.0625);
+    EXPECT_EQ(from->back().centre, mu);
+    EXPECT_EQ(from->back().factor, drawn.population);
+  }
+}
+
 TEST(NewtonMethod, KeepsTheBestOfSeveralStarts) {
   const population_model model = test::theophylline([](model_specification& file) {
     file.estimation.npde_samples = 0;

@@ -41,8 +41,10 @@ constexpr Eigen::Index most_figures = 1 << 20;
 // Samples of a subject besides those of its normal density, as shares of these: of the population
 // where the shape of the weights' tail has been above `some_tail` (that of bounded weights is
 // clearly negative), and of a wider normal density where it has been above `heavy_tail`.
+// Of more than so many subjects some have tails that their samples have not shown yet.
 constexpr double population_share = 0.0625;
 constexpr double some_tail = -0.35;
+constexpr int subjects_with_hidden_tails = 4000;
 constexpr double heavy_tail = 0.5;
 constexpr double wide_share = 0.25;
 constexpr double wide_by = 2.0;
@@ -189,12 +191,15 @@ bool newton_method::start(run_state& state) const {
 // A conditional distribution can have the tails of the population where its data say little of a
 // parameter beyond some value, or heavy ones all around. The first hardly show in the weights until
 // a sample falls there, one in a million of a trial's, so that every subject whose weights are not
-// clearly bounded has samples of the population; the others are met by a wider normal density. They
-// bound the weights. Both are drawn besides, which leaves the first component its net of points.
+// clearly bounded has samples of the population, as has every one of very many subjects: there each
+// draw would find more such tails, and the maximum would move with them. The others are met by a
+// wider normal density. They bound the weights. Both are drawn besides, which leaves the first
+// component its net of points.
 draw_mixture components_of(const population_model& model, const whole_draw& drawn, int subject) {
   const auto own = static_cast<std::size_t>(subject);
   const double tail = drawn.tails.empty() ? -1.0 : drawn.tails[own];
-  if (drawn.proposals[own]->size() != 1 || tail < some_tail) return drawn.proposals[own];
+  const bool has_tail = tail >= some_tail || model.subjects() > subjects_with_hidden_tails;
+  if (drawn.proposals[own]->size() != 1 || !has_tail) return drawn.proposals[own];
   std::vector<draw_component> result = *drawn.proposals[own];
   Eigen::VectorXd mu(model.random_effects());
   model.means(subject, drawn.theta.data(), mu.data());
