@@ -85,7 +85,7 @@ bool newton_method::maximise(run_state& state, int held, double hopeless, draw_m
     if (!draw(state, {point_pass::purpose::trial, last ? 0 : d}, points_factor_ * trial_samples,
               groups_of_a_draw, drawn))
       return false;
-    if (held >= 0) drawn.left_alone = {Eigen::VectorXd::Unit(scale_.size(), held)};
+    if (held >= 0) drawn.weak = {{Eigen::VectorXd::Unit(scale_.size(), held)}};
     const Eigen::VectorXd psi = psi_in_force();
     end = measure(drawn, psi, detail::derivatives);
     if (!end.finite || last) return true;

@@ -25,6 +25,8 @@ constexpr double rounding = 1e-9;
 // Of the logarithm of a deviation: an error of a variance that says nothing.
 constexpr double absurd_error = 3.0;
 constexpr double noticeable_share = 0.3;  // of a direction's largest component
+// Of a direction's square, in which no subject's score says anything.
+constexpr double empty_share = 0.25;
 
 Eigen::VectorXd units_of(const Eigen::MatrixXd& information) {
   return information.diagonal().cwiseAbs().cwiseMax(1e-12).cwiseSqrt();
@@ -32,6 +34,24 @@ Eigen::VectorXd units_of(const Eigen::MatrixXd& information) {
 
 Eigen::MatrixXd scaled_by(const Eigen::VectorXd& unit, const Eigen::MatrixXd& information) {
   return unit.cwiseInverse().asDiagonal() * information * unit.cwiseInverse().asDiagonal();
+}
+
+// The curvature that the scores of the subjects show along a direction, less their sampling error,
+// or zero. Where the data say nothing every subject's score vanishes but for that error; the
+// sampled information has the error of a difference of far larger terms, and may not show what they
+// do say.
+double curvature_of_scores(const Eigen::VectorXd& along, const Eigen::MatrixXd& outer_products,
+                           const Eigen::MatrixXd& scatter) {
+  const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(outer_products);
+  double empty = 0.0;
+  for (Eigen::Index k = 0; k < along.size(); ++k) {
+    const auto axis = solver.eigenvectors().col(k);
+    const double share = axis.dot(along);
+    if (solver.eigenvalues()(k) <= errors_of_nothing * axis.dot(scatter * axis) + rounding)
+      empty += share * share;
+  }
+  if (empty > empty_share) return 0.0;
+  return std::max(along.dot((outer_products - scatter) * along), 0.0);
 }
 
 // One group of a draw by itself.
@@ -56,10 +76,9 @@ whole_draw group_of(const whole_draw& drawn, int group) {
 }  // namespace
 
 // The Newton step, the gain it promises and the noise of that. A coordinate that a bound holds, the
-// gradient pushing outwards, takes no part; a direction that is left alone is made stiff.
+// gradient pushing outwards, takes no part; weak directions are made stiffer.
 void newton_method::judge_information(draw_measure& of, const Eigen::VectorXd& psi,
-                                      const std::vector<Eigen::VectorXd>& left_alone) const {
-  constexpr double stiff = 1e6;
+                                      const std::vector<weak_direction>& weak) const {
   const Eigen::Index p = psi.size();
   std::vector<Eigen::Index> free;
   for (Eigen::Index k = 0; k < p; ++k) {
@@ -87,9 +106,9 @@ void newton_method::judge_information(draw_measure& of, const Eigen::VectorXd& p
   }
   const Eigen::VectorXd unit = units_of(information);
   Eigen::MatrixXd scaled = scaled_by(unit, information);
-  for (const Eigen::VectorXd& direction : left_alone) {
-    const Eigen::VectorXd along = direction(free).cwiseProduct(unit).normalized();
-    scaled += stiff * along * along.transpose();
+  for (const weak_direction& w : weak) {
+    const Eigen::VectorXd along = w.along(free).cwiseProduct(unit).normalized();
+    scaled += w.added * along * along.transpose();
   }
   const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(scaled);
   of.definite = concave && (free.empty() || solver.eigenvalues()(0) > 0.0);
@@ -104,10 +123,10 @@ void newton_method::judge_information(draw_measure& of, const Eigen::VectorXd& p
   of.noise = noise.diagonal().cwiseQuotient(curvature).sum();
 }
 
-std::vector<Eigen::VectorXd> newton_method::flat_directions(const whole_draw& drawn,
-                                                            const Eigen::VectorXd& psi,
-                                                            const draw_measure& found) const {
-  std::vector<Eigen::VectorXd> result;
+std::vector<weak_direction> newton_method::weak_directions(const whole_draw& drawn,
+                                                           const Eigen::VectorXd& psi,
+                                                           const draw_measure& found) const {
+  std::vector<weak_direction> result;
   const Eigen::VectorXd unit = units_of(found.information);
   const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(scaled_by(unit, found.information));
   std::vector<Eigen::Index> small;
@@ -130,17 +149,35 @@ std::vector<Eigen::VectorXd> newton_method::flat_directions(const whole_draw& dr
                                    (drawn.plan.groups - 1.0) / drawn.plan.groups);
     const double eigenvalue = solver.eigenvalues()(small[s]);
     if (eigenvalue > errors_of_nothing * error && eigenvalue > rounding) continue;
-    const Eigen::VectorXd direction = solver.eigenvectors().col(small[s]).cwiseQuotient(unit);
+    const Eigen::VectorXd along = solver.eigenvectors().col(small[s]);
+    const Eigen::VectorXd direction = along.cwiseQuotient(unit);
     Eigen::Index largest = 0;
     direction.cwiseAbs().maxCoeff(&largest);
-    result.push_back(direction / direction(largest));
+    weak_direction& weak = result.emplace_back();
+    weak.along = direction / direction(largest);
+    if (const double shown = curvature_of_scores(along, scaled_by(unit, found.outer_products),
+                                                 scaled_by(unit, found.scatter));
+        shown > 0.0)
+      weak.added = std::max(shown - eigenvalue, 0.0);
   }
   return result;
 }
 
-covariance_estimate newton_method::invert(const draw_measure& found,
+Eigen::MatrixXd newton_method::strengthened(const Eigen::MatrixXd& information,
+                                            const std::vector<weak_direction>& weak) {
+  Eigen::MatrixXd result = information;
+  const Eigen::VectorXd unit = units_of(information);
+  for (const weak_direction& w : weak) {
+    if (w.is_flat()) continue;
+    const Eigen::VectorXd along = w.along.cwiseProduct(unit).normalized().cwiseProduct(unit);
+    result += w.added * along * along.transpose();
+  }
+  return result;
+}
+
+covariance_estimate newton_method::invert(const Eigen::MatrixXd& all_information,
                                           std::vector<Eigen::VectorXd>& flat) const {
-  const Eigen::Index p = found.information.rows();
+  const Eigen::Index p = all_information.rows();
   std::vector<char> dropped(static_cast<std::size_t>(p), 0);
   const auto is_variance = [&](Eigen::Index k) {
     return scale_.entries()[static_cast<std::size_t>(k)].diagonal;
@@ -152,12 +189,12 @@ covariance_estimate newton_method::invert(const draw_measure& found,
   constexpr double most = absurd_error * absurd_error;
   const std::vector<Eigen::VectorXd> named = flat;
   for (Eigen::Index k = 0; k < p; ++k)
-    if (is_variance(k) && found.information(k, k) * most <= 1.0) drop(k);
+    if (is_variance(k) && all_information(k, k) * most <= 1.0) drop(k);
   for (;;) {
     std::vector<Eigen::Index> kept;
     for (Eigen::Index k = 0; k < p; ++k)
       if (dropped[static_cast<std::size_t>(k)] == 0) kept.push_back(k);
-    const Eigen::MatrixXd information = found.information(kept, kept);
+    const Eigen::MatrixXd information = all_information(kept, kept);
     const Eigen::VectorXd unit = units_of(information);
     // Orthonormal directions with nothing in them.
     Eigen::MatrixXd empty(kept.size(), 0);
@@ -180,10 +217,10 @@ covariance_estimate newton_method::invert(const draw_measure& found,
       for (std::size_t k = 0; k < kept.size(); ++k)
         if (is_variance(kept[k]) &&
             (worst < 0 || information(static_cast<Eigen::Index>(k), static_cast<Eigen::Index>(k)) <
-                              found.information(worst, worst)))
+                              all_information(worst, worst)))
           worst = kept[k];
       if (worst < 0 ||
-          found.information(worst, worst) * undetermined_error * undetermined_error > 1.0)
+          all_information(worst, worst) * undetermined_error * undetermined_error > 1.0)
         return {false,
                 "the observed information is not positive definite: the estimates are not at a "
                 "maximum",
@@ -225,15 +262,16 @@ std::string newton_method::names_along(const Eigen::VectorXd& direction) const {
 }
 
 // Fixed effects run away along a direction in which neither slope nor curvature is more than noise.
-void newton_method::leave_flat_alone(whole_draw& drawn, const Eigen::VectorXd& psi,
-                                     draw_measure& here) const {
-  for (const Eigen::VectorXd& direction : flat_directions(drawn, psi, here)) {
-    const double slope = direction.dot(here.gradient);
-    const double error = std::sqrt(direction.dot(here.scatter * direction));
-    if (is_of_fixed_effects(direction) && std::fabs(slope) <= errors_of_nothing * error)
-      drawn.left_alone.push_back(direction);
+void newton_method::stiffen(whole_draw& drawn, const Eigen::VectorXd& psi,
+                            draw_measure& here) const {
+  for (const weak_direction& w : weak_directions(drawn, psi, here)) {
+    const double slope = w.along.dot(here.gradient);
+    const double error = std::sqrt(w.along.dot(here.scatter * w.along));
+    if (!w.is_flat() ||
+        (is_of_fixed_effects(w.along) && std::fabs(slope) <= errors_of_nothing * error))
+      drawn.weak.push_back(w);
   }
-  if (!drawn.left_alone.empty()) judge_information(here, psi, drawn.left_alone);
+  if (!drawn.weak.empty()) judge_information(here, psi, drawn.weak);
 }
 
 }  // namespace varda

@@ -293,8 +293,8 @@ bool newton_method::mend(run_state& state, const Eigen::VectorXd& psi, whole_dra
   }
   draw_kept(again, drawn);
   if (!add(drawn, at, detail::derivatives, repaired, 1.0, found)) return false;
-  drawn.left_alone.clear();
-  if (found.finite) judge_information(found, psi, drawn.left_alone);
+  drawn.weak.clear();
+  if (found.finite) judge_information(found, psi, drawn.weak);
   // What is not a number cannot be taken out of a sum.
   if (!found.finite || !std::isfinite(found.noise) || !std::isfinite(found.variance))
     found = measure(drawn, psi, detail::derivatives);
@@ -323,8 +323,7 @@ draw_measure newton_method::measure(const whole_draw& drawn, const Eigen::Vector
     if (model.observations(i) > 0) subjects.push_back(i);
   result.finite = true;
   if (!add(drawn, at, wanted, subjects, 1.0, result)) return result;
-  if (wanted == detail::derivatives && result.finite)
-    judge_information(result, psi, drawn.left_alone);
+  if (wanted == detail::derivatives && result.finite) judge_information(result, psi, drawn.weak);
   return result;
 }
 
@@ -668,7 +667,7 @@ bool newton_method::advance(run_state& state) const {
     return stopped();
   const Eigen::VectorXd psi = psi_in_force();
   draw_measure here = measure(drawn, psi, detail::derivatives);
-  if (here.finite) leave_flat_alone(drawn, psi, here);
+  if (here.finite) stiffen(drawn, psi, here);
   note(here, n);
   state.records.push_back({n.draws, -2.0 * here.log_likelihood, state.theta, state.omega});
   if (!here.finite) {
@@ -688,9 +687,8 @@ bool newton_method::advance(run_state& state) const {
   }
 
   // What is left alone on a few points may show on more.
-  const int least = drawn.left_alone.empty()
-                        ? verdict_points_
-                        : std::max(verdict_points_, points_factor_ * trial_samples);
+  const int least = drawn.weak.empty() ? verdict_points_
+                                       : std::max(verdict_points_, points_factor_ * trial_samples);
   const int most = points_factor_ * most_samples_of_a_draw;
   const bool enough = samples >= least;
   const auto arrived = [&] {
@@ -702,7 +700,7 @@ bool newton_method::advance(run_state& state) const {
     if (!here.finite) return true;
     n.checked = true;
     if (!changed) break;
-    leave_flat_alone(drawn, psi, here);
+    stiffen(drawn, psi, here);
     note(here, n);
     state.records.back().minus2ll = -2.0 * here.log_likelihood;
   }

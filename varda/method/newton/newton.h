@@ -55,6 +55,19 @@ int points_factor(int random_effects);
 // square of the points.
 int verdict_points(int random_effects, int subjects);
 
+// A direction of psi in which a sampled information does not differ from zero by more than its
+// error.
+struct weak_direction {
+  static constexpr double stiff = 1e6;
+  Eigen::VectorXd along;  // with a largest component of 1
+  // Curvature to be added there to the information with unit diagonal: what the subjects' scores
+  // say besides, or where these say nothing either so much that no step is taken along it and no
+  // gain seen there.
+  double added = stiff;
+
+  bool is_flat() const { return added >= stiff; }
+};
+
 // One draw of all subjects. The samples of as many as there is memory for are kept, in the order of
 // the subjects of this process; every measurement draws those of the others again.
 struct whole_draw {
@@ -66,8 +79,7 @@ struct whole_draw {
   std::vector<draw_mixture> proposals;
   std::vector<double> tails;
   std::vector<subject_draw> kept;  // by subject; empty where nothing is kept
-  // Directions of psi that are left alone: no step is taken along them and no gain seen there.
-  std::vector<Eigen::VectorXd> left_alone;
+  std::vector<weak_direction> weak;
 };
 
 // What the samples of a subject come from: its proposal, and what defends it against a tail.
@@ -114,14 +126,17 @@ class newton_method final : public estimation_method {
 
   const coordinates& scale() const { return scale_; }
 
-  // Directions of psi along which the information that a draw found does not differ from zero by
-  // more than its error, each with a largest component of 1. Collective.
-  std::vector<Eigen::VectorXd> flat_directions(const whole_draw& drawn, const Eigen::VectorXd& psi,
-                                               const draw_measure& found) const;
+  // Of the information that a draw found. Collective.
+  std::vector<weak_direction> weak_directions(const whole_draw& drawn, const Eigen::VectorXd& psi,
+                                              const draw_measure& found) const;
+  // The information with what is to be added in weak directions that are not flat.
+  static Eigen::MatrixXd strengthened(const Eigen::MatrixXd& information,
+                                      const std::vector<weak_direction>& weak);
   // The inverse of an information, with nothing along the directions that it says nothing of: those
   // that `flat` names, and coordinates of variances whose error would be absurd, which are added.
   // Not known where there is no maximum in all other directions.
-  covariance_estimate invert(const draw_measure& found, std::vector<Eigen::VectorXd>& flat) const;
+  covariance_estimate invert(const Eigen::MatrixXd& all_information,
+                             std::vector<Eigen::VectorXd>& flat) const;
   // Whether a direction moves fixed effects in the first place, and not the variances.
   bool is_of_fixed_effects(const Eigen::VectorXd& direction) const;
   // The names of the parameters that a direction moves: "V, S".
@@ -153,8 +168,8 @@ class newton_method final : public estimation_method {
              whole_draw& drawn) const;
   void draw_again(whole_draw& drawn) const;
   void judge_information(draw_measure& of, const Eigen::VectorXd& psi,
-                         const std::vector<Eigen::VectorXd>& left_alone) const;
-  void leave_flat_alone(whole_draw& drawn, const Eigen::VectorXd& psi, draw_measure& here) const;
+                         const std::vector<weak_direction>& weak) const;
+  void stiffen(whole_draw& drawn, const Eigen::VectorXd& psi, draw_measure& here) const;
   Eigen::VectorXd limited(const Eigen::VectorXd& step, const Eigen::VectorXd& psi) const;
   void follow(const draw_measure& found, newton_state& state) const;
   void note(const draw_measure& here, newton_state& state) const;

@@ -42,11 +42,15 @@ void find_errors(const newton_method& method, const whole_draw& drawn, const Eig
   // leaves it without one.
   constexpr double touched = 0.3;
   sampled_errors& errors = result.errors;
-  std::vector<Eigen::VectorXd> flat = method.flat_directions(drawn, psi, found);
-  for (const Eigen::VectorXd& direction : flat)
-    if (method.is_of_fixed_effects(direction))
-      result.unidentified.push_back(method.names_along(direction));
-  errors.information = method.invert(found, flat);
+  const std::vector<weak_direction> weak = method.weak_directions(drawn, psi, found);
+  std::vector<Eigen::VectorXd> flat;
+  for (const weak_direction& w : weak) {
+    if (!w.is_flat()) continue;
+    flat.push_back(w.along);
+    if (method.is_of_fixed_effects(w.along))
+      result.unidentified.push_back(method.names_along(w.along));
+  }
+  errors.information = method.invert(newton_method::strengthened(found.information, weak), flat);
   errors.known.assign(static_cast<std::size_t>(psi.size()), 1);
   if (errors.information.known) {
     Eigen::MatrixXd& covariance = errors.information.covariance;
