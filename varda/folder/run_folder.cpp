@@ -40,8 +40,7 @@ std::string reason_of(int number) {
   throw std::runtime_error(fmt::format("{} cannot be written: {}", path.string(), why));
 }
 
-// Writes a file to the disk itself, so that what is renamed later is whole after a loss of power.
-// Returns what the manifest says of it.
+// Writes a file and has the disk begin to take it. Returns what the manifest says of it.
 manifest::file write_file(const fs::path& path, const text_pieces& content) {
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "wb"),
                                                              std::fclose);
@@ -54,10 +53,22 @@ manifest::file write_file(const fs::path& path, const text_pieces& content) {
     written.size += piece.size();
     digest.add(piece);
   });
-  if (std::fflush(file.get()) != 0 || ::fsync(::fileno(file.get())) != 0)
-    fail(path, reason_of(errno));
+  if (std::fflush(file.get()) != 0) fail(path, reason_of(errno));
+  // Of no consequence where it fails: flush_file() waits for the disk, and tells.
+  ::sync_file_range(::fileno(file.get()), 0, 0, SYNC_FILE_RANGE_WRITE);
   written.sha256 = digest.digest();
   return written;
+}
+
+// Returns when a file that was written is on the disk itself, so that what is renamed later is whole
+// after a loss of power. Of several files all are written before the first is flushed: the disk
+// takes them together.
+void flush_file(const fs::path& path) {
+  const int opened = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (opened < 0) fail(path, reason_of(errno));
+  const int failure = ::fsync(opened) == 0 ? 0 : errno;
+  ::close(opened);
+  if (failure != 0) fail(path, reason_of(failure));
 }
 
 text_pieces one_piece(std::string content) {
@@ -73,6 +84,7 @@ void rename_or_fail(const fs::path& from, const fs::path& to) {
 void write_manifest(const fs::path& folder, const manifest& about) {
   const fs::path working = folder / (std::string(manifest_name) + ".new");
   write_file(working, one_piece(manifest_text(about)));
+  flush_file(working);
   rename_or_fail(working, folder / manifest_name);
 }
 
@@ -275,6 +287,7 @@ void run_folder::write_part(manifest& about) {
   for (const auto& [name, content] : added_)
     about.files.push_back(name == state_name ? write_state(content)
                                              : write_file(part_ / name, content));
+  for (const auto& [name, content] : added_) flush_file(part_ / name);
   write_manifest(part_, about);
   flush_folder(part_);
 }
@@ -282,6 +295,7 @@ void run_folder::write_part(manifest& about) {
 manifest::file run_folder::write_state(const text_pieces& content) {
   const fs::path working = part_ / (std::string(state_name) + ".new");
   manifest::file written = write_file(working, content);
+  flush_file(working);
   rename_or_fail(working, part_ / state_name);
   written.name = state_name;
   return written;
