@@ -277,5 +277,34 @@ TEST(Densities, RefusePredictionsThatTheErrorCannotTake) {
   }
 }
 
+// Any number of samples and quantities; beside Eigen's products, which sum in another order.
+TEST(WeighedProducts, AreEigensAndOfTheSameBitsWithEveryKernel) {
+  std::srand(3);
+  for (const auto& [samples, columns, others] :
+       {std::array{1, 1, 1}, {7, 2, 3}, {64, 3, 5}, {77, 5, 4}, {513, 7, 1}}) {
+    const Eigen::MatrixXd x = Eigen::MatrixXd::Random(samples, columns);
+    const Eigen::MatrixXd y = Eigen::MatrixXd::Random(samples, others);
+    const Eigen::VectorXd weights = Eigen::VectorXd::Random(samples).cwiseAbs();
+    for (const Eigen::MatrixXd* by : {&y, &x}) {
+      const Eigen::MatrixXd expected = x.transpose() * weights.asDiagonal() * *by;
+      std::vector<Eigen::MatrixXd> found;
+      for (const lane_kernel* with : kernels()) {
+        Eigen::MatrixXd& sums = found.emplace_back(columns, by->cols());
+        with->weigh_products({{x.data(), static_cast<std::size_t>(x.cols())},
+                              {by->data(), static_cast<std::size_t>(by->cols())},
+                              static_cast<std::size_t>(samples),
+                              weights.data(),
+                              static_cast<std::size_t>(samples),
+                              sums.data()});
+        EXPECT_LT((sums - expected).cwiseAbs().maxCoeff(), 1e-13 * samples);
+        EXPECT_EQ(sums, found.front());
+      }
+      if (by == &x) {
+        EXPECT_EQ(found.front(), found.front().transpose());
+      }
+    }
+  }
+}
+
 }  // namespace
 }  // namespace varda

@@ -48,10 +48,39 @@ double failures_in_bulk(const Eigen::MatrixXd& centred, const Eigen::MatrixXd& c
 // x m' of samples in rows, with few entries in m and most often only its diagonal.
 template <class Matrix>
 Eigen::MatrixXd times_transposed(const Eigen::MatrixXd& x, const Matrix& m) {
-  Eigen::MatrixXd result = Eigen::MatrixXd::Zero(x.rows(), x.cols());
-  for (Eigen::Index a = 0; a < m.rows(); ++a)
+  Eigen::MatrixXd result(x.rows(), x.cols());
+  for (Eigen::Index a = 0; a < m.rows(); ++a) {
+    result.col(a) = m(a, a) * x.col(a);
     for (Eigen::Index b = 0; b < m.cols(); ++b)
-      if (m(a, b) != 0.0) result.col(a) += m(a, b) * x.col(b);
+      if (b != a && m(a, b) != 0.0) result.col(a) += m(a, b) * x.col(b);
+  }
+  return result;
+}
+
+// Samples as rows, less the centre.
+Eigen::MatrixXd rows_about(const Eigen::VectorXd& centre, const Eigen::MatrixXd& samples) {
+  Eigen::MatrixXd result(samples.cols(), samples.rows());
+  for (Eigen::Index a = 0; a < samples.rows(); ++a) {
+    const double own = centre(a);
+    const double* from = samples.data() + a;
+    for (double& to : result.col(a)) {
+      to = *from - own;
+      from += samples.rows();
+    }
+  }
+  return result;
+}
+
+// x' diagonal(weights) y.
+Eigen::MatrixXd weighed(const Eigen::MatrixXd& x, const Eigen::VectorXd& weights,
+                        const Eigen::MatrixXd& y) {
+  Eigen::MatrixXd result(x.cols(), y.cols());
+  best_lane_kernel().weigh_products({{x.data(), static_cast<std::size_t>(x.cols())},
+                                     {y.data(), static_cast<std::size_t>(y.cols())},
+                                     static_cast<std::size_t>(x.rows()),
+                                     weights.data(),
+                                     static_cast<std::size_t>(x.rows()),
+                                     result.data()});
   return result;
 }
 
@@ -105,7 +134,7 @@ subject_measure subject_sampler::measure(int subject, const subject_draw& drawn,
   // From here on samples are rows, so that a step is one loop over all of them.
   Eigen::VectorXd mu(effects);
   model.means(subject, at.theta.data(), mu.data());
-  const Eigen::MatrixXd eta = (drawn.phi.colwise() - mu).transpose();
+  const Eigen::MatrixXd eta = rows_about(mu, drawn.phi);
   const Eigen::MatrixXd z = times_transposed(eta, at.prior.whitener());
   const double prior_constant =
       at.prior.whitener().diagonal().array().log().sum() -
@@ -146,20 +175,19 @@ subject_measure subject_sampler::measure(int subject, const subject_draw& drawn,
   for (Eigen::Index j = 0; j < n; ++j)
     if (weights(j) > 0.0) result.scaled_squares += weights(j) * squares(j);
   result.scaled_squares /= std::max(model.observations(subject), 1);
-  details.mean = drawn.phi * weights;
-  const Eigen::MatrixXd centred = (drawn.phi.colwise() - details.mean).transpose();
-  details.covariance = centred.transpose() * (centred.array().colwise() * weights.array()).matrix();
+  const Eigen::VectorXd first = eta.transpose() * weights;
+  details.mean = mu + first;
+  const Eigen::MatrixXd centred = eta.rowwise() - first.transpose();
+  details.covariance = weighed(centred, weights, centred);
   if (failed > 0) result.failed = failures_in_bulk(centred, details.covariance, log_data);
 
   Eigen::MatrixXd scores = Eigen::MatrixXd::Zero(n, scale_.size());
   Eigen::MatrixXd hessian = Eigen::MatrixXd::Zero(scale_.size(), scale_.size());
   score_prior(subject, z, at, scores);
-  const Eigen::VectorXd first = details.mean - mu;
   hessian += curvature_of_prior(subject, first, details.covariance + first * first.transpose(), at);
   score_data(subject, drawn, f, {log_data, squares, weights}, at, scores, hessian, evaluations);
 
-  const Eigen::MatrixXd weighted = scores.array().colwise() * weights.array();
-  if (moves_predictions()) details.shift = centred.transpose() * weighted;
+  if (moves_predictions()) details.shift = weighed(centred, weights, scores);
   details.group_log_likelihood.resize(drawn.groups);
   details.group_gradient.resize(scale_.size(), drawn.groups);
   for (int g = 0; g < drawn.groups; ++g) {
@@ -167,13 +195,14 @@ subject_measure subject_sampler::measure(int subject, const subject_draw& drawn,
                                    ? largest + std::log(group_totals(g))
                                    : log_sum(log_weight.segment(g * size, size));
     details.group_log_likelihood(g) = group_total - std::log(static_cast<double>(size));
-    details.group_gradient.col(g) = weighted.middleRows(g * size, size).colwise().sum();
+    details.group_gradient.col(g).noalias() =
+        scores.middleRows(g * size, size).transpose() * weights.segment(g * size, size);
   }
   details.gradient = details.group_gradient.rowwise().sum();
   details.group_gradient.array().rowwise() /=
       (group_totals / total).transpose().array().max(least_total);
   details.information =
-      -(hessian + scores.transpose() * weighted - details.gradient * details.gradient.transpose());
+      details.gradient * details.gradient.transpose() - hessian - weighed(scores, weights, scores);
   if (drawn.groups > 1) {
     const Eigen::VectorXd of_groups = off_mean * (1.0 + off_mean) / (groups * (groups - 1.0));
     details.gradient += (details.group_gradient.colwise() - details.gradient).eval() * of_groups;

@@ -77,6 +77,22 @@ struct product_tile {
   const double* b = nullptr;  // the columns of one k together, lane_quantum apart
 };
 
+// Sums over samples of products of their quantities: of x(j, a) y(j, b) weights(j) over j, for
+// every a and b. A quantity's samples stand together, `stride` numbers from the next quantity's.
+// Where x and y are the same array the sums are exactly symmetric.
+struct weighed_products {
+  struct quantities {
+    const double* values = nullptr;
+    std::size_t count = 0;
+  };
+  quantities x;
+  quantities y;
+  std::size_t stride = 0;
+  const double* weights = nullptr;
+  std::size_t samples = 0;
+  double* sums = nullptr;  // x.count x y.count, by columns
+};
+
 struct lane_kernel {
   const char* name;
 
@@ -132,6 +148,9 @@ struct lane_kernel {
 
   // c becomes the sum.
   void (*add_products)(const product_tile& tile, std::size_t inner);
+
+  // Of any number of samples.
+  void (*weigh_products)(const weighed_products& of);
 };
 
 // The set chosen when the program began: the widest that the processor has, or the one that

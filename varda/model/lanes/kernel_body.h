@@ -634,6 +634,6 @@ constinit const lane_kernel VARDA_KERNEL = {
     finish_steps, near_limit,
     propagate,    {closed_forms<1>, closed_forms<2>, closed_forms<3>},
     residuals,    exponentials,
-    add_products};
+    add_products, weigh_products};
 
 }  // namespace varda
