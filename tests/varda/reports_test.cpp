@@ -103,7 +103,7 @@ TEST(Decorrelation, IsThatOfTheCholeskyFactor) {
     const Eigen::MatrixXd from_mean = (y.rowwise() - mean).transpose();
     const Eigen::MatrixXd expected = factor.triangularView<Eigen::Lower>().solve(from_mean);
 
-    const auto found = decorrelation::of(means, variances);
+    const auto found = decorrelation::of(means, variances, 1e-10);
     ASSERT_TRUE(found);
     decorrelation::sequence one(*found);
     for (Eigen::Index j = 0; j < n; ++j) {
@@ -120,6 +120,11 @@ TEST(Decorrelation, IsThatOfTheCholeskyFactor) {
       found->apply(again, *wide);
       EXPECT_EQ(again, all);
     }
+    const auto usual = decorrelation::of(means, variances);
+    ASSERT_TRUE(usual);
+    all = y;
+    usual->apply(all);
+    EXPECT_LT((all.transpose() - expected).norm(), 1e-4 * expected.norm());
   }
   EXPECT_FALSE(decorrelation::of(Eigen::MatrixXd::Random(9, 2), Eigen::Vector2d(1.0, 0.0)));
 }

@@ -20,20 +20,19 @@ constexpr Eigen::Index observations_of_block = 16;
 // Beyond so many columns for each observation a factor of low rank saves nothing.
 constexpr double largest_rank = 0.25;
 
-// U with U U' + diagonal(left) = f' f but for what is negligible beside 1, by a Cholesky
-// factorisation with pivots that stops when nothing in `left`, to begin with the diagonal of f' f,
-// is larger than the tolerance or than rounding leaves. False if that takes more than `most`
-// columns.
-bool compress(const Eigen::MatrixXd& f, Eigen::Index most, Eigen::MatrixXd& u,
+// U with U U' + diagonal(left) = f' f but for off-diagonal terms whose matrix has no eigenvalue
+// above the tolerance, by a Cholesky factorisation with pivots that stops when `left`, to begin
+// with the diagonal of f' f, sums to less than that or than rounding leaves. False if that takes
+// more than `most` columns.
+bool compress(const Eigen::MatrixXd& f, double tolerance, Eigen::Index most, Eigen::MatrixXd& u,
               Eigen::VectorXd& left) {
-  constexpr double tolerance = 1e-10;
   constexpr double rounding = 1e-13;
-  const double enough = std::max(tolerance, rounding * left.maxCoeff());
+  const double enough = std::max(tolerance, rounding * left.sum());
   u.resize(f.cols(), std::min<Eigen::Index>(most, 32));
   for (Eigen::Index r = 0;; ++r) {
     Eigen::Index pivot = 0;
     const double largest = left.maxCoeff(&pivot);
-    if (largest <= enough) {
+    if (left.sum() <= enough) {
       u.conservativeResize(Eigen::NoChange, r);
       return true;
     }
@@ -126,7 +125,7 @@ class triangle {
 }  // namespace
 
 std::optional<decorrelation> decorrelation::of(Eigen::MatrixXd means,
-                                               const Eigen::VectorXd& variances) {
+                                               const Eigen::VectorXd& variances, double tolerance) {
   const Eigen::Index n = means.cols();
   if (!(variances.array() > 0.0).all() || !variances.allFinite()) return std::nullopt;
   decorrelation result;
@@ -140,7 +139,7 @@ std::optional<decorrelation> decorrelation::of(Eigen::MatrixXd means,
   if (!own.allFinite()) return std::nullopt;
   const auto most = static_cast<Eigen::Index>(largest_rank * static_cast<double>(n));
   Eigen::MatrixXd dense;
-  if (n > observations_of_block && compress(means, most, result.loadings_, own)) {
+  if (n > observations_of_block && compress(means, tolerance, most, result.loadings_, own)) {
     result.block_ = observations_of_block;
     // No matrix is without entries.
     if (result.loadings_.cols() == 0) result.loadings_.setZero(n, 1);
