@@ -427,6 +427,7 @@ TEST(NewtonMethod, KnowsWhatIsWeaklyIdentifiedFromWhatIsNot) {
   ASSERT_TRUE(method.settle(state));
   const Eigen::VectorXd psi = method.scale().of(host.theta(), host.omega());
   int weak = 0;
+  int of_scores = 0;
   for (int d = 1; d <= 12; ++d) {
     whole_draw drawn;
     ASSERT_TRUE(method.draw(state, {point_pass::purpose::draw, d}, 1024, 4, drawn));
@@ -434,12 +435,19 @@ TEST(NewtonMethod, KnowsWhatIsWeaklyIdentifiedFromWhatIsNot) {
     for (const weak_direction& w : method.weak_directions(drawn, psi, found)) {
       ++weak;
       EXPECT_FALSE(w.is_flat()) << method.names_along(w.along);
+      if (w.is_of_scores() && method.is_of_fixed_effects(w.along)) {
+        ++of_scores;
+        draw_measure stiffer = found;
+        method.stiffen({w}, drawn, psi, stiffer);
+        EXPECT_LT(stiffer.noise, found.noise);
+      }
       std::vector<Eigen::VectorXd> none;
       EXPECT_TRUE(method.invert(newton_method::strengthened(found.information, {w}), none).known ||
                   w.added == 0.0);
     }
   }
   EXPECT_GT(weak, 0);
+  EXPECT_GT(of_scores, 0);
 }
 
 // Two factors of the dose: the fit ends, says which they are, and knows the errors of the others.

@@ -292,6 +292,7 @@ fit_result made_up_result(const population_model& model) {
   r.errors.eigenvalues = Eigen::VectorXd::LinSpaced(6, 0.375, 1.625);
   r.errors.condition_number = 13.0 / 3.0;
   r.errors.unidentified = "+0.71 ka -0.70 CL";
+  r.errors.from_scores = {"ka", "CL, omega(ka)"};
   r.kept_factors = 2;
   r.warnings = {{.level = severity::warning, .code = "W-MADE-UP", .message = "not a real one"}};
   const auto digest = [](char digit) { return std::string(64, digit); };

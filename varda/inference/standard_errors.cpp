@@ -294,6 +294,7 @@ standard_errors errors_from(engine_host& host, const sampled_errors& found) {
   if (!result.reason.empty()) return result;
   result.information = found.information;
   result.known = found.known;
+  result.from_scores = found.from_scores;
   conclude(host.model(), scale, found.scores, result);
   return result;
 }

@@ -71,6 +71,7 @@ struct standard_errors {
   double condition_number = 0.0;
   // The direction that the data do not identify, in words, when the condition number says so.
   std::string unidentified;
+  std::vector<std::string> from_scores;  // as in sampled_errors
 
   findings warnings;
 };
@@ -81,10 +82,13 @@ struct sampled_errors {
   covariance_estimate information;
   std::vector<char> known;  // by quantity
   Eigen::MatrixXd scores;   // sum of outer products of the subjects' scores
+  // What moves along each direction in which the scores stand in for the information, whose
+  // sampling error is too large.
+  std::vector<std::string> from_scores;
 
   template <class A>
   void visit(A& archive) {
-    archive(information, known, scores);
+    archive(information, known, scores, from_scores);
   }
 };
 

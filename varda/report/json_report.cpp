@@ -106,6 +106,7 @@ ordered_json standard_errors_report(const fit_result& result) {
   entry["eigenvalues"] = to_json(errors.eigenvalues);
   entry["condition_number"] = errors.condition_number;
   entry["unidentified"] = errors.unidentified;
+  entry["from_scores"] = errors.from_scores;
   return entry;
 }
 

@@ -241,6 +241,13 @@ void write_errors(sink out, const fit_result& result) {
   if (!errors.unidentified.empty())
     fmt::format_to(out, "{}\n",
                    wrapped("  The data do not identify the direction " + errors.unidentified, 4));
+  if (errors.shown != standard_error_kind::score)
+    for (const std::string& names : errors.from_scores)
+      fmt::format_to(out, "{}\n",
+                     wrapped(fmt::format("  Along {} the subjects' scores replace the information, "
+                                         "whose sampling error is too large there",
+                                         names),
+                             4));
   if (!errors.score.known)
     fmt::format_to(out, "{}\n",
                    wrapped("  No standard errors from the scores: " + errors.score.reason, 4));

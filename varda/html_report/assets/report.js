@@ -250,7 +250,10 @@
     const errors = results.standard_errors;
     if (errors && errors.reason) to.append("p").text(`No standard errors: ${errors.reason}`);
     else if (errors && errors.kind)
-      to.append("p").attr("class", "note").text(`Standard errors: ${errors.kind}.`);
+      to.append("p").attr("class", "note").text([`Standard errors: ${errors.kind}.`,
+        ...(errors.kind === "score" ? [] : errors.from_scores || []).map((names) =>
+          `Along ${names} the subjects' scores replace the information, whose sampling error is too large there.`),
+      ].join(" "));
   }
 
   function model() {

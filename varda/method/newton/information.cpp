@@ -263,9 +263,9 @@ std::string newton_method::names_along(const Eigen::VectorXd& direction) const {
 
 // Fixed effects run away along a direction in which neither slope nor curvature is more than noise.
 // Near a singular omega scores and curvature differ, so that variances have what the samples say.
-void newton_method::stiffen(whole_draw& drawn, const Eigen::VectorXd& psi,
-                            draw_measure& here) const {
-  for (const weak_direction& w : weak_directions(drawn, psi, here)) {
+void newton_method::stiffen(const std::vector<weak_direction>& weak, whole_draw& drawn,
+                            const Eigen::VectorXd& psi, draw_measure& here) const {
+  for (const weak_direction& w : weak) {
     const double slope = w.along.dot(here.gradient);
     const double error = std::sqrt(w.along.dot(here.scatter * w.along));
     if (is_of_fixed_effects(w.along) &&

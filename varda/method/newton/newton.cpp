@@ -667,7 +667,7 @@ bool newton_method::advance(run_state& state) const {
     return stopped();
   const Eigen::VectorXd psi = psi_in_force();
   draw_measure here = measure(drawn, psi, detail::derivatives);
-  if (here.finite) stiffen(drawn, psi, here);
+  if (here.finite) stiffen(weak_directions(drawn, psi, here), drawn, psi, here);
   note(here, n);
   state.records.push_back({n.draws, -2.0 * here.log_likelihood, state.theta, state.omega});
   if (!here.finite) {
@@ -700,7 +700,7 @@ bool newton_method::advance(run_state& state) const {
     if (!here.finite) return true;
     n.checked = true;
     if (!changed) break;
-    stiffen(drawn, psi, here);
+    stiffen(weak_directions(drawn, psi, here), drawn, psi, here);
     note(here, n);
     state.records.back().minus2ll = -2.0 * here.log_likelihood;
   }

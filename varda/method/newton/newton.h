@@ -66,6 +66,8 @@ struct weak_direction {
   double added = stiff;
 
   bool is_flat() const { return added >= stiff; }
+  // Whether the subjects' scores say more than the information.
+  bool is_of_scores() const { return added > 0.0 && !is_flat(); }
 };
 
 // One draw of all subjects. The samples of as many as there is memory for are kept, in the order of
@@ -129,6 +131,9 @@ class newton_method final : public estimation_method {
   // Of the information that a draw found. Collective.
   std::vector<weak_direction> weak_directions(const whole_draw& drawn, const Eigen::VectorXd& psi,
                                               const draw_measure& found) const;
+  // What is ahead by a draw, with the steps that weak directions of its information allow.
+  void stiffen(const std::vector<weak_direction>& weak, whole_draw& drawn,
+               const Eigen::VectorXd& psi, draw_measure& here) const;
   // The information with what is to be added in weak directions that are not flat.
   static Eigen::MatrixXd strengthened(const Eigen::MatrixXd& information,
                                       const std::vector<weak_direction>& weak);
@@ -169,7 +174,6 @@ class newton_method final : public estimation_method {
   void draw_again(whole_draw& drawn) const;
   void judge_information(draw_measure& of, const Eigen::VectorXd& psi,
                          const std::vector<weak_direction>& weak) const;
-  void stiffen(whole_draw& drawn, const Eigen::VectorXd& psi, draw_measure& here) const;
   Eigen::VectorXd limited(const Eigen::VectorXd& step, const Eigen::VectorXd& psi) const;
   void follow(const draw_measure& found, newton_state& state) const;
   void note(const draw_measure& here, newton_state& state) const;

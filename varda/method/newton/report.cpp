@@ -36,28 +36,28 @@ Eigen::MatrixXd jacobian(const population_model& model, const coordinates& scale
 namespace {
 
 // What the derivatives of a draw say of the errors of the estimates.
-void find_errors(const newton_method& method, const whole_draw& drawn, const Eigen::VectorXd& psi,
+void find_errors(const newton_method& method, const std::vector<weak_direction>& weak,
                  const draw_measure& found, const Eigen::MatrixXd& slopes, newton_report& result) {
   // A move of 1 along a flat direction that changes a quantity by more than this share of its error
   // leaves it without one.
   constexpr double touched = 0.3;
   sampled_errors& errors = result.errors;
-  const std::vector<weak_direction> weak = method.weak_directions(drawn, psi, found);
   std::vector<Eigen::VectorXd> flat;
   for (const weak_direction& w : weak) {
+    if (w.is_of_scores()) errors.from_scores.push_back(method.names_along(w.along));
     if (!w.is_flat()) continue;
     flat.push_back(w.along);
     if (method.is_of_fixed_effects(w.along))
       result.unidentified.push_back(method.names_along(w.along));
   }
   errors.information = method.invert(newton_method::strengthened(found.information, weak), flat);
-  errors.known.assign(static_cast<std::size_t>(psi.size()), 1);
+  errors.known.assign(static_cast<std::size_t>(slopes.cols()), 1);
   if (errors.information.known) {
     Eigen::MatrixXd& covariance = errors.information.covariance;
     covariance = slopes * covariance * slopes.transpose();
     for (const Eigen::VectorXd& direction : flat) {
       const Eigen::VectorXd change = slopes * direction;
-      for (Eigen::Index k = 0; k < psi.size(); ++k)
+      for (Eigen::Index k = 0; k < change.size(); ++k)
         if (std::fabs(change(k)) > touched * std::sqrt(std::max(covariance(k, k), 0.0)))
           errors.known[static_cast<std::size_t>(k)] = 0;
     }
@@ -86,6 +86,12 @@ newton_report report_at(engine_host& host, const newton_method& method, run_stat
     if (std::none_of(found.subjects.begin(), found.subjects.end(), is_sick)) break;
     if (!method.mend(state, psi, drawn, found, changed)) return result;
     if (!changed) break;
+  }
+  if (engine_host::stopped()) return result;
+  std::vector<weak_direction> weak;
+  if (found.finite) {
+    weak = method.weak_directions(drawn, psi, found);
+    method.stiffen(weak, drawn, psi, found);
   }
   if (engine_host::stopped()) return result;
   result.gain = found.gain;
@@ -123,8 +129,8 @@ newton_report report_at(engine_host& host, const newton_method& method, run_stat
   }
   likelihood.complete = found.finite;
   if (found.finite)
-    find_errors(method, drawn, psi, found,
-                jacobian(model, method.scale(), host.theta(), host.omega()), result);
+    find_errors(method, weak, found, jacobian(model, method.scale(), host.theta(), host.omega()),
+                result);
   return result;
 }
 
