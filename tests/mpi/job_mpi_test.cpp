@@ -50,6 +50,13 @@ TEST(Job, GathersColumnsOfSomeSubjects) {
   EXPECT_EQ(values, expected);
 }
 
+TEST(Job, AddsUpWhatEachProcessHas) {
+  std::vector<double> values = {1.0, 10.0 * peers->rank(), -2.0};
+  peers->add_up(values.data(), 3);
+  const double n = peers->size();
+  EXPECT_EQ(values, (std::vector<double>{n, 5.0 * n * (n - 1.0), -2.0 * n}));
+}
+
 TEST(Job, TellsAFlagOfAnyProcess) {
   for (int r = 0; r < peers->size(); ++r) {
     EXPECT_TRUE(peers->any(peers->rank() == r));

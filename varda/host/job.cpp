@@ -3,6 +3,7 @@
 
 #include <sched.h>
 
+#include <algorithm>
 #include <numeric>
 
 #include "varda/host/launcher.h"
@@ -37,6 +38,18 @@ bool job::gather(double* values, const std::vector<std::ptrdiff_t>& sizes, bool 
   std::vector<int> subjects(sizes.size());
   std::iota(subjects.begin(), subjects.end(), 0);
   return exchange(values, subjects, sizes, flag);
+}
+
+void job::add_up(double* values, std::ptrdiff_t count) const {
+  if (size_ == 1) return;
+  // A column for each process, that of a subject which it owns.
+  std::vector<double> columns(static_cast<std::size_t>(count * size_));
+  for (int subject = 0; subject < size_; ++subject)
+    if (owns(subject)) std::copy_n(values, count, columns.begin() + subject * count);
+  gather(columns.data(), count, size_);
+  std::fill_n(values, count, 0.0);
+  for (std::size_t k = 0; k < columns.size(); ++k)
+    values[k % static_cast<std::size_t>(count)] += columns[k];
 }
 
 bool job::any(bool flag) const {

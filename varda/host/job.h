@@ -44,6 +44,10 @@ class job {
               bool flag = false) const;
   bool gather(double* values, const std::vector<std::ptrdiff_t>& sizes, bool flag = false) const;
 
+  // Of `count` reals, of which each process has its own, the sums over all of them. These have the
+  // same bits with any number of processes only where adding does not round. Collective.
+  void add_up(double* values, std::ptrdiff_t count) const;
+
   // Whether any process has set it. Collective.
   bool any(bool flag) const;
 

@@ -12,6 +12,7 @@
 #include "varda/host/subjects.h"
 #include "varda/inference/minimise.h"
 #include "varda/method/newton/coordinates.h"
+#include "varda/support/orderless_sums.h"
 
 namespace varda {
 
@@ -22,7 +23,6 @@ constexpr int candidates = 256;
 constexpr int climbed = 5;
 constexpr double wide = 1.0;  // standard deviation of logarithms
 constexpr double coefficient_share = 0.5;
-constexpr int most_values_at_once = 100000;  // of candidates x subjects
 
 constexpr int most_iterations = 20;
 constexpr int iterations_after_new_modes = 6;
@@ -156,18 +156,9 @@ std::vector<pooled_fit> pooled_fits(const engine_host& host, const participants&
   const population_model& model = host.model();
   const auto rungs = static_cast<Eigen::Index>(factors.size());
   const auto count = static_cast<Eigen::Index>(thetas.size());
-  // A column for each participant: among many subjects they are few.
-  std::vector<std::ptrdiff_t> sizes(among.included.size(), 0);
-  std::vector<Eigen::Index> columns(among.included.size(), -1);
-  Eigen::Index participating = 0;
   double observations = 0.0;
-  for (std::size_t i = 0; i < sizes.size(); ++i)
-    if (among.included[i] != 0) {
-      observations += model.observations(static_cast<int>(i));
-      sizes[i] = rungs * count;
-      columns[i] = participating++;
-    }
-  Eigen::MatrixXd by_subject = Eigen::MatrixXd::Zero(rungs * count, participating);
+  for (std::size_t i = 0; i < among.included.size(); ++i)
+    if (among.included[i] != 0) observations += model.observations(static_cast<int>(i));
   // Thetas between which predictions differ in nothing but the means of phi are individuals of one
   // block, and of one block of densities where their residual errors are the same.
   const Eigen::Index at_once =
@@ -176,7 +167,12 @@ std::vector<pooled_fit> pooled_fits(const engine_host& host, const participants&
   const bool same_errors = agree_in(model, thetas, [](const fixed_effect& t) {
     return t.role == theta_role::residual_deviation;
   });
+  // A sum for each factor of each theta.
+  static_assert(most_subjects <= orderless_sums::most_numbers);
+  std::vector<orderless_sums> sums(static_cast<std::size_t>(host.peers().threads().size()),
+                                   orderless_sums(rungs * count));
   for_each_subject(host, among.own, static_cast<int>(count), [&](int i, int worker) {
+    orderless_sums& own_sums = sums[static_cast<std::size_t>(worker)];
     Eigen::MatrixXd phi(model.random_effects(), at_once);
     Eigen::MatrixXd f;
     Eigen::VectorXd objective;
@@ -197,23 +193,17 @@ std::vector<pooled_fit> pooled_fits(const engine_host& host, const participants&
           if (!same_errors)
             host.joint().of_data(i, scaled_deviations(model, own, factor).data(), f.row(c),
                                  objective, squares);
-          const double value = objective(same_errors ? c : 0);
-          by_subject(rungs * (first + c) + r, columns[static_cast<std::size_t>(i)]) =
-              std::isfinite(value) ? value : 1e100;
+          own_sums.add(rungs * (first + c) + r, objective(same_errors ? c : 0));
         }
       }
     }
   });
-  host.peers().gather(by_subject.data(), sizes);
+  for (std::size_t w = 1; w < sums.size(); ++w) sums.front().add(sums[w]);
+  host.peers().add_up(sums.front().parts().data(), sums.front().parts().size());
+  const Eigen::VectorXd totals = sums.front().totals();
   std::vector<pooled_fit> result;
-  // Summed with a column for every subject, which settles the order of the sum.
-  Eigen::MatrixXd own = Eigen::MatrixXd::Zero(rungs, model.subjects());
   for (Eigen::Index c = 0; c < count; ++c) {
-    for (std::size_t i = 0; i < columns.size(); ++i)
-      if (columns[i] >= 0)
-        own.col(static_cast<Eigen::Index>(i)) =
-            by_subject.col(columns[i]).segment(rungs * c, rungs);
-    Eigen::VectorXd total = own.rowwise().sum();
+    Eigen::VectorXd total = totals.segment(rungs * c, rungs);
     for (Eigen::Index r = 0; r < rungs; ++r)
       total(r) +=
           observations *
@@ -311,8 +301,6 @@ bool are_apart(const population_model& model, const Eigen::VectorXd& one,
 std::vector<Eigen::VectorXd> screen(engine_host& host, const participants& among,
                                     const Eigen::VectorXd& start) {
   const population_model& model = host.model();
-  // So many at a time: fewer exchanges, and little memory for many subjects.
-  const int at_once = std::clamp(most_values_at_once / model.subjects(), 1, candidates);
   scratch_of_workers scratch(host);
   uniforms draw(
       address_of(model.specification().estimation.seed, {point_pass::purpose::screening, 0}, 0));
@@ -322,18 +310,15 @@ std::vector<Eigen::VectorXd> screen(engine_host& host, const participants& among
   };
   std::vector<candidate> all = {
       {pooled_fits(host, among, {start}, coarse_ladder(), scratch).front(), start}};
-  for (int first = 0; first < candidates; first += at_once) {
-    std::vector<Eigen::VectorXd> thetas;
-    for (int c = first; c < std::min(first + at_once, candidates); ++c)
-      thetas.push_back(perturbed(model, start, wide, draw));
-    const std::vector<pooled_fit> fits = pooled_fits(host, among, thetas, coarse_ladder(), scratch);
-    for (std::size_t c = 0; c < fits.size(); ++c) all.push_back({fits[c], thetas[c]});
-  }
+  std::vector<Eigen::VectorXd> thetas;
+  for (int c = 0; c < candidates; ++c) thetas.push_back(perturbed(model, start, wide, draw));
+  const std::vector<pooled_fit> fits = pooled_fits(host, among, thetas, coarse_ladder(), scratch);
+  for (std::size_t c = 0; c < fits.size(); ++c) all.push_back({fits[c], thetas[c]});
   std::stable_sort(all.begin() + 1, all.end(), [](const candidate& one, const candidate& other) {
     return one.fit.value < other.fit.value;
   });
   all.resize(1 + climbed);
-  std::vector<Eigen::VectorXd> thetas;
+  thetas.clear();
   for (const candidate& c : all) thetas.push_back(scaled_deviations(model, c.theta, c.fit.scale));
   thetas = pooled_maxima(host, among, thetas, scratch);
   const std::vector<pooled_fit> maxima = pooled_fits(host, among, thetas, {1.0}, scratch);
