@@ -333,7 +333,9 @@ bool newton_method::add(const whole_draw& drawn, const measure_point& at, detail
                         const std::vector<int>& subjects, double sign, draw_measure& sum) const {
   const Eigen::Index p = scale_.size();
   const Eigen::Index groups = drawn.plan.groups;
-  const Eigen::Index figures = wanted == detail::value ? 2 : 7 + p + 2 * p * p + groups;
+  // Of symmetric matrices the lower triangles by columns.
+  const Eigen::Index triangle = p * (p + 1) / 2;
+  const Eigen::Index figures = wanted == detail::value ? 2 : 7 + p + 2 * triangle + groups;
   struct worker_of_measure {
     subject_sampler sampler;
     subject_drawer drawer;
@@ -382,8 +384,12 @@ bool newton_method::add(const whole_draw& drawn, const measure_point& at, detail
         m.scaled_squares;
     if (!std::isfinite(m.shape)) figure(3) = 0.0;
     figure.segment(7, p) = details.gradient;
-    figure.segment(7 + p, p * p) = details.information.reshaped();
-    figure.segment(7 + p + p * p, p * p) = scatter.reshaped();
+    Eigen::Index at_entry = 7 + p;
+    for (Eigen::Index c = 0; c < p; ++c)
+      for (Eigen::Index k = c; k < p; ++k, ++at_entry) {
+        figure(at_entry) = details.information(k, c);
+        figure(at_entry + triangle) = scatter(k, c);
+      }
     figure.tail(groups) = details.group_log_likelihood;
   };
   const std::size_t at_once =
@@ -421,12 +427,18 @@ bool newton_method::add(const whole_draw& drawn, const measure_point& at, detail
       const auto gradient = figure.segment(7, p);
       sum.variance += sign * figure(5);
       sum.gradient += sign * gradient;
-      sum.outer_products += sign * gradient * gradient.transpose();
-      sum.information += sign * figure.segment(7 + p, p * p).reshaped(p, p);
-      sum.scatter += sign * figure.segment(7 + p + p * p, p * p).reshaped(p, p);
+      Eigen::Index at_entry = 7 + p;
+      for (Eigen::Index c = 0; c < p; ++c)
+        for (Eigen::Index r = c; r < p; ++r, ++at_entry) {
+          sum.outer_products(r, c) += sign * gradient(r) * gradient(c);
+          sum.information(r, c) += sign * figure(at_entry);
+          sum.scatter(r, c) += sign * figure(at_entry + triangle);
+        }
       sum.group_log_likelihood.col(i) = figure.tail(groups);
     }
   }
+  for (Eigen::MatrixXd* of : {&sum.outer_products, &sum.information, &sum.scatter})
+    of->triangularView<Eigen::StrictlyUpper>() = of->transpose();
   for (const worker_of_measure& worker : workers)
     host_.count_evaluations(worker.evaluations + worker.drawer.evaluations());
   sum.finite = sum.finite && sum.gradient.allFinite() && sum.information.allFinite();
