@@ -69,10 +69,11 @@ namespace {
 // Runs a function on a stack of its own, which it may leave and come back to.
 class fiber {
  public:
-  explicit fiber(std::function<void()> body) : body_(std::move(body)), stack_(stack_size) {
+  explicit fiber(std::function<void()> body)
+      : body_(std::move(body)), stack_(new char[stack_size]) {
     ::getcontext(&own_);
-    own_.uc_stack.ss_sp = stack_.data();
-    own_.uc_stack.ss_size = stack_.size();
+    own_.uc_stack.ss_sp = stack_.get();
+    own_.uc_stack.ss_size = stack_size;
     own_.uc_link = &caller_;
     // Pointers are handed on in halves.
     const auto address = reinterpret_cast<std::uintptr_t>(this);
@@ -94,8 +95,8 @@ class fiber {
     reinterpret_cast<fiber*>(std::uintptr_t{high} << 32U | low)->body_();
   }
 
-  std::function<void()> body_;  // throws nothing
-  std::vector<char> stack_;
+  std::function<void()> body_;     // throws nothing
+  std::unique_ptr<char[]> stack_;  // not cleared
   ucontext_t own_{};
   ucontext_t caller_{};
 };

@@ -21,7 +21,7 @@ class coordinates {
     int theta = -1;          // position in theta, or -1 for an entry of L
     bool logarithm = false;  // of theta's entry; entries that the C matrix carries are on the
                              // regression scale whatever this says
-    std::vector<std::pair<int, int>> places;  // in L, one for each occasion
+    std::vector<std::pair<int, int>> places;  // in L, one for each occasion; none of a theta
     bool diagonal = false;
     double lower = 0.0;  // bounds of psi
     double upper = 0.0;

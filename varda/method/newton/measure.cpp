@@ -181,7 +181,7 @@ subject_measure subject_sampler::measure(int subject, const subject_draw& drawn,
   details.covariance = weighed(centred, weights, centred);
   if (failed > 0) result.failed = failures_in_bulk(centred, details.covariance, log_data);
 
-  Eigen::MatrixXd scores = Eigen::MatrixXd::Zero(n, scale_.size());
+  Eigen::MatrixXd scores(n, scale_.size());
   Eigen::MatrixXd hessian = Eigen::MatrixXd::Zero(scale_.size(), scale_.size());
   score_prior(subject, z, at, scores);
   hessian += curvature_of_prior(subject, first, details.covariance + first * first.transpose(), at);
@@ -219,14 +219,22 @@ void subject_sampler::score_prior(int subject, const Eigen::MatrixXd& z, const m
   for (int k = 0; k < scale_.size(); ++k) {
     const coordinates::entry& e = scale_.entries()[static_cast<std::size_t>(k)];
     auto own = scores.col(k).array();
+    bool begun = false;
+    const auto add = [&](const auto& term) {
+      if (begun)
+        own += term;
+      else
+        own = term;
+      begun = true;
+    };
     for (std::size_t c = 0; e.theta >= 0 && c < model.columns().size(); ++c)
       if (model.columns()[c].theta == e.theta)
-        own += model.design(subject, static_cast<int>(c)) * u.col(model.columns()[c].eta).array();
-    if (e.theta >= 0) continue;
+        add(model.design(subject, static_cast<int>(c)) * u.col(model.columns()[c].eta).array());
     for (const auto& [a, b] : e.places) {
       const double scale = e.diagonal ? at.prior.factor()(a, a) : 1.0;
-      own += scale * u.col(a).array() * z.col(b).array() - (e.diagonal ? 1.0 : 0.0);
+      add(scale * u.col(a).array() * z.col(b).array() - (e.diagonal ? 1.0 : 0.0));
     }
+    if (!begun) own.setZero();
   }
 }
 

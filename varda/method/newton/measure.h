@@ -82,7 +82,7 @@ class subject_sampler {
   struct sample_values {
     const Eigen::VectorXd &log_data, &squares, &weights;
   };
-  // `z` and `scores` have a row for each sample.
+  // `z` and `scores` have a row for each sample; scores are overwritten.
   void score_prior(int subject, const Eigen::MatrixXd& z, const measure_point& at,
                    Eigen::MatrixXd& scores) const;
   Eigen::MatrixXd curvature_of_prior(int subject, const Eigen::VectorXd& first,
