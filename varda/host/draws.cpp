@@ -14,23 +14,50 @@ namespace varda {
 namespace {
 
 constexpr int most_at_once = 1024;
+// Vectors of so many samples, one for each random effect, stay in the cache.
+constexpr Eigen::Index samples_of_block = 256;
 
-// log of share x density of a component at every sample, by forward substitution for all of them.
+// log of share x density of a component at every sample, by forward substitution.
 Eigen::ArrayXd log_density(const draw_component& of, double share,
                            const Eigen::Ref<const Eigen::MatrixXd>& phi) {
   const Eigen::Index effects = phi.rows();
   const double constant = std::log(share) - of.factor.diagonal().array().log().sum() -
                           0.5 * static_cast<double>(effects) * std::log(2.0 * std::numbers::pi);
-  Eigen::MatrixXd z(phi.cols(), effects);
-  Eigen::ArrayXd result = Eigen::ArrayXd::Constant(phi.cols(), constant);
-  for (Eigen::Index a = 0; a < effects; ++a) {
-    z.col(a) = phi.row(a).transpose().array() - of.centre(a);
-    for (Eigen::Index b = 0; b < a; ++b)
-      if (of.factor(a, b) != 0.0) z.col(a) -= of.factor(a, b) * z.col(b);
-    z.col(a) /= of.factor(a, a);
-    result -= 0.5 * z.col(a).array().square();
+  const Eigen::Index samples = phi.cols();
+  Eigen::ArrayXXd room(std::min(samples, samples_of_block), effects);
+  Eigen::ArrayXd result = Eigen::ArrayXd::Constant(samples, constant);
+  for (Eigen::Index first = 0; first < samples; first += samples_of_block) {
+    const Eigen::Index count = std::min(samples - first, samples_of_block);
+    auto z = room.topRows(count);
+    for (Eigen::Index a = 0; a < effects; ++a) {
+      z.col(a) = phi.row(a).segment(first, count).transpose().array() - of.centre(a);
+      for (Eigen::Index b = 0; b < a; ++b)
+        if (of.factor(a, b) != 0.0) z.col(a) -= of.factor(a, b) * z.col(b);
+      z.col(a) /= of.factor(a, a);
+      result.segment(first, count) -= 0.5 * z.col(a).square();
+    }
   }
   return result;
+}
+
+// Samples of a component, made of standard normal deviates: both random effects x samples.
+void place(const draw_component& of, const Eigen::MatrixXd& normals,
+           Eigen::Ref<Eigen::MatrixXd> phi) {
+  const Eigen::Index effects = normals.rows();
+  const Eigen::Index samples = normals.cols();
+  Eigen::ArrayXXd room(std::min(samples, samples_of_block), effects);
+  Eigen::ArrayXd value(room.rows());
+  for (Eigen::Index first = 0; first < samples; first += samples_of_block) {
+    const Eigen::Index count = std::min(samples - first, samples_of_block);
+    auto z = room.topRows(count);
+    z = normals.middleCols(first, count).transpose();
+    for (Eigen::Index a = 0; a < effects; ++a) {
+      auto x = value.head(count);
+      x = of.centre(a);
+      for (Eigen::Index b = 0; b <= a; ++b) x += of.factor(a, b) * z.col(b);
+      phi.row(a).segment(first, count) = x.transpose();
+    }
+  }
 }
 
 // log(exp(a) + exp(b)) in place of a.
@@ -96,13 +123,7 @@ void subject_drawer::draw_group(int subject, const Eigen::VectorXd& theta,
     normals_.resize(effects, count);
     points_.fill({plan.pass.why, address}, subject, count, normals_.data());
     statsubs::normal_quantiles({normals_.data(), effects, count});
-    const Eigen::MatrixXd& factor = from[c].factor;
-    for (int j = 0; j < count; ++j)
-      for (int a = 0; a < effects; ++a) {
-        double value = from[c].centre(a);
-        for (int b = 0; b <= a; ++b) value += factor(a, b) * normals_(b, j);
-        drawn.phi(a, at + j) = value;
-      }
+    place(from[c], normals_, drawn.phi.middleCols(at, count));
     // A block's intermediate values stay in the cache.
     for (int done = 0; done < count; done += most_at_once) {
       const int now = std::min(most_at_once, count - done);
