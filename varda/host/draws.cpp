@@ -5,6 +5,7 @@
 #include <cmath>
 #include <numbers>
 #include <numeric>
+#include <vector>
 
 #include "statsubs/estep/normal_quantiles.h"
 #include "varda/model/lanes/kernel.h"
@@ -14,28 +15,34 @@ namespace varda {
 namespace {
 
 constexpr int most_at_once = 1024;
-// Vectors of so many samples, one for each random effect, stay in the cache.
-constexpr Eigen::Index samples_of_block = 256;
+// Samples go through the rows of a factor in groups of so many, which stay in registers.
+using sample_group = Eigen::Array<double, lane_quantum, 1>;
+using row_major = Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
+constexpr auto group_of_samples = static_cast<Eigen::Index>(lane_quantum);
 
 // log of share x density of a component at every sample, by forward substitution.
 Eigen::ArrayXd log_density(const draw_component& of, double share,
                            const Eigen::Ref<const Eigen::MatrixXd>& phi) {
   const Eigen::Index effects = phi.rows();
+  const Eigen::Index samples = phi.cols();
   const double constant = std::log(share) - of.factor.diagonal().array().log().sum() -
                           0.5 * static_cast<double>(effects) * std::log(2.0 * std::numbers::pi);
-  const Eigen::Index samples = phi.cols();
-  Eigen::ArrayXXd room(std::min(samples, samples_of_block), effects);
-  Eigen::ArrayXd result = Eigen::ArrayXd::Constant(samples, constant);
-  for (Eigen::Index first = 0; first < samples; first += samples_of_block) {
-    const Eigen::Index count = std::min(samples - first, samples_of_block);
-    auto z = room.topRows(count);
+  const row_major factor = of.factor;
+  std::vector<sample_group> z(static_cast<std::size_t>(effects));
+  Eigen::ArrayXd result(samples);
+  for (Eigen::Index first = 0; first < samples; first += group_of_samples) {
+    const Eigen::Index count = std::min(samples - first, group_of_samples);
+    sample_group sum = sample_group::Constant(constant);
     for (Eigen::Index a = 0; a < effects; ++a) {
-      z.col(a) = phi.row(a).segment(first, count).transpose().array() - of.centre(a);
-      for (Eigen::Index b = 0; b < a; ++b)
-        if (of.factor(a, b) != 0.0) z.col(a) -= of.factor(a, b) * z.col(b);
-      z.col(a) /= of.factor(a, a);
-      result.segment(first, count) -= 0.5 * z.col(a).square();
+      sample_group x = sample_group::Constant(phi(a, first));
+      for (Eigen::Index k = 1; k < count; ++k) x(k) = phi(a, first + k);
+      x -= of.centre(a);
+      for (Eigen::Index b = 0; b < a; ++b) x -= factor(a, b) * z[static_cast<std::size_t>(b)];
+      x /= factor(a, a);
+      sum -= 0.5 * x.square();
+      z[static_cast<std::size_t>(a)] = x;
     }
+    result.segment(first, count) = sum.head(count);
   }
   return result;
 }
@@ -45,17 +52,19 @@ void place(const draw_component& of, const Eigen::MatrixXd& normals,
            Eigen::Ref<Eigen::MatrixXd> phi) {
   const Eigen::Index effects = normals.rows();
   const Eigen::Index samples = normals.cols();
-  Eigen::ArrayXXd room(std::min(samples, samples_of_block), effects);
-  Eigen::ArrayXd value(room.rows());
-  for (Eigen::Index first = 0; first < samples; first += samples_of_block) {
-    const Eigen::Index count = std::min(samples - first, samples_of_block);
-    auto z = room.topRows(count);
-    z = normals.middleCols(first, count).transpose();
+  const row_major factor = of.factor;
+  std::vector<sample_group> z(static_cast<std::size_t>(effects));
+  for (Eigen::Index first = 0; first < samples; first += group_of_samples) {
+    const Eigen::Index count = std::min(samples - first, group_of_samples);
+    for (Eigen::Index b = 0; b < effects; ++b) {
+      sample_group& own = z[static_cast<std::size_t>(b)];
+      own.setConstant(normals(b, first));
+      for (Eigen::Index k = 1; k < count; ++k) own(k) = normals(b, first + k);
+    }
     for (Eigen::Index a = 0; a < effects; ++a) {
-      auto x = value.head(count);
-      x = of.centre(a);
-      for (Eigen::Index b = 0; b <= a; ++b) x += of.factor(a, b) * z.col(b);
-      phi.row(a).segment(first, count) = x.transpose();
+      sample_group x = sample_group::Constant(of.centre(a));
+      for (Eigen::Index b = 0; b <= a; ++b) x += factor(a, b) * z[static_cast<std::size_t>(b)];
+      for (Eigen::Index k = 0; k < count; ++k) phi(a, first + k) = x(k);
     }
   }
 }

@@ -28,7 +28,7 @@ double log_sum(const Eigen::Ref<const Eigen::VectorXd>& x) {
 
 // Share of the samples that failed, among those as near to the conditional mean as all but a few
 // per cent of a normal distribution are: a failure far away costs nothing.
-double failures_in_bulk(const Eigen::MatrixXd& centred, const Eigen::MatrixXd& covariance,
+double failures_in_bulk(const sample_rows& centred, const Eigen::MatrixXd& covariance,
                         const Eigen::VectorXd& log_data) {
   const Eigen::LLT<Eigen::MatrixXd> factor(covariance);
   const auto d = static_cast<double>(covariance.rows());
@@ -45,21 +45,19 @@ double failures_in_bulk(const Eigen::MatrixXd& centred, const Eigen::MatrixXd& c
   return all > 0 ? static_cast<double>(failed) / all : 1.0;
 }
 
-// x m' of samples in rows, with few entries in m and most often only its diagonal.
+// The result is x m' of samples in rows, with few entries in m and most often only its diagonal.
 template <class Matrix>
-Eigen::MatrixXd times_transposed(const Eigen::MatrixXd& x, const Matrix& m) {
-  Eigen::MatrixXd result(x.rows(), x.cols());
+void times_transposed(const sample_rows& x, const Matrix& m, sample_rows& result) {
   for (Eigen::Index a = 0; a < m.rows(); ++a) {
     result.col(a) = m(a, a) * x.col(a);
     for (Eigen::Index b = 0; b < m.cols(); ++b)
       if (b != a && m(a, b) != 0.0) result.col(a) += m(a, b) * x.col(b);
   }
-  return result;
 }
 
-// Samples as rows, less the centre.
-Eigen::MatrixXd rows_about(const Eigen::VectorXd& centre, const Eigen::MatrixXd& samples) {
-  Eigen::MatrixXd result(samples.cols(), samples.rows());
+// The result is samples as rows, less the centre.
+void rows_about(const Eigen::VectorXd& centre, const Eigen::MatrixXd& samples,
+                sample_rows& result) {
   for (Eigen::Index a = 0; a < samples.rows(); ++a) {
     const double own = centre(a);
     const double* from = samples.data() + a;
@@ -68,12 +66,11 @@ Eigen::MatrixXd rows_about(const Eigen::VectorXd& centre, const Eigen::MatrixXd&
       from += samples.rows();
     }
   }
-  return result;
 }
 
 // x' diagonal(weights) y.
-Eigen::MatrixXd weighed(const Eigen::MatrixXd& x, const Eigen::VectorXd& weights,
-                        const Eigen::MatrixXd& y) {
+Eigen::MatrixXd weighed(const sample_rows& x, const Eigen::VectorXd& weights,
+                        const sample_rows& y) {
   Eigen::MatrixXd result(x.cols(), y.cols());
   best_lane_kernel().weigh_products({{x.data(), static_cast<std::size_t>(x.cols())},
                                      {y.data(), static_cast<std::size_t>(y.cols())},
@@ -134,8 +131,10 @@ subject_measure subject_sampler::measure(int subject, const subject_draw& drawn,
   // From here on samples are rows, so that a step is one loop over all of them.
   Eigen::VectorXd mu(effects);
   model.means(subject, at.theta.data(), mu.data());
-  const Eigen::MatrixXd eta = rows_about(mu, drawn.phi);
-  const Eigen::MatrixXd z = times_transposed(eta, at.prior.whitener());
+  sample_rows eta = eta_.of(n, effects);
+  rows_about(mu, drawn.phi, eta);
+  sample_rows z = whitened_.of(n, effects);
+  times_transposed(eta, at.prior.whitener(), z);
   const double prior_constant =
       at.prior.whitener().diagonal().array().log().sum() -
       0.5 * static_cast<double>(effects) * std::log(2.0 * std::numbers::pi);
@@ -177,11 +176,12 @@ subject_measure subject_sampler::measure(int subject, const subject_draw& drawn,
   result.scaled_squares /= std::max(model.observations(subject), 1);
   const Eigen::VectorXd first = eta.transpose() * weights;
   details.mean = mu + first;
-  const Eigen::MatrixXd centred = eta.rowwise() - first.transpose();
+  sample_rows& centred = eta;
+  centred.rowwise() -= first.transpose();
   details.covariance = weighed(centred, weights, centred);
   if (failed > 0) result.failed = failures_in_bulk(centred, details.covariance, log_data);
 
-  Eigen::MatrixXd scores(n, scale_.size());
+  sample_rows scores = scores_.of(n, scale_.size());
   Eigen::MatrixXd hessian = Eigen::MatrixXd::Zero(scale_.size(), scale_.size());
   score_prior(subject, z, at, scores);
   hessian += curvature_of_prior(subject, first, details.covariance + first * first.transpose(), at);
@@ -212,10 +212,11 @@ subject_measure subject_sampler::measure(int subject, const subject_draw& drawn,
 
 // With z = L^-1 eta and u = L^-T z = omega^-1 eta: d/d beta_k is u'c_k, d/d L_ab is u_a z_b less
 // 1 / L_aa on the diagonal.
-void subject_sampler::score_prior(int subject, const Eigen::MatrixXd& z, const measure_point& at,
-                                  Eigen::MatrixXd& scores) const {
+void subject_sampler::score_prior(int subject, const sample_rows& z, const measure_point& at,
+                                  sample_rows& scores) {
   const population_model& model = joint_.model();
-  const Eigen::MatrixXd u = times_transposed(z, at.prior.whitener().transpose());
+  sample_rows u = weighed_.of(z.rows(), z.cols());
+  times_transposed(z, at.prior.whitener().transpose(), u);
   for (int k = 0; k < scale_.size(); ++k) {
     const coordinates::entry& e = scale_.entries()[static_cast<std::size_t>(k)];
     auto own = scores.col(k).array();
@@ -290,7 +291,7 @@ Eigen::MatrixXd subject_sampler::curvature_of_prior(int subject, const Eigen::Ve
 
 void subject_sampler::score_data(int subject, const subject_draw& drawn,
                                  const Eigen::MatrixXd& predictions, const sample_values& values,
-                                 const measure_point& at, Eigen::MatrixXd& scores,
+                                 const measure_point& at, sample_rows& scores,
                                  Eigen::MatrixXd& hessian, std::int64_t& evaluations) {
   const population_model& model = joint_.model();
   const varda::subject& who = model.data().subjects[static_cast<std::size_t>(subject)];

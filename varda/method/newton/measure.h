@@ -63,6 +63,23 @@ struct measure_point {
 
 enum class detail { value, derivatives };
 
+// A row for each sample.
+using sample_rows = Eigen::Map<Eigen::MatrixXd>;
+
+// Memory for such a matrix, kept for the next: with many random effects it is large, and what goes
+// back to the system comes again in pages that have to be cleared.
+class sample_room {
+ public:
+  // Its entries are what was there.
+  sample_rows of(Eigen::Index rows, Eigen::Index columns) {
+    if (values_.size() < rows * columns) values_.resize(rows * columns);
+    return {values_.data(), rows, columns};
+  }
+
+ private:
+  Eigen::VectorXd values_;
+};
+
 class subject_sampler {
  public:
   subject_sampler(const density& joint, const coordinates& scale);
@@ -82,18 +99,18 @@ class subject_sampler {
   struct sample_values {
     const Eigen::VectorXd &log_data, &squares, &weights;
   };
-  // `z` and `scores` have a row for each sample; scores are overwritten.
-  void score_prior(int subject, const Eigen::MatrixXd& z, const measure_point& at,
-                   Eigen::MatrixXd& scores) const;
+  // Scores are overwritten.
+  void score_prior(int subject, const sample_rows& z, const measure_point& at, sample_rows& scores);
   Eigen::MatrixXd curvature_of_prior(int subject, const Eigen::VectorXd& first,
                                      const Eigen::MatrixXd& second, const measure_point& at) const;
   void score_data(int subject, const subject_draw& drawn, const Eigen::MatrixXd& predictions,
-                  const sample_values& values, const measure_point& at, Eigen::MatrixXd& scores,
+                  const sample_values& values, const measure_point& at, sample_rows& scores,
                   Eigen::MatrixXd& hessian, std::int64_t& evaluations);
 
   const density& joint_;
   const coordinates& scale_;
   density_workspace scratch_;
+  sample_room eta_, whitened_, weighed_, scores_;
   std::vector<int> moving_;    // coordinates on which predictions depend directly
   std::vector<int> residual_;  // coordinates of the endpoints' parameters
 };
