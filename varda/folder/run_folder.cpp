@@ -60,9 +60,9 @@ manifest::file write_file(const fs::path& path, const text_pieces& content) {
   return written;
 }
 
-// Returns when a file that was written is on the disk itself, so that what is renamed later is whole
-// after a loss of power. Of several files all are written before the first is flushed: the disk
-// takes them together.
+// Returns when a file that was written is on the disk itself, so that what is renamed later is
+// whole after a loss of power. Of several files all are written before the first is flushed: the
+// disk takes them together.
 void flush_file(const fs::path& path) {
   const int opened = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (opened < 0) fail(path, reason_of(errno));
