@@ -92,10 +92,9 @@ Eigen::VectorXd mode_finder::log_density(int subject, const Eigen::MatrixXd& phi
   Eigen::VectorXd result = log_data(subject, phi, at);
   Eigen::VectorXd mu(phi.rows());
   joint_.model().means(subject, at.theta.data(), mu.data());
-  for (Eigen::Index j = 0; j < result.size(); ++j) {
-    const Eigen::VectorXd eta = phi.col(j) - mu;
-    result(j) -= at.prior.negative_log(eta.data());
-  }
+  Eigen::VectorXd of_effects;
+  at.prior.negative_logs(phi.colwise() - mu, of_effects);
+  result -= of_effects;
   return result;
 }
 

@@ -160,13 +160,35 @@ std::vector<pooled_fit> pooled_fits(const engine_host& host, const participants&
   for (std::size_t i = 0; i < among.included.size(); ++i)
     if (among.included[i] != 0) observations += model.observations(static_cast<int>(i));
   // Thetas between which predictions differ in nothing but the means of phi are individuals of one
-  // block, and of one block of densities where their residual errors are the same.
+  // block, and of one block of densities where their residual errors are the same or differ in one
+  // scale of all residuals. That one block serves all factors too.
   const Eigen::Index at_once =
       agree_in(model, thetas, [](const fixed_effect& t) { return t.moves_predictions(); }) ? count
                                                                                            : 1;
+  const int scale = model.scale_deviation();
   const bool same_errors = agree_in(model, thetas, [](const fixed_effect& t) {
     return t.role == theta_role::residual_deviation;
   });
+  std::vector<Eigen::VectorXd> scaled;
+  for (const Eigen::VectorXd& theta : thetas)
+    for (const double factor : factors) scaled.push_back(scaled_deviations(model, theta, factor));
+  const auto with = [&](Eigen::Index c, Eigen::Index r) -> const Eigen::VectorXd& {
+    return scaled[static_cast<std::size_t>(rungs * c + r)];
+  };
+  // With q the sum of squared residuals over s^2, the objective n log s + q / 2 at k s is larger by
+  // n log k + q (1 / k^2 - 1) / 2: of each factor of each theta, against the first of its block.
+  Eigen::ArrayXd logarithms, changes;
+  if (scale >= 0) {
+    logarithms.resize(rungs * count);
+    changes.resize(rungs * count);
+    for (Eigen::Index c = 0; c < count; ++c)
+      for (Eigen::Index r = 0; r < rungs; ++r) {
+        const double k =
+            with(c, r)(scale) / thetas[static_cast<std::size_t>(c / at_once * at_once)](scale);
+        logarithms(rungs * c + r) = std::log(k);
+        changes(rungs * c + r) = 0.5 * (1.0 / (k * k) - 1.0);
+      }
+  }
   // A sum for each factor of each theta.
   static_assert(most_subjects <= orderless_sums::most_numbers);
   std::vector<orderless_sums> sums(static_cast<std::size_t>(host.peers().threads().size()),
@@ -183,16 +205,19 @@ std::vector<pooled_fit> pooled_fits(const engine_host& host, const participants&
       const Eigen::VectorXd& theta = thetas[static_cast<std::size_t>(first)];
       host.joint().predict(i, theta.data(), phi, f, scratch[worker].densities);
       scratch[worker].evaluations += at_once;
+      if (scale >= 0) {
+        host.joint().of_data(i, theta.data(), f, objective, squares);
+        const auto n = static_cast<double>(f.cols());
+        for (Eigen::Index c = 0; c < at_once; ++c)
+          for (Eigen::Index k = rungs * (first + c); k < rungs * (first + c + 1); ++k)
+            own_sums.add(k, objective(c) + n * logarithms(k) + squares(c) * changes(k));
+        continue;
+      }
       for (Eigen::Index r = 0; r < rungs; ++r) {
-        const double factor = factors[static_cast<std::size_t>(r)];
-        if (same_errors)
-          host.joint().of_data(i, scaled_deviations(model, theta, factor).data(), f, objective,
-                               squares);
+        if (same_errors) host.joint().of_data(i, with(first, r).data(), f, objective, squares);
         for (Eigen::Index c = 0; c < at_once; ++c) {
-          const Eigen::VectorXd& own = thetas[static_cast<std::size_t>(first + c)];
           if (!same_errors)
-            host.joint().of_data(i, scaled_deviations(model, own, factor).data(), f.row(c),
-                                 objective, squares);
+            host.joint().of_data(i, with(first + c, r).data(), f.row(c), objective, squares);
           own_sums.add(rungs * (first + c) + r, objective(same_errors ? c : 0));
         }
       }
@@ -205,10 +230,7 @@ std::vector<pooled_fit> pooled_fits(const engine_host& host, const participants&
   for (Eigen::Index c = 0; c < count; ++c) {
     Eigen::VectorXd total = totals.segment(rungs * c, rungs);
     for (Eigen::Index r = 0; r < rungs; ++r)
-      total(r) +=
-          observations *
-          price_of_vanishing(model, scaled_deviations(model, thetas[static_cast<std::size_t>(c)],
-                                                      factors[static_cast<std::size_t>(r)]));
+      total(r) += observations * price_of_vanishing(model, with(c, r));
     Eigen::Index best = 0;
     const double value = total.minCoeff(&best);
     result.push_back({value, factors[static_cast<std::size_t>(best)]});
