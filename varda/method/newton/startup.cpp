@@ -176,15 +176,16 @@ std::vector<pooled_fit> pooled_fits(const engine_host& host, const participants&
     return scaled[static_cast<std::size_t>(rungs * c + r)];
   };
   // With q the sum of squared residuals over s^2, the objective n log s + q / 2 at k s is larger by
-  // n log k + q (1 / k^2 - 1) / 2: of each factor of each theta, against the first of its block.
+  // n log k + q (1 / k^2 - 1) / 2: of each factor of each theta, against the model's start, which
+  // no search leads astray.
+  const double usual = scale >= 0 ? model.start_theta()(scale) : 0.0;
   Eigen::ArrayXd logarithms, changes;
   if (scale >= 0) {
     logarithms.resize(rungs * count);
     changes.resize(rungs * count);
     for (Eigen::Index c = 0; c < count; ++c)
       for (Eigen::Index r = 0; r < rungs; ++r) {
-        const double k =
-            with(c, r)(scale) / thetas[static_cast<std::size_t>(c / at_once * at_once)](scale);
+        const double k = with(c, r)(scale) / usual;
         logarithms(rungs * c + r) = std::log(k);
         changes(rungs * c + r) = 0.5 * (1.0 / (k * k) - 1.0);
       }
@@ -206,7 +207,9 @@ std::vector<pooled_fit> pooled_fits(const engine_host& host, const participants&
       host.joint().predict(i, theta.data(), phi, f, scratch[worker].densities);
       scratch[worker].evaluations += at_once;
       if (scale >= 0) {
-        host.joint().of_data(i, theta.data(), f, objective, squares);
+        Eigen::VectorXd at_usual = theta;
+        at_usual(scale) = usual;
+        host.joint().of_data(i, at_usual.data(), f, objective, squares);
         const auto n = static_cast<double>(f.cols());
         for (Eigen::Index c = 0; c < at_once; ++c)
           for (Eigen::Index k = rungs * (first + c); k < rungs * (first + c + 1); ++k)
