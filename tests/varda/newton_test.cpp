@@ -5,6 +5,7 @@
 #include <Eigen/Cholesky>
 #include <cmath>
 #include <fstream>
+#include <numbers>
 #include <sstream>
 
 #include "tests/support/fake_host.h"
@@ -13,6 +14,7 @@
 #include "varda/inference/minimise.h"
 #include "varda/inference/pareto_shape.h"
 #include "varda/input/model_file.h"
+#include "varda/method/newton/moments.h"
 #include "varda/method/newton/newton.h"
 #include "varda/method/newton/startup.h"
 #include "varda/support/archive.h"
@@ -200,6 +202,80 @@ TEST(DrawSubject, AMixtureIsWeighedByItsWholeDensity) {
   far.centre.array() += 0.5;
   EXPECT_NEAR(value({near, far, population}), alone_value, 0.003);
   EXPECT_NEAR(mode.log_mass, alone_value, 0.1);
+}
+
+// Two halves of normal densities: their moments by quadrature, and those of samples, whose density
+// must integrate to 1.
+TEST(DrawSubject, SplitNormalCoordinatesHaveTheirMoments) {
+  for (const double skewness : {-0.8, -0.1, 0.0, 0.5, 3.0}) {
+    const split_normal split(skewness);
+    Eigen::Vector4d sums = Eigen::Vector4d::Zero();
+    constexpr double step = 1e-3;
+    for (double x = -12.0; x < 12.0; x += step) {
+      const double z = (x - split.mode) / (x < split.mode ? split.left : split.right);
+      const double density = std::exp(-0.5 * z * z) / std::sqrt(2.0 * std::numbers::pi) * 2.0 /
+                             (split.left + split.right);
+      sums += step * density * Eigen::Vector4d(1.0, x, x * x, x * x * x);
+    }
+    const double wanted = std::min(skewness, split_normal::most_skewness);
+    EXPECT_LT((sums - Eigen::Vector4d(1.0, 0.0, 1.0, wanted)).cwiseAbs().maxCoeff(), 1e-6)
+        << sums.transpose();
+  }
+
+  const population_model model = test::theophylline();
+  const job alone(nullptr, nullptr);
+  const captured_unit swallowed;
+  engine_host host(model, alone);
+  Eigen::Matrix3d factor;
+  factor << 0.2, 0, 0, 0.1, 0.3, 0, -0.1, 0.05, 0.1;
+  const Eigen::Vector3d skewness(0.6, -0.4, 0.2);
+  const draw_component of{1.0, Eigen::Vector3d(0.3, 1.1, 3.4), factor, skewness};
+  subject_draw drawn;
+  subject_drawer(host.joint(), host.points())
+      .draw(0, host.theta(), {of}, {{}, 16384, 1, 0, 1}, drawn);
+  const Eigen::MatrixXd z =
+      factor.triangularView<Eigen::Lower>().solve(drawn.phi.colwise() - of.centre);
+  const auto n = static_cast<double>(z.cols());
+  EXPECT_LT(z.rowwise().mean().cwiseAbs().maxCoeff(), 1e-3);
+  EXPECT_LT((z * z.transpose() / n - Eigen::Matrix3d::Identity()).cwiseAbs().maxCoeff(), 0.01);
+  EXPECT_LT((z.array().cube().rowwise().mean().matrix() - skewness).cwiseAbs().maxCoeff(), 0.02);
+  const Eigen::ArrayXd normal = -0.5 * z.colwise().squaredNorm().transpose().array() -
+                                1.5 * std::log(2.0 * std::numbers::pi) -
+                                std::log(factor.diagonal().prod());
+  EXPECT_NEAR((normal - drawn.log_proposal.array()).exp().mean(), 1.0, 0.005);
+}
+
+// With many random effects and few samples a proposal keeps most of its own covariance, where that
+// has served well.
+TEST(NewtonMethod, ProposalsFollowFewSamplesOfManyEffectsCarefully) {
+  constexpr Eigen::Index d = 20;
+  const draw_component before{1.0, Eigen::VectorXd::Zero(d), Eigen::MatrixXd::Identity(d, d)};
+  Eigen::VectorXd moments = Eigen::VectorXd::Zero(d + d * d + d);
+  moments.segment(d, d * d) = (4.0 * Eigen::MatrixXd::Identity(d, d)).reshaped();
+  moments(0) = 0.5;
+  moments.tail(d).setConstant(0.1);
+  moments(d + d * d) = 1.0;
+  const double widening = std::pow(2.0, 1.0 / d);
+  const auto variance_after = [&](double share, double samples) {
+    draw_component own = before;
+    follow_moments(moments, share, share * samples, own);
+    EXPECT_EQ(own.centre(0), 0.5);
+    EXPECT_NEAR(own.factor(1, 0), 0.0, 1e-15);
+    return std::pow(own.factor(0, 0) / widening, 2);
+  };
+  const double own_variance = std::pow(widening, -2);
+  EXPECT_NEAR(variance_after(0.9, 2000.0), 4.0, 1e-12);
+  EXPECT_LT(variance_after(0.9, 100.0), own_variance + 0.2);
+  EXPECT_GT(variance_after(0.2, 2000.0), 2.5);
+  EXPECT_LT(variance_after(0.2, 2000.0), 3.5);
+
+  draw_component own = before;
+  follow_moments(moments, 0.9, 1800.0, own);
+  EXPECT_NEAR(own.skewness(0), 1.0 - 6.0 / 1800.0, 1e-12);
+  EXPECT_NEAR(own.skewness(1), 0.1 - 60.0 / 1800.0, 1e-12);
+  follow_moments(moments, 0.9, 500.0, own);
+  EXPECT_GT(own.skewness(1), 0.0);
+  EXPECT_LT(own.skewness(1), 0.1 - 60.0 / 1800.0);
 }
 
 // A group that is drawn by itself is that group of the whole, mixtures included.

@@ -167,6 +167,75 @@ TEST(Trial, EffectsPerOccasionMatchTheNormalDistribution) {
 
 // Infusions, additional doses, every kind of steady state, lag, resets and weight that changes,
 // against Runge-Kutta steps that share nothing with the engine.
+// -2 log-likelihood of a bolus whose clearance varies between subjects and between occasions, each
+// reset before: given the subject's deviation its occasions are independent. Sums over the points
+// of even grids are exact to many digits.
+double nested_minus2ll(const varda::dataset& data, double clearance, double volume,
+                       double deviation, double between, double within) {
+  constexpr int half = 60;
+  const auto grid = [](double variance) {
+    return Eigen::ArrayXd::LinSpaced(2 * half + 1, -7.0, 7.0) * std::sqrt(variance);
+  };
+  const auto log_normal = [](const Eigen::ArrayXd& x, double variance) {
+    return -0.5 * x.square() / variance - 0.5 * std::log(2.0 * std::numbers::pi * variance);
+  };
+  const auto log_sum = [](const Eigen::ArrayXd& x) {
+    return x.maxCoeff() + std::log((x - x.maxCoeff()).exp().sum());
+  };
+  const Eigen::ArrayXd of_subject = grid(between);
+  const Eigen::ArrayXd of_occasion = grid(within);
+  double sum = 0.0;
+  for (const varda::subject& who : data.subjects) {
+    Eigen::ArrayXd outer = log_normal(of_subject, between);
+    for (Eigen::Index k = 0; k < outer.size(); ++k)
+      for (std::size_t o = 0; o < who.doses.size(); ++o) {
+        const double start = who.doses[o].time;
+        Eigen::ArrayXd inner = log_normal(of_occasion, within);
+        for (const varda::observation& at : who.observations) {
+          if (at.time < start || at.time > start + 50.0) continue;
+          const Eigen::ArrayXd rate = clearance / volume * (of_subject(k) + of_occasion).exp();
+          const Eigen::ArrayXd f = who.doses[o].amount / volume * (-rate * (at.time - start)).exp();
+          // A prediction of 0 makes any observation impossible.
+          const Eigen::ArrayXd term = -0.5 * ((at.value - f) / (deviation * f)).square() -
+                                      (deviation * f * std::sqrt(2.0 * std::numbers::pi)).log();
+          inner += (f > 1e-100).select(term, -1e100);
+        }
+        outer(k) += log_sum(inner) + std::log(of_occasion(1) - of_occasion(0));
+      }
+    sum -= 2.0 * (log_sum(outer) + std::log(of_subject(1) - of_subject(0)));
+  }
+  return sum;
+}
+
+// Nine random effects whose conditional distributions are skewed.
+TEST(Trial, ManyOccasionsMatchNestedQuadrature) {
+  const population_model model = model_of("tests/varda/trials/many_occasions.toml");
+  EXPECT_EQ(model.random_effects(), 9);
+  const fit_result result = test::fit(model);
+  EXPECT_TRUE(result.converged) << result.reason;
+  const auto natural = [&](int k) {
+    return model.thetas()[static_cast<std::size_t>(k)].natural(result.theta(k));
+  };
+  const auto exact = [&](double times_between, double times_within, double times_clearance) {
+    return nested_minus2ll(model.data(), times_clearance * natural(0), natural(1), natural(2),
+                           times_between * result.omega(0, 0), times_within * result.omega(1, 1));
+  };
+  const double there = exact(1.0, 1.0, 1.0);
+  EXPECT_NEAR(result.likelihood.minus2ll, there, 4.0 * result.likelihood.mc_se);
+  EXPECT_LT(result.likelihood.mc_se, 0.03);
+  // A maximum: no better on either side, and the same on both.
+  const std::array<std::array<double, 2>, 3> sides = {{{exact(1.1, 1, 1), exact(1 / 1.1, 1, 1)},
+                                                       {exact(1, 1.1, 1), exact(1, 1 / 1.1, 1)},
+                                                       {exact(1, 1, 1.1), exact(1, 1, 1 / 1.1)}}};
+  for (const auto& [above, below] : sides) {
+    EXPECT_GT(above, there);
+    EXPECT_GT(below, there);
+    // What is still ahead of a parabola through the three.
+    const double slope = 0.5 * (above - below);
+    EXPECT_LT(0.5 * slope * slope / (above + below - 2.0 * there), 0.01);
+  }
+}
+
 TEST(Trial, PredictionsOfANastyHistoryEqualAnOdeSolution) {
   const auto exact = test::reference("../trials/history_reference.csv");
   for (const std::string name : {"history.toml", "history_equations.toml"}) {

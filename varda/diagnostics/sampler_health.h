@@ -21,10 +21,14 @@ struct sampler_health {
   double largest_shape = 0.0;  // k-hat
   int largest_shape_subject = 0;
   std::vector<int> sick;  // subjects (from 0) that are badly sampled
+  // Subjects with clearly more points than the others have, and the most that one of them has.
+  int subjects_with_more = 0;
+  double most_points = 0.0;
 };
 
-// All zero where the likelihood is not known. `health`: of every subject, or empty.
+// All zero where the likelihood is not known. `health`: of every subject, or empty. `points`: of a
+// subject in one randomisation, without those that it has besides.
 sampler_health sampler_health_of(const population_model& model, const likelihood_estimate& found,
-                                 const std::vector<subject_health>& health);
+                                 const std::vector<subject_health>& health, int points);
 
 }  // namespace varda

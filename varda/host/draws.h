@@ -18,16 +18,29 @@
 
 namespace varda {
 
-// A normal density that samples are drawn from.
+// A density that samples are drawn from: normal, or split normal in each of the independent
+// coordinates factor^-1 (phi - centre): J. Geweke, Econometrica 57 (1989) 1317-1339.
 struct draw_component {
   double share = 1.0;      // samples for one of the plan: shares may sum to more than one
-  Eigen::VectorXd centre;  // in phi = C beta + eta
+  Eigen::VectorXd centre;  // its mean, in phi = C beta + eta
   Eigen::MatrixXd factor;  // lower Cholesky factor of its covariance
+  // Third moments of the coordinates; empty where it is normal.
+  Eigen::VectorXd skewness = {};
 
   template <class A>
   void visit(A& archive) {
-    archive(share, centre, factor);
+    archive(share, centre, factor, skewness);
   }
+};
+
+// A density of mean 0 and variance 1 that is two halves of normal densities with one mode and
+// different deviations.
+struct split_normal {
+  // With this third moment, or the nearest to it that is not above `most_skewness`.
+  explicit split_normal(double skewness);
+  static constexpr double most_skewness = 0.8;
+
+  double mode, left, right;
 };
 
 // What a subject's samples are drawn from. Copies share it: the states of a fit of many subjects

@@ -258,11 +258,14 @@ void write_quality(sink out, const population_model& model, const fit_result& re
   const sampler_health& sampler = result.sampler;
   const auto id = [&](int i) { return model.data().subjects[static_cast<std::size_t>(i)].id; };
   std::string text = fmt::format(
-      "Sampling: effective sample size of {}: median {:.0f}, minimum {:.0f} (subject {}); "
+      "Sampling: effective sample size of {}{}: median {:.0f}, minimum {:.0f} (subject {}); "
       "largest weight {:.2f} % of the total (subject {})",
-      result.likelihood_samples, sampler.median_effective, sampler.least_effective,
-      id(sampler.least_effective_subject), 100.0 * sampler.largest_weight,
-      id(sampler.largest_weight_subject));
+      result.likelihood_samples,
+      sampler.subjects_with_more > 0 ? fmt::format(" (up to {:.0f} in {})", sampler.most_points,
+                                                   count_of(sampler.subjects_with_more, "subject"))
+                                     : "",
+      sampler.median_effective, sampler.least_effective, id(sampler.least_effective_subject),
+      100.0 * sampler.largest_weight, id(sampler.largest_weight_subject));
   if (sampler.shaped)
     text += fmt::format("; largest Pareto k {:.2f} (subject {})", sampler.largest_shape,
                         id(sampler.largest_shape_subject));

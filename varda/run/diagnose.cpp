@@ -32,7 +32,8 @@ bool diagnose(const population_model& model, const job& peers, const progress_li
   result.natural_covariance = natural_covariance(result.errors);
   result.objective = objective_figures_of(model, result.likelihood, result.quadrature);
   result.effects = random_effect_figures_of(model, result.omega, result.likelihood);
-  result.sampler = sampler_health_of(model, result.likelihood, result.health);
+  result.sampler =
+      sampler_health_of(model, result.likelihood, result.health, result.likelihood_samples);
   if (must_stop(peers)) return false;
   if (!result.likelihood.complete) return true;
   const bool predicted =

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Eigen/Cholesky>
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
 #include "varda/host/subjects.h"
 #include "varda/method/newton/limits.h"
+#include "varda/method/newton/moments.h"
 #include "varda/method/newton/newton.h"
 
 namespace varda {
@@ -21,9 +23,11 @@ constexpr double defensive_share = 0.25;
 // Of a subject's proposal: what does not help will not. Each takes more points than the one before.
 constexpr int most_repairs = 4;
 constexpr double more_points = 2.0;
-// Of a sick subject, for each entry of its covariance: enough for its moments to be better than
-// what it was sampled from.
-constexpr double effective_samples_of_moments = 10.0;
+// With more random effects than these a sample of the population or of a wide normal density hits
+// nothing.
+constexpr Eigen::Index few_effects = 8;
+constexpr double most_points = 8.0;
+constexpr double only_more_points = -1.0;
 
 }  // namespace
 
@@ -34,10 +38,16 @@ bool newton_method::look_widely(run_state& state, const draw_measure& found,
   const population_model& model = host_.model();
   const parameter_values at(state.theta, state.omega);
   const Eigen::Index d = model.random_effects();
-  // What is found beside the main component, and what is to take its place: whether, where, how
-  // wide.
+  // What is found beside the main component: whether, where, how wide; and the moments that are to
+  // take its place: whether, which.
   const Eigen::Index part = 1 + d + d * d;
-  Eigen::MatrixXd packed = Eigen::MatrixXd::Zero(2 * part, model.subjects());
+  const Eigen::Index known = d + d * d + found.skewness.rows();
+  Eigen::MatrixXd packed = Eigen::MatrixXd::Zero(part + 1 + known, model.subjects());
+  const auto effective_samples = [&](int i) {
+    const auto own = static_cast<std::size_t>(i);
+    return found.subjects[own].effective_share * found.samples *
+           total_share(*state.newton.proposals[own]);
+  };
   std::vector<mode_finder> finders;
   for (int w = 0; w < host_.peers().threads().size(); ++w) finders.emplace_back(host_.joint());
   for_each_own_subject(host_, population_points, [&](int i, int worker) {
@@ -72,6 +82,8 @@ bool newton_method::look_widely(run_state& state, const draw_measure& found,
     }
     if (second) {
       packed.col(i).head(part) << 1.0, other.phi, other.covariance.reshaped();
+    } else if (sick && !has_mixture && d > few_effects) {
+      packed(0, i) = only_more_points;
     } else if ((outside > most_outside || sick) && !has_mixture) {
       const normal_posterior mode = finder.search(i, main.centre, at);
       Eigen::VectorXd mu(d);
@@ -81,13 +93,11 @@ bool newton_method::look_widely(run_state& state, const draw_measure& found,
     }
     const auto mean = found.moments.col(i).head(d);
     if (const auto covariance = found.moments.col(i).tail(d * d).reshaped(d, d);
-        sick && found.moments.col(i).allFinite() &&
-        found.subjects[own].effective_share * found.samples >=
-            effective_samples_of_moments * static_cast<double>(d * d) &&
+        sick && found.moments.col(i).allFinite() && effective_samples(i) >= enough_for_moments(d) &&
         Eigen::LLT<Eigen::MatrixXd>(covariance).info() == Eigen::Success)
-      packed.col(i).tail(part) << 1.0, found.moments.col(i);
+      packed.col(i).tail(1 + known) << 1.0, found.moments.col(i), found.skewness.col(i);
     // The mixture has found samples that its main component misses: a mode near them.
-    if (!sick || packed(0, i) > 0.0 || found.subjects[own].effective_share == 0.0 ||
+    if (!sick || packed(0, i) != 0.0 || found.subjects[own].effective_share == 0.0 ||
         !mean.allFinite())
       return;
     const normal_posterior mode = finder.search(i, mean, at);
@@ -100,13 +110,20 @@ bool newton_method::look_widely(run_state& state, const draw_measure& found,
   state.newton.repairs.resize(static_cast<std::size_t>(model.subjects()), 0);
   for (int i = 0; i < model.subjects(); ++i) {
     int& repairs = state.newton.repairs[static_cast<std::size_t>(i)];
-    if (packed(0, i) < 0.5 || repairs >= most_repairs) continue;
+    if (packed(0, i) == 0.0 || repairs >= most_repairs) continue;
     const double points = std::pow(more_points, repairs++);
     repaired.push_back(i);
     draw_mixture& shared = state.newton.proposals[static_cast<std::size_t>(i)];
     std::vector<draw_component> own = {shared->front()};
-    if (const auto moments = packed.col(i).tail(part); moments(0) > 0.5)
-      own = single(moments.segment(1, d), moments.tail(d * d).reshaped(d, d), target_ratio);
+    if (const auto moments = packed.col(i).tail(1 + known); moments(0) > 0.5) {
+      const double share = found.subjects[static_cast<std::size_t>(i)].effective_share;
+      follow_moments(moments.tail(known), share, effective_samples(i), own.front());
+    }
+    if (packed(0, i) == only_more_points) {
+      own.front().share = std::min(more_points * points, most_points);
+      shared = mixture_of(std::move(own));
+      continue;
+    }
     const Eigen::VectorXd centre = packed.col(i).segment(1, d);
     const Eigen::MatrixXd covariance = packed.col(i).segment(1 + d, d * d).reshaped(d, d);
     Eigen::VectorXd mu(d);

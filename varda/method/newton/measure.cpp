@@ -81,6 +81,24 @@ Eigen::MatrixXd weighed(const sample_rows& x, const Eigen::VectorXd& weights,
   return result;
 }
 
+// Of the coordinates L^-1 x of samples in rows, L the lower Cholesky factor of the covariance: zero
+// where there is none. `room` is as large as the samples.
+Eigen::VectorXd third_moments(const sample_rows& centred, const Eigen::VectorXd& weights,
+                              const Eigen::MatrixXd& covariance, sample_rows room) {
+  const Eigen::LLT<Eigen::MatrixXd> llt(covariance);
+  Eigen::VectorXd result = Eigen::VectorXd::Zero(centred.cols());
+  if (llt.info() != Eigen::Success) return result;
+  const Eigen::MatrixXd l = llt.matrixL();
+  for (Eigen::Index a = 0; a < centred.cols(); ++a) {
+    auto z = room.col(a);
+    z = centred.col(a);
+    z.noalias() -= room.leftCols(a) * l.row(a).head(a).transpose();
+    z /= l(a, a);
+    result(a) = (weights.array() * z.array().cube()).sum();
+  }
+  return result;
+}
+
 double step_of(const coordinates::entry& e, double psi) {
   return e.logarithm ? difference : difference * std::max(std::fabs(psi), 1.0);
 }
@@ -180,6 +198,8 @@ subject_measure subject_sampler::measure(int subject, const subject_draw& drawn,
   centred.rowwise() -= first.transpose();
   details.covariance = weighed(centred, weights, centred);
   if (failed > 0) result.failed = failures_in_bulk(centred, details.covariance, log_data);
+  if (effects >= effects_with_skewness)
+    details.skewness = third_moments(centred, weights, details.covariance, weighed_.of(n, effects));
 
   sample_rows scores = scores_.of(n, scale_.size());
   Eigen::MatrixXd hessian = Eigen::MatrixXd::Zero(scale_.size(), scale_.size());

@@ -42,6 +42,9 @@ struct subject_measure {
 struct subject_details {
   Eigen::VectorXd mean;
   Eigen::MatrixXd covariance;
+  // Third moments of the coordinates L^-1 (phi - mean), L the lower Cholesky factor of the
+  // covariance. Only with at least `effects_with_skewness`.
+  Eigen::VectorXd skewness;
   Eigen::VectorXd gradient;
   Eigen::MatrixXd information;  // minus the Hessian
   // Derivative of the mean by psi, effects x coordinates: Cov_w[phi, s]. Only where predictions
@@ -51,6 +54,9 @@ struct subject_details {
   Eigen::VectorXd group_log_likelihood;
   Eigen::MatrixXd group_gradient;  // coordinates x groups
 };
+
+// With few random effects a normal density is near enough to most conditional distributions.
+inline constexpr Eigen::Index effects_with_skewness = 5;
 
 // What a measurement needs of the parameters, made once for all subjects.
 struct measure_point {

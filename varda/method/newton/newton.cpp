@@ -13,6 +13,7 @@
 
 #include "varda/host/subjects.h"
 #include "varda/method/newton/limits.h"
+#include "varda/method/newton/moments.h"
 #include "varda/support/text.h"
 
 namespace varda {
@@ -27,6 +28,9 @@ constexpr int most_resumptions = 2;
 // Of several ends of the start-up: followed until well sampled with little ahead.
 constexpr int draws_of_a_choice = 8;
 constexpr double settled_gain = 1.0;
+// One is left that would stay above the best even if each draw to come gained so many times what
+// the last did or promised.
+constexpr double most_acceleration = 4.0;
 
 // In -2 log-likelihood: converged when the gain ahead less its noise, and the noise, are below.
 constexpr double gain_limit = 0.01;
@@ -174,9 +178,14 @@ bool newton_method::start(run_state& state) const {
     propose_from(end.modes, trial);
     trial.newton.started = true;
     const newton_state& n = trial.newton;
-    for (int d = 0; ends.size() > 1 && d < draws_of_a_choice && !trial.ended; ++d) {
+    for (int d = 1; ends.size() > 1 && d <= draws_of_a_choice && !trial.ended; ++d) {
       if (!step(trial)) return false;
       if (n.gain_ahead < settled_gain && n.sick.empty()) break;
+      const std::size_t last = trial.records.size() - 1;
+      if (last == 0) continue;
+      const double value = trial.records[last].minus2ll;
+      const double fall = std::max(n.gain_ahead, trial.records[last - 1].minus2ll - value);
+      if (value - fall * most_acceleration * (draws_of_a_choice - d) > least) break;
     }
     const double value = trial.records.empty() ? end.laplace : trial.records.back().minus2ll;
     if (!(value < least)) continue;
@@ -315,6 +324,7 @@ draw_measure newton_method::measure(const whole_draw& drawn, const Eigen::Vector
     const Eigen::Index effects = model.random_effects();
     result.group_log_likelihood.setZero(drawn.plan.groups, model.subjects());
     result.moments.setZero(effects + effects * effects, model.subjects());
+    result.skewness.setZero(effects >= effects_with_skewness ? effects : 0, model.subjects());
     if (moves_predictions_) result.shifts.setZero(effects * p, model.subjects());
   }
   if (!at.theta.allFinite() || !at.prior.is_definite()) return result;
@@ -371,6 +381,7 @@ bool newton_method::add(const whole_draw& drawn, const measure_point& at, detail
     if (wanted == detail::value || !finite) return;
     if (sign > 0.0) {
       sum.moments.col(i) << details.mean, details.covariance.reshaped();
+      if (sum.skewness.size() > 0) sum.skewness.col(i) = details.skewness;
       if (moves_predictions_) sum.shifts.col(i) = details.shift.reshaped();
     }
     const auto r = static_cast<double>(groups);
@@ -592,25 +603,29 @@ bool newton_method::trusts_step(const draw_measure& at) const {
 void newton_method::follow(const draw_measure& found, newton_state& state) const {
   const population_model& model = host_.model();
   const Eigen::Index d = model.random_effects();
-  Eigen::MatrixXd packed = Eigen::MatrixXd::Zero(d + d * d + 1, model.subjects());
+  const Eigen::Index known = d + d * d + found.skewness.rows();
+  const auto samples_of = [&](int i) {
+    return found.samples * total_share(*state.proposals[static_cast<std::size_t>(i)]);
+  };
+  Eigen::MatrixXd packed = Eigen::MatrixXd::Zero(known + 1, model.subjects());
   for (int i = 0; i < model.subjects(); ++i) {
     const subject_measure& m = found.subjects[static_cast<std::size_t>(i)];
     const auto moments = found.moments.col(i);
-    if (!owns(host_, i) || m.effective_share == 0.0 || !moments.allFinite() || is_sick(m) ||
+    const double effective = m.effective_share * samples_of(i);
+    if (!owns(host_, i) || m.effective_share == 0.0 || !moments.allFinite() ||
+        (is_sick(m) && effective < enough_for_moments(d)) ||
         Eigen::LLT<Eigen::MatrixXd>(moments.tail(d * d).reshaped(d, d)).info() != Eigen::Success)
       continue;
-    packed.col(i) << moments, 1.0;
+    packed.col(i) << moments, found.skewness.col(i), 1.0;
   }
   host_.peers().gather(packed.data(), packed.rows(), packed.cols());
   for (int i = 0; i < model.subjects(); ++i) {
-    if (packed(d + d * d, i) < 0.5) continue;
+    if (packed(known, i) < 0.5) continue;
+    const double share = found.subjects[static_cast<std::size_t>(i)].effective_share;
     draw_mixture& shared = state.proposals[static_cast<std::size_t>(i)];
-    std::vector<draw_component> own = *shared;
-    const auto moved =
-        single(packed.col(i).head(d), packed.col(i).segment(d, d * d).reshaped(d, d), target_ratio);
     // A mixture keeps its defensive part.
-    own.front().centre = moved.front().centre;
-    own.front().factor = moved.front().factor;
+    std::vector<draw_component> own = *shared;
+    follow_moments(packed.col(i).head(known), share, share * samples_of(i), own.front());
     shared = mixture_of(std::move(own));
   }
 }

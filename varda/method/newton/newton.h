@@ -24,6 +24,8 @@ struct draw_measure {
   std::vector<subject_measure> subjects;
   // Of the subjects of this process: mean and covariance of phi given the data, by columns.
   Eigen::MatrixXd moments;
+  // Of the same, with many random effects: third moments as subject_details has them, by columns.
+  Eigen::MatrixXd skewness;
   // Of the same, where parameters move predictions: the derivative of that mean by psi, by columns.
   Eigen::MatrixXd shifts;
   // Of every group of samples alone, groups x subjects.
