@@ -278,6 +278,42 @@ TEST(NewtonMethod, ProposalsFollowFewSamplesOfManyEffectsCarefully) {
   EXPECT_LT(own.skewness(1), 0.1 - 60.0 / 1800.0);
 }
 
+// Eight occasions, each reset before: only the first step differences all pairs of effects, and the
+// normal distribution is still that of the whole Hessian.
+TEST(ModeFinder, LeavesOutPairsOfOccasionsThatAreApart) {
+  findings warnings;
+  const model_specification file =
+      read_model_file(SOURCE_FOLDER "/tests/varda/trials/many_occasions.toml", warnings);
+  const population_model model(file, read_dataset(file.data, warnings));
+  const Eigen::Index n = model.random_effects();
+  ASSERT_EQ(n, 9);
+  const density joint(model);
+  const parameter_values at(model.start_theta(), model.start_omega());
+  Eigen::VectorXd mu(n);
+  model.means(3, at.theta.data(), mu.data());
+  mode_finder finder(joint);
+  const normal_posterior found = finder.search(3, mu, at);
+  ASSERT_TRUE(found.usable);
+  const auto all = 1 + 2 * n + n * (n - 1);
+  EXPECT_LT(finder.evaluations(), 5 * all);
+
+  const auto value = [&](const Eigen::VectorXd& off) {
+    return finder.log_density(3, found.phi + off, at)(0);
+  };
+  constexpr double h = 1e-3;
+  const Eigen::MatrixXd unit = h * Eigen::MatrixXd::Identity(n, n);
+  Eigen::MatrixXd precision(n, n);
+  for (Eigen::Index k = 0; k < n; ++k) {
+    const double slope = (value(unit.col(k)) - value(-unit.col(k))) / (2.0 * h);
+    EXPECT_LT(slope * slope * found.covariance(k, k), 1e-5);
+    for (Eigen::Index l = 0; l < n; ++l)
+      precision(k, l) = -(value(unit.col(k) + unit.col(l)) - value(unit.col(k) - unit.col(l)) -
+                          value(unit.col(l) - unit.col(k)) + value(-unit.col(k) - unit.col(l))) /
+                        (4.0 * h * h);
+  }
+  EXPECT_LT((precision * found.covariance - Eigen::MatrixXd::Identity(n, n)).norm(), 0.01);
+}
+
 // A group that is drawn by itself is that group of the whole, mixtures included.
 TEST(DrawSubject, AGroupIsTheSameAlone) {
   const population_model model = test::theophylline();

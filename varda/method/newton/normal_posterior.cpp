@@ -30,23 +30,25 @@ constexpr double far_fall = 2.0;
 constexpr double nearly = 0.75;
 constexpr double most_widening = 4.0;
 constexpr int most_widenings = 10;
+// Of a mixed derivative, beside the geometric mean of the two others.
+constexpr double negligible = 1e-3;
 constexpr double minus_infinity = -std::numeric_limits<double>::infinity();
 
-// Centre, one step either way in each coordinate, and both corners of each pair.
-Eigen::MatrixXd stencil(const Eigen::VectorXd& x, const Eigen::VectorXd& step) {
+// Centre, one step either way in each coordinate, and both corners of each of the pairs.
+Eigen::MatrixXd stencil(const Eigen::VectorXd& x, const Eigen::VectorXd& step,
+                        const std::vector<effect_pair>& pairs) {
   const Eigen::Index n = x.size();
-  Eigen::MatrixXd points = x.replicate(1, 1 + 2 * n + n * (n - 1));
+  Eigen::MatrixXd points = x.replicate(1, 1 + 2 * n + 2 * std::ssize(pairs));
   Eigen::Index at = 1;
   for (Eigen::Index k = 0; k < n; ++k) {
     points(k, at++) += step(k);
     points(k, at++) -= step(k);
   }
-  for (Eigen::Index k = 0; k < n; ++k)
-    for (Eigen::Index l = 0; l < k; ++l)
-      for (const double sign : {1.0, -1.0}) {
-        points(k, at) += sign * step(k);
-        points(l, at++) += sign * step(l);
-      }
+  for (const auto& [k, l] : pairs)
+    for (const double sign : {1.0, -1.0}) {
+      points(k, at) += sign * step(k);
+      points(l, at++) += sign * step(l);
+    }
   return points;
 }
 
@@ -55,9 +57,11 @@ struct local_model {
   Eigen::MatrixXd hessian;
 };
 
-local_model derivatives(const Eigen::VectorXd& f, const Eigen::VectorXd& step) {
+// Mixed derivatives of other pairs are 0.
+local_model derivatives(const Eigen::VectorXd& f, const Eigen::VectorXd& step,
+                        const std::vector<effect_pair>& pairs) {
   const Eigen::Index n = step.size();
-  local_model result{Eigen::VectorXd(n), Eigen::MatrixXd(n, n)};
+  local_model result{Eigen::VectorXd(n), Eigen::MatrixXd::Zero(n, n)};
   for (Eigen::Index k = 0; k < n; ++k) {
     const double up = f(1 + 2 * k);
     const double down = f(2 + 2 * k);
@@ -65,15 +69,34 @@ local_model derivatives(const Eigen::VectorXd& f, const Eigen::VectorXd& step) {
     result.hessian(k, k) = (up - 2.0 * f(0) + down) / (step(k) * step(k));
   }
   Eigen::Index at = 1 + 2 * n;
-  for (Eigen::Index k = 0; k < n; ++k)
-    for (Eigen::Index l = 0; l < k; ++l, at += 2)
-      result.hessian(k, l) = result.hessian(l, k) = (f(at) + f(at + 1) + 2.0 * f(0) - f(1 + 2 * k) -
-                                                     f(2 + 2 * k) - f(1 + 2 * l) - f(2 + 2 * l)) /
-                                                    (2.0 * step(k) * step(l));
+  for (const auto& [k, l] : pairs) {
+    result.hessian(k, l) = result.hessian(l, k) = (f(at) + f(at + 1) + 2.0 * f(0) - f(1 + 2 * k) -
+                                                   f(2 + 2 * k) - f(1 + 2 * l) - f(2 + 2 * l)) /
+                                                  (2.0 * step(k) * step(l));
+    at += 2;
+  }
   return result;
 }
 
 }  // namespace
+
+mode_finder::mode_finder(const density& joint) : joint_(joint), scratch_(joint.model()) {
+  const Eigen::Index n = joint.model().random_effects();
+  for (Eigen::Index k = 0; k < n; ++k)
+    for (Eigen::Index l = 0; l < k; ++l) pairs_.emplace_back(k, l);
+}
+
+// Whether the effects belong to two occasions, and a Hessian says that their data are apart as
+// well.
+bool mode_finder::are_apart(const effect_pair& pair, const Eigen::MatrixXd& hessian) const {
+  const auto occasion = [&](Eigen::Index k) {
+    return joint_.model().effects()[static_cast<std::size_t>(k)].occasion;
+  };
+  const auto [k, l] = pair;
+  if (occasion(k) < 0 || occasion(l) < 0 || occasion(k) == occasion(l)) return false;
+  return hessian(k, l) * hessian(k, l) <=
+         negligible * negligible * std::fabs(hessian(k, k) * hessian(l, l));
+}
 
 Eigen::VectorXd mode_finder::log_data(int subject, const Eigen::MatrixXd& phi,
                                       const parameter_values& at) {
@@ -124,8 +147,8 @@ void mode_finder::look_coarsely(int subject, const Eigen::VectorXd& phi, const p
     step = short_of.select(wider.min(most), step);
   }
   if ((goal == least_fall).all()) return;
-  const Eigen::VectorXd f = log_density(subject, stencil(phi, step), at);
-  if (f.allFinite()) hessian = derivatives(f, step).hessian;
+  const Eigen::VectorXd f = log_density(subject, stencil(phi, step, pairs_), at);
+  if (f.allFinite()) hessian = derivatives(f, step, pairs_).hessian;
 }
 
 normal_posterior mode_finder::search_beside(int subject, const Eigen::VectorXd& from,
@@ -145,13 +168,17 @@ normal_posterior mode_finder::search(int subject, const Eigen::VectorXd& from,
   Eigen::VectorXd phi = from;
   Eigen::VectorXd step = difference * unit;
   Eigen::MatrixXd hessian = -at.prior.precision();
+  std::vector<effect_pair> pairs = pairs_;
   normal_posterior result;
   result.log_density = minus_infinity;
   for (int k = 0; k < most_steps; ++k) {
-    const Eigen::VectorXd f = log_density(subject, stencil(phi, step), at);
+    const Eigen::VectorXd f = log_density(subject, stencil(phi, step, pairs), at);
     result.log_density = f(0);
     if (!f.allFinite()) break;
-    const local_model local = derivatives(f, step);
+    const local_model local = derivatives(f, step, pairs);
+    // With many occasions most pairs of effects have nothing to do with each other.
+    if (k == 0)
+      std::erase_if(pairs, [&](const effect_pair& p) { return are_apart(p, local.hessian); });
     // In units of the prior, where its own curvature is 1 in the uncorrelated case.
     const Eigen::MatrixXd scaled = unit.asDiagonal() * local.hessian * unit.asDiagonal();
     const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(-scaled);

@@ -4,6 +4,7 @@
 #include <Eigen/Core>
 #include <cstdint>
 #include <functional>
+#include <utility>
 #include <vector>
 
 #include "varda/model/density.h"
@@ -29,10 +30,13 @@ struct normal_posterior {
   bool usable = false;  // the density is finite there
 };
 
+// Two random effects, the later one first.
+using effect_pair = std::pair<Eigen::Index, Eigen::Index>;
+
 // Searches modes of subjects by damped Newton steps; all evaluations of a step are made at once.
 class mode_finder {
  public:
-  explicit mode_finder(const density& joint) : joint_(joint), scratch_(joint.model()) {}
+  explicit mode_finder(const density& joint);
 
   // log p(y | phi) p(phi) at the columns of phi; minus infinity where it is not finite.
   Eigen::VectorXd log_density(int subject, const Eigen::MatrixXd& phi, const parameter_values& at);
@@ -51,6 +55,7 @@ class mode_finder {
   std::int64_t evaluations() const { return evaluations_; }
 
  private:
+  bool are_apart(const effect_pair& pair, const Eigen::MatrixXd& hessian) const;
   // Puts a Hessian over longer differences in place of one that holds near the mode alone.
   void look_coarsely(int subject, const Eigen::VectorXd& phi, const parameter_values& at,
                      Eigen::MatrixXd& hessian);
@@ -60,6 +65,7 @@ class mode_finder {
 
   const density& joint_;
   density_workspace scratch_;
+  std::vector<effect_pair> pairs_;  // all there are
   std::int64_t evaluations_ = 0;
 };
 
