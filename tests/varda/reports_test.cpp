@@ -261,10 +261,10 @@ fit_result made_up_result(const population_model& model) {
   r.likelihood.subjects = {
       integral(-7.0, 0.3, -0.1, 120.0, 0.02), integral(-8.0, -0.1, 0.2, 80.0, 0.03),
       integral(0.0, 0.0, 0.0, 10.0, 0.9), integral(-10.0, 0.2, -0.4, 100.0, 0.05)};
-  r.health = {{0.5, 0.01, 0.25, 0.0, 0.1, false},
-              {0.1, 0.02, 0.75, 0.125, 0.2, true},
+  r.health = {{0.5, 0.01, 0.25, 0.0, 0.1, false, 240},
+              {0.1, 0.02, 0.75, 0.125, 0.2, true, 800},
               {},
-              {0.4, 0.04, -INFINITY, 0.0, 0.1, false}};
+              {0.4, 0.04, -INFINITY, 0.0, 0.1, false, 250}};
   // Start 2 ends where start 0 does.
   r.starts = {{0, true, {}, "made up", 50.0, 0.25, r.theta, r.omega, true},
               {1, false, {}, "lost", NAN, NAN, r.theta, r.omega, false},

@@ -28,10 +28,9 @@ sampler_health sampler_health_of(const population_model& model, const likelihood
   }
   for (std::size_t i = 0; i < health.size(); ++i) {
     if (health[i].sick) result.sick.push_back(static_cast<int>(i));
-    const double own = found.subjects[i].effective_samples / health[i].effective_share;
-    if (model.observations(static_cast<int>(i)) > 0 && own > clearly_more * points) {
+    if (health[i].points > clearly_more * points) {
       ++result.subjects_with_more;
-      result.most_points = std::max(result.most_points, own);
+      result.most_points = std::max(result.most_points, health[i].points);
     }
     if (!std::isfinite(health[i].shape) || model.observations(static_cast<int>(i)) == 0) continue;
     if (!result.shaped || health[i].shape > result.largest_shape) {

@@ -23,7 +23,7 @@ struct sampler_health {
   std::vector<int> sick;  // subjects (from 0) that are badly sampled
   // Subjects with clearly more points than the others have, and the most that one of them has.
   int subjects_with_more = 0;
-  double most_points = 0.0;
+  int most_points = 0;
 };
 
 // All zero where the likelihood is not known. `health`: of every subject, or empty. `points`: of a

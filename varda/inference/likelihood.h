@@ -17,10 +17,11 @@ struct subject_health {
   double failed = 0.0;  // share of the samples in the bulk that cannot be evaluated
   double error = 0.0;   // of the subject's -2 log-likelihood
   bool sick = false;
+  int points = 0;  // of one randomisation
 
   template <class A>
   void visit(A& archive) {
-    archive(effective_share, largest_weight, shape, failed, error, sick);
+    archive(effective_share, largest_weight, shape, failed, error, sick, points);
   }
 };
 

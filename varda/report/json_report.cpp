@@ -218,6 +218,7 @@ ordered_json subject_report(const population_model& model, const fit_result& res
   entry["largest_weight"] = s.largest_weight;
   if (!result.health.empty()) {
     const subject_health& h = result.health[at];
+    entry["points"] = h.points;
     entry["pareto_k"] = h.shape;  // null where it is not finite
     entry["failed"] = h.failed;
     entry["badly_sampled"] = h.sick;

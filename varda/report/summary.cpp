@@ -261,7 +261,7 @@ void write_quality(sink out, const population_model& model, const fit_result& re
       "Sampling: effective sample size of {}{}: median {:.0f}, minimum {:.0f} (subject {}); "
       "largest weight {:.2f} % of the total (subject {})",
       result.likelihood_samples,
-      sampler.subjects_with_more > 0 ? fmt::format(" (up to {:.0f} in {})", sampler.most_points,
+      sampler.subjects_with_more > 0 ? fmt::format(" (up to {} in {})", sampler.most_points,
                                                    count_of(sampler.subjects_with_more, "subject"))
                                      : "",
       sampler.median_effective, sampler.least_effective, id(sampler.least_effective_subject),

@@ -64,9 +64,10 @@ std::string row_of_subject(const population_model& model, const fit_result& resu
                                 model.observations(subject), result.objective.subjects[at],
                                 s.effective_samples, s.largest_weight);
   if (result.health.empty()) {
-    row += ",,,";
+    row += ",,,,";
   } else {
     const subject_health& h = result.health[at];
+    row += fmt::format(",{}", h.points);
     row += std::isfinite(h.shape) ? fmt::format(",{}", h.shape) : ",";
     row += fmt::format(",{},{}", h.failed, h.sick ? 1 : 0);
   }
@@ -82,7 +83,8 @@ std::string row_of_subject(const population_model& model, const fit_result& resu
 
 text_pieces subjects_csv(const population_model& model, const fit_result& result) {
   std::string header =
-      "id,observations,minus2ll_without_constant,ess,largest_weight,pareto_k,failed,badly_sampled";
+      "id,observations,minus2ll_without_constant,ess,largest_weight,points,pareto_k,failed,badly_"
+      "sampled";
   for (const random_effect& e : model.effects()) header += "," + csv_field("eta(" + e.name + ")");
   for (std::size_t i = 0; i < model.effects().size(); ++i)
     for (std::size_t j = 0; j <= i; ++j)

@@ -460,7 +460,8 @@
     if (found) {
       list.push(["observations", found.observations],
         ["-2 log-likelihood, without constant", fixedTo(found.minus2ll_without_constant, 3)],
-        ["effective samples", fixedTo(found.ess, 0)], ["Pareto k", fixedTo(found.pareto_k, 2)],
+        ["effective samples", fixedTo(found.ess, 0) + (found.points > 0 ? ` of ${found.points}` : "")],
+        ["Pareto k", fixedTo(found.pareto_k, 2)],
         ["largest weight", isNumber(found.largest_weight) ? shown(100 * found.largest_weight, 3) + " %" : "–"]);
       found.eta_mean.forEach((eta, k) => list.push([`η(${results.omega.names[k]})`, shown(eta, 3)]));
     }
@@ -646,13 +647,13 @@
   function sampler() {
     if (results.subjects.length === 0) return empty("sampler");
     const to = section("sampler");
-    const data = results.subjects.map((s, i) => ({ subject: i, position: i + 1, ess: s.ess, k: s.pareto_k,
-      bad: s.badly_sampled }));
+    const data = results.subjects.map((s, i) => ({ subject: i, position: i + 1, k: s.pareto_k,
+      share: 100 * s.ess / (s.points > 0 ? s.points : results.likelihood_samples), bad: s.badly_sampled }));
     const charts = to.append("div").attr("class", "charts");
     const alarming = (d) => d.bad;
-    const most = d3.max(data, (d) => d.ess) * 1.05;
-    scatter(charts, data, (d) => d.position, (d) => d.ess, { alarming, title: "Effective samples",
-      whole: true, x: "subject, in the order of the data", y: `of ${results.likelihood_samples}`, yDomain: [0, most] });
+    const most = d3.max(data, (d) => d.share) * 1.05;
+    scatter(charts, data, (d) => d.position, (d) => d.share, { alarming, title: "Effective samples",
+      whole: true, x: "subject, in the order of the data", y: "% of the subject's points", yDomain: [0, most] });
     if (data.some((d) => isNumber(d.k)))
       scatter(charts, data, (d) => d.position, (d) => d.k, { alarming, title: "Pareto k",
         whole: true, x: "subject, in the order of the data", y: "Pareto k", levels: [0.7],

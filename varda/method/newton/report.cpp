@@ -119,11 +119,11 @@ newton_report report_at(engine_host& host, const newton_method& method, run_stat
     s.mean = found.moments.col(i).head(effects) - mu;
     s.covariance = found.moments.col(i).tail(effects * effects).reshaped(effects, effects);
     s.scaled_squares = m.scaled_squares;
-    s.effective_samples =
-        m.effective_share * drawn.plan.samples_of_group(*components_of(model, drawn, i));
+    const int points = drawn.plan.samples_of_group(*components_of(model, drawn, i));
+    s.effective_samples = m.effective_share * points;
     // Of one randomisation's points, as the effective samples are.
     s.largest_weight = std::min(m.largest_weight * replicates, 1.0);
-    health = {m.effective_share, m.largest_weight, m.shape, m.failed, m.error, is_sick(m)};
+    health = {m.effective_share, m.largest_weight, m.shape, m.failed, m.error, is_sick(m), points};
     for (int r = 0; r < replicates; ++r)
       likelihood.replicates[static_cast<std::size_t>(r)] -= 2.0 * likelihood.by_subject(r, i);
   }
