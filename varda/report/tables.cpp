@@ -83,8 +83,8 @@ std::string row_of_subject(const population_model& model, const fit_result& resu
 
 text_pieces subjects_csv(const population_model& model, const fit_result& result) {
   std::string header =
-      "id,observations,minus2ll_without_constant,ess,largest_weight,points,pareto_k,failed,badly_"
-      "sampled";
+      "id,observations,minus2ll_without_constant,ess,largest_weight,points,pareto_k,failed,"
+      "badly_sampled";
   for (const random_effect& e : model.effects()) header += "," + csv_field("eta(" + e.name + ")");
   for (std::size_t i = 0; i < model.effects().size(); ++i)
     for (std::size_t j = 0; j <= i; ++j)
