@@ -38,8 +38,8 @@ bool newton_method::look_widely(run_state& state, const draw_measure& found,
   const population_model& model = host_.model();
   const parameter_values at(state.theta, state.omega);
   const Eigen::Index d = model.random_effects();
-  // What is found beside the main component: whether (or that more points will do), where, how wide;
-  // and the moments that are to take its place: whether, which.
+  // What is found beside the main component: whether (or that more points will do), where, how
+  // wide; and the moments that are to take its place: whether, which.
   const Eigen::Index part = 1 + d + d * d;
   const Eigen::Index known = d + d * d + found.skewness.rows();
   Eigen::MatrixXd packed = Eigen::MatrixXd::Zero(part + 1 + known, model.subjects());
